@@ -1,0 +1,33 @@
+// The low-level "hs" runtime: line stamps, error texts, the abort path and the
+// process block HS_GCB (its layout is in hs/hsgcb.h).
+#pragma once
+#include <csetjmp>
+#include "ssup/vrtadef.h"
+
+namespace vrta {
+
+struct HS_GCB;
+extern HS_GCB* HSGCB;
+
+rctype hsgblinit();
+rctype hsgblterm();
+
+// Stamped diagnostic line: "<date>(<pid>) <id>- " then the caller's text.
+void hsprint(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void hssetpl(const char* str);
+void hsmprnt(rctype code, ...);
+// Text of a return code, without its %nz prefix.
+const char* hsstrer(rctype code);
+const char* UnknownError(rctype code);
+rctype hs_trace_error(const char* file, int line, rctype code);
+
+rctype hssetabort(jmp_buf* jbuf, jmp_buf** oldjbuf);
+jmp_buf* hsgetabort();
+[[noreturn]] void hsabort(int abstat);
+
+rctype hsaexit(void (*exitfp)(void*), void* exitap);
+rctype hsuexit(void (*exitfp)(void*), void* exitap);
+
+int hstmpdir(int bsiz, char* bufp);
+
+}  // namespace vrta

@@ -1,0 +1,25 @@
+// Helpers shared by the test suites.
+#pragma once
+#include <string>
+
+namespace vrtatest {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with everything in it
+// when the object goes out of scope.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+private:
+    std::string path_;
+};
+
+// Whole file as bytes; empty when it cannot be read.
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& bytes);
+
+}  // namespace vrtatest
