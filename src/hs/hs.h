@@ -15,7 +15,11 @@ rctype hsgblterm();
 // Stamped diagnostic line: "<date>(<pid>) <id>- " then the caller's text.
 void hsprint(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void hssetpl(const char* str);
+// The same stamp, then the text of code used as the format, and a line end.
 void hsmprnt(rctype code, ...);
+void hserror(rctype code, ...);
+// vsprintf of the text of code into buffer; result as vsprintf's.
+int hssprrc(char* buffer, rctype code, ...);
 // Text of a return code, without its %nz prefix.
 const char* hsstrer(rctype code);
 const char* UnknownError(rctype code);

@@ -1,0 +1,128 @@
+// The low-level printer: a stamped line on standard output for the runtime's
+// own trouble, and the text of a return code. Needs nothing but the C library
+// and the message tables, so it works before and after the rest of the runtime.
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <unistd.h>
+
+#include "hs/hs.h"
+#include "ssup/xp.h"
+
+namespace vrta {
+
+namespace {
+
+// The identifier in front of every stamped line.
+char gPrintID[65] = "VRTA";
+
+void hsstamp(const char* datefmt) {
+    char date[60];
+    time_t now = time(nullptr);
+    struct tm tmv;
+    localtime_r(&now, &tmv);
+    if (strftime(date, sizeof date, datefmt, &tmv) == 0) date[0] = '\0';
+    printf("%s(%d) %s- ", date, static_cast<int>(getpid()), gPrintID);
+}
+
+// Per-thread text buffer for codes without a message.
+thread_local char* errbuf;
+struct ErrBufFree {
+    ~ErrBufFree() {
+        free(errbuf);
+        errbuf = nullptr;
+    }
+};
+thread_local ErrBufFree errbuffree;
+
+}  // namespace
+
+void hssetpl(const char* str) {
+    if (!str) str = "";
+    snprintf(gPrintID, sizeof gPrintID, "%s", str);
+}
+
+void hsprint(const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    flockfile(stdout);
+    hsstamp("%x %X:");
+    vprintf(format, ap);
+    fflush(stdout);
+    funlockfile(stdout);
+    va_end(ap);
+}
+
+static void hsvmprnt(rctype code, va_list ap) {
+    flockfile(stdout);
+    hsstamp("%x %X: ");
+    vprintf(hsstrer(code), ap);
+    putchar('\n');
+    fflush(stdout);
+    funlockfile(stdout);
+}
+
+void hsmprnt(rctype code, ...) {
+    va_list ap;
+    va_start(ap, code);
+    hsvmprnt(code, ap);
+    va_end(ap);
+}
+
+void hserror(rctype code, ...) {
+    va_list ap;
+    va_start(ap, code);
+    hsvmprnt(code, ap);
+    va_end(ap);
+}
+
+rctype hs_trace_error(const char* file, int line, rctype code) {
+    int err = errno;
+    hsprint("HS_TRACE: file=%s line=%d errno=%d errc=0x%8.8x text=%s\n", file ? file : "", line, err,
+            static_cast<unsigned>(code), hsstrer(code));
+    errno = err;
+    return code;
+}
+
+const char* UnknownError(rctype code) {
+    if (!errbuf) {
+        errbuf = static_cast<char*>(malloc(256));
+        if (!errbuf) return "Unable to format bad RC message";
+        (void)&errbuffree;  // registers the thread's clean-up
+    }
+    snprintf(errbuf, 256, "No error text. Code=%d(0x%X)\n", code, static_cast<unsigned>(code));
+    return errbuf;
+}
+
+const char* hsstrer(rctype code) {
+    if (code == 0) return UnknownError(code);
+    uint32_t u = static_cast<uint32_t>(code);
+    int group = static_cast<int>((u >> 16) & 0xff);
+    int number = static_cast<int>(((u >> 8) & 0xff) * 200 + (u & 0xff));
+    const char* text = nullptr;
+    int len = 0;
+    rctype rc = xkread(group, number, &text, &len);
+    // A number without a message is an unknown code; a missing file or a bad
+    // group is said by the loader's own text.
+    if (rc == -1 && text && strcmp(text, "***BAD MESSAGE NUMBER***") == 0) return UnknownError(code);
+    if (rc != 0 && rc != -1) return UnknownError(code);
+    if (!text) return UnknownError(code);
+    if (len >= 3 && text[0] == '%' && text[2] == 'z') text += 3;
+    return text;
+}
+
+int hssprrc(char* buffer, rctype code, ...) {
+    va_list ap;
+    va_start(ap, code);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    int n = vsprintf(buffer, hsstrer(code), ap);
+#pragma GCC diagnostic pop
+    va_end(ap);
+    return n;
+}
+
+}  // namespace vrta
