@@ -1,0 +1,1 @@
+* This group has no messages of its own in the engine module yet.
