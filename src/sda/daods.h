@@ -477,4 +477,106 @@ struct DA_NAMESTR : DA_NAME7ODS {
     int32_t minmaxpid;
 };
 
+// ---------------------------------------------------------------- reading and writing
+
+// Where records are read from and written to: a logical file of the file
+// layer, or a plain descriptor (tools, tests). read sets *nread and returns 0,
+// 518 at or past the end, or an error; write appends when *off < 0 and sets
+// *off to where the data went.
+struct DA_ODSIO {
+    rctype (*read)(void* ctx, void* buf, long size, da_off_t offset, long* nread);
+    rctype (*write)(void* ctx, const void* buf, long size, da_off_t* off);
+    void* ctx;
+    const char* name;  // file name for diagnostics
+};
+
+// A DA_ODSIO over a physical file descriptor, addressed by physical offset.
+DA_ODSIO daodspfd(int* fd, const char* name);
+
+// Reads the record at offset into strptr (size bytes). A record shorter than
+// size leaves the tail of strptr as it was; a longer one gives 0x8000022f.
+rctype dardods(const DA_ODSIO& io, void* strptr, int size, da_off_t offset);
+// Writes ods.length bytes at *off (append when < 0); *off gets the offset.
+rctype dawrods(const DA_ODSIO& io, const void* strptr, da_off_t* off);
+
+// Typed readers: dardods plus the version test (and the record's own checks).
+rctype dardsfh(const DA_ODSIO& io, DA_DSFHEAD* h, da_off_t offset);
+rctype dardxoe(const DA_ODSIO& io, DA_XOEODS* xoe, da_off_t offset);
+rctype dawrxoe(const DA_ODSIO& io, const DA_XOEODS* xoe, da_off_t offset);
+rctype dardsin(const DA_ODSIO& io, DA_SINODS* r, da_off_t offset);
+rctype dardown(const DA_ODSIO& io, DA_OWNODS* r, da_off_t offset);
+rctype dardbkup(const DA_ODSIO& io, DA_BACKUPODS* r, da_off_t offset);
+rctype dardxch(const DA_ODSIO& io, DA_XCHEAD* r, da_off_t offset);
+rctype dardvbh(const DA_ODSIO& io, DA_VBHEAD* r, da_off_t offset);
+rctype darddmph(const DA_ODSIO& io, DA_DMPHEAD* r, da_off_t offset);
+rctype darddmpd(const DA_ODSIO& io, DA_DMPDIR* r, da_off_t offset);
+rctype dardcons(const DA_ODSIO& io, DA_CONSTODS* r, da_off_t offset);
+// size is the buffer; the record must hold nvar entries.
+rctype dardvars(const DA_ODSIO& io, DA_VARSODS* r, int size, int32_t nvar, da_off_t offset);
+// size is the buffer; offsets must fit the record.
+rctype dardstrph(const DA_ODSIO& io, DA_STRPHEAD* r, int size, da_off_t offset);
+// size is the buffer; DA_IDXKST and the variable numbers must fit the record.
+rctype dardidx(const DA_ODSIO& io, DA_IDXODS* r, int size, da_off_t offset);
+// A first-layout head (DA_UTLHEAD1) is turned into the current one.
+rctype dardutlh(const DA_ODSIO& io, DA_UTLHEAD2* r, da_off_t offset);
+// The name vector: nvar records of 76 bytes, no head.
+rctype dardnam7(const DA_ODSIO& io, DA_NAME7ODS* v, int32_t nvar, da_off_t offset);
+
+// Accessors of variable-length records.
+inline int64_t* dastrpoffs(DA_STRPHEAD* h) { return reinterpret_cast<int64_t*>(reinterpret_cast<char*>(h) + sizeof(DA_STRPHEAD)); }
+inline DA_IDXKST* daidxkst(DA_IDXODS* r) { return reinterpret_cast<DA_IDXKST*>(reinterpret_cast<char*>(r) + r->valueOff); }
+inline int32_t* daidxnvar0(DA_IDXODS* r) { return reinterpret_cast<int32_t*>(reinterpret_cast<char*>(r) + r->nvar0Off); }
+
+// Records as create writes them: version, length and the documented defaults.
+void dainitdsfh(DA_DSFHEAD* h);
+void dainitxoe(DA_XOEODS* x);
+void dainitsin(DA_SINODS* s);
+void dainitown(DA_OWNODS* o);
+void dainitbkup(DA_BACKUPODS* b);
+void dainitvbh(DA_VBHEAD* v);
+void dainitdmph(DA_DMPHEAD* d, int64_t idxsegsize);
+void dainitdmpd(DA_DMPDIR* d);
+void dainitxch(DA_XCHEAD* x);
+void dainitcons(DA_CONSTODS* c);
+void dainitutlh(DA_UTLHEAD2* u);
+void dainitstrph(DA_STRPHEAD* h, int32_t numoffsets);  // buffer of dastrphlen(numoffsets)
+// buffer of daidxlen(keylen, nvar), zeroed first
+void dainitidx(DA_IDXODS* r, int32_t keylen, int32_t nvar);
+
+// ---------------------------------------------------------------- FIB
+
+// Fresh FIB for an allocation of fibsize bytes (fib points at all of them).
+void dainitfib(DA_FIB* fib, int32_t fibsize, int32_t creflags, int32_t namelen, const uint8_t* rv120,
+               int32_t revision, int32_t now);
+// Version test of a FIB read from a file with FD flags fdflags.
+rctype dachkfib(const DA_FIB* fib, int fdflags);
+// Consistency of the directory of a FIB whose allocation is fibsize bytes.
+rctype dachkpde(const DA_FIB* fib, int32_t fibsize);
+
+// Direct FIB at physical offset 0: 268 bytes, then the directory. A buffer
+// too small for the allocation gives 0x8000022f with *fibsize set.
+rctype dardfibd(const DA_ODSIO& io, int fdflags, DA_FIB* buf, int32_t bufsize, int32_t* fibsize);
+rctype dawrfibd(const DA_ODSIO& io, const DA_FIB* fib);
+// Indirect FIB, a record of the MDF: follows overflow to the newest copy,
+// whose offset goes to *atoff.
+rctype dardfib(const DA_ODSIO& io, int fdflags, da_off_t fiboff, DA_FIB* buf, int32_t bufsize,
+               int32_t* fibsize, da_off_t* atoff);
+rctype dawrfib(const DA_ODSIO& io, const DA_FIB* fib, da_off_t* fiboff);
+
+// Directory entries. dapdeadd gives the new index or 0x8000021e when full.
+rctype dapdeadd(DA_FIB* fib, const char* name, int32_t len);
+rctype dapdenam(const DA_FIB* fib, int32_t pno, const char** name, int32_t* len);
+// Full path of entry pno; a name without "/" lies in the first metapath.
+rctype dapdefn(const DA_FIB* fib, int32_t pno, const char* mdpath, int32_t mdlen, char* out, int32_t outsize);
+// The name to store for a partition: without its directory when that is
+// the first metapath. Points into path.
+void darelpn(const char* mdpath, int32_t mdlen, const char* path, int32_t len, const char** rel, int32_t* rellen);
+
+// FIB allocation for a new file: creflags, whether it has an MDF, its paths
+// and the first metapath, the FIBSIZE option (0 unset) and the page size.
+int32_t dagetfibsize(int creflags, bool hasmdf, int numpath, const char* const* paths, const char* mdpath,
+                     int32_t namelen, int32_t optfibsize, long pagesize);
+// The revision after rev: 1..9999, never 0.
+constexpr int32_t danextrev(int32_t rev) { return (rev + 1) % 10000 == 0 ? 1 : (rev + 1) % 10000; }
+
 }  // namespace vrta
