@@ -13,6 +13,8 @@ constexpr rctype DA_IDXREBUILD  = 515;         // index needs rebuild
 constexpr rctype DA_EOF         = 518;         // end of file / end of data
 constexpr rctype DA_PARTMISS    = 521;         // a partition file is missing
 constexpr rctype DA_REVDIFF     = 525;         // revision of a file differs from the MDF's
+constexpr rctype DA_WORKPATHBAD = 517;         // workpath failed validation, default used
+constexpr rctype DA_PATHSKEPT   = 526;         // paths of a locked library were not changed
 constexpr rctype DA_SORTLOST    = 605;         // sort order not kept
 constexpr rctype DA_NOMOREROWS  = 1284;        // no more rows
 constexpr rctype DA_NEWDIR      = 0x20000204;  // note: directory was created
@@ -71,5 +73,6 @@ constexpr rctype DA_DYNCONF     = static_cast<rctype>(0x8000025cu);  // dynamic 
 constexpr rctype DA_NODPF       = static_cast<rctype>(0x8000025eu);  // table has no data file
 constexpr rctype DA_HASCONST    = static_cast<rctype>(0x8000025fu);  // table already has a constraint
 constexpr rctype DA_INCLUSTER   = static_cast<rctype>(0x80000263u);  // member is a cluster or in use
+constexpr rctype DA_RWFAIL      = static_cast<rctype>(0x8000038bu);  // readers-writer lock call failed
 
 } // namespace vrta
