@@ -30,6 +30,7 @@ constexpr uint32_t OPF_SETMASK = OPF_PARM | OPF_SERVER;
 constexpr int OP_NOTFOUND = -1;   // no such option, or the NO form of a non-binary
 constexpr int OP_NOVALUE = -2;    // the option has no value
 constexpr int OP_RANGE = -3;      // value out of range
+constexpr int OP_NOMEM = -4;      // no memory for a listing
 constexpr int OP_BADINT = -6;     // bad integer (also a failed conversion of a double)
 constexpr int OP_BADDBL = -7;     // bad double
 constexpr int OP_TOOBIG = -8;     // number too large
