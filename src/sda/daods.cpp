@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "hs/hs.h"
 #include "sda/darc.h"
@@ -558,6 +559,181 @@ int32_t dagetfibsize(int creflags, bool hasmdf, int numpath, const char* const* 
     if (pagesize <= 0) pagesize = 4096;
     size = (size + pagesize - 1) / pagesize * pagesize;
     return static_cast<int32_t>(size);
+}
+
+}  // namespace vrta
+
+// ---------------------------------------------------------------- walking an MDF
+
+namespace vrta {
+
+const char* damrname(int kind) {
+    static const char* const names[DA_MRCOUNT] = {
+        "FIB", "DA_DSFHEAD", "DA_XOEODS", "DA_SINODS", "DA_OWNODS", "DA_BACKUPODS", "DA_VBHEAD",
+        "DA_XCHEAD", "DA_STRPHEAD", "DA_VARSODS", "DA_NAME7ODS", "DA_IDXODS", "idx FIB", "aux FIB",
+        "hbx FIB", "dpf FIB", "DA_DMPHEAD", "DA_DMPDIR", "DA_CONSTODS"};
+    return kind >= 0 && kind < DA_MRCOUNT ? names[kind] : "?";
+}
+
+namespace {
+
+// Records of variable size are read into a buffer of exactly their length,
+// so a record that lies about itself cannot make us read past it.
+constexpr int32_t kMaxRecord = 1 << 24;
+
+struct Walk {
+    const DA_ODSIO& io;
+    int fdflags;
+    da_mdfvisit_t visit;
+    void* ctx;
+    da_off_t base;
+    int kind = DA_MRFIB;
+    da_off_t off = 0;
+
+    rctype at(int k, da_off_t o) {
+        kind = k;
+        off = o;
+        if (o < base) return inconsistent(io, "damdfwalk", o, "Link outside the record heap");
+        return 0;
+    }
+
+    rctype headlen(int32_t* len) {
+        DA_ODSHEAD h;
+        rctype rc = readall(io, "damdfwalk", &h, sizeof h, off);
+        if (rc < 0) return rc;
+        if (h.length < static_cast<int32_t>(sizeof h) || h.length > kMaxRecord)
+            return inconsistent(io, "damdfwalk", off, "Bad record length");
+        *len = h.length;
+        return 0;
+    }
+
+    template <class T>
+    rctype fixed(int k, da_off_t o, rctype (*rd)(const DA_ODSIO&, T*, da_off_t)) {
+        if (o == -1) return 0;
+        rctype rc = at(k, o);
+        if (rc < 0) return rc;
+        T r{};
+        if ((rc = rd(io, &r, o)) < 0) return rc;
+        return visit(ctx, k, o, &r, r.ods.length);
+    }
+
+    rctype fib(int k, da_off_t o) {
+        if (o == -1) return 0;
+        rctype rc = at(k, o);
+        if (rc < 0) return rc;
+        int32_t fsz = 0;
+        DA_FIB probe;
+        rc = dardfib(io, fdflags, o, &probe, sizeof probe, &fsz, nullptr);
+        if (rc != DA_TOOLONG || fsz <= DA_FIBLEN) return rc < 0 ? rc : inconsistent(io, "damdfwalk", o, "Bad FIB");
+        std::vector<char> buf(fsz);
+        da_off_t atoff = o;
+        rc = dardfib(io, fdflags, o, reinterpret_cast<DA_FIB*>(buf.data()), fsz, &fsz, &atoff);
+        if (rc < 0) return rc;
+        return visit(ctx, k, atoff, buf.data(), fsz);
+    }
+};
+
+}  // namespace
+
+rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx, int* failkind,
+                 da_off_t* failoff) {
+    Walk w{io, fdflags, visit, ctx, 0};
+    auto body = [&]() -> rctype {
+        DA_FIB probe;
+        int32_t fsz = 0;
+        rctype rc = dardfibd(io, fdflags, &probe, sizeof probe, &fsz);
+        if (rc != DA_TOOLONG || fsz <= DA_FIBLEN) return rc < 0 ? rc : DA_INTERNAL;
+        std::vector<char> fibbuf(fsz);
+        if ((rc = dardfibd(io, fdflags, reinterpret_cast<DA_FIB*>(fibbuf.data()), fsz, &fsz)) < 0) return rc;
+        if ((rc = visit(ctx, DA_MRFIB, 0, fibbuf.data(), fsz)) != 0) return rc;
+        w.base = fsz;
+
+        DA_DSFHEAD h{};
+        if ((rc = w.at(DA_MRDSFH, w.base)) < 0 || (rc = dardsfh(io, &h, w.base)) < 0) return rc;
+        if ((rc = visit(ctx, DA_MRDSFH, w.base, &h, h.ods.length)) != 0) return rc;
+        int64_t links[DA_NUMLINKS];
+        for (int i = 0; i < DA_NUMLINKS; i++) links[i] = h.links[i];
+        // A shorter header from an older writer has no links past its length.
+        int nlinks = std::clamp<int>((h.ods.length - 24) / 8, 0, DA_NUMLINKS);
+        for (int i = nlinks; i < DA_NUMLINKS; i++) links[i] = -1;
+
+        int32_t nvar = 0;
+        if (links[DA_LNKXOE] != -1) {
+            DA_XOEODS x{};
+            if ((rc = w.at(DA_MRXOE, links[DA_LNKXOE])) < 0 || (rc = dardxoe(io, &x, w.off)) < 0) return rc;
+            if (x.nvar < 0 || x.nvar > (1 << 20)) return inconsistent(io, "damdfwalk", w.off, "Bad nvar");
+            nvar = x.nvar;
+            if ((rc = visit(ctx, DA_MRXOE, w.off, &x, x.ods.length)) != 0) return rc;
+        }
+        if ((rc = w.fixed<DA_SINODS>(DA_MRSIN, links[DA_LNKSIN], dardsin)) != 0) return rc;
+        if ((rc = w.fixed<DA_OWNODS>(DA_MROWN, links[DA_LNKOWN], dardown)) != 0) return rc;
+        if ((rc = w.fixed<DA_BACKUPODS>(DA_MRBACKUP, links[DA_LNKBACKUP], dardbkup)) != 0) return rc;
+        if ((rc = w.fixed<DA_VBHEAD>(DA_MRVBH, links[DA_LNKVBH], dardvbh)) != 0) return rc;
+        if ((rc = w.fixed<DA_XCHEAD>(DA_MRXCH, links[DA_LNKXCH], dardxch)) != 0) return rc;
+
+        if (links[DA_LNKSTRP] != -1) {
+            int32_t len = 0;
+            if ((rc = w.at(DA_MRSTRPH, links[DA_LNKSTRP])) < 0 || (rc = w.headlen(&len)) < 0) return rc;
+            std::vector<char> buf(std::max<int32_t>(len, sizeof(DA_STRPHEAD)));
+            auto* sp = reinterpret_cast<DA_STRPHEAD*>(buf.data());
+            if ((rc = dardstrph(io, sp, len, w.off)) < 0) return rc;
+            if ((rc = visit(ctx, DA_MRSTRPH, w.off, sp, len)) != 0) return rc;
+        }
+        if (links[DA_LNKVARS] != -1) {
+            int32_t len = 0;
+            if ((rc = w.at(DA_MRVARS, links[DA_LNKVARS])) < 0 || (rc = w.headlen(&len)) < 0) return rc;
+            std::vector<char> buf(std::max<int32_t>(len, sizeof(DA_VARSODS)));
+            auto* vp = reinterpret_cast<DA_VARSODS*>(buf.data());
+            if ((rc = dardvars(io, vp, len, nvar, w.off)) < 0) return rc;
+            if ((rc = visit(ctx, DA_MRVARS, w.off, vp, len)) != 0) return rc;
+        }
+        if (links[DA_LNKNAMES] != -1) {
+            if ((rc = w.at(DA_MRNAMES, links[DA_LNKNAMES])) < 0) return rc;
+            std::vector<DA_NAME7ODS> v(nvar);
+            if ((rc = dardnam7(io, v.data(), nvar, w.off)) < 0) return rc;
+            if ((rc = visit(ctx, DA_MRNAMES, w.off, v.data(), nvar * static_cast<int>(sizeof(DA_NAME7ODS)))) != 0)
+                return rc;
+        }
+        // The index chain; a link back into the chain would never end.
+        std::vector<da_off_t> seen;
+        for (da_off_t o = links[DA_LNKIDX]; o != -1;) {
+            if (std::find(seen.begin(), seen.end(), o) != seen.end())
+                return inconsistent(io, "damdfwalk", o, "Index chain loops");
+            seen.push_back(o);
+            int32_t len = 0;
+            if ((rc = w.at(DA_MRIDX, o)) < 0 || (rc = w.headlen(&len)) < 0) return rc;
+            std::vector<char> buf(std::max<int32_t>(len, sizeof(DA_IDXODS)));
+            auto* ip = reinterpret_cast<DA_IDXODS*>(buf.data());
+            if ((rc = dardidx(io, ip, len, o)) < 0) return rc;
+            if ((rc = visit(ctx, DA_MRIDX, o, ip, len)) != 0) return rc;
+            da_off_t idxfib = ip->idxFibOff, auxfib = ip->auxFibOff, hbxfib = ip->hybFibOff, next = ip->nextOff;
+            if ((rc = w.fib(DA_MRIDXFIB, idxfib)) != 0) return rc;
+            if ((rc = w.fib(DA_MRAUXFIB, auxfib)) != 0) return rc;
+            if ((rc = w.fib(DA_MRHBXFIB, hbxfib)) != 0) return rc;
+            o = next;
+        }
+        if ((rc = w.fib(DA_MRDPFFIB, links[DA_LNKDPFFIB])) != 0) return rc;
+        if (links[DA_LNKDMP] != -1) {
+            DA_DMPHEAD dh{};
+            if ((rc = w.at(DA_MRDMPH, links[DA_LNKDMP])) < 0 || (rc = darddmph(io, &dh, w.off)) < 0) return rc;
+            if ((rc = visit(ctx, DA_MRDMPH, w.off, &dh, dh.ods.length)) != 0) return rc;
+            da_off_t o = dh.dmpdirOff;
+            for (int i = 0; i < dh.numdmpdir; i++) {
+                if (o == -1) return inconsistent(io, "damdfwalk", w.off, "Delete map chain ends early");
+                DA_DMPDIR d{};
+                if ((rc = w.at(DA_MRDMPD, o)) < 0 || (rc = darddmpd(io, &d, o)) < 0) return rc;
+                if ((rc = visit(ctx, DA_MRDMPD, o, &d, d.ods.length)) != 0) return rc;
+                o = d.nextOff;
+            }
+        }
+        return w.fixed<DA_CONSTODS>(DA_MRCONST, links[DA_LNKCONST], dardcons);
+    };
+    rctype rc = body();
+    if (rc != 0) {
+        if (failkind) *failkind = w.kind;
+        if (failoff) *failoff = w.off;
+    }
+    return rc;
 }
 
 }  // namespace vrta
