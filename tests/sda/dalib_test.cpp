@@ -1,0 +1,302 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "sda/da.h"
+#include "sda/dafd.h"
+#include "sda/danames.h"
+#include "sda/darc.h"
+#include "testutil.h"
+
+using namespace vrta;
+
+namespace {
+
+DA_LIBSTR request(const std::string& path) {
+    DA_LIBSTR ls{};
+    memcpy(ls.name, "TESTLIB ", 8);
+    ls.libpath = path.c_str();
+    ls.libpath_l = static_cast<int>(path.size());
+    ls.create = 1;
+    return ls;
+}
+
+std::string pathOf(const DA_PATHINFO& p) { return std::string(p.path, p.pathlen); }
+
+void touch(const std::string& path) { vrtatest::writeFile(path, "x"); }
+bool there(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+}  // namespace
+
+TEST(Library, AssignCreatesDirectoryAndKeepsPathsInLibraryFile) {
+    vrtatest::TempDir tmp;
+    std::string prim = tmp.path() + "/dom/lib";
+    std::string data1 = tmp.file("d1"), data2 = tmp.file("d2");
+    mkdir(data1.c_str(), 0755);
+    mkdir(data2.c_str(), 0755);
+    std::string dl = "('" + data1 + "' \"" + data2 + "//\" '" + data1 + "/')";
+
+    DA_LIBSTR ls = request(prim);
+    ls.datapaths = dl.c_str();
+    ls.datapaths_l = static_cast<int>(dl.size());
+    DA_LIB* lp = nullptr;
+    ASSERT_EQ(DA_NEWDIR, dagtlib(&ls, &lp));
+    ASSERT_NE(nullptr, lp);
+    EXPECT_EQ(prim + "/", pathOf(lp->lib));
+    ASSERT_EQ(1, lp->nummeta);
+    EXPECT_EQ(prim + "/", pathOf(lp->meta[0]));
+    // Doubled separators and a repeated path collapse to two entries.
+    ASSERT_EQ(2, lp->numdata);
+    EXPECT_EQ(data1 + "/", pathOf(lp->data[0]));
+    EXPECT_EQ(data2 + "/", pathOf(lp->data[1]));
+    ASSERT_EQ(1, lp->numidx);
+    EXPECT_EQ(prim + "/", pathOf(lp->idx[0]));
+    EXPECT_EQ(DA_PERMRDWR, lp->perm);
+    EXPECT_TRUE(lp->flags & DA_LFASSIGNED);
+    EXPECT_FALSE(lp->flags & DA_LFDATADEF);
+    EXPECT_TRUE(lp->flags & DA_LFIDXDEF);
+    EXPECT_GE(lp->numwork, 1);
+    DA_LIB* found = nullptr;
+    EXPECT_EQ(0, daqylib("TESTLIB ", &found));
+    EXPECT_EQ(lp, found);
+    EXPECT_EQ(0, dafrlib(lp));
+    EXPECT_EQ(DA_NOTFOUND, daqylib("TESTLIB ", &found));
+
+    // The file's head: version, length, flags and the first link as a double.
+    std::string bytes = vrtatest::readFile(prim + "/.vrtalib11");
+    ASSERT_GE(bytes.size(), 272u + 16u);
+    uint32_t ver, len;
+    double l0, l1;
+    memcpy(&ver, bytes.data(), 4);
+    memcpy(&len, bytes.data() + 4, 4);
+    memcpy(&l0, bytes.data() + 16, 8);
+    memcpy(&l1, bytes.data() + 24, 8);
+    EXPECT_EQ(0x01010004u, ver);
+    EXPECT_EQ(272u, len);
+    EXPECT_EQ(272.0, l0);
+    EXPECT_GT(l1, 272.0);
+    int32_t npaths;
+    memcpy(&npaths, bytes.data() + static_cast<size_t>(l1) + 8, 4);
+    EXPECT_EQ(2, npaths);
+
+    // A second assignment without data paths gets them back from the file.
+    DA_LIBSTR again = request(prim);
+    ASSERT_EQ(0, dagtlib(&again, &lp));
+    ASSERT_EQ(2, lp->numdata);
+    EXPECT_EQ(data2 + "/", pathOf(lp->data[1]));
+    // The util list has the primary first, then one path per filesystem.
+    ASSERT_GE(lp->numutil, 1);
+    EXPECT_EQ(prim + "/", pathOf(lp->util[0]));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(Library, BadDirectoriesAndDamagedLibraryFilesAreRefused) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = nullptr;
+    DA_LIBSTR ls = request("");
+    EXPECT_EQ(DA_BADARG, dagtlib(&ls, &lp));
+
+    std::string missing = tmp.file("nothere");
+    ls = request(missing);
+    ls.flags = DA_LSNOCREATE;
+    EXPECT_EQ(DA_NOTFOUND, dagtlib(&ls, &lp));
+    EXPECT_FALSE(there(missing));
+
+    std::string plain = tmp.file("plainfile");
+    touch(plain);
+    ls = request(plain);
+    EXPECT_EQ(DA_NOTDIR, dagtlib(&ls, &lp));
+
+    // A head of another version fails, and the file we did not make stays.
+    std::string dir = tmp.file("badver");
+    mkdir(dir.c_str(), 0755);
+    std::string head(272, '\0');
+    uint32_t ver = 0x01020004, len = 272;
+    memcpy(head.data(), &ver, 4);
+    memcpy(head.data() + 4, &len, 4);
+    vrtatest::writeFile(dir + "/.vrtalib11", head);
+    ls = request(dir);
+    EXPECT_EQ(DA_BADLIBFILE, dagtlib(&ls, &lp));
+    EXPECT_TRUE(there(dir + "/.vrtalib11"));
+
+    // A good head whose links point past the end of the file: short read.
+    std::string dir2 = tmp.file("short");
+    mkdir(dir2.c_str(), 0755);
+    ver = 0x01010004;
+    memcpy(head.data(), &ver, 4);
+    for (int k = 0; k < 32; k++) {
+        double v = -1.0;
+        memcpy(head.data() + 16 + 8 * k, &v, 8);
+    }
+    double meta = 272.0;
+    memcpy(head.data() + 16, &meta, 8);
+    vrtatest::writeFile(dir2 + "/.vrtalib11", head);
+    ls = request(dir2);
+    EXPECT_EQ(DA_LIBSHORT, dagtlib(&ls, &lp));
+
+    // A failed assignment removes a library file that it created itself.
+    std::string dir3 = tmp.file("pm");
+    mkdir(dir3.c_str(), 0755);
+    std::string d3 = "'" + dir3 + "/data'";
+    mkdir((dir3 + "/data").c_str(), 0755);
+    ls = request(dir3);
+    ls.datapaths = d3.c_str();
+    ls.datapaths_l = static_cast<int>(d3.size());
+    ls.pm_data = DA_PMODLINEAR;
+    ASSERT_GE(dagtlib(&ls, &lp), 0);
+    EXPECT_EQ(0, dafrlib(lp));
+    DA_LIBSTR again = request(dir3);
+    again.pm_data = DA_PMODSTRIPED;  // the file says linear
+    EXPECT_EQ(DA_BADARG, dagtlib(&again, &lp));
+    EXPECT_TRUE(there(dir3 + "/.vrtalib11"));
+    // A library file this assignment made goes again when it fails.
+    std::string dir4 = tmp.file("fresh");
+    mkdir(dir4.c_str(), 0755);
+    std::string badq = "('unclosed";
+    ls = request(dir4);
+    ls.metapaths = badq.c_str();
+    ls.metapaths_l = static_cast<int>(badq.size());
+    EXPECT_EQ(DA_BADQUOTE, dagtlib(&ls, &lp));
+    EXPECT_FALSE(there(dir4 + "/.vrtalib11"));
+}
+
+TEST(Library, PathListsParseQuotesDropRepeatsAndRespectLockedLibraries) {
+    vrtatest::TempDir tmp;
+    xmpid pool = xmpoolc(4096, 4096, 0);
+    ASSERT_NE(nullptr, pool);
+    int num = 0;
+    DA_PATHINFO* vec = nullptr;
+    std::string a = tmp.file("a"), b = tmp.file("b");
+    mkdir(a.c_str(), 0755);
+    std::string list = "( '" + a + "' \"" + b + "\" '" + a + "//' )";
+    EXPECT_EQ(0, daparsp(static_cast<int>(list.size()), list.c_str(), 0, &num, &vec, pool));
+    ASSERT_EQ(2, num);
+    EXPECT_EQ(a + "/", pathOf(vec[0]));
+    EXPECT_EQ(0, vec[0].status);
+    EXPECT_EQ(b + "/", pathOf(vec[1]));
+    EXPECT_EQ(DA_NOTFOUND, vec[1].status);  // kept, reported later by CheckPath
+    EXPECT_NE(0, CheckPath("DATAPATH", R_OK, num, vec));
+
+    // Unquoted: the rest of the text is one path; backslashes are separators.
+    std::string un = "(" + a + "\\x )";
+    EXPECT_EQ(0, daparsp(static_cast<int>(un.size()), un.c_str(), 0, &num, &vec, pool));
+    ASSERT_EQ(3, num);
+    EXPECT_EQ(a + "/x/", pathOf(vec[2]));
+
+    std::string bad = "('" + a;
+    EXPECT_EQ(DA_BADQUOTE, daparsp(static_cast<int>(bad.size()), bad.c_str(), 0, &num, &vec, pool));
+
+    // A locked library keeps its paths: a new one is a warning, a known one is not.
+    std::string more = "'" + a + "' '" + tmp.file("c") + "'";
+    EXPECT_EQ(DA_PATHSKEPT, daparsp(static_cast<int>(more.size()), more.c_str(), 1, &num, &vec, pool));
+    EXPECT_EQ(3, num);
+    std::string known = "'" + a + "'";
+    EXPECT_EQ(0, daparsp(static_cast<int>(known.size()), known.c_str(), 1, &num, &vec, pool));
+
+    // Past the first block of 25 entries the vector grows.
+    for (int i = 0; i < 30; i++) {
+        std::string p = "'" + tmp.file("p" + std::to_string(i)) + "'";
+        ASSERT_EQ(0, daparsp(static_cast<int>(p.size()), p.c_str(), 0, &num, &vec, pool));
+    }
+    EXPECT_EQ(33, num);
+    EXPECT_EQ(tmp.file("p29") + "/", pathOf(vec[32]));
+    xmpoold(pool);
+}
+
+TEST(Library, DirectoryListsMembersByTheirFirstPartition) {
+    vrtatest::TempDir tmp;
+    DA_LIBSTR ls = request(tmp.path());
+    DA_LIB* lp = nullptr;
+    ASSERT_GE(dagtlib(&ls, &lp), 0);
+    for (const char* f : {"abc.mdf.0.0.0.vrta9", "clu.cdf.0.0.0.vrta9", "u1.catalog.0.0.0.vrta9",
+                          "abc.dpf._x.0.0.vrta9", "abc.mdf.0.1.0.vrta9", ".hid.mdf.0.0.0.vrta9",
+                          "$tmp.mdf.0.0.0.vrta9", "old.mdf.0.0.0.vrta", "lim.lmt.0.0.0.vrta9",
+                          "abc.data.vrta_lock9", "short.mdf", "toolongnametoolongnametoolongname1.mdf.0.0.0.vrta9"})
+        touch(tmp.file(f));
+    auto list = [&](int flags) {
+        std::set<std::string> out;
+        DA_DIRH* dh = nullptr;
+        EXPECT_EQ(0, daopdir(lp, flags, &dh));
+        DA_DIRENT e;
+        rctype rc;
+        while ((rc = darddir(dh, &e)) == 0) out.insert(std::string(e.name) + "/" + std::string(e.type, 8) +
+                                                        "/" + std::to_string(e.memtype));
+        EXPECT_EQ(DA_EOF, rc);
+        dacldir(dh);
+        return out;
+    };
+    std::set<std::string> plainset{"ABC/DATA    /0", "CLU/DATA    /6", "U1/CATALOG /4"};
+    EXPECT_EQ(plainset, list(0));
+    std::set<std::string> all = plainset;
+    all.insert(".HID/DATA    /0");
+    all.insert("$TMP/DATA    /0");
+    all.insert("OLD/DATA    /0");
+    EXPECT_EQ(all, list(DA_DIRDOT | DA_DIRDOLLAR | DA_DIROLDFMT));
+
+    int kind = -1;
+    EXPECT_EQ(0, dafindds(lp, "ABC", &kind));
+    EXPECT_EQ(0, kind);
+    EXPECT_EQ(0, dafindds(lp, "clu", &kind));
+    EXPECT_EQ(6, kind);
+    EXPECT_EQ(DA_NOTFOUND, dafindds(lp, "nope", &kind));
+    EXPECT_EQ(0, daexist(lp, "U1", "CATALOG "));
+    EXPECT_EQ(DA_NOTFOUND, daexist(lp, "U1", "DATA    "));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(Library, DeleteRemovesEveryPartitionOfTheMemberAndNothingElse) {
+    vrtatest::TempDir tmp;
+    std::string prim = tmp.file("meta"), d1 = tmp.file("d1"), d2 = tmp.file("d2");
+    for (auto& d : {prim, d1, d2}) mkdir(d.c_str(), 0755);
+    std::string dl = "'" + d1 + "' '" + d2 + "'";
+    DA_LIBSTR ls = request(prim);
+    ls.datapaths = dl.c_str();
+    ls.datapaths_l = static_cast<int>(dl.size());
+    DA_LIB* lp = nullptr;
+    ASSERT_GE(dagtlib(&ls, &lp), 0);
+    char mpid[1024];
+    ASSERT_GT(dagmpid(lp->meta[0].path, lp->meta[0].pathlen, mpid, sizeof mpid), 0);
+    std::string id(mpid);
+    std::vector<std::string> ours = {
+        prim + "/t.mdf.0.0.0.vrta9",     prim + "/t.mdf." + id + ".1.0.vrta9", d1 + "/t.dpf." + id + ".0.0.vrta9",
+        d2 + "/t.dpf." + id + ".1.0.vrta9", d2 + "/t.dpf." + id + ".2.3.vrta9", prim + "/t.idxk1." + id + ".0.0.vrta9",
+        prim + "/t.hbxk1." + id + ".0.0.vrta9"};
+    std::vector<std::string> others = {
+        d1 + "/t.dpf._elsewhere.0.0.vrta9",  // another domain sharing the data path
+        d1 + "/tt.dpf." + id + ".0.0.vrta9", prim + "/t.catalog.0.0.0.vrta9", prim + "/u.mdf.0.0.0.vrta9"};
+    // A real metadata file, so that the member's component lock has a FIB to lock.
+    const char* mp[] = {lp->meta[0].path};
+    DA_FDSTR fs{};
+    fs.name = "t.mdf";
+    fs.namelen = 5;
+    fs.numpath = 1;
+    fs.paths = mp;
+    fs.flags = DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST;
+    fs.perms = 0644;
+    fs.minfree = -1;
+    fs.fiboff = -1;
+    DA_FD* fd = nullptr;
+    ASSERT_GE(dafdopn(&fs, &fd), 0);
+    fd->fdclose(fd);
+    for (size_t i = 1; i < ours.size(); i++) touch(ours[i]);
+    ASSERT_TRUE(there(ours[0]));
+    for (auto& f : others) touch(f);
+    EXPECT_EQ(0, dadelet(lp, "T", "DATA    "));
+    for (auto& f : ours) EXPECT_FALSE(there(f)) << f;
+    for (auto& f : others) EXPECT_TRUE(there(f)) << f;
+    EXPECT_FALSE(there(prim + "/t.data.vrta_lock9"));
+    EXPECT_EQ(DA_NOTFOUND, dadelet(lp, "T", "DATA    "));
+
+    // A utility member is one logical file of its own type.
+    EXPECT_EQ(0, dadelet(lp, "t", "catalog"));
+    EXPECT_FALSE(there(prim + "/t.catalog.0.0.0.vrta9"));
+    EXPECT_TRUE(there(prim + "/u.mdf.0.0.0.vrta9"));
+    EXPECT_EQ(0, dafrlib(lp));
+}
