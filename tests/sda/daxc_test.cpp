@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "sda/daxc.h"
 #include "sda/darc.h"
+#include "ssup/thr.h"
 #include "testutil.h"
 
 using namespace vrta;
@@ -239,4 +241,53 @@ TEST(ExitManager, LoadsASiteExitAndReportsBrokenOnes) {
     EXPECT_NE(out.find("daxcmdr: Error getting other_init function from " + tmp.path() + "/other.so\n"),
               std::string::npos)
         << out;
+}
+
+TEST(ExitManager, LzwHandleIsSafeAcrossThreads) {
+    Opened o("VRTALZWC", DA_XCMUPDATE, "");
+    ASSERT_EQ(o.rc, 0);
+    struct Job {
+        Opened* o;
+        unsigned seed;
+        int bad;
+    };
+    auto body = [](void* arg) -> void* {
+        Job* j = static_cast<Job*>(arg);
+        for (int i = 0; i < 20; ++i) {
+            Bytes raw = textRows(20000 + j->seed * 100 + static_cast<unsigned>(i), j->seed * 31 + static_cast<unsigned>(i));
+            std::vector<char> io(static_cast<size_t>(j->o->x.iomaxbuf));
+            int iolen = 0;
+            if (daxcconvert(&j->o->x, i, raw.data(), static_cast<int>(raw.size()), io.data(), &iolen, true) != 0) {
+                ++j->bad;
+                continue;
+            }
+            Bytes back(raw.size());
+            int rawlen = static_cast<int>(back.size());
+            if (daxcunconvert(&j->o->x, i, io.data(), iolen, back.data(), &rawlen) != 0 || back != raw) ++j->bad;
+        }
+        return nullptr;
+    };
+    Job jobs[4];
+    thread_t tids[4];
+    for (unsigned t = 0; t < 4; ++t) {
+        jobs[t] = Job{&o, t + 1, 0};
+        ASSERT_EQ(thr_create(nullptr, 0, body, &jobs[t], 0, &tids[t]), 0);
+    }
+    for (unsigned t = 0; t < 4; ++t) {
+        thr_join(tids[t], nullptr);
+        EXPECT_EQ(jobs[t].bad, 0);
+    }
+}
+
+TEST(AccessScramble, WordsWithRunningKeyTailUntouched) {
+    Bytes plain = textRows(103, 9), buf = plain;
+    dancode(0x12345678u, buf.data(), 103);
+    EXPECT_TRUE(std::equal(buf.begin() + 100, buf.end(), plain.begin() + 100));
+    for (int w = 0; w < 25; ++w) EXPECT_NE(std::memcmp(&buf[4 * w], &plain[4 * w], 4), 0) << w;
+    // Equal words scramble differently as the key runs down.
+    Bytes blanks(16, ' ');
+    dancode(7, blanks.data(), 16);
+    EXPECT_NE(std::memcmp(&blanks[0], &blanks[4], 4), 0);
+    dancode(0x12345678u, buf.data(), 103);
+    EXPECT_TRUE(buf == plain);
 }
