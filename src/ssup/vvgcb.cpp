@@ -6,7 +6,6 @@
 #include "ssup/vv.h"
 #include "ssup/vvlayer.h"
 #include "ssup/xmint.h"
-#include "ssup/xp.h"
 
 namespace vrta {
 

@@ -2,6 +2,9 @@
 // may not be built into this module. They are weak: a layer that is absent
 // reads as null here and its slot stays empty. A layer that adds itself
 // defines the function with exactly this signature.
+//
+// In a program linked from the static archives, a layer comes in only when
+// something else uses it; libvrta.so takes every layer whole.
 #pragma once
 #include "ssup/vrtadef.h"
 
@@ -23,6 +26,13 @@ VV_WEAK void xfterm(void* gcb);
 VV_WEAK rctype yfdel(int which, void* xfgcb, void* xfload);
 VV_WEAK rctype hsnlsinit();     // national language layer
 VV_WEAK void hsnlsterm();
+// The message layer (ssup/xp.h), reached the same way so that the control
+// blocks do not drag the printer into every program that allocates memory.
+VV_WEAK void* xpinit();         // slot 1
+VV_WEAK void xpterm(void* gcb);
+VV_WEAK void* xkinit();         // slot 3
+VV_WEAK void xkterm(void* gcb);
+VV_WEAK rctype xrmksub(int count, ...);
 
 #undef VV_WEAK
 

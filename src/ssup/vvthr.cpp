@@ -4,7 +4,6 @@
 #include "ssup/vv.h"
 #include "ssup/vvlayer.h"
 #include "ssup/xmint.h"
-#include "ssup/xp.h"
 
 namespace vrta {
 
@@ -12,7 +11,7 @@ namespace {
 
 rctype nokey() {
     static const char text[] = "Thread key is null";
-    xrmksub(1, text, static_cast<int>(sizeof(text) - 1));
+    if (xrmksub) xrmksub(1, text, static_cast<int>(sizeof(text) - 1));
     return VV_RC_INTERNAL;
 }
 
@@ -41,7 +40,7 @@ void* vvsslcb(void* arg) {
             l->lcbmade |= VV_LCB_XH;
         }
     }
-    if (l->lcbflag & VV_LCB_XP) {
+    if ((l->lcbflag & VV_LCB_XP) && xpinit) {
         if (void* b = xpinit()) {
             l->gcb[VV_SLOT_XP] = b;
             l->lcbmade |= VV_LCB_XP;
@@ -74,7 +73,7 @@ void vvstlcb(void* lcb) {
     // belongs to somebody else.
     if ((l->lcbmade & VV_LCB_XX) && xxterm) xxterm(l->gcb[VV_SLOT_XX]);
     if ((l->lcbmade & VV_LCB_XH) && xhterm) xhterm(l->gcb[VV_SLOT_XH]);
-    if (l->lcbmade & VV_LCB_XP) xpterm(l->gcb[VV_SLOT_XP]);
+    if ((l->lcbmade & VV_LCB_XP) && xpterm) xpterm(l->gcb[VV_SLOT_XP]);
     // Waits out a creator that is still inside vvcthrl.
     mutex_lock(&l->lcb_lock);
     mutex_unlock(&l->lcb_lock);

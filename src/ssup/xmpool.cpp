@@ -140,6 +140,7 @@ void* fixedtake(XMPOOL* p) {
             char* it = u->hwmark;
             u->hwmark += p->size;
             if (u->end - u->hwmark == p->size) u->hwmark = nullptr;
+            XM_UNPOISON(it, p->size);
             return it;
         }
     }
