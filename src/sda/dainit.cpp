@@ -28,7 +28,19 @@ namespace {
 
 pthread_once_t gcbonce = PTHREAD_ONCE_INIT;
 
+// Record locks are not inherited by a child process, so the lock blocks it
+// inherits describe locks it does not hold: it starts with none.
+void forkprepare() { mutex_lock(&dagcb.lcbLock); }
+void forkparent() { mutex_unlock(&dagcb.lcbLock); }
+void forkchild() {
+    for (DA_LOCK* l = dagcb.lcbs; l; l = l->next)
+        if (l->lockfd >= 0) close(l->lockfd);
+    dagcb.lcbs = nullptr;
+    mutex_unlock(&dagcb.lcbLock);
+}
+
 void gcblocks() {
+    pthread_atfork(forkprepare, forkparent, forkchild);
     mutex_init(&dagcb.initLock);
     mutex_init(&dagcb.libLock);
     mutex_init(&dagcb.shmcbLock);
