@@ -4,14 +4,16 @@
 #include <cstring>
 
 #include "eng/hpd.h"
-#include "hs/hs.h"
 #include "ssup/xp.h"
 
 namespace vrta {
 
 rctype hpdnotyet(const char* entry) {
-    xrmksub(1, entry, static_cast<int>(std::strlen(entry)));
-    hsprint("%s: this request is not available yet\n", entry);
+    const int len = static_cast<int>(std::strlen(entry));
+    xrmksub(1, entry, len);
+    // The same text the code stands for, in the log, with the entry's name.
+    const auto u = static_cast<uint32_t>(XP_RC_NOTYET);
+    xpmlog(static_cast<int>(rcgroup(XP_RC_NOTYET)), static_cast<int>(((u >> 8) & 0xff) * 200 + (u & 0xff)), entry);
     return XP_RC_NOTYET;
 }
 

@@ -134,9 +134,18 @@ TEST(EngineVector, StubsAndProtocolEntriesSucceedWithoutWork) {
     EXPECT_EQ(hpvallv(fid), 0);
 }
 
+void keepLine(void* pmdata, int, const char* buffer, int len) {
+    static_cast<std::string*>(pmdata)->append(buffer, len).push_back('\n');
+}
+
 TEST(EngineVector, EntriesNotServedYetFailCleanlyAndNameThemselves) {
     Engine e;
     ASSERT_EQ(e.rc, 0);
+    std::string log;
+    XPPMFP oldfp;
+    void* olddata;
+    xpgetpm(&oldfp, &olddata);
+    xpsetpm(keepLine, &log);
     const HPD_ENGTBL* t = e.tbl();
     void* xoe = reinterpret_cast<void*>(0x1234);
     auto open = reinterpret_cast<int (*)(void*, void**, void*)>(t->xhen.yoeopen);
@@ -150,6 +159,11 @@ TEST(EngineVector, EntriesNotServedYetFailCleanlyAndNameThemselves) {
     rc = reinterpret_cast<int (*)(void*)>(t->hpdtbl.hperlck)(nullptr);
     EXPECT_EQ(rc, XP_RC_NOTYET);
     EXPECT_EQ(subst(), "hperlck");
+    xpsetpm(oldfp, olddata);
+
+    // Each refusal leaves one log line that names the entry.
+    EXPECT_NE(log.find("The request hpoopen is not available yet."), std::string::npos) << log;
+    EXPECT_NE(log.find("The request hperlck is not available yet."), std::string::npos) << log;
 }
 
 TEST(EngineVector, AttributeTableHoldsTheEnginesValues) {
