@@ -1,0 +1,1054 @@
+// Open, create and close of a logical file; its FIB and partition directory;
+// new partitions and the choice of their path.
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+#include "sda/dafdp.h"
+#include "hs/hs.h"
+
+namespace vrta {
+
+namespace {
+
+const char* suffixof(int flags) { return (flags & DA_FDOLDFMT) ? "vrta" : "vrta9"; }
+
+// The first metapath: names without a directory in the FIB are relative to it.
+const char* firstmeta(DA_FDP* fdp) {
+    DA_FDP* m = fdp->mdfd ? fdp->mdfd : fdp;
+    return m->numpath > 0 ? m->paths[0] : ".";
+}
+
+size_t dirlen(const char* p) {
+    size_t n = strlen(p);
+    while (n > 1 && p[n - 1] == '/') --n;
+    return n;
+}
+
+// One word for a metadata path: "/data/meta/" gives "_data_meta".
+void mkmpid(const char* path, char* out, size_t outlen) {
+    size_t o = 0;
+    const char* s = path;
+    while (*s && o + 2 < outlen) {
+        while (*s == '/') ++s;
+        if (!*s) break;
+        out[o++] = '_';
+        while (*s && *s != '/' && o + 1 < outlen) out[o++] = *s++;
+    }
+    out[o] = 0;
+}
+
+DA_PDE* pdeof(DA_FIB* fib, int i) {
+    return reinterpret_cast<DA_PDE*>(reinterpret_cast<char*>(fib) + DA_FIBLEN + 8 * i);
+}
+
+int pathidx(DA_FDP* fdp, const char* full) {
+    const char* slash = strrchr(full, '/');
+    size_t dl = slash ? static_cast<size_t>(slash - full) : 0;
+    for (int i = 0; i < fdp->numpath; ++i) {
+        size_t pl = dirlen(fdp->paths[i]);
+        if (pl == dl && strncmp(fdp->paths[i], full, dl) == 0) return i;
+    }
+    return 0;
+}
+
+rctype growpcbs(DA_FDB* fdb) {
+    if (fdb->numpcb < fdb->pcballoc) return 0;
+    int n = fdb->pcballoc ? fdb->pcballoc * 2 : 8;
+    auto* np = static_cast<DA_PCB*>(fdalloc(static_cast<long>(n) * sizeof(DA_PCB)));
+    if (!np) return DA_NOMEM;
+    if (fdb->pcbs) {
+        memcpy(np, fdb->pcbs, fdb->numpcb * sizeof(DA_PCB));
+        fdfree(fdb->pcbs, static_cast<long>(fdb->pcballoc) * sizeof(DA_PCB));
+    }
+    fdb->pcbs = np;
+    fdb->pcballoc = n;
+    return 0;
+}
+
+// Opens a partition file, with an O_DIRECT twin when asked and possible.
+rctype openpart(DA_FDP* fdp, DA_PCB* pcb, const char* full, int dflags, int perms) {
+    int fd = -1;
+    rctype rc = daopenf(full, dflags, perms, &fd);
+    if (rc < 0) return rc;
+    pcb->pfd = fd;
+    pcb->dfd = -1;
+    if (fdp->flags & DA_FDDIRECTIO) {
+        int of = ((dflags & 2) ? O_RDONLY : O_RDWR) | O_DIRECT | O_CLOEXEC;
+        int d = _UIODT->open(full, of, 0);
+        if (d >= 0) pcb->dfd = d;
+        else hsprint("directio error: file=%s error=%d\n", full, errno);
+    }
+    return 0;
+}
+
+void closepart(DA_PCB* pcb) {
+    if (pcb->pfd >= 0) daclosf(pcb->pfd);
+    if (pcb->dfd >= 0) daclosf(pcb->dfd);
+    pcb->pfd = pcb->dfd = -1;
+}
+
+// fdbLock may be taken again by the thread that holds it.
+void fdblock() {
+    DA_IOGCB& g = daiogcb;
+    if (g.fdbLockdepth > 0 && pthread_equal(g.fdbLocktid, thr_self())) {
+        ++g.fdbLockdepth;
+        return;
+    }
+    mutex_lock(&g.fdbLock);
+    g.fdbLocktid = thr_self();
+    g.fdbLockdepth = 1;
+}
+void fdbunlock() {
+    DA_IOGCB& g = daiogcb;
+    if (--g.fdbLockdepth == 0) mutex_unlock(&g.fdbLock);
+}
+
+void freefdb(DA_FDB* fdb) {
+    if (!fdb) return;
+    for (int i = 0; i < fdb->numpcb; ++i) closepart(&fdb->pcbs[i]);
+    fdfree(fdb->pcbs, static_cast<long>(fdb->pcballoc) * sizeof(DA_PCB));
+    fdfree(fdb->fib, fdb->fibsize);
+    fdstrfree(fdb->name);
+    fdstrfree(fdb->fullname);
+    fdfree(fdb, sizeof(DA_FDB));
+}
+
+void freefdp(DA_FDP* fdp) {
+    for (int i = 0; i < fdp->numpath; ++i) fdstrfree(fdp->paths[i]);
+    fdfree(fdp->paths, static_cast<long>(fdp->numpath) * sizeof(char*));
+    fdfree(fdp, sizeof(DA_FDP));
+}
+
+long roundpage(long n) {
+    long pg = daiogcb.pagesize;
+    return (n + pg - 1) / pg * pg;
+}
+
+int GetFibSize(DA_FDP* fdp, const DA_FDSTR* fstr) {
+    bool same = fdp->mdfd != fdp && fdp->numpath == 1 &&
+                dirlen(fdp->paths[0]) == dirlen(firstmeta(fdp)) &&
+                strncmp(fdp->paths[0], firstmeta(fdp), dirlen(fdp->paths[0])) == 0;
+    long size;
+    if (fdp->flags & DA_FDPARTSIZE) {
+        long longest = 0;
+        for (int i = 0; i < fdp->numpath; ++i) longest = std::max<long>(longest, strlen(fdp->paths[i]));
+        size = same ? 200 * (80 + 8) + 272 : 200 * (longest + 80 + 8) + 272;
+        if (size > 8192) size = 8192;
+    } else if (same) {
+        size = (fdp->numpath + 2) * 80 + 272;
+    } else {
+        size = 0;
+        for (int i = 0; i < fdp->numpath; ++i) size += fstr->namelen + 8 + static_cast<long>(strlen(fdp->paths[i])) + 8;
+        size += 2064 + 272;
+    }
+    size *= 2;
+    if (size < daiogcb.fibsize) size = daiogcb.fibsize;
+    return static_cast<int>(roundpage(size));
+}
+
+// Reads size bytes at a physical offset of a descriptor, all or nothing.
+rctype preadall(int fd, void* buf, long size, da_off_t off, long* got) {
+    long done = 0;
+    while (done < size) {
+        ssize_t n = _UIODT->pread(fd, static_cast<char*>(buf) + done, size - done, off + done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            *got = done;
+            return DA_READFAIL;
+        }
+        if (n == 0) break;
+        done += n;
+    }
+    *got = done;
+    return 0;
+}
+
+rctype pwriteall(int fd, const void* buf, long size, da_off_t off) {
+    long done = 0;
+    while (done < size) {
+        ssize_t n = _UIODT->pwrite(fd, static_cast<const char*>(buf) + done, size - done, off + done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return errno == ENOSPC ? DA_NOSPACE : DA_WRITEFAIL;
+        }
+        if (n == 0) return DA_WRITEFAIL;
+        done += n;
+    }
+    return 0;
+}
+
+rctype checkfib(const DA_FIB* fib, int flags) {
+    if (flags & DA_FDOLDFMT) {
+        if ((fib->version >> 8) != 1) return DA_BADVERSION;
+    } else {
+        if (fib->ds_rv_wr.dsrvhdr[0] | fib->ds_rv_wr.dsrvhdr[1] | fib->ds_rv_wr.dsrvhdr[2] | fib->ds_rv_wr.dsrvhdr[3])
+            return DA_BADVERSION;
+        if ((fib->version >> 8) != 2) return DA_BADVERSION;
+    }
+    if (fib->pdesize < 0 || fib->pdesize > (64 << 20) || fib->numpde < 0 ||
+        DA_FIBLEN + 8L * fib->numpde > DA_FIBLEN + static_cast<long>(fib->pdesize))
+        return DA_BADVERSION;
+    return 0;
+}
+
+// Every directory entry must point at a NUL-terminated name inside the
+// allocation; a damaged FIB must not send us reading elsewhere.
+rctype checkdir(const DA_FIB* fib) {
+    const char* base = reinterpret_cast<const char*>(fib);
+    long alloc = DA_FIBLEN + static_cast<long>(fib->pdesize);
+    for (int i = 0; i < fib->numpde; ++i) {
+        const DA_PDE* e = reinterpret_cast<const DA_PDE*>(base + DA_FIBLEN + 8 * i);
+        if (e->length <= 0 || e->offset < DA_FIBLEN || static_cast<long>(e->offset) + e->length >= alloc ||
+            base[e->offset + e->length] != 0)
+            return DA_BADVERSION;
+    }
+    return 0;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- names
+
+void dafdmkpfn(DA_FDP* fdp, int pno, int revno, char* buf, size_t buflen) {
+    DA_FDB* fdb = fdp->fdb;
+    if (pno == 0 && (fdp->flags & DA_FDOWNFIB))
+        snprintf(buf, buflen, "%s.%s.%d.%d.%s", fdb->name, "0", 0, 0, suffixof(fdp->flags));
+    else
+        snprintf(buf, buflen, "%s.%s.%d.%d.%s", fdb->name, fdp->fuid, pno, revno, suffixof(fdp->flags));
+}
+
+// Full path of partition pno from its directory entry.
+rctype dafdpfull(DA_FDP* fdp, int pno, char* buf, size_t buflen) {
+    DA_FIB* fib = fdp->fdb->fib;
+    if (pno < 0 || pno >= fib->numpde) return DA_BADARG;
+    DA_PDE* e = pdeof(fib, pno);
+    const char* nm = reinterpret_cast<const char*>(fib) + e->offset;
+    if (strchr(nm, '/')) {
+        if (strlen(nm) >= buflen) return DA_BADARG;
+        strcpy(buf, nm);
+        return 0;
+    }
+    return dafulln(firstmeta(fdp), nm, buf, static_cast<int>(buflen));
+}
+
+rctype dafdpname(DA_FD* fd, int pno, char* buf, int buflen) {
+    return dafdpfull(fdpof(fd), pno, buf, static_cast<size_t>(buflen));
+}
+
+// Adds a partition name to the directory. A direct FIB that is full fails;
+// an indirect one moves to a larger allocation at the end of the MDF.
+rctype daalpde(DA_FDP* fdp, const char* full) {
+    DA_FDB* fdb = fdp->fdb;
+    const char* meta = firstmeta(fdp);
+    size_t ml = dirlen(meta);
+    const char* nm = full;
+    if (strncmp(full, meta, ml) == 0 && full[ml] == '/' && !strchr(full + ml + 1, '/')) nm = full + ml + 1;
+    int len = static_cast<int>(strlen(nm));
+    DA_FIB* fib = fdb->fib;
+    long need = DA_FIBLEN + fib->topused + 8 + fib->botused + len + 1;
+    if (need > fib->pdesize) {
+        if (!(fdp->flags & DA_FDINDIRECT)) return DA_FIBFULL;
+        long nalloc = roundpage(2L * fib->pdesize + DA_FIBLEN);
+        while (DA_FIBLEN + fib->topused + 8 + fib->botused + len + 1 > nalloc - DA_FIBLEN) nalloc *= 2;
+        auto* nf = static_cast<DA_FIB*>(fdalloc(nalloc));
+        if (!nf) return DA_NOMEM;
+        memcpy(nf, fib, DA_FIBLEN);
+        nf->pdesize = static_cast<int32_t>(nalloc - DA_FIBLEN);
+        nf->overflow = 0;
+        nf->topused = 0;
+        nf->botused = 0;
+        nf->numpde = 0;
+        char* nb = reinterpret_cast<char*>(nf);
+        for (int i = 0; i < fib->numpde; ++i) {
+            DA_PDE* e = pdeof(fib, i);
+            nf->botused += e->length + 1;
+            int at = nf->pdesize - nf->botused;
+            memcpy(nb + at, reinterpret_cast<char*>(fib) + e->offset, e->length + 1);
+            DA_PDE* ne = pdeof(nf, i);
+            ne->length = e->length;
+            ne->offset = at;
+            nf->numpde++;
+            nf->topused += 8;
+        }
+        // The new FIB goes to the end of the MDF, then the old one points to it.
+        DA_FDP* m = fdp->mdfd;
+        da_off_t noff = -1;
+        rctype rc = m->fd.fdwrite(&m->fd, nf, nalloc, &noff);
+        if (rc < 0) {
+            fdfree(nf, nalloc);
+            return rc;
+        }
+        int64_t ov = noff;
+        da_off_t patch = fdb->curfiboff + offsetof(DA_FIB, overflow);
+        rc = m->fd.fdwrite(&m->fd, &ov, sizeof ov, &patch);
+        if (rc < 0) {
+            fdfree(nf, nalloc);
+            return rc;
+        }
+        fib->overflow = ov;
+        fdfree(fib, fdb->fibsize);
+        fdb->fib = fib = nf;
+        fdb->fibsize = static_cast<int>(nalloc);
+        fdb->curfiboff = noff;
+    }
+    char* base = reinterpret_cast<char*>(fib);
+    fib->botused += len + 1;
+    int at = fib->pdesize - fib->botused;
+    memcpy(base + at, nm, len + 1);
+    DA_PDE* e = pdeof(fib, fib->numpde);
+    e->length = len;
+    e->offset = at;
+    fib->numpde++;
+    fib->topused += 8;
+    return 0;
+}
+
+// Frees a directory entry; only the last can go.
+rctype dafrpde(DA_FDP* fdp, int pno) {
+    DA_FIB* fib = fdp->fdb->fib;
+    if (pno != fib->numpde - 1 || pno < 0) return DA_INTERNAL;
+    DA_PDE* e = pdeof(fib, pno);
+    fib->botused -= e->length + 1;
+    memset(reinterpret_cast<char*>(fib) + e->offset, 0, e->length + 1);
+    e->length = e->offset = 0;
+    fib->numpde--;
+    fib->topused -= 8;
+    return 0;
+}
+
+// Writes the FIB with its directory. A direct FIB leaves its lock region alone.
+rctype dawrfibp(DA_FDP* fdp) {
+    DA_FDB* fdb = fdp->fdb;
+    fdb->fib->filesize = fdb->filesize;
+    if (fdp->flags & DA_FDINDIRECT) {
+        DA_FDP* m = fdp->mdfd;
+        da_off_t off = fdb->curfiboff;
+        return m->fd.fdwrite(&m->fd, fdb->fib, fdb->fibsize, &off);
+    }
+    if (fdb->numpcb < 1) return DA_INTERNAL;
+    int pfd = fdb->pcbs[0].pfd;
+    const char* b = reinterpret_cast<const char*>(fdb->fib);
+    rctype rc = pwriteall(pfd, b, DA_FIBDIRECTLEN, 0);
+    if (rc == 0) rc = pwriteall(pfd, b + DA_FIBLEN, fdb->fibsize - DA_FIBLEN, DA_FIBLEN);
+    if (rc < 0) IOError(fdp, "dawrfib", "FIB write failed", errno, 0);
+    return rc;
+}
+
+// Reads the FIB head at the end of its overflow chain; *where gets its offset.
+rctype dardfibhead(DA_FDP* fdp, DA_FIB* head, da_off_t* where) {
+    DA_FDB* fdb = fdp->fdb;
+    if (!(fdp->flags & DA_FDINDIRECT)) {
+        long got = 0;
+        memset(head, 0, sizeof *head);
+        rctype rc = preadall(fdb->pcbs[0].pfd, head, DA_FIBDIRECTLEN, 0, &got);
+        if (rc < 0) return rc;
+        if (got < DA_FIBDIRECTLEN) return DA_SHORTREAD;
+        *where = 0;
+        return checkfib(head, fdp->flags);
+    }
+    DA_FDP* m = fdp->mdfd;
+    da_off_t off = fdb->fiboff;
+    for (int hops = 0;; ++hops) {
+        long got = 0;
+        rctype rc = m->fd.fdread(&m->fd, head, DA_FIBLEN, off, &got);
+        if (rc != 0) return rc == DA_EOF ? DA_SHORTREAD : rc;
+        if (got < DA_FIBLEN) return DA_SHORTREAD;
+        if (head->overflow <= 0) break;
+        if (hops > 64 || head->overflow == off) return DA_INTERNAL;
+        off = head->overflow;
+    }
+    *where = off;
+    rctype rc = checkfib(head, fdp->flags);
+    if (rc == 0 && head->length > DA_FIBLEN) rc = DA_TOOLONG;
+    return rc;
+}
+
+namespace {
+
+// Loads the whole FIB with its directory into fdb->fib.
+rctype loadfib(DA_FDP* fdp, const char* who) {
+    DA_FDB* fdb = fdp->fdb;
+    DA_FIB head;
+    da_off_t where = 0;
+    rctype rc = dardfibhead(fdp, &head, &where);
+    if (rc < 0) {
+        hsprint("%s: Unable to read FIB of %s: Reason=%s\n", who, fdb->name, hsstrer(rc));
+        return rc;
+    }
+    long alloc = DA_FIBLEN + static_cast<long>(head.pdesize);
+    auto* fib = static_cast<DA_FIB*>(fdalloc(alloc));
+    if (!fib) return DA_NOMEM;
+    memcpy(fib, &head, DA_FIBLEN);
+    long got = 0;
+    if (fdp->flags & DA_FDINDIRECT) {
+        DA_FDP* m = fdp->mdfd;
+        rc = m->fd.fdread(&m->fd, reinterpret_cast<char*>(fib) + DA_FIBLEN, head.pdesize, where + DA_FIBLEN, &got);
+        if (rc == DA_EOF) rc = DA_SHORTREAD;
+    } else {
+        rc = preadall(fdb->pcbs[0].pfd, reinterpret_cast<char*>(fib) + DA_FIBLEN, head.pdesize, DA_FIBLEN, &got);
+    }
+    if (rc == 0 && got < head.pdesize) rc = DA_SHORTREAD;
+    if (rc == 0) rc = checkdir(fib);
+    if (rc < 0) {
+        hsprint("%s: Unable to read FIB directory of %s: Reason=%s\n", who, fdb->name, hsstrer(rc));
+        fdfree(fib, alloc);
+        return rc;
+    }
+    if (fdb->fib) fdfree(fdb->fib, fdb->fibsize);
+    fdb->fib = fib;
+    fdb->fibsize = static_cast<int>(alloc);
+    fdb->curfiboff = where;
+    fdb->revision = fib->revision;
+    return 0;
+}
+
+}  // namespace
+
+rctype dafdreload(DA_FDP* fdp) { return loadfib(fdp, "SyncFIB"); }
+
+// Ranges of all partitions from their real sizes: the files, not the FIB,
+// say how long the file is.
+void RecalcSizes(DA_FDP* fdp) {
+    DA_FDB* fdb = fdp->fdb;
+    da_off_t total = 0;
+    for (int i = 0; i < fdb->numpcb; ++i) {
+        DA_PCB* p = &fdb->pcbs[i];
+        off_t sz = p->pfd >= 0 ? _UIODT->lseek(p->pfd, 0, SEEK_END) : -1;
+        if (sz < 0) sz = 0;
+        p->minoffset = total;
+        total += sz;
+        p->maxoffset = total - 1;
+    }
+    fdb->filesize = total;
+    if (fdb->fib) fdb->fib->filesize = total;
+}
+
+// Opens partitions from..numpde-1 named in the directory.
+rctype OpenParts(DA_FDP* fdp, int from) {
+    DA_FDB* fdb = fdp->fdb;
+    int dflags = (fdb->opmode == O_RDONLY) ? 2 : 1;
+    if (fdp->flags & DA_FDDIRECTIO) dflags |= 0x20000;
+    for (int i = from; i < fdb->fib->numpde; ++i) {
+        char full[4096];
+        rctype rc = dafdpfull(fdp, i, full, sizeof full);
+        if (rc == 0) rc = growpcbs(fdb);
+        if (rc < 0) return rc;
+        DA_PCB* p = &fdb->pcbs[i];
+        memset(p, 0, sizeof *p);
+        p->pfd = p->dfd = -1;
+        p->pdi = pathidx(fdp, full);
+        rc = openpart(fdp, p, full, dflags, fdp->perms);
+        if (rc < 0) {
+            hsprint("OpenParts: Unable to open partition %s: Reason=%s\n", full, hsstrer(rc));
+            return rc;
+        }
+        fdb->numpcb = i + 1;
+    }
+    RecalcSizes(fdp);
+    return 0;
+}
+
+// A new last partition. skipFlag 0 starts at the path in use, 2 at the next
+// one, 1 goes round robin over all paths.
+rctype dafnewp(DA_FDP* fdp, int updateFib, int skipFlag) {
+    DA_FDB* fdb = fdp->fdb;
+    DA_FIB* fib = fdb->fib;
+    rctype rc = growpcbs(fdb);
+    if (rc < 0) return rc;
+    int pno = fdb->numpcb;
+    bool first = pno == 0;
+    bool force = first && (fdp->flags & DA_FDFORCE1ST);
+    int hipath = fib->hipath;
+    if (hipath > fdp->numpath - 1) hipath = fdp->numpath - 1;
+    if (hipath < 0) hipath = 0;
+    int skip = skipFlag;
+    int start;
+    if (first && (fdp->flags & DA_FDRANDPLACE)) {
+        start = fdp->firstplace % fdp->numpath;
+        if (start < 0) start += fdp->numpath;
+        skip = 1;
+    } else {
+        start = hipath + (skipFlag ? 1 : 0);
+    }
+    char name[1024];
+    dafdmkpfn(fdp, pno, fib->revision, name, sizeof name);
+    int dflags = 4 | ((fdp->flags & DA_FDDIRECTIO) ? 0x20000 : 0);
+    int tries = (skip == 1) ? fdp->numpath : std::max(0, fdp->numpath - start);
+    for (int t = 0; t < tries; ++t) {
+        int pi = (skip == 1) ? (start + t) % fdp->numpath : start + t;
+        char full[4096];
+        if (dafulln(fdp->paths[pi], name, full, sizeof full) < 0) return DA_BADARG;
+        struct statvfs vs;
+        if (_UIODT->statvfs(fdp->paths[pi], &vs) < 0) {
+            hsprint("dafnewp: Unable to obtain VFS status %s: Reason=%s\n", fdp->paths[pi], strerror(errno));
+            if (force) return DA_NOSPACE;
+            continue;
+        }
+        da_off_t avail = static_cast<da_off_t>(vs.f_bavail) * static_cast<da_off_t>(vs.f_frsize);
+        if (avail < fdp->minfree) {
+            if (force) {
+                hsprint("dafnewp: Low space in initial path %s: Reason=%s\n", fdp->paths[pi], hsstrer(DA_NOSPACE));
+                return DA_NOSPACE;
+            }
+            continue;
+        }
+        DA_PCB* p = &fdb->pcbs[pno];
+        memset(p, 0, sizeof *p);
+        p->pfd = p->dfd = -1;
+        rc = openpart(fdp, p, full, dflags, fdp->perms);
+        if (rc == DA_NOSPACE) {
+            if (force) {
+                hsprint("dafnewp: Unable to force initial partition %s: Reason=%s\n", full, hsstrer(rc));
+                return rc;
+            }
+            continue;
+        }
+        if (rc < 0) {
+            if (!(rc == DA_EXISTS && force && (fdp->flags & DA_FDOWNFIB)))
+                hsprint("dafnewp: Unable to create partition %s: Reason=%s\n", full, hsstrer(rc));
+            return rc;
+        }
+        p->pdi = pi;
+        p->minoffset = fdb->filesize;
+        p->maxoffset = fdb->filesize - 1;
+        rc = daalpde(fdp, full);
+        if (rc == 0) {
+            fib = fdb->fib;
+            fib->hipath = pi;
+            fdb->numpcb = pno + 1;
+            // The directory names the partition before any data reaches it.
+            if (updateFib) rc = dawrfibp(fdp);
+            if (rc < 0) {
+                fdb->numpcb = pno;
+                dafrpde(fdp, pno);
+            }
+        }
+        if (rc < 0) {
+            closepart(p);
+            _UIODT->unlink(full);
+            return rc;
+        }
+        return 0;
+    }
+    return DA_NOSPACE;
+}
+
+// Closes and deletes partition pno (the last) with its directory entry.
+rctype dadelfp(DA_FDP* fdp, int pno, int updateFib) {
+    DA_FDB* fdb = fdp->fdb;
+    if (pno != fdb->numpcb - 1) return DA_INTERNAL;
+    char full[4096];
+    rctype rc = dafdpfull(fdp, pno, full, sizeof full);
+    if (rc < 0) return rc;
+    closepart(&fdb->pcbs[pno]);
+    if (_UIODT->unlink(full) < 0 && errno != ENOENT)
+        hsprint("dadelfp: Unable to delete file %s: Reason=%s\n", full, strerror(errno));
+    fdb->numpcb--;
+    if (fdp->curpcb >= fdb->numpcb) fdp->curpcb = fdb->numpcb > 0 ? fdb->numpcb - 1 : 0;
+    rc = dafrpde(fdp, pno);
+    if (rc == 0 && fdb->numpcb > 0) fdb->fib->hipath = fdb->pcbs[fdb->numpcb - 1].pdi;
+    if (rc == 0 && updateFib) rc = dawrfibp(fdp);
+    return rc;
+}
+
+// The partition holding a logical offset, walking from the cached one.
+rctype dao2pcb(DA_FDP* fdp, da_off_t off, int* pno) {
+    DA_FDB* fdb = fdp->fdb;
+    int n = fdb->numpcb;
+    if (n == 0 || off < 0 || off >= fdb->filesize) return DA_EOF;
+    int i = fdp->curpcb;
+    if (i < 0 || i >= n) i = 0;
+    while (i < n - 1 && off > fdb->pcbs[i].maxoffset) ++i;
+    while (i > 0 && off < fdb->pcbs[i].minoffset) --i;
+    // Empty partitions have maxoffset < minoffset; step over them.
+    while (i < n - 1 && off > fdb->pcbs[i].maxoffset) ++i;
+    *pno = i;
+    return 0;
+}
+
+// ---------------------------------------------------------------- open
+
+namespace {
+
+rctype ownfibopen(DA_FDP* fdp) {
+    DA_FDB* fdb = fdp->fdb;
+    char name[1024], full[4096];
+    dafdmkpfn(fdp, 0, 0, name, sizeof name);
+    rctype rc = dafulln(fdp->paths[0], name, full, sizeof full);
+    if (rc < 0) return rc;
+    rc = growpcbs(fdb);
+    if (rc < 0) return rc;
+    DA_PCB* p = &fdb->pcbs[0];
+    memset(p, 0, sizeof *p);
+    p->pfd = p->dfd = -1;
+    int dflags = (fdb->opmode == O_RDONLY) ? 2 : 1;
+    if (fdp->flags & DA_FDDIRECTIO) dflags |= 0x20000;
+    rc = openpart(fdp, p, full, dflags, fdp->perms);
+    if (rc < 0) return rc;
+    fdb->numpcb = 1;
+    rc = loadfib(fdp, "dalfibd");
+    if (rc < 0) return rc;
+    if (fdb->fib->numpde < 1) return DA_BADVERSION;
+    return OpenParts(fdp, 1);
+}
+
+rctype create(DA_FDP* fdp, DA_FDSTR* fstr) {
+    DA_FDB* fdb = fdp->fdb;
+    int fibsize = fstr->fibsize > 0 ? static_cast<int>(roundpage(fstr->fibsize)) : GetFibSize(fdp, fstr);
+    auto* fib = static_cast<DA_FIB*>(fdalloc(fibsize));
+    if (!fib) return DA_NOMEM;
+    fdb->fib = fib;
+    fdb->fibsize = fibsize;
+    fib->ds_rv_wr.dsrvver[0] = 0;
+    fib->ds_rv_wr.dsrvver[1] = 1;
+    fib->ds_rv_wr.dsrvlen[0] = 0;
+    fib->ds_rv_wr.dsrvlen[1] = 0x80;
+    memcpy(reinterpret_cast<char*>(fib) + 8, fstr->ds_rv_wr, 120);
+    fib->version = (fdp->flags & DA_FDOLDFMT) ? DA_FIBVERSION_OLD : DA_FIBVERSION;
+    fib->length = DA_FIBLEN;
+    fib->revision = (fdp->flags & DA_FDINDIRECT) && fdp->mdfd->fdb->fib ? fdp->mdfd->fdb->fib->revision : 1;
+    if (fib->revision < 1) fib->revision = 1;
+    fdb->revision = fib->revision;
+    fib->pdesize = fibsize - DA_FIBLEN;
+    fib->creflags = fdp->flags;
+    fib->namelen = fstr->namelen;
+    fib->freesegoff = -1;
+    fib->modtime = static_cast<int32_t>(time(nullptr));
+    fdb->filesize = 0;
+    rctype rc = dafnewp(fdp, 0, 0);
+    if (rc < 0) return rc;
+    if (fdp->flags & DA_FDINDIRECT) {
+        DA_FDP* m = fdp->mdfd;
+        da_off_t off = -1;
+        rc = m->fd.fdwrite(&m->fd, fib, fibsize, &off);
+        if (rc < 0) return rc;
+        fdb->fiboff = fdb->curfiboff = off;
+        fstr->fiboff = off;
+        fdp->fd.baseoff = 0;
+        return 0;
+    }
+    // BootFIB: the FIB is the first data of the file; a full path moves it on.
+    for (;;) {
+        fdb->filesize = fibsize;
+        fdb->pcbs[0].maxoffset = fibsize - 1;
+        rc = dawrfibp(fdp);
+        if (rc != DA_NOSPACE) break;
+        fdb->filesize = 0;
+        dadelfp(fdp, 0, 0);
+        if (fdp->flags & DA_FDFORCE1ST) return rc;
+        rc = dafnewp(fdp, 0, 2);
+        if (rc < 0) return rc;
+    }
+    if (rc < 0) return rc;
+    fdp->fd.baseoff = fibsize;
+    return 0;
+}
+
+}  // namespace
+
+void dafdsmt(DA_FDP* fdp);
+
+rctype dafdopn(DA_FDSTR* fstr, DA_FD** fdout) {
+    daioini();
+    *fdout = nullptr;
+    int flags = fstr->flags;
+    if (!(flags & (DA_FDINDIRECT | DA_FDDIRECT))) flags |= DA_FDDIRECT;
+    if ((flags & DA_FDINDIRECT) && (!fstr->mdfd || !(fdpof(fstr->mdfd)->flags & DA_FDDIRECT))) return DA_BADARG;
+    if (!fstr->name || fstr->namelen <= 0 || fstr->numpath <= 0 || !fstr->paths) return DA_BADARG;
+    if ((flags & DA_FDWRITE) && (flags & DA_FDRDONLY)) return DA_BADARG;
+    if (flags & DA_FDCREATE) flags = (flags & ~DA_FDRDONLY) | DA_FDWRITE;
+    if (!(flags & DA_FDWRITE)) flags |= DA_FDRDONLY;
+
+    auto* fdp = static_cast<DA_FDP*>(fdalloc(sizeof(DA_FDP)));
+    if (!fdp) return DA_NOMEM;
+    fdp->flags = flags;
+    fdp->perms = fstr->perms < 0 ? 16 : fstr->perms;
+    if (fdp->perms == 16) fdp->perms = 0666;  // the default: what the umask allows
+    fdp->minfree = fstr->minfree < 0 ? 8192 : fstr->minfree;
+    fdp->maxpar = fstr->maxpar;
+    if ((flags & DA_FDPARTSIZE) && fdp->maxpar > 0 && fdp->maxpar < daiogcb.minpartsize)
+        fdp->maxpar = daiogcb.minpartsize;
+    fdp->firstplace = fstr->firstplace;
+    fdp->opmode = (flags & DA_FDWRITE) ? O_RDWR : O_RDONLY;
+    fdp->numpath = fstr->numpath;
+    fdp->paths = static_cast<char**>(fdalloc(static_cast<long>(fstr->numpath) * sizeof(char*)));
+    if (!fdp->paths) {
+        fdfree(fdp, sizeof(DA_FDP));
+        return DA_NOMEM;
+    }
+    for (int i = 0; i < fstr->numpath; ++i) {
+        fdp->paths[i] = fdstrdup(fstr->paths[i]);
+        if (!fdp->paths[i]) {
+            freefdp(fdp);
+            return DA_NOMEM;
+        }
+    }
+    if (!fstr->mdfd) {
+        fdp->flags |= DA_FDOWNFIB;
+        fdp->mdfd = fdp;
+        mkmpid(fdp->paths[0], fdp->fuid, sizeof fdp->fuid);
+    } else {
+        fdp->mdfd = fdpof(fstr->mdfd);
+        snprintf(fdp->fuid, sizeof fdp->fuid, "%s", fdp->mdfd->fuid);
+    }
+    flags = fdp->flags;
+
+    // The key of a shared block: the first partition's path, or the FIB's place in the MDF.
+    char key[4096];
+    {
+        char nm[1024];
+        snprintf(nm, sizeof nm, "%.*s", fstr->namelen, fstr->name);
+        if (flags & DA_FDINDIRECT)
+            snprintf(key, sizeof key, "%s@%lld:%s", fdp->mdfd->fdb->fullname, static_cast<long long>(fstr->fiboff), nm);
+        else {
+            char pn[1100];
+            snprintf(pn, sizeof pn, "%s.0.0.0.%s", nm, suffixof(flags));
+            dafulln(fdp->paths[0], pn, key, sizeof key);
+        }
+    }
+    bool shared = (flags & DA_FDSHARED) && !(flags & DA_FDCREATE);
+    if (flags & DA_FDSHARED) fdblock();
+    if (shared) {
+        for (DA_FDB* b = daiogcb.fdbList; b; b = b->next) {
+            if (strcmp(b->fullname, key) != 0 || (b->state & DA_FDSLOST)) continue;
+            b->refcount++;
+            fdp->fdb = b;
+            rctype rc = 0;
+            if ((flags & DA_FDWRITE) && b->opmode == O_RDONLY) rc = dareopenp(fdp, flags);
+            if (rc < 0) {
+                b->refcount--;
+                fdbunlock();
+                freefdp(fdp);
+                return rc;
+            }
+            fdbunlock();
+            dafdsmt(fdp);
+            memcpy(fstr->ds_rv_wr, b->reqvec, 24);
+            *fdout = &fdp->fd;
+            return 0;
+        }
+    }
+    auto* fdb = static_cast<DA_FDB*>(fdalloc(sizeof(DA_FDB)));
+    rctype rc = fdb ? 0 : DA_NOMEM;
+    if (fdb) {
+        fdp->fdb = fdb;
+        fdb->refcount = 1;
+        fdb->flags = flags;
+        fdb->opmode = fdp->opmode;
+        fdb->fiboff = fdb->curfiboff = fstr->fiboff;
+        fdb->name = static_cast<char*>(fdalloc(fstr->namelen + 1));
+        fdb->fullname = fdstrdup(key);
+        if (!fdb->name || !fdb->fullname) rc = DA_NOMEM;
+        else {
+            memcpy(fdb->name, fstr->name, fstr->namelen);
+            fdb->fullname_l = static_cast<int>(strlen(key));
+        }
+    }
+    if (rc == 0) {
+        if (flags & DA_FDCREATE) {
+            rc = create(fdp, fstr);
+            if (rc < 0 && fdb->numpcb > 0) {
+                // Take back what a failed create left behind.
+                while (fdb->numpcb > 0) dadelfp(fdp, fdb->numpcb - 1, 0);
+            }
+        } else if (flags & DA_FDINDIRECT) {
+            rc = loadfib(fdp, "dalfibi");
+            if (rc == 0) rc = OpenParts(fdp, 0);
+        } else {
+            rc = ownfibopen(fdp);
+        }
+    }
+    if (rc < 0) {
+        if (flags & DA_FDSHARED) fdbunlock();
+        freefdb(fdb);
+        freefdp(fdp);
+        return rc;
+    }
+    fdp->fd.baseoff = (flags & DA_FDINDIRECT) ? 0 : fdb->fibsize;
+    memcpy(fdb->reqvec, reinterpret_cast<char*>(fdb->fib) + 8, 24);
+    fdb->modtime = fdb->fib->modtime;
+    fdb->stampstripes = fdb->fib->numstripes;
+    fdb->stampvalid = 1;
+    if (flags & DA_FDSHARED) {
+        fdb->next = daiogcb.fdbList;
+        daiogcb.fdbList = fdb;
+        fdbunlock();
+    }
+    dafdsmt(fdp);
+    memcpy(fstr->ds_rv_wr, fdb->reqvec, 24);
+    *fdout = &fdp->fd;
+    if (flags & DA_FDCHKREV) {
+        rc = fdp->fd.fdcheckrev(&fdp->fd, 0, -1, nullptr);
+        if (rc != 0) return rc;
+    }
+    return 0;
+}
+
+rctype dafdexi(DA_FDSTR* fstr, char* fullpath, int fulllen) {
+    daioini();
+    if (!fstr->name || fstr->namelen <= 0 || fstr->numpath <= 0) return DA_BADARG;
+    int flags = fstr->flags;
+    char nm[1100], full[4096];
+    if (flags & DA_FDINDIRECT) {
+        // The first partition of an indirect file is named in its FIB.
+        DA_FDSTR s = *fstr;
+        s.flags = (flags & ~(DA_FDCREATE | DA_FDWRITE | DA_FDSHARED | DA_FDCHKREV)) | DA_FDRDONLY;
+        DA_FD* fd = nullptr;
+        rctype rc = dafdopn(&s, &fd);
+        if (rc < 0) return rc;
+        rc = dafdpfull(fdpof(fd), 0, full, sizeof full);
+        fd->fdclose(fd);
+        if (rc < 0) return rc;
+    } else {
+        snprintf(nm, sizeof nm, "%.*s.0.0.0.%s", fstr->namelen, fstr->name, suffixof(flags));
+        rctype rc = dafulln(fstr->paths[0], nm, full, sizeof full);
+        if (rc < 0) return rc;
+    }
+    if (fullpath && fulllen > 0) snprintf(fullpath, fulllen, "%s", full);
+    struct stat st;
+    return dastatf(full, &st);
+}
+
+// ---------------------------------------------------------------- close, delete, rename, revision
+
+namespace {
+
+rctype dafddel(DA_FD* fd, da_off_t) {
+    DA_FDP* fdp = fdpof(fd);
+    DA_FDB* fdb = fdp->fdb;
+    rctype first = 0;
+    for (int i = fdb->fib->numpde - 1; i >= 0; --i) {
+        char full[4096];
+        if (dafdpfull(fdp, i, full, sizeof full) < 0) continue;
+        if (i < fdb->numpcb) closepart(&fdb->pcbs[i]);
+        if (_UIODT->unlink(full) < 0 && errno != ENOENT) {
+            hsprint("dafddel: Unable to delete file %s: Reason=%s\n", full, strerror(errno));
+            if (!first) first = daerrno(errno);
+        }
+    }
+    fdb->numpcb = 0;
+    fdb->filesize = 0;
+    fdb->state |= DA_FDSLOST;
+    return first;
+}
+
+rctype dafdclo(DA_FD* fd) {
+    DA_FDP* fdp = fdpof(fd);
+    DA_FDB* fdb = fdp->fdb;
+    rctype rc = 0;
+    if (fdp->syncmode) {
+        DA_FDSCB scb = {0, 1};
+        dafdcntl(fd, DA_FDUNSYNC, &scb);
+    }
+    if (fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK)) {
+        DA_FDROB rob = {0, 0};
+        dafdcntl(fd, DA_FDUNLOCK, &rob);
+    }
+    bool shared = fdb->flags & DA_FDSHARED;
+    if (shared) fdblock();
+    if (--fdb->refcount == 0) {
+        if (shared) {
+            for (DA_FDB** pp = &daiogcb.fdbList; *pp; pp = &(*pp)->next)
+                if (*pp == fdb) {
+                    *pp = fdb->next;
+                    break;
+                }
+        }
+        if ((fdp->flags & DA_FDDELCLOSE) && !(fdb->state & DA_FDSLOST)) {
+            rc = dafddel(fd, -1);
+            if (rc < 0) hsprint("dafdclo: Delete on close failed: %s\n", fdb->name);
+        }
+        freefdb(fdb);
+    }
+    if (shared) fdbunlock();
+    freefdp(fdp);
+    return rc;
+}
+
+// Renames every partition to a new base name and rewrites the directory.
+rctype dafdren(DA_FD* fd, da_off_t, const char* newname, int newlen) {
+    DA_FDP* fdp = fdpof(fd);
+    DA_FDB* fdb = fdp->fdb;
+    if (!newname || newlen <= 0) return DA_BADARG;
+    char* nn = static_cast<char*>(fdalloc(newlen + 1));
+    if (!nn) return DA_NOMEM;
+    memcpy(nn, newname, newlen);
+    char* oldname = fdb->name;
+    int n = fdb->fib->numpde;
+    char (*fulls)[4096] = new (std::nothrow) char[n > 0 ? n : 1][4096];
+    if (!fulls) {
+        fdfree(nn, newlen + 1);
+        return DA_NOMEM;
+    }
+    rctype first = 0;
+    for (int i = 0; i < n; ++i) {
+        char old[4096];
+        dafdpfull(fdp, i, old, sizeof old);
+        strcpy(fulls[i], old);
+        const char* slash = strrchr(old, '/');
+        size_t dl = slash ? static_cast<size_t>(slash - old) + 1 : 0;
+        size_t bl = strlen(oldname);
+        if (strncmp(old + dl, oldname, bl) != 0 || old[dl + bl] != '.') continue;
+        char nw[4096];
+        snprintf(nw, sizeof nw, "%.*s%s%s", static_cast<int>(dl), old, nn, old + dl + bl);
+        if (_UIODT->rename(old, nw) < 0) {
+            hsprint("dafdren: Error renaming %s to %s: Reason=%s\n", old, nw, strerror(errno));
+            if (!first) first = daerrno(errno);
+            continue;
+        }
+        strcpy(fulls[i], nw);
+    }
+    DA_FIB* fib = fdb->fib;
+    fib->numpde = fib->topused = fib->botused = 0;
+    memset(reinterpret_cast<char*>(fib) + DA_FIBLEN, 0, fdb->fibsize - DA_FIBLEN);
+    for (int i = 0; i < n; ++i) daalpde(fdp, fulls[i]);
+    delete[] fulls;
+    fdb->name = nn;
+    fdstrfree(oldname);
+    fdb->fib->namelen = newlen;
+    rctype rc = dawrfibp(fdp);
+    return first ? first : rc;
+}
+
+// Next revision: every partition but an MDF's first takes the new number.
+rctype dafdrev(DA_FD* fd, da_off_t) {
+    DA_FDP* fdp = fdpof(fd);
+    DA_FDB* fdb = fdp->fdb;
+    int nrev = (fdb->fib->revision + 1) % 10000;
+    if (nrev == 0) nrev = 1;
+    int n = fdb->fib->numpde;
+    char (*fulls)[4096] = new (std::nothrow) char[n > 0 ? n : 1][4096];
+    if (!fulls) return DA_NOMEM;
+    for (int i = 0; i < n; ++i) {
+        char old[4096];
+        dafdpfull(fdp, i, old, sizeof old);
+        strcpy(fulls[i], old);
+        if (i == 0 && (fdp->flags & DA_FDOWNFIB)) continue;
+        // Cut "<rev>.<suffix>" off the tail and put the new number in.
+        char* dot2 = strrchr(old, '.');
+        if (!dot2) continue;
+        *dot2 = 0;
+        char* dot1 = strrchr(old, '.');
+        *dot2 = '.';
+        if (!dot1) continue;
+        char nw[4096];
+        snprintf(nw, sizeof nw, "%.*s.%d%s", static_cast<int>(dot1 - old), old, nrev, dot2);
+        if (_UIODT->rename(old, nw) < 0) {
+            hsprint("dafdrev: Error revising %s to %s: Reason=%s\n", old, nw, strerror(errno));
+            continue;
+        }
+        strcpy(fulls[i], nw);
+    }
+    DA_FIB* fib = fdb->fib;
+    fib->numpde = fib->topused = fib->botused = 0;
+    memset(reinterpret_cast<char*>(fib) + DA_FIBLEN, 0, fdb->fibsize - DA_FIBLEN);
+    for (int i = 0; i < n; ++i) daalpde(fdp, fulls[i]);
+    delete[] fulls;
+    fdb->fib->revision = nrev;
+    fdb->revision = nrev;
+    fd->revision = nrev;
+    return dawrfibp(fdp);
+}
+
+rctype dafdckrev(DA_FD* fd, int flags, da_off_t, da_off_t* fsize) {
+    DA_FDP* fdp = fdpof(fd);
+    DA_FDB* fdb = fdp->fdb;
+    rctype rc = 0;
+    da_off_t total = 0;
+    char tail[64];
+    snprintf(tail, sizeof tail, ".%d.%s", fdb->fib->revision, suffixof(fdp->flags));
+    for (int i = 0; i < fdb->fib->numpde; ++i) {
+        char full[4096];
+        if (dafdpfull(fdp, i, full, sizeof full) < 0) return DA_INTERNAL;
+        if (!(i == 0 && (fdp->flags & DA_FDOWNFIB))) {
+            size_t fl = strlen(full), tl = strlen(tail);
+            if (fl < tl || strcmp(full + fl - tl, tail) != 0) rc = DA_REVDIFF;
+        }
+        if (flags & 1) {
+            struct stat st;
+            if (dastatf(full, &st) < 0) {
+                hsprint("dafdckrev: Partition missing %s\n", full);
+                rc = DA_PARTMISS;
+            } else {
+                total += st.st_size;
+            }
+        }
+    }
+    if (fsize) *fsize = total;
+    return rc;
+}
+
+rctype dafdstat(DA_FD* fd, struct stat* st) {
+    DA_FDP* fdp = fdpof(fd);
+    DA_FDB* fdb = fdp->fdb;
+    if (fdb->numpcb < 1 || _UIODT->fstat(fdb->pcbs[0].pfd, st) < 0) return DA_SYSERR;
+    st->st_size = fdb->filesize;
+    return 0;
+}
+
+rctype dafdpstat(DA_FD* fd, int pno, DA_FDPSTAT* ps) {
+    DA_FDP* fdp = fdpof(fd);
+    DA_FDB* fdb = fdp->fdb;
+    if (pno < 0 || pno >= fdb->numpcb) return DA_BADARG;
+    ps->minoffset = fdb->pcbs[pno].minoffset;
+    ps->maxoffset = fdb->pcbs[pno].maxoffset;
+    ps->pdi = fdb->pcbs[pno].pdi;
+    ps->flags = fdb->pcbs[pno].flags;
+    return dafdpfull(fdp, pno, ps->name, sizeof ps->name);
+}
+
+rctype dafdnofree(DA_FD*, da_off_t, da_off_t) { return 0; }
+
+rctype danovalw(DA_FD*, const void*, long, da_off_t*) { return DA_ACCESS; }
+rctype danovalt(DA_FD*, da_off_t) { return DA_ACCESS; }
+rctype danovalf(DA_FD*, da_off_t, da_off_t) { return DA_ACCESS; }
+rctype danovalr(DA_FD*, da_off_t, const char*, int) { return DA_ACCESS; }
+
+}  // namespace
+
+// Methods by access mode; one-partition read-only files skip the partition search.
+void dafdsmt(DA_FDP* fdp) {
+    DA_FD* fd = &fdp->fd;
+    DA_FDB* fdb = fdp->fdb;
+    fd->fdclose = dafdclo;
+    fd->fdstat = dafdstat;
+    fd->fdmmap = dammapp;
+    fd->fdunmap = daunmap;
+    fd->fdcntl = dafdcntl;
+    fd->fdpstat = dafdpstat;
+    fd->fdcheckrev = dafdckrev;
+    fd->fddelete = dafddel;
+    if (fdb->opmode == O_RDONLY || !(fdp->flags & DA_FDWRITE)) {
+        fd->fdwrite = danovalw;
+        fd->fdtrunc = danovalt;
+        fd->fdfree = danovalf;
+        fd->fdrename = danovalr;
+        fd->fdrevise = danovalt;
+        fd->fdread = fdb->numpcb == 1 ? daread1 : dareadp;
+    } else {
+        fd->fdwrite = dawritp;
+        fd->fdtrunc = datrncp;
+        fd->fdfree = dafdnofree;
+        fd->fdrename = dafdren;
+        fd->fdrevise = dafdrev;
+        fd->fdread = dareadp;
+    }
+    fd->filesize = &fdb->filesize;
+    fd->revision = fdb->revision;
+    fd->p_req_vec = fdb->reqvec;
+    fd->baseoff = (fdp->flags & DA_FDINDIRECT) ? 0 : fdb->fibsize;
+}
+
+rctype dagetfibparms(DA_FD* fd, int* modtime, int* numstripes) {
+    DA_FDB* fdb = fdpof(fd)->fdb;
+    if (modtime) *modtime = fdb->fib->modtime;
+    if (numstripes) *numstripes = fdb->fib->numstripes;
+    return 0;
+}
+
+}  // namespace vrta

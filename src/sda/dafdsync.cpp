@@ -1,0 +1,319 @@
+// The FIB lock region and change stamp: how processes that share a file see
+// each other's growth. Also the control commands of a logical file.
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+#include "sda/dafdp.h"
+#include "hs/hs.h"
+
+namespace vrta {
+
+// Where the lock region of the FIB stands: descriptor and physical offset.
+rctype dafibloc(DA_FDP* fdp, int* pfd, da_off_t* poff) {
+    DA_FDB* fdb = fdp->fdb;
+    if (!(fdp->flags & DA_FDINDIRECT)) {
+        if (fdb->numpcb < 1) return DA_STATELOST;
+        *pfd = fdb->pcbs[0].pfd;
+        *poff = DA_FIBLOCKOFF;
+        return 0;
+    }
+    DA_FDP* m = fdp->mdfd;
+    int pno;
+    if (dao2pcb(m, fdb->fiboff, &pno) != 0) return DA_INTERNAL;
+    const DA_PCB* p = &m->fdb->pcbs[pno];
+    *pfd = p->pfd;
+    *poff = fdb->fiboff - p->minoffset + DA_FIBLOCKOFF;
+    return 0;
+}
+
+namespace {
+
+rctype lockregion(DA_FDP* fdp, int mode, int timeout, bool wait) {
+    int pfd;
+    da_off_t poff;
+    rctype rc = dafibloc(fdp, &pfd, &poff);
+    if (rc < 0) return rc;
+    if (mode == 0) return daunlockr(pfd, poff, FIBLOCKLEN);
+    if (wait) {
+        struct flock flk;
+        memset(&flk, 0, sizeof flk);
+        flk.l_type = (mode == DA_FDWRLOCK) ? F_WRLCK : F_RDLCK;
+        flk.l_whence = SEEK_SET;
+        flk.l_start = poff;
+        flk.l_len = FIBLOCKLEN;
+        return dafcntl(pfd, &flk, timeout);
+    }
+    return dalockr(pfd, mode == DA_FDWRLOCK ? 32 : 16, poff, FIBLOCKLEN);
+}
+
+// The process-wide lock that the counts call for.
+int wanted(const DA_FDB* fdb) {
+    if (fdb->nwrlocks > 0) return DA_FDWRLOCK;
+    if (fdb->nrdlocks > 0) return DA_FDRDLOCK;
+    return 0;
+}
+
+}  // namespace
+
+// Takes (flags DA_FDRDLOCK or DA_FDWRLOCK) or releases (0) this opener's hold
+// on the FIB region. The counts span all openers of a shared block; the lock
+// itself changes only on a first read, first write or last release.
+rctype darelockp(DA_FDP* fdp, int flags, pid_t) {
+    DA_FDB* fdb = fdp->fdb;
+    int had = fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK);
+    int nrd = fdb->nrdlocks, nwr = fdb->nwrlocks;
+    int before = wanted(fdb);
+    if (had == DA_FDRDLOCK) fdb->nrdlocks--;
+    if (had == DA_FDWRLOCK) fdb->nwrlocks--;
+    if (flags & DA_FDWRLOCK) fdb->nwrlocks++;
+    else if (flags & DA_FDRDLOCK) fdb->nrdlocks++;
+    int after = wanted(fdb);
+    if (after != before) {
+        rctype rc = lockregion(fdp, after, 0, (flags & 0x800) != 0);
+        if (rc < 0) {
+            fdb->nrdlocks = nrd;
+            fdb->nwrlocks = nwr;
+            if (before && lockregion(fdp, before, 0, false) < 0) {
+                fdb->state |= DA_FDSLOST;
+                return DA_STATELOST;
+            }
+            return rc;
+        }
+    }
+    fdb->lckmode = after;
+    fdp->flags = (fdp->flags & ~(DA_FDRDLOCK | DA_FDWRLOCK)) | (flags & (DA_FDRDLOCK | DA_FDWRLOCK));
+    return 0;
+}
+
+namespace {
+
+// Brings the partition list and sizes up to what the FIB and the files say.
+rctype refresh(DA_FDP* fdp, const DA_FIB* head) {
+    DA_FDB* fdb = fdp->fdb;
+    if (head->numpde != fdb->fib->numpde || head->pdesize != fdb->fib->pdesize) {
+        int oldn = fdb->numpcb;
+        DA_FIB* keep = fdb->fib;
+        int keepsize = fdb->fibsize;
+        fdb->fib = nullptr;
+        // Reload the directory; partitions gone are closed, new ones opened.
+        rctype rc = dafdreload(fdp);
+        if (rc < 0) {
+            fdb->fib = keep;
+            fdb->fibsize = keepsize;
+            return rc;
+        }
+        fdfree(keep, keepsize);
+        int n = fdb->fib->numpde;
+        for (int i = n; i < oldn; ++i) {
+            if (fdb->pcbs[i].pfd >= 0) daclosf(fdb->pcbs[i].pfd);
+            if (fdb->pcbs[i].dfd >= 0) daclosf(fdb->pcbs[i].dfd);
+            fdb->pcbs[i].pfd = fdb->pcbs[i].dfd = -1;
+        }
+        if (n < oldn) fdb->numpcb = n;
+        if (fdp->curpcb >= fdb->numpcb) fdp->curpcb = 0;
+        if (n > fdb->numpcb) {
+            rc = OpenParts(fdp, fdb->numpcb);
+            if (rc < 0) {
+                fdb->state |= DA_FDSLOST;
+                return rc;
+            }
+        }
+        fdp->fd.fdread = (fdp->fd.fdread == daread1) ? dareadp : fdp->fd.fdread;
+    } else {
+        // Same directory: take over the header fields only.
+        memcpy(fdb->fib, head, DA_FIBLOCKOFF);
+    }
+    RecalcSizes(fdp);
+    if (fdb->fib->revision != fdb->revision) fdb->state |= DA_FDSREVISED;
+    return 0;
+}
+
+rctype SyncFIB(DA_FDP* fdp, int smode, int timeout) {
+    DA_FDB* fdb = fdp->fdb;
+    if (fdp->syncmode == smode) return 0;
+    if (fdp->syncmode != 0) {
+        hsprint("SyncFIB: mode %d asked while in mode %d: file=%s\n", smode, fdp->syncmode, fdb->name);
+        return DA_INTERNAL;
+    }
+    if (fdb->state & DA_FDSLOST) return DA_STATELOST;
+    int held = fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK);
+    bool locked = false;
+    if (!held || (smode == DA_FDSYNCWR && held != DA_FDWRLOCK)) {
+        rctype rc = lockregion(fdp, smode == DA_FDSYNCRD ? DA_FDRDLOCK : DA_FDWRLOCK, timeout, true);
+        if (rc < 0) return rc;
+        locked = true;
+    }
+    DA_FIB head;
+    da_off_t where = 0;
+    rctype rc = dardfibhead(fdp, &head, &where);
+    if (rc == 0 && !(fdb->stampvalid && head.modtime == fdb->modtime && head.numstripes == fdb->stampstripes)) {
+        rc = refresh(fdp, &head);
+        if (rc == 0) {
+            fdb->modtime = head.modtime;
+            fdb->stampstripes = head.numstripes;
+            fdb->stampvalid = 1;
+            fdb->state |= DA_FDSCHANGED;
+        }
+    }
+    if (rc < 0) {
+        if (locked) lockregion(fdp, held ? held : 0, 0, false);
+        return rc;
+    }
+    fdp->syncmode = smode;
+    if (locked) fdb->lckmode = smode == DA_FDSYNCRD ? DA_FDRDLOCK : DA_FDWRLOCK;
+    return 0;
+}
+
+// Ends a sync. In write mode, and unless aborting, stamps and writes the FIB
+// head: this is the commit of a shared update.
+rctype UnlockFIB(DA_FDP* fdp, bool abort) {
+    DA_FDB* fdb = fdp->fdb;
+    rctype rc = 0;
+    if (!abort && fdp->syncmode == DA_FDSYNCWR) {
+        DA_FIB* fib = fdb->fib;
+        int32_t now = static_cast<int32_t>(time(nullptr));
+        if (now == fib->modtime) fib->numstripes++;
+        else {
+            fib->modtime = now;
+            fib->numstripes = 0;
+        }
+        fib->filesize = fdb->filesize;
+        if (fdp->flags & DA_FDINDIRECT) {
+            DA_FDP* m = fdp->mdfd;
+            da_off_t off = fdb->curfiboff;
+            rc = m->fd.fdwrite(&m->fd, fib, DA_FIBLEN, &off);
+        } else {
+            ssize_t n;
+            do {
+                n = _UIODT->pwrite(fdb->pcbs[0].pfd, fib, DA_FIBDIRECTLEN, 0);
+            } while (n < 0 && errno == EINTR);
+            if (n != DA_FIBDIRECTLEN) rc = DA_WRITEFAIL;
+        }
+        if (rc < 0) {
+            hsprint("UnlockFIB: FIB write failed: file=%s Reason=%s\n", fdb->name, hsstrer(rc));
+            rc = DA_WRITEFAIL;
+        } else {
+            fdb->modtime = fib->modtime;
+            fdb->stampstripes = fib->numstripes;
+            fdb->stampvalid = 1;
+        }
+    }
+    int held = fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK);
+    rctype lrc = 0;
+    if (fdp->syncmode) lrc = lockregion(fdp, held ? wanted(fdb) : 0, 0, false);
+    fdb->lckmode = held ? wanted(fdb) : 0;
+    fdp->syncmode = 0;
+    return rc ? rc : lrc;
+}
+
+rctype UpdateRev(DA_FDP* fdp) {
+    DA_FDB* fdb = fdp->fdb;
+    if (!(fdb->state & DA_FDSREVISED)) return 0;
+    DA_FIB head;
+    da_off_t where;
+    rctype rc = dardfibhead(fdp, &head, &where);
+    if (rc < 0) return rc;
+    fdb->revision = head.revision;
+    fdb->fib->revision = head.revision;
+    fdp->fd.revision = head.revision;
+    fdb->state &= ~DA_FDSREVISED;
+    return 0;
+}
+
+}  // namespace
+
+// A read-only block becomes writable: every partition reopened in the new
+// mode, the lock taken again; on failure all go back to the old mode.
+rctype dareopenp(DA_FDP* fdp, int newflags) {
+    DA_FDB* fdb = fdp->fdb;
+    int newmode = (newflags & DA_FDWRITE) ? O_RDWR : O_RDONLY;
+    if (newmode == fdb->opmode) return 0;
+    int held = fdb->lckmode;
+    auto reopenall = [&](int mode) -> rctype {
+        for (int i = 0; i < fdb->numpcb; ++i) {
+            char full[4096];
+            rctype rc = dafdpfull(fdp, i, full, sizeof full);
+            int nfd = -1;
+            if (rc == 0) rc = daopenf(full, mode == O_RDONLY ? 2 : 1, 0, &nfd);
+            if (rc < 0) return rc;
+            daclosf(fdb->pcbs[i].pfd);
+            fdb->pcbs[i].pfd = nfd;
+        }
+        return 0;
+    };
+    int oldmode = fdb->opmode;
+    rctype rc = reopenall(newmode);
+    if (rc == 0) fdb->opmode = newmode;
+    else if (reopenall(oldmode) < 0) {
+        fdb->state |= DA_FDSLOST;
+        return DA_STATELOST;
+    }
+    // Closing a descriptor dropped our record locks on that file.
+    if (held && lockregion(fdp, held, 0, false) < 0) {
+        fdb->state |= DA_FDSLOST;
+        return DA_STATELOST;
+    }
+    if (rc == 0) {
+        fdp->opmode = newmode;
+        dafdsmt(fdp);
+    }
+    return rc;
+}
+
+rctype dafdcntl(DA_FD* fd, int cmd, void* arg) {
+    DA_FDP* fdp = fdpof(fd);
+    DA_FDB* fdb = fdp->fdb;
+    switch (cmd) {
+    case DA_FDSETSTRIPE:
+    case DA_FDGETSTRIPE:
+        return DA_BADCNTL;
+    case DA_FDLOCKRD:
+    case DA_FDLOCKWR: {
+        auto* rob = static_cast<DA_FDROB*>(arg);
+        int f = (cmd == DA_FDLOCKRD ? DA_FDRDLOCK : DA_FDWRLOCK) | (rob ? (rob->flags & 0x800) : 0);
+        return darelockp(fdp, f, rob ? rob->ownpid : 0);
+    }
+    case DA_FDUNLOCK: {
+        auto* rob = static_cast<DA_FDROB*>(arg);
+        return darelockp(fdp, 0, rob ? rob->ownpid : 0);
+    }
+    case DA_FDSYNCRD:
+    case DA_FDSYNCWR: {
+        auto* scb = static_cast<DA_FDSCB*>(arg);
+        if (cmd == DA_FDSYNCWR && !(fdp->flags & DA_FDWRITE)) return DA_ACCESS;
+        return SyncFIB(fdp, cmd, scb ? scb->timeout : 0);
+    }
+    case DA_FDUNSYNC: {
+        auto* scb = static_cast<DA_FDSCB*>(arg);
+        return UnlockFIB(fdp, scb && (scb->flags & 1));
+    }
+    case DA_FDSYNCFIB: {
+        auto* scb = static_cast<DA_FDSCB*>(arg);
+        if (fdp->syncmode) return DA_INTERNAL;
+        fdb->stampvalid = 0;
+        rctype rc = SyncFIB(fdp, DA_FDSYNCRD, scb ? scb->timeout : 0);
+        if (rc < 0) return rc;
+        return UnlockFIB(fdp, true);
+    }
+    case DA_FDREOPEN: {
+        auto* rob = static_cast<DA_FDROB*>(arg);
+        if (!rob) return DA_BADARG;
+        return dareopenp(fdp, rob->flags);
+    }
+    case DA_FDNEWPART:
+        if (!(fdp->flags & DA_FDWRITE)) return DA_ACCESS;
+        return dafnewp(fdp, 1, 0);
+    case DA_FDGROW:
+        if (!(fdp->flags & DA_FDWRITE)) return DA_ACCESS;
+        if (!arg) return DA_BADARG;
+        return GrowFile(fdp, *static_cast<da_off_t*>(arg));
+    case DA_FDSYNCREV:
+        return UpdateRev(fdp);
+    default:
+        return DA_BADCNTL;
+    }
+}
+
+}  // namespace vrta
