@@ -64,7 +64,7 @@ struct VRGCB {
     int hold;       // 1: xrmksub keeps what is there
 };
 
-rctype xrinit();
+rctype xrinit(VRGCB* vr);
 // count pairs of (const char* ptr, int len). A negative len means strlen.
 rctype xrmksub(int count, ...);
 rctype xrgtsub(const char** ptr, int* len);
@@ -73,6 +73,14 @@ void xrholds(int flag);
 // ---------------------------------------------------------------- xp
 constexpr int XP_OUTLEN = 258;
 constexpr int XP_STACK = 10;
+
+// Destinations of xpdest. XP_DEST_STR is the caller's buffer of xpsstr and
+// friends: nothing is written, text past the buffer is cut.
+constexpr int XP_DEST_LOG = 1;
+constexpr int XP_DEST_PRINT = 2;
+constexpr int XP_DEST_MSG = 3;
+constexpr int XP_DEST_USER = 4;
+constexpr int XP_DEST_STR = 5;
 
 struct LINESTR {
     int linesize;
@@ -117,9 +125,8 @@ struct YPGCBSTR {
     YPTASK task;
     LINESTR* clinestr;           // the line in use
     LINESTR* ulinestr;           // a user line for xpdest(4); may be null
-    LINESTR* slinestr[XP_STACK];
+    LINESTR* slinestr[XP_STACK]; // pushed lines of xpdest(-n)
     int lssp;
-    LINESTR sline[XP_STACK];     // saved copies for xpdest(-n)
     int notes;
     int ps;
     int footnotes;
@@ -131,6 +138,7 @@ struct YPGCBSTR {
     int internal, rinternal;
     int savmaxcol;
     int linesplit;
+    int splitfresh;              // a break just left the new line empty
     char* utilmem;
     XPPMFP pmfp;
     void* pmdata;
@@ -163,5 +171,10 @@ int xpdest(int n);
 void xpsetpm(XPPMFP pmfp, void* pmdata);
 void xpgetpm(XPPMFP* pmfp, void** pmdata);
 void xnlog(int type, const char* buffer, int len);
+
+// Printer internals shared by its source files.
+void xpoutf(LINESTR* ls, int dest);      // write a line (a split part included)
+void xpendline(LINESTR* ls, int dest);   // write it and restore the saved state
+void xpsfi(YPGCBSTR* g, const char* format, int len, va_list* ap);
 
 }  // namespace vrta
