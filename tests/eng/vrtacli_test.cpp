@@ -1,0 +1,82 @@
+// The command-line host's engine, options and rc commands, run as a user runs them.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+struct Result {
+    int status = -1;
+    std::string out;  // stdout and stderr together
+};
+
+Result vrta(const std::string& args, const std::string& env = "") {
+    Result r;
+    std::string cmd = env + " " VRTA_TOOLS_DIR "/vrta " + args + " 2>&1";
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+bool has(const Result& r, const std::string& s) { return r.out.find(s) != std::string::npos; }
+
+}  // namespace
+
+TEST(VrtaCli, EngineLoadsTheModuleAndShowsItsVector) {
+    ASSERT_EQ(access(VRTA_TOOLS_DIR "/vrta", X_OK), 0) << "the vrta tool is not built";
+    Result r = vrta("engine");
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_TRUE(has(r, "engine:  \"KORVRTA \"")) << r.out;
+    EXPECT_TRUE(has(r, "dict_acc      503")) << r.out;
+    EXPECT_TRUE(has(r, "XHENTRY: 121 slots, 105 filled, 16 empty")) << r.out;
+    EXPECT_TRUE(has(r, "HPDENT: 24 slots, 24 filled, 0 empty")) << r.out;
+    EXPECT_TRUE(has(r, "   24  dummy3    empty")) << r.out;
+    EXPECT_FALSE(has(r, "yoeopen")) << "a filled slot listed as empty";
+
+    Result all = vrta("engine --all");
+    EXPECT_TRUE(has(all, "   18  yoeopen   filled")) << all.out;
+    EXPECT_TRUE(has(all, "   23  hperlck   filled")) << all.out;
+
+    // A module that is not there is a clear failure, not a crash.
+    Result bad = vrta("engine", "VRTA_LIB=/nonexistent/libvrta.so");
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_TRUE(has(bad, "vrta: cannot load the module")) << bad.out;
+    EXPECT_EQ(vrta("engine --bogus").status, 2);
+}
+
+TEST(VrtaCli, RcReadsHexAndDecimalAndRefusesWhatDoesNotFit) {
+    Result r = vrta("rc 0x80010014 -2147221503 518", "MSGPATH=" VRTA_SRC_MSGDIR);
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_TRUE(has(r, "0x80010014 (-2147418092) error, group 1, number 20")) << r.out;
+    EXPECT_TRUE(has(r, "not available yet")) << r.out;
+    EXPECT_TRUE(has(r, "0x80040001 (-2147221503) error, group 4, number 1")) << r.out;
+    EXPECT_TRUE(has(r, "0x00000206 (518) warning")) << r.out;
+    for (const char* bad : {"0x1ffffffff", "4294967296", "-2147483649", "12abc", "0x-1", "0x"}) {
+        Result b = vrta(std::string("rc ") + bad);
+        EXPECT_EQ(b.status, 2) << bad;
+        EXPECT_TRUE(has(b, "is not a 32-bit code")) << bad << ": " << b.out;
+    }
+    EXPECT_EQ(vrta("rc").status, 2);
+}
+
+TEST(VrtaCli, OptionsListsAtTheAskedLevel) {
+    Result r = vrta("options --level 2");
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_TRUE(has(r, "Options in effect for level=HIGH")) << r.out;
+    EXPECT_TRUE(has(r, "Option Name       Type     Set By   Value")) << r.out;
+    EXPECT_TRUE(has(vrta("options"), "level=LOW"));
+    for (const char* bad : {"--level", "--level 4", "--level x", "--verbose"})
+        EXPECT_EQ(vrta(std::string("options ") + bad).status, 2) << bad;
+    Result h = vrta("options --help");
+    EXPECT_EQ(h.status, 0);
+    EXPECT_TRUE(has(h, "usage: vrta options [--level N]")) << h.out;
+}
