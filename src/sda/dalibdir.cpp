@@ -230,15 +230,4 @@ rctype dadelet(DA_LIB* lp, const char* name, const char* type) {
     return first;
 }
 
-rctype darenam(DA_LIB* lp, const char* name, const char* type, const char* newname) {
-    (void)lp;
-    (void)name;
-    (void)type;
-    (void)newname;
-    // Renaming must rewrite every FIB's partition directory, which needs the
-    // file layer's rename; until it is wired in, refuse clearly.
-    hsprint("darenam: Rename of %s is not available\n", name ? name : "");
-    return DA_BADARG;
-}
-
 }  // namespace vrta

@@ -1,14 +1,18 @@
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cstring>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "sda/da.h"
 #include "sda/dafd.h"
 #include "sda/danames.h"
+#include "sda/daods.h"
 #include "sda/darc.h"
 #include "testutil.h"
 
@@ -298,5 +302,160 @@ TEST(Library, DeleteRemovesEveryPartitionOfTheMemberAndNothingElse) {
     EXPECT_EQ(0, dadelet(lp, "t", "catalog"));
     EXPECT_FALSE(there(prim + "/t.catalog.0.0.0.vrta9"));
     EXPECT_TRUE(there(prim + "/u.mdf.0.0.0.vrta9"));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+namespace {
+
+rctype ioread(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
+    auto* fd = static_cast<DA_FD*>(ctx);
+    return fd->fdread(fd, buf, size, offset, nread);
+}
+rctype iowrite(void* ctx, const void* buf, long size, da_off_t* off) {
+    auto* fd = static_cast<DA_FD*>(ctx);
+    return fd->fdwrite(fd, buf, size, off);
+}
+
+DA_FD* openfile(const char* name, std::vector<const char*> paths, int flags, DA_FD* mdfd = nullptr,
+                da_off_t* fiboff = nullptr) {
+    DA_FDSTR fs{};
+    fs.name = name;
+    fs.namelen = static_cast<int>(strlen(name));
+    fs.numpath = static_cast<int>(paths.size());
+    fs.paths = paths.data();
+    fs.flags = flags;
+    fs.perms = 0644;
+    fs.minfree = -1;
+    fs.mdfd = mdfd;
+    fs.fiboff = fiboff ? *fiboff : -1;
+    DA_FD* fd = nullptr;
+    rctype rc = dafdopn(&fs, &fd);
+    EXPECT_GE(rc, 0) << name;
+    if (fiboff && rc >= 0) *fiboff = fs.fiboff;
+    return rc < 0 ? nullptr : fd;
+}
+
+std::string pattern(size_t n, int seed) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; i++) s[i] = static_cast<char>((i * 7 + seed) & 0xff);
+    return s;
+}
+
+std::vector<std::string> filesIn(const std::string& dir) {
+    std::vector<std::string> out;
+    DIR* d = opendir(dir.c_str());
+    while (struct dirent* e = d ? readdir(d) : nullptr)
+        if (e->d_name[0] != '.') out.push_back(e->d_name);
+    if (d) closedir(d);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+}  // namespace
+
+TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
+    vrtatest::TempDir tmp;
+    std::string prim = tmp.file("meta"), d1 = tmp.file("d1"), d2 = tmp.file("d2");
+    for (auto& d : {prim, d1, d2}) mkdir(d.c_str(), 0755);
+    std::string dl = "'" + d1 + "' '" + d2 + "'";
+    DA_LIBSTR ls = request(prim);
+    ls.datapaths = dl.c_str();
+    ls.datapaths_l = static_cast<int>(dl.size());
+    DA_LIB* lp = nullptr;
+    ASSERT_GE(dagtlib(&ls, &lp), 0);
+    std::vector<const char*> meta{lp->meta[0].path}, data{lp->data[0].path, lp->data[1].path};
+
+    // A table of a metadata file, a data file of two partitions and one index.
+    DA_FD* mdf = openfile("t.mdf", meta, DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST);
+    ASSERT_NE(nullptr, mdf);
+    DA_ODSIO io{ioread, iowrite, mdf, "t.mdf"};
+    DA_DSFHEAD h;
+    dainitdsfh(&h);
+    da_off_t hoff = mdf->baseoff;
+    ASSERT_GE(dawrods(io, &h, &hoff), 0);
+    da_off_t dfib = -1;
+    DA_FD* dpf = openfile("t.dpf", data, DA_FDCREATE | DA_FDWRITE | DA_FDINDIRECT, mdf, &dfib);
+    ASSERT_NE(nullptr, dpf);
+    std::string rows = pattern(5000, 1) + pattern(3000, 2);
+    da_off_t woff = 0;
+    ASSERT_GE(dpf->fdwrite(dpf, rows.data(), 5000, &woff), 0);
+    ASSERT_GE(dpf->fdcntl(dpf, DA_FDNEWPART, nullptr), 0);
+    woff = 5000;
+    ASSERT_GE(dpf->fdwrite(dpf, rows.data() + 5000, 3000, &woff), 0);
+    dpf->fdclose(dpf);
+    da_off_t ifib = -1;
+    DA_FD* idx = openfile("t.idxk1", meta, DA_FDCREATE | DA_FDWRITE | DA_FDINDIRECT, mdf, &ifib);
+    ASSERT_NE(nullptr, idx);
+    std::string keys = pattern(300, 3);
+    woff = 0;
+    ASSERT_GE(idx->fdwrite(idx, keys.data(), 300, &woff), 0);
+    idx->fdclose(idx);
+    DA_IDXODS ix;
+    memset(&ix, 0, sizeof ix);
+    ix.ods.version = DA_IDXODS_VER;
+    ix.ods.length = sizeof ix;
+    ix.nextOff = -1;
+    ix.idxFibOff = ifib;
+    ix.auxFibOff = -1;
+    ix.hybFibOff = -1;
+    ix.name_l = 2;
+    memcpy(ix.name, "K1", 2);
+    da_off_t ixoff = -1;
+    ASSERT_GE(dawrods(io, &ix, &ixoff), 0);
+    h.links[DA_LNKIDX] = ixoff;
+    h.links[DA_LNKDPFFIB] = dfib;
+    hoff = mdf->baseoff;
+    ASSERT_GE(dawrods(io, &h, &hoff), 0);
+    mdf->fdclose(mdf);
+    size_t nfiles = filesIn(prim).size() + filesIn(d1).size() + filesIn(d2).size();
+    EXPECT_EQ(2u, filesIn(d1).size() + filesIn(d2).size());  // two data partitions
+
+    EXPECT_EQ(DA_NOTFOUND, darenam(lp, "nope", "DATA    ", "other"));
+    EXPECT_EQ(DA_BADARG, darenam(lp, "T", "DATA    ", "a.b"));
+    ASSERT_EQ(0, darenam(lp, "T", "DATA    ", "NewT"));
+    EXPECT_EQ(DA_NOTFOUND, daexist(lp, "t", "DATA    "));
+    EXPECT_EQ(0, daexist(lp, "newt", "DATA    "));
+    size_t after = 0;
+    for (auto& d : {prim, d1, d2})
+        for (auto& f : filesIn(d)) {
+            after++;
+            EXPECT_EQ(0u, f.rfind(f == ".vrtalib11" ? "." : "newt.", 0)) << d << "/" << f;
+        }
+    EXPECT_EQ(nfiles, after);
+
+    // Reopened under the new name, every component reads back what was written.
+    mdf = openfile("newt.mdf", meta, DA_FDWRITE | DA_FDDIRECT);
+    ASSERT_NE(nullptr, mdf);
+    DA_ODSIO io2{ioread, iowrite, mdf, "newt.mdf"};
+    DA_DSFHEAD h2;
+    ASSERT_GE(dardsfh(io2, &h2, mdf->baseoff), 0);
+    da_off_t f2 = h2.links[DA_LNKDPFFIB];
+    dpf = openfile("newt.dpf", data, DA_FDINDIRECT, mdf, &f2);
+    ASSERT_NE(nullptr, dpf);
+    std::string back(8000, '\0');
+    long got = 0;
+    ASSERT_GE(dpf->fdread(dpf, back.data(), 8000, 0, &got), 0);
+    EXPECT_EQ(8000, got);
+    EXPECT_TRUE(back == rows);
+    dpf->fdclose(dpf);
+    da_off_t f3 = ifib;
+    idx = openfile("newt.idxk1", meta, DA_FDINDIRECT, mdf, &f3);
+    ASSERT_NE(nullptr, idx);
+    std::string kb(300, '\0');
+    ASSERT_GE(idx->fdread(idx, kb.data(), 300, 0, &got), 0);
+    EXPECT_TRUE(kb == keys);
+    idx->fdclose(idx);
+    mdf->fdclose(mdf);
+
+    // The new name is taken now; a utility member renames by itself.
+    DA_FD* u = openfile("u.catalog", meta, DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST);
+    ASSERT_NE(nullptr, u);
+    u->fdclose(u);
+    touch(prim + "/v.catalog.0.0.0.vrta9");
+    EXPECT_EQ(DA_EXISTS, darenam(lp, "u", "CATALOG ", "v"));
+    unlink((prim + "/v.catalog.0.0.0.vrta9").c_str());
+    EXPECT_EQ(0, darenam(lp, "u", "CATALOG ", "v"));
+    EXPECT_EQ(0, daexist(lp, "V", "CATALOG "));
+    EXPECT_EQ(DA_NOTFOUND, daexist(lp, "U", "CATALOG "));
     EXPECT_EQ(0, dafrlib(lp));
 }
