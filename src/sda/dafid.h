@@ -174,10 +174,16 @@ struct DA_FID {
     char* constr;
 };
 
+// A list node that knows its opener.
+struct DA_FIDLINK {
+    DA_LINK link;
+    DA_FIDP* fid;
+};
+
 // The private face of an opener.
 struct DA_FIDP : DA_FID {
-    DA_LINK link;             // on the library's fids; first field after the public part
-    DA_LINK fcblink;          // on the FCB's openers
+    DA_FIDLINK link;          // on the library's fids
+    DA_FIDLINK fcblink;       // on the FCB's openers
     int mode;
     void* extension;
     DA_FCB* fcb;
@@ -196,9 +202,7 @@ struct DA_FIDP : DA_FID {
 };
 
 inline DA_FIDP* fidpof(DA_FID* fp) { return static_cast<DA_FIDP*>(fp); }
-inline DA_FIDP* fidpoflink(DA_LINK* l) {
-    return reinterpret_cast<DA_FIDP*>(reinterpret_cast<char*>(l) - offsetof(DA_FIDP, link));
-}
+inline DA_FIDP* fidpoflink(DA_LINK* l) { return reinterpret_cast<DA_FIDLINK*>(l)->fid; }
 
 // The table control block, one per table per library in a process.
 struct DA_FCB {
