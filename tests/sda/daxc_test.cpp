@@ -225,6 +225,10 @@ TEST(ExitManager, LoadsASiteExitAndReportsBrokenOnes) {
     DA_XCB* x = nullptr;
     EXPECT_EQ(daldxcb("LIBXBAD", &x), DA_NOEXIT);
     EXPECT_EQ(daldxcb("NOSUCH", &x), DA_NOEXIT);
+    // A module whose init refuses is loaded but never counted as in use, and
+    // is asked again next time.
+    EXPECT_EQ(daldxcb("LIBXFAIL", &x), DA_NOEXIT);
+    EXPECT_EQ(daldxcb("LIBXFAIL", &x), DA_NOEXIT);
     // A module under another name has none of that name's entries.
     ASSERT_EQ(symlink((exits + "/libxbad.so").c_str(), tmp.file("other.so").c_str()), 0);
     ASSERT_EQ(setenv("VRTA_LIBRARY_PATH", tmp.path().c_str(), 1), 0);
@@ -237,6 +241,10 @@ TEST(ExitManager, LoadsASiteExitAndReportsBrokenOnes) {
     EXPECT_NE(out.find("daxcmgr: Error getting libxbad_unconvert function from " + exits + "/libxbad.so\n"),
               std::string::npos)
         << out;
+    const std::string initfail = "daxcmgr: xc_init failed for LIBXFAIL\n";
+    const size_t first = out.find(initfail);
+    ASSERT_NE(first, std::string::npos) << out;
+    EXPECT_NE(out.find(initfail, first + 1), std::string::npos) << out;
     EXPECT_NE(out.find("daxcmgr: Error loading " + exits + "/nosuch.so: Reason="), std::string::npos) << out;
     EXPECT_NE(out.find("daxcmdr: Error getting other_init function from " + tmp.path() + "/other.so\n"),
               std::string::npos)
