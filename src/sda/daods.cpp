@@ -145,6 +145,15 @@ rctype dawrxoe(const DA_ODSIO& io, const DA_XOEODS* xoe, da_off_t offset) {
     return dawrods(io, xoe, &off);
 }
 
+rctype dawrdsfflags(const DA_ODSIO& io, da_off_t hdroff, int32_t flags) {
+    da_off_t off = hdroff + DA_DSFFLAGOFF;
+    rctype rc = io.write(io.ctx, &flags, sizeof flags, &off);
+    if (rc < 0)
+        hsprint("dawrdsfflags: Write failed: File=%s Offset=%lld Reason=%s\n", ioname(io),
+                static_cast<long long>(off), hsstrer(rc));
+    return rc;
+}
+
 rctype dardsin(const DA_ODSIO& io, DA_SINODS* r, da_off_t offset) {
     rctype rc = readv4(io, "dardsin", r, sizeof *r, offset);
     if (rc < 0) return rc;

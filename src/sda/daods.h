@@ -503,6 +503,9 @@ rctype dawrods(const DA_ODSIO& io, const void* strptr, da_off_t* off);
 rctype dardsfh(const DA_ODSIO& io, DA_DSFHEAD* h, da_off_t offset);
 rctype dardxoe(const DA_ODSIO& io, DA_XOEODS* xoe, da_off_t offset);
 rctype dawrxoe(const DA_ODSIO& io, const DA_XOEODS* xoe, da_off_t offset);
+// Rewrites only the 4 flag bytes of the header at hdroff (a clean close
+// clears bit 0 this way, leaving the links alone).
+rctype dawrdsfflags(const DA_ODSIO& io, da_off_t hdroff, int32_t flags);
 rctype dardsin(const DA_ODSIO& io, DA_SINODS* r, da_off_t offset);
 rctype dardown(const DA_ODSIO& io, DA_OWNODS* r, da_off_t offset);
 rctype dardbkup(const DA_ODSIO& io, DA_BACKUPODS* r, da_off_t offset);

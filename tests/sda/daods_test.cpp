@@ -1,8 +1,11 @@
 #include "sda/daods.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -581,4 +584,60 @@ TEST(Daods, DamagedFilesGiveCodesNotCrashes) {
     EXPECT_EQ(damdfwalk(m.io(), 0, collect, &s, &fk, &fo), DA_BADVERSION);
     EXPECT_EQ(fk, DA_MRXOE);
     EXPECT_EQ(fo, h.links[DA_LNKXOE]);
+}
+
+TEST(Daods, HeaderFlagsRewriteTouchesOnlyTheirBytes) {
+    MemFile m;
+    buildTable(m.io());
+    std::string before = m.data;
+    ASSERT_EQ(dawrdsfflags(m.io(), 4096, 0), 0);
+    ASSERT_EQ(m.data.size(), before.size());
+    for (size_t i = 0; i < before.size(); i++)
+        if (i < 4096 + 16 || i >= 4096 + 20) {
+            ASSERT_EQ(m.data[i], before[i]) << i;
+        }
+    DA_DSFHEAD h{};
+    ASSERT_EQ(dardsfh(m.io(), &h, 4096), 0);
+    EXPECT_EQ(h.flags, 0);
+    EXPECT_EQ(h.korver, 7);
+}
+
+// The inspection command on a whole table, a cut one and a missing one.
+TEST(Daods, MdfCommandPrintsTableAndFailsCleanlyOnDamage) {
+    std::string tool = std::string(VRTA_TOOLS_DIR) + "/vrta";
+    struct stat st;
+    if (::stat(tool.c_str(), &st) != 0) GTEST_SKIP() << "vrta not built";
+    vrtatest::TempDir dir;
+    std::string path = dir.file("t.mdf.0.0.0.vrta9");
+    vrtatest::writeFile(path, "");
+    int fd = ::open(path.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    buildTable(daodspfd(&fd, path.c_str()));
+    ::close(fd);
+    auto run = [&](const std::string& arg, std::string* out) {
+        std::string cmd = tool + " mdf '" + arg + "' 2>&1";
+        FILE* p = ::popen(cmd.c_str(), "r");
+        char buf[4096];
+        size_t n;
+        out->clear();
+        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out->append(buf, n);
+        int status = ::pclose(p);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    std::string out;
+    ASSERT_EQ(run(dir.file("t"), &out), 0) << out;
+    EXPECT_NE(out.find("partition 0: t.mdf.0.0.0.vrta9"), std::string::npos) << out;
+    EXPECT_NE(out.find("numobs 10"), std::string::npos) << out;
+    EXPECT_NE(out.find("partition 0: t.dpf._data_meta.0.1.vrta9"), std::string::npos) << out;
+    EXPECT_NE(out.find("name \"x\" keylen 8"), std::string::npos) << out;
+
+    std::string image = vrtatest::readFile(path);
+    vrtatest::writeFile(dir.file("c.mdf.0.0.0.vrta9"), image.substr(0, 5000));
+    EXPECT_EQ(run(dir.file("c.mdf"), &out), 1);
+    EXPECT_NE(out.find("cannot read DA_XOEODS at offset 4440"), std::string::npos) << out;
+    vrtatest::writeFile(dir.file("z.mdf.0.0.0.vrta9"), std::string(100, 'z'));
+    EXPECT_EQ(run(dir.file("z"), &out), 1);
+    EXPECT_NE(out.find("cannot read FIB"), std::string::npos) << out;
+    EXPECT_EQ(run(dir.file("none"), &out), 1);
+    EXPECT_EQ(run("--help", &out), 0);
 }
