@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "hs/hs.h"
+#include "hs/hsgcb.h"
 #include "ssup/xp.h"
 
 namespace vrta {
@@ -28,7 +29,8 @@ void hsstamp(const char* datefmt) {
     printf("%s(%d) %s- ", date, static_cast<int>(getpid()), gPrintID);
 }
 
-// Per-thread text buffer for codes without a message.
+// Per-thread text buffer for codes without a message, for the time before
+// the runtime's block (and its key) exists.
 thread_local char* errbuf;
 struct ErrBufFree {
     ~ErrBufFree() {
@@ -43,6 +45,8 @@ thread_local ErrBufFree errbuffree;
 void hssetpl(const char* str) {
     if (!str) str = "";
     snprintf(gPrintID, sizeof gPrintID, "%s", str);
+    // The block shared with a host keeps what fits of it.
+    if (HSGCB) snprintf(HSGCB->gPrintID, sizeof HSGCB->gPrintID, "%s", str);
 }
 
 void hsprint(const char* format, ...) {
@@ -87,14 +91,34 @@ rctype hs_trace_error(const char* file, int line, rctype code) {
     return code;
 }
 
-const char* UnknownError(rctype code) {
+static char* hserrbuf() {
+    HS_GCB* h = HSGCB;
+    if (h && h->gBufKey) {
+        void* b = nullptr;
+        thr_getspecific(h->gBufKey, &b);
+        if (!b) {
+            b = malloc(256);
+            if (!b) return nullptr;
+            if (thr_setspecific(h->gBufKey, b) != 0) {
+                free(b);
+                return nullptr;
+            }
+        }
+        return static_cast<char*>(b);
+    }
     if (!errbuf) {
         errbuf = static_cast<char*>(malloc(256));
-        if (!errbuf) return "Unable to format bad RC message";
+        if (!errbuf) return nullptr;
         (void)&errbuffree;  // registers the thread's clean-up
     }
-    snprintf(errbuf, 256, "No error text. Code=%d(0x%X)\n", code, static_cast<unsigned>(code));
     return errbuf;
+}
+
+const char* UnknownError(rctype code) {
+    char* b = hserrbuf();
+    if (!b) return "Unable to format bad RC message";
+    snprintf(b, 256, "No error text. Code=%d(0x%X)\n", code, static_cast<unsigned>(code));
+    return b;
 }
 
 const char* hsstrer(rctype code) {

@@ -73,6 +73,23 @@ TEST_F(HsPrint, UnknownCodesUseOneBufferPerThread) {
     EXPECT_STREQ("No error text. Code=-2147482983(0x80000299)\n", a);  // untouched by the other thread
 }
 
+TEST_F(HsPrint, UnknownCodesUseTheRuntimeKeyOnceItExists) {
+    ASSERT_EQ(0, hsgblinit());
+    const char* a = hsstrer(1);
+    EXPECT_EQ(a, hsstrer(2));
+    EXPECT_STREQ("No error text. Code=2(0x2)\n", a);
+    std::string otherText;
+    const char* other = nullptr;
+    std::thread t([&] {
+        other = hsstrer(3);
+        otherText = other;
+    });
+    t.join();
+    EXPECT_NE(a, other);
+    EXPECT_EQ("No error text. Code=3(0x3)\n", otherText);
+    EXPECT_STREQ("No error text. Code=2(0x2)\n", a);
+}
+
 TEST_F(HsPrint, StampedLines) {
     testing::internal::CaptureStdout();
     hsprint("hello %d\n", 7);
