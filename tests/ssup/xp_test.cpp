@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "ssup/vv.h"
 #include "ssup/xp.h"
 #include "testutil.h"
 
@@ -181,6 +182,20 @@ TEST_F(Printer, PrefixesTypesAndHangingIndent) {
     EXPECT_EQ("    dddd eeee", lines_[1].text);
 }
 
+TEST_F(Printer, CenteringAndLineTypesLastOneLine) {
+    g_->task.llinestr.linesize = 20;
+    xpslog("%ahello");
+    xpslog("%7hx");
+    xpslog("%hy");
+    xpslog("z");
+    ASSERT_EQ(4u, lines_.size());
+    EXPECT_EQ("       hello", lines_[0].text);
+    EXPECT_EQ("x", lines_[1].text);
+    EXPECT_EQ('w', lines_[1].type);
+    EXPECT_EQ('h', lines_[2].type);
+    EXPECT_EQ('d', lines_[3].type);
+}
+
 TEST_F(Printer, SplitMarksAndWordsWithoutBlanks) {
     g_->task.llinestr.linesize = 20;
     xpslog("aaaaaaaaaa%Wbbbbbbbbbbbbbbb");
@@ -339,6 +354,45 @@ TEST_F(Printer, SubstitutionBufferHoldGrowthAndEnd) {
     ASSERT_EQ(0, xrgtsub(&p, &len));
     EXPECT_EQ("abc", std::string(p, len));
     EXPECT_EQ(XR_RC_NOMORE, xrgtsub(&p, &len));
+}
+
+TEST(PrinterThreads, ThreadWithItsOwnStateKeepsSubstitutionsApart) {
+    if (!vvgcbp()->lcbkey) {
+        testing::internal::CaptureStdout();
+        int rc = vvinit();
+        testing::internal::GetCapturedStdout();
+        ASSERT_EQ(0, rc);
+    }
+    YPGCBSTR* mine = xpgcb();
+    ASSERT_EQ(0, xrmksub(1, "main", 4));
+    struct Ctx {
+        YPGCBSTR* g = nullptr;
+        rctype rc = -1;
+    };
+    auto body = [](void* a) -> void* {
+        auto* c = static_cast<Ctx*>(a);
+        c->g = xpgcb();
+        c->rc = xrmksub(1, "child", 5);
+        return nullptr;
+    };
+    Ctx own, shared;
+    thread_t t1, t2;
+    ASSERT_EQ(0, vvcthrl(nullptr, 0, body, &own, 0, &t1, VV_LCB_XP));
+    thr_join(t1, nullptr);
+    EXPECT_EQ(0, own.rc);
+    EXPECT_NE(nullptr, own.g);
+    EXPECT_NE(mine, own.g);
+    const char* p;
+    int len;
+    ASSERT_EQ(0, xrgtsub(&p, &len));
+    EXPECT_EQ("main", std::string(p, len));
+
+    // Without its own state a thread shares the process's.
+    ASSERT_EQ(0, vvcthrl(nullptr, 0, body, &shared, 0, &t2, 0));
+    thr_join(t2, nullptr);
+    EXPECT_EQ(mine, shared.g);
+    ASSERT_EQ(0, xrgtsub(&p, &len));
+    EXPECT_EQ("child", std::string(p, len));
 }
 
 }  // namespace
