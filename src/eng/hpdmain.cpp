@@ -37,24 +37,23 @@ rctype hpdstart(int argc, void** argv) {
         return 1;
     }
 
-    if (argc >= 6)
-        opstgbl(argv[VRTAENG_OPTS]);
-    else
-        opinitgbl();
+    // A slot that argc covers but the host left null is built as if absent.
+    if (argc >= 6) opstgbl(argv[VRTAENG_OPTS]);
+    if (!opgtgbl()) opinitgbl();
     // The host's storage blocks were started by its own copy of the storage
     // layer; ours take their contents. Without them the storage layer starts
     // itself (dainit) at its first use.
     if (argc >= 7 && argv[VRTAENG_DAGCB]) std::memcpy(&dagcb, argv[VRTAENG_DAGCB], sizeof dagcb);
     if (argc >= 8 && argv[VRTAENG_DAIOGCB]) std::memcpy(&daiogcb, argv[VRTAENG_DAIOGCB], sizeof daiogcb);
 
-    if (argc >= 9) {
+    if (argc >= 9 && argv[VRTAENG_HSGCB]) {
         HSGCB = static_cast<HS_GCB*>(argv[VRTAENG_HSGCB]);
     } else if (hsgblinit() != 0) {
         hsprint("Unable to initialize HS subsystem");
         return 1;
     }
 
-    if (argc >= 10)
+    if (argc >= 10 && argv[VRTAENG_YKGCB])
         YKGCB = static_cast<YPMSG_GCB*>(argv[VRTAENG_YKGCB]);
     else
         xkinit();
