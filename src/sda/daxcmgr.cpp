@@ -161,17 +161,21 @@ int dacrych(void* xcthdl, int*, char*) {
     std::free(xcthdl);
     return 0;
 }
+// Page numbers of blocks start at 1; page 0 is the key check. Block
+// 0x7fffffff wraps to a negative page, which is still its own.
+int blockpage(int blockno) { return static_cast<int>(static_cast<uint32_t>(blockno) + 1u); }
+
 int dacrycv(void* xcthdl, int blockno, const char* rawbuf, int rawlen, char* iobuf, int* iolen) {
     const CRYH* h = static_cast<const CRYH*>(xcthdl);
     if (!h || rawlen < 0 || *iolen < rawlen) return -1;
-    if (cryrun(h, h->key, blockno + 1, HS_ENC, rawbuf, iobuf, rawlen) != 0) return -1;
+    if (cryrun(h, h->key, blockpage(blockno), HS_ENC, rawbuf, iobuf, rawlen) != 0) return -1;
     *iolen = rawlen;
     return 0;
 }
 int dacryuc(void* xcthdl, int blockno, const char* iobuf, int iolen, char* rawbuf, int* rawlen) {
     const CRYH* h = static_cast<const CRYH*>(xcthdl);
     if (!h || iolen < 0 || *rawlen < iolen) return -1;
-    if (cryrun(h, h->key, blockno + 1, HS_DEC, iobuf, rawbuf, iolen) != 0) return -1;
+    if (cryrun(h, h->key, blockpage(blockno), HS_DEC, iobuf, rawbuf, iolen) != 0) return -1;
     *rawlen = iolen;
     return 0;
 }

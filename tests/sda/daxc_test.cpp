@@ -146,6 +146,11 @@ TEST(ExitManager, CipherKeyCheckAndBlocks) {
         EXPECT_EQ(b1.size(), raw.size());
         EXPECT_FALSE(b1 == raw);
         EXPECT_FALSE(b1 == b2);  // each block has its own stream
+        // Block numbers are taken to 31 bits, and the highest one still works.
+        Bytes b5;
+        EXPECT_EQ(r.roundTrip(raw, (int64_t{1} << 31) + 1, false, &b5), 0);
+        EXPECT_TRUE(b5 == b2);
+        EXPECT_EQ(r.roundTrip(raw, 0x7fffffff, false), 0);
     }
     EXPECT_EQ(Opened("VRTACRYP", DA_XCMREAD, "Tiger8", 12, bag).rc, DA_BADKEY);
     EXPECT_EQ(Opened("VRTACRYP", DA_XCMREAD, "tiger7", 12, bag).rc, DA_BADKEY);
