@@ -324,6 +324,38 @@ rctype dafindds(DA_LIB* lp, const char* name, int* kind);
 rctype darenam(DA_LIB* lp, const char* name, const char* type, const char* newname);
 rctype dadelet(DA_LIB* lp, const char* name, const char* type);
 
+// Work files: a logical file on the library's work paths, removed at close.
+rctype daworkf(DA_LIB* lp, int opnflags, DA_FD** rfd);
+
+// Utility members: one logical file with a 156-byte head; the methods address
+// the data behind the head.
+struct DA_UFILE;
+struct DA_UFMT {
+    rctype (*daufclo)(DA_UFILE* uf);
+    rctype (*dauftrc)(DA_UFILE* uf, da_off_t endoff);
+    rctype (*daufren)(DA_UFILE* uf, const char* newname);
+    rctype (*daufread)(DA_UFILE* uf, void* buf, long size, da_off_t off, long* nread);
+    rctype (*daufwrite)(DA_UFILE* uf, const void* buf, long size, da_off_t* off);
+    rctype (*dauflock)(DA_UFILE* uf, int mode);
+    rctype (*daufdelete)(DA_UFILE* uf);
+    rctype (*daufreopen)(DA_UFILE* uf, int flags);
+};
+struct DA_UFILE {
+    const DA_UFMT* mt;
+    DA_FD* fd;
+    da_off_t dataoff;    // first byte behind the head
+    int flags;           // open flags: 1 write, 4 create
+    int omode;
+    DA_LIB* lib;
+    DA_LOCK* lid;
+    char name[33];       // lower case; made up ("$" + 7 digits) for a nameless file
+    char type[9];        // lower case
+    int32_t headflags;
+    DA_OWNINFO owner;
+};
+// flags: 1 open for writing, 4 create (exclusive for a nameless file).
+rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFILE** uf);
+
 // Random path and sequence numbers.
 int dagetranpath(DA_LIB* lib, int pmax);
 uint32_t dagenranseq(uint32_t seqmax);

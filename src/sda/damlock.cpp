@@ -21,10 +21,6 @@
 
 namespace vrta {
 
-// The file layer is linked beside us in the module; a storage-only build
-// without it has no component lock.
-rctype dafdopn(DA_FDSTR* fstr, DA_FD** fd) __attribute__((weak));
-
 namespace {
 
 constexpr off_t RPRESENCE = 0;  // every holder reads here
@@ -202,7 +198,7 @@ void CloseComponent(DA_LOCK* lcb) {
 // region, so that a table is protected twice: by the lock file and by its
 // first bytes.
 rctype LockComponent(DA_LIB* lp, DA_LOCK* lcb, int omode, pid_t* ownpid) {
-    if (!dafdopn || lcb->mtype != KMDF) return 0;
+    if (lcb->mtype != KMDF) return 0;
     if ((lcb->dynflag & DA_LKDYNAMIC) && omode != DA_OMUTIL) return 0;
     bool wr = !(omode == DA_OMINPUT || omode == DA_OMOUTPUT);
     std::vector<const char*> paths;

@@ -459,3 +459,137 @@ TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
     EXPECT_EQ(DA_NOTFOUND, daexist(lp, "U", "CATALOG "));
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+TEST(Library, UtilityFilesHideTheirHeadAndNamelessOnesGetFreshNames) {
+    vrtatest::TempDir tmp;
+    DA_LIBSTR ls = request(tmp.path());
+    ls.flags = DA_LSOWNER;
+    ls.owner_token.tokenLen = 28;
+    memcpy(ls.owner_token.token, "owner-token-0123456789abcdef", 28);
+    DA_LIB* lp = nullptr;
+    ASSERT_GE(dagtlib(&ls, &lp), 0);
+
+    // A reader of a member that does not exist fails and creates nothing.
+    DA_UFILE* uf = nullptr;
+    EXPECT_EQ(DA_NOTFOUND, daoputl(lp, "cat", "CATALOG ", 0, &uf));
+    EXPECT_FALSE(there(tmp.file("cat.catalog.0.0.0.vrta9")));
+
+    ASSERT_GE(daoputl(lp, "Cat", "CATALOG ", 5, &uf), 0);
+    std::string payload = pattern(1000, 9);
+    da_off_t off = 0;
+    ASSERT_GE(uf->mt->daufwrite(uf, payload.data(), 1000, &off), 0);
+    EXPECT_EQ(0, off);
+    off = -1;  // append
+    ASSERT_GE(uf->mt->daufwrite(uf, "tail", 4, &off), 0);
+    EXPECT_EQ(1000, off);
+    EXPECT_EQ(0, uf->mt->daufclo(uf));
+
+    ASSERT_GE(daoputl(lp, "CAT", "catalog", 0, &uf), 0);
+    EXPECT_EQ(0, memcmp(uf->owner.token, "owner-token-0123456789abcdef", 28));
+    std::string back(1004, '\0');
+    long got = 0;
+    ASSERT_GE(uf->mt->daufread(uf, back.data(), 1004, 0, &got), 0);
+    EXPECT_EQ(1004, got);
+    EXPECT_TRUE(back == payload + "tail");
+    // Offsets count from behind the head.
+    char four[4];
+    ASSERT_GE(uf->mt->daufread(uf, four, 4, 1000, &got), 0);
+    EXPECT_EQ(0, memcmp(four, "tail", 4));
+    EXPECT_EQ(0, uf->mt->daufclo(uf));
+
+    // A file whose head is missing: a reader refuses it.
+    const char* mp[] = {lp->meta[0].path};
+    DA_FDSTR fs{};
+    fs.name = "bare.catalog";
+    fs.namelen = 12;
+    fs.numpath = 1;
+    fs.paths = mp;
+    fs.flags = DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST;
+    fs.perms = 0644;
+    fs.minfree = -1;
+    fs.fiboff = -1;
+    DA_FD* fd = nullptr;
+    ASSERT_GE(dafdopn(&fs, &fd), 0);
+    fd->fdclose(fd);
+    EXPECT_EQ(DA_BADVERSION, daoputl(lp, "bare", "CATALOG", 0, &uf));
+
+    // Nameless files never share a name.
+    DA_UFILE *a = nullptr, *b = nullptr;
+    ASSERT_GE(daoputl(lp, "  ", "SCRATCH", 4, &a), 0);
+    ASSERT_GE(daoputl(lp, nullptr, "SCRATCH", 4, &b), 0);
+    EXPECT_EQ('$', a->name[0]);
+    EXPECT_EQ(8u, strlen(a->name));
+    EXPECT_STRNE(a->name, b->name);
+    std::string an = a->name;
+    EXPECT_EQ(0, a->mt->daufren(a, "kept"));
+    EXPECT_EQ(0, daexist(lp, "KEPT", "SCRATCH"));
+    EXPECT_EQ(0, a->mt->daufclo(a));
+    EXPECT_EQ(0, b->mt->daufdelete(b));
+    EXPECT_EQ(0, b->mt->daufclo(b));
+    DA_DIRH* dh = nullptr;
+    ASSERT_EQ(0, daopdir(lp, DA_DIRDOLLAR, &dh));
+    DA_DIRENT e;
+    int scratch = 0;
+    while (darddir(dh, &e) == 0) scratch += strncmp(e.type, "SCRATCH ", 8) == 0;
+    dacldir(dh);
+    EXPECT_EQ(1, scratch);
+
+    // A work file lives on the work path and goes at close.
+    DA_FD* wf = nullptr;
+    ASSERT_GE(daworkf(lp, 0, &wf), 0);
+    da_off_t woff = 0;
+    ASSERT_GE(wf->fdwrite(wf, "work", 4, &woff), 0);
+    std::vector<std::string> inwork = filesIn(std::string(lp->work[0].path));
+    bool found = false;
+    for (auto& f : inwork) found = found || f.rfind("vrta_", 0) == 0;
+    EXPECT_TRUE(found);
+    wf->fdclose(wf);
+    for (auto& f : filesIn(std::string(lp->work[0].path)))
+        EXPECT_FALSE(f.rfind("vrta_", 0) == 0 && std::find(inwork.begin(), inwork.end(), f) != inwork.end()) << f;
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(Library, WorkpathFallsBackWhenInvalidAndFreeClosesOpenTables) {
+    vrtatest::TempDir tmp;
+    std::string bad = "'" + tmp.file("no/such/dir") + "'";
+    DA_LIBSTR ls = request(tmp.path());
+    ls.workpaths = bad.c_str();
+    ls.workpaths_l = static_cast<int>(bad.size());
+    DA_LIB* lp = nullptr;
+    ASSERT_EQ(DA_WORKPATHBAD, dagtlib(&ls, &lp));
+    ASSERT_GE(lp->numwork, 1);
+    EXPECT_NE(tmp.file("no/such/dir") + "/", pathOf(lp->work[0]));
+    EXPECT_TRUE(lp->flags & DA_LFWORKDEF);
+
+    std::string good = "'" + tmp.path() + "'";
+    DA_LIBSTR ls2 = request(tmp.path());
+    memcpy(ls2.name, "OTHERLIB", 8);
+    ls2.workpaths = good.c_str();
+    ls2.workpaths_l = static_cast<int>(good.size());
+    DA_LIB* lp2 = nullptr;
+    ASSERT_EQ(0, dagtlib(&ls2, &lp2));
+    EXPECT_EQ(tmp.path() + "/", pathOf(lp2->work[0]));
+    EXPECT_FALSE(lp2->flags & DA_LFWORKDEF);
+    EXPECT_EQ(0, dafrlib(lp2));
+
+    // Tables still open at free are closed through the table layer's hook;
+    // a failing close is reported and the free goes on.
+    static int closed;
+    closed = 0;
+    DA_LINK t1, t2;
+    auto* p = static_cast<DA_LIBP*>(lp);
+    dalinkadd(&p->fids, &t1);
+    dalinkadd(&p->fids, &t2);
+    auto saved = dagcb.closefid;
+    dagcb.closefid = [](DA_LINK* l) -> rctype {
+        closed++;
+        if (closed == 1) {
+            dalinkdel(l);
+            return 0;
+        }
+        return DA_INTERNAL;
+    };
+    EXPECT_EQ(DA_INTERNAL, dafrlib(lp));
+    dagcb.closefid = saved;
+    EXPECT_EQ(2, closed);
+}
