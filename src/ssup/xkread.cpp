@@ -109,7 +109,7 @@ MSGLIST* xkload(FILE* f, const YPMSG_GRPNAME& g) {
         }
         if (line[0] == '#') {
             if (!whole) {
-                hsprint("Reached max size of msg\n");
+                hsprint("Reached max size of msg");
                 return fail();
             }
             char* p = line + 1;
