@@ -112,7 +112,9 @@ struct Saved {
 
 // Brings up the blocks the copies are taken from.
 void runtimeUp() {
-    if (std::memcmp(vvgcbp()->eye, "VGCB", 4) != 0) ASSERT_EQ(vvinit(), 0);
+    if (std::memcmp(vvgcbp()->eye, "VGCB", 4) != 0) {
+        ASSERT_EQ(vvinit(), 0);
+    }
     ASSERT_EQ(hsgblinit(), 0);
     ASSERT_NE(xkinit(), nullptr);
     ASSERT_NE(opinitgbl(), nullptr);
