@@ -61,7 +61,10 @@ rctype hpdstart(int argc, void** argv) {
     auto* ecb = static_cast<HPDECB*>(xmalloc(XM_THREADPOOL, sizeof(HPDECB), XM_ZERO));
     if (!ecb) return HP_RC_NOMEM;
     auto* tbl = static_cast<HPD_ENGTBL*>(xmalloc(XM_THREADPOOL, sizeof(HPD_ENGTBL), XM_ZERO));
-    if (!tbl) return HP_RC_NOMEM;
+    if (!tbl) {
+        xmfree(XM_THREADPOOL, ecb, sizeof(HPDECB));  // nothing refers to it yet
+        return HP_RC_NOMEM;
+    }
 
     std::memcpy(ecb->dbihdr.eng_name, "KORVRTA ", 8);
     std::memcpy(ecb->dbihdr.release, HPD_RELEASE, 4);
