@@ -267,9 +267,13 @@ const char* xpsfp(YPGCBSTR* g, const char* p, const char* end, va_list* ap) {
     }
     // l is the long modifier before a letter that takes one, else the
     // 64-bit integer directive itself.
-    if (p + 1 < end && (*p == 'l' || *p == 'L') && strchr("diouxXqlLDIOUQ", p[1])) {
-        d.islong = true;
-        ++p;
+    {
+        const char* q = p;
+        while (q < end && q - p < 2 && (*q == 'l' || *q == 'L')) ++q;
+        if (q > p && q < end && *q && strchr("diouxXqDIOUQefgsEFGS", *q)) {
+            d.islong = true;
+            p = q;
+        }
     }
     if (p >= end) {
         putbyte(g, ls, '%');

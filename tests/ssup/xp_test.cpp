@@ -99,6 +99,8 @@ TEST_F(Printer, NumbersStringsAndNames) {
     EXPECT_EQ("42|   42|42|-7|1234567890123|0042", fmt("%d|%5d|%-5d|%i|%ld|%.4d", 42, 42, 42, -7, big, 42));
     EXPECT_EQ("42 9", fmt("%@d %*d", &v, 1, 9));
     EXPECT_EQ("-9223372036854775807", fmt("%l", -9223372036854775807LL));
+    // l before a letter is a length; alone it is the 64-bit directive.
+    EXPECT_EQ("5|2.50|ab|0000000000000007|9", fmt("%lld|%lf|%ls|%lx|%l", 5LL, 2.5, "ab", 7L, 9LL));
     EXPECT_EQ("ab|   ab|ab   |ab|", fmt("%s|%5s|%-5s|%.2s|%s", "ab", "ab", "ab", "abcdef", ""));
     // A blank-padded name: up to the first blank; with a negative width the
     // inner blank stays and only the trailing ones go.
