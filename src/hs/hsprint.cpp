@@ -129,11 +129,10 @@ const char* hsstrer(rctype code) {
     const char* text = nullptr;
     int len = 0;
     rctype rc = xkread(group, number, &text, &len);
-    // A number without a message is an unknown code; a missing file or a bad
-    // group is said by the loader's own text.
-    if (rc == -1 && text && strcmp(text, "***BAD MESSAGE NUMBER***") == 0) return UnknownError(code);
-    if (rc != 0 && rc != -1) return UnknownError(code);
-    if (!text) return UnknownError(code);
+    // A code that no message file could hold (no such group or number) is
+    // unknown; a group whose file is missing is said by the loader's text.
+    if (rc == -1 && text && strcmp(text, "***MESSAGE NOT FOUND***") == 0) return text;
+    if (rc != 0 || !text) return UnknownError(code);
     if (len >= 3 && text[0] == '%' && text[2] == 'z') text += 3;
     return text;
 }

@@ -53,6 +53,8 @@ TEST_F(HsPrint, CodeTextsSkipOnlyARealPrefix) {
     EXPECT_STREQ("Out of memory.", hsstrer(static_cast<rctype>(0x80010003u)));
     // A group without a file says so.
     EXPECT_STREQ("***MESSAGE NOT FOUND***", hsstrer(static_cast<rctype>(0x80050001u)));
+    // No file could hold group 11.
+    EXPECT_STREQ("No error text. Code=-2146762751(0x800B0001)\n", hsstrer(static_cast<rctype>(0x800b0001u)));
 }
 
 TEST_F(HsPrint, UnknownCodesUseOneBufferPerThread) {
