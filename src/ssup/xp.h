@@ -23,7 +23,7 @@ constexpr int XK_NGROUPS = 11;
 struct MSGLIST {
     int msgmax;      // after loading: the highest number used
     char* msgc;      // text area
-    int* msgoff;     // offsets into msgc, indexed by number
+    int* msgoff;     // offsets into msgc; message n at index n - 1
     short* msglen;   // lengths; 0 means no such message
 };
 static_assert(sizeof(MSGLIST) == 32);
