@@ -57,7 +57,7 @@ void xkreset();
 // ---------------------------------------------------------------- xr
 struct VRGCB {
     char tag[4];    // "VRGB"
-    char* msg;      // from the supervisor pool
+    char* msg;      // malloc'ed, grows as needed
     char* start;    // read cursor
     char* msgend;   // end of what was stored
     long buflen;
