@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "hs/hs.h"
 #include "sda/darc.h"
+#include "sda/dafd.h"
 
 namespace vrta {
 
@@ -106,6 +108,44 @@ rctype readv4(const DA_ODSIO& io, const char* fn, void* r, int size, da_off_t of
 }  // namespace
 
 DA_ODSIO daodspfd(int* fd, const char* name) { return DA_ODSIO{pfdread, pfdwrite, fd, name}; }
+
+namespace {
+rctype lfdread(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
+    auto* fd = static_cast<DA_FD*>(ctx);
+    return fd->fdread(fd, buf, size, offset, nread);
+}
+rctype lfdwrite(void* ctx, const void* buf, long size, da_off_t* off) {
+    auto* fd = static_cast<DA_FD*>(ctx);
+    return fd->fdwrite(fd, buf, size, off);
+}
+}  // namespace
+
+DA_ODSIO daodsfd(DA_FD* fd, const char* name) { return DA_ODSIO{lfdread, lfdwrite, fd, name ? name : "mdf"}; }
+
+// Diagnostics name the first partition of the logical file.
+struct FdName {
+    DA_FDPSTAT ps;
+    explicit FdName(DA_FD* fd) {
+        if (!fd->fdpstat || fd->fdpstat(fd, 0, &ps) < 0) std::snprintf(ps.name, sizeof ps.name, "mdf");
+    }
+};
+
+rctype dardods(DA_FD* fd, void* strptr, int size, da_off_t offset) {
+    FdName n(fd);
+    return dardods(daodsfd(fd, n.ps.name), strptr, size, offset);
+}
+rctype dawrods(DA_FD* fd, const void* strptr, da_off_t* off) {
+    FdName n(fd);
+    return dawrods(daodsfd(fd, n.ps.name), strptr, off);
+}
+rctype dardxoe(DA_FD* fd, DA_XOEODS* xoe, da_off_t offset) {
+    FdName n(fd);
+    return dardxoe(daodsfd(fd, n.ps.name), xoe, offset);
+}
+rctype dawrxoe(DA_FD* fd, const DA_XOEODS* xoe, da_off_t offset) {
+    FdName n(fd);
+    return dawrxoe(daodsfd(fd, n.ps.name), xoe, offset);
+}
 
 rctype dardods(const DA_ODSIO& io, void* strptr, int size, da_off_t offset) {
     return readods(io, "dardods", strptr, size, offset);

@@ -132,7 +132,7 @@ enum : int32_t { DA_SEMDATA = 0, DA_SEMVRTAACL = 1, DA_SEMZCRYPT = 2, DA_SEMXCVB
 // DA_XOEODS.flags
 constexpr int32_t DA_XOECOMP = 0x1, DA_XOECRYPT = 0x2, DA_XOEKORPW = 0x4, DA_XOEBACKUP = 0x10,
                   DA_XOECRE20 = 0x20, DA_XOECRE40 = 0x40, DA_XOEALIGN = 0x200, DA_XOEFIXCHR = 0x400,
-                  DA_XOEXPORT = 0x1000, DA_XOEMEMF8 = 0x4000, DA_XOEVSTAT = 0x8000, DA_ADDAVAIL = 0x10000,
+                  DA_XOEEXPORT = 0x1000, DA_XOEMEMF8 = 0x4000, DA_XOEVSTAT = 0x8000, DA_ADDAVAIL = 0x10000,
                   DA_XOEMINMAX = 0x20000, DA_XOECONST = 0x40000, DA_XOECONSTI = 0x80000;
 
 struct DA_XOEODS {
@@ -492,6 +492,9 @@ struct DA_ODSIO {
 
 // A DA_ODSIO over a physical file descriptor, addressed by physical offset.
 DA_ODSIO daodspfd(int* fd, const char* name);
+// A DA_ODSIO over a logical file of the file layer (sda/dafd.h).
+struct DA_FD;
+DA_ODSIO daodsfd(DA_FD* fd, const char* name = nullptr);
 
 // Reads the record at offset into strptr (size bytes). A record shorter than
 // size leaves the tail of strptr as it was; a longer one gives 0x8000022f.
@@ -499,10 +502,16 @@ rctype dardods(const DA_ODSIO& io, void* strptr, int size, da_off_t offset);
 // Writes ods.length bytes at *off (append when < 0); *off gets the offset.
 rctype dawrods(const DA_ODSIO& io, const void* strptr, da_off_t* off);
 
+// The same on a logical file: what the table life cycle calls.
+rctype dardods(DA_FD* fd, void* strptr, int size, da_off_t offset);
+rctype dawrods(DA_FD* fd, const void* strptr, da_off_t* off);
+
 // Typed readers: dardods plus the version test (and the record's own checks).
 rctype dardsfh(const DA_ODSIO& io, DA_DSFHEAD* h, da_off_t offset);
 rctype dardxoe(const DA_ODSIO& io, DA_XOEODS* xoe, da_off_t offset);
 rctype dawrxoe(const DA_ODSIO& io, const DA_XOEODS* xoe, da_off_t offset);
+rctype dardxoe(DA_FD* fd, DA_XOEODS* xoe, da_off_t offset);
+rctype dawrxoe(DA_FD* fd, const DA_XOEODS* xoe, da_off_t offset);
 // Rewrites only the 4 flag bytes of the header at hdroff (a clean close
 // clears bit 0 this way, leaving the links alone).
 rctype dawrdsfflags(const DA_ODSIO& io, da_off_t hdroff, int32_t flags);

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "sda/dafd.h"
 #include "sda/darc.h"
 #include "testutil.h"
 
@@ -640,4 +641,51 @@ TEST(Daods, MdfCommandPrintsTableAndFailsCleanlyOnDamage) {
     EXPECT_NE(out.find("cannot read FIB"), std::string::npos) << out;
     EXPECT_EQ(run(dir.file("none"), &out), 1);
     EXPECT_EQ(run("--help", &out), 0);
+}
+
+// Records written through the partitioned file layer read back through it,
+// and the walker finds the direct FIB at logical offset 0.
+TEST(Daods, RecordsThroughTheLogicalFile) {
+    vrtatest::TempDir dir;
+    const char* paths[] = {dir.path().c_str()};
+    DA_FDSTR fs{};
+    fs.name = "t.mdf";
+    fs.namelen = 5;
+    fs.numpath = 1;
+    fs.paths = paths;
+    fs.flags = 0x4 | 0x100;
+    fs.perms = -1;
+    fs.minfree = -1;
+    fs.fiboff = -1;
+    DA_FD* fd = nullptr;
+    ASSERT_EQ(dafdopn(&fs, &fd), 0);
+    ASSERT_GT(fd->baseoff, 0);
+    DA_DSFHEAD h;
+    dainitdsfh(&h);
+    da_off_t hoff = fd->baseoff;
+    ASSERT_EQ(dawrods(fd, &h, &hoff), 0);
+    DA_XOEODS x;
+    dainitxoe(&x);
+    x.numobs = 5;
+    da_off_t xoff = -1;
+    ASSERT_EQ(dawrods(fd, &x, &xoff), 0);
+    EXPECT_EQ(xoff, fd->baseoff + 344);
+    h.links[DA_LNKXOE] = xoff;
+    ASSERT_EQ(dawrods(fd, &h, &hoff), 0);
+    x.numobs = 6;
+    ASSERT_EQ(dawrxoe(fd, &x, xoff), 0);
+    DA_XOEODS back{};
+    ASSERT_EQ(dardxoe(fd, &back, xoff), 0);
+    EXPECT_EQ(back.numobs, 6);
+    EXPECT_EQ(dardods(fd, &back, 100, xoff), DA_TOOLONG);
+    EXPECT_EQ(dardods(fd, &back, sizeof back, xoff + 672), DA_SHORTREAD);
+    ASSERT_EQ(fd->fdclose(fd), 0);
+    EXPECT_TRUE(vrtatest::readFile(dir.file("t.mdf.0.0.0.vrta9")).size() > 0);
+
+    fs.flags = 0x2;
+    ASSERT_EQ(dafdopn(&fs, &fd), 0);
+    Seen seen;
+    ASSERT_EQ(damdfwalk(daodsfd(fd), 0, collect, &seen, nullptr, nullptr), 0);
+    EXPECT_EQ(seen.kinds, (std::vector<int>{DA_MRFIB, DA_MRDSFH, DA_MRXOE}));
+    ASSERT_EQ(fd->fdclose(fd), 0);
 }

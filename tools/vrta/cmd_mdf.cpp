@@ -10,6 +10,8 @@
 #include <string>
 
 #include "hs/hs.h"
+#include "sda/dafd.h"
+#include "sda/danames.h"
 #include "sda/daods.h"
 #include "sda/darc.h"
 #include "vrta.h"
@@ -28,8 +30,9 @@ const char kUsage[] =
     "delete map and constraint), each with its offset, version and length.\n"
     "\n"
     "PATH is the first partition file (NAME.mdf.0.0.0.vrta9), or NAME.mdf or\n"
-    "NAME in its directory. Only the first partition is read: a record past\n"
-    "it is reported as a short read.\n"
+    "NAME in its directory. The file is read through the partitioned file\n"
+    "layer, all partitions included; when that cannot open it (a damaged FIB,\n"
+    "a missing partition) only the first partition file is read.\n"
     "\n"
     "Exit status: 0 when every record was read, 1 when the file is damaged or\n"
     "cannot be read, 2 on bad usage.\n";
@@ -239,18 +242,51 @@ std::string firstPartition(const std::string& path) {
     return path;
 }
 
+// Opens the logical MDF through the file layer; null when it cannot.
+DA_FD* openLogical(const std::string& file, int fdflags, rctype* why) {
+    size_t slash = file.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : file.substr(0, slash));
+    std::string base = slash == std::string::npos ? file : file.substr(slash + 1);
+    DA_PFNPARTS parts;
+    *why = DA_BADARG;
+    if (dafdpfn(base.c_str(), &parts, false) != 0 || parts.pno != 0) return nullptr;
+    std::string name = base.substr(0, parts.type + parts.type_l - base.c_str());
+    const char* paths[] = {dir.c_str()};
+    DA_FDSTR fs{};
+    fs.name = name.c_str();
+    fs.namelen = static_cast<int>(name.size());
+    fs.numpath = 1;
+    fs.paths = paths;
+    fs.flags = DA_FDRDONLY | fdflags;
+    fs.perms = -1;
+    fs.minfree = -1;
+    fs.fiboff = -1;
+    DA_FD* fd = nullptr;
+    *why = dafdopn(&fs, &fd);
+    return *why < 0 ? nullptr : fd;
+}
+
 int run(const std::vector<std::string>& args) {
     if (args.size() != 1) return vrtacli::fail("mdf: expects one PATH (see vrta mdf --help)", 2);
     std::string file = firstPartition(args[0]);
     int fd = ::open(file.c_str(), O_RDONLY);
     if (fd < 0) return vrtacli::fail("mdf: cannot open " + args[0] + ": " + std::strerror(errno));
     // Old-format files carry a different suffix and FIB version.
-    int fdflags = file.size() > 5 && file.compare(file.size() - 5, 5, ".vrta") == 0 ? 0x10000 : 0;
-    DA_ODSIO io = daodspfd(&fd, file.c_str());
+    int fdflags = file.size() > 5 && file.compare(file.size() - 5, 5, ".vrta") == 0 ? DA_FDOLDFMT : 0;
     std::printf("file %s\n", file.c_str());
+    rctype why = 0;
+    DA_FD* lfd = openLogical(file, fdflags, &why);
+    DA_ODSIO io;
+    if (lfd) {
+        io = daodsfd(lfd, file.c_str());
+    } else {
+        std::printf("(the file layer cannot open it: %s; reading the first partition only)\n", hsstrer(why));
+        io = daodspfd(&fd, file.c_str());
+    }
     int failkind = 0;
     da_off_t failoff = 0;
     rctype rc = damdfwalk(io, fdflags, show, nullptr, &failkind, &failoff);
+    if (lfd) lfd->fdclose(lfd);
     ::close(fd);
     if (rc != 0) {
         char msg[512];
