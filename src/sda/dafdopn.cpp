@@ -93,19 +93,15 @@ void closepart(DA_PCB* pcb) {
 }
 
 // fdbLock may be taken again by the thread that holds it.
+thread_local int fdbdepth = 0;
 void fdblock() {
-    DA_IOGCB& g = daiogcb;
-    if (g.fdbLockdepth > 0 && pthread_equal(g.fdbLocktid, thr_self())) {
-        ++g.fdbLockdepth;
-        return;
+    if (fdbdepth++ == 0) {
+        mutex_lock(&daiogcb.fdbLock);
+        daiogcb.fdbLocktid = thr_self();
     }
-    mutex_lock(&g.fdbLock);
-    g.fdbLocktid = thr_self();
-    g.fdbLockdepth = 1;
 }
 void fdbunlock() {
-    DA_IOGCB& g = daiogcb;
-    if (--g.fdbLockdepth == 0) mutex_unlock(&g.fdbLock);
+    if (--fdbdepth == 0) mutex_unlock(&daiogcb.fdbLock);
 }
 
 void freefdb(DA_FDB* fdb) {

@@ -57,21 +57,23 @@ int wanted(const DA_FDB* fdb) {
 
 }  // namespace
 
-// Takes (flags DA_FDRDLOCK or DA_FDWRLOCK) or releases (0) this opener's hold
-// on the FIB region. The counts span all openers of a shared block; the lock
-// itself changes only on a first read, first write or last release.
-rctype darelockp(DA_FDP* fdp, int flags, pid_t) {
+namespace {
+
+// Adds or drops one hold on the FIB region. The counts span all openers of a
+// shared block (a record lock belongs to the process); the lock itself
+// changes only on a first read, first write or last release. On a refused
+// lock the counts and the old lock are put back.
+rctype hold(DA_FDP* fdp, int add, int drop, int timeout, bool wait) {
     DA_FDB* fdb = fdp->fdb;
-    int had = fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK);
     int nrd = fdb->nrdlocks, nwr = fdb->nwrlocks;
     int before = wanted(fdb);
-    if (had == DA_FDRDLOCK) fdb->nrdlocks--;
-    if (had == DA_FDWRLOCK) fdb->nwrlocks--;
-    if (flags & DA_FDWRLOCK) fdb->nwrlocks++;
-    else if (flags & DA_FDRDLOCK) fdb->nrdlocks++;
+    if (drop == DA_FDRDLOCK) fdb->nrdlocks--;
+    if (drop == DA_FDWRLOCK) fdb->nwrlocks--;
+    if (add == DA_FDRDLOCK) fdb->nrdlocks++;
+    if (add == DA_FDWRLOCK) fdb->nwrlocks++;
     int after = wanted(fdb);
     if (after != before) {
-        rctype rc = lockregion(fdp, after, 0, (flags & 0x800) != 0);
+        rctype rc = lockregion(fdp, after, timeout, wait);
         if (rc < 0) {
             fdb->nrdlocks = nrd;
             fdb->nwrlocks = nwr;
@@ -83,7 +85,22 @@ rctype darelockp(DA_FDP* fdp, int flags, pid_t) {
         }
     }
     fdb->lckmode = after;
-    fdp->flags = (fdp->flags & ~(DA_FDRDLOCK | DA_FDWRLOCK)) | (flags & (DA_FDRDLOCK | DA_FDWRLOCK));
+    return 0;
+}
+
+}  // namespace
+
+// This opener's explicit hold: DA_FDRDLOCK, DA_FDWRLOCK (with 0x800 to
+// wait), or 0 to release it.
+rctype darelockp(DA_FDP* fdp, int flags, pid_t) {
+    int had = fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK);
+    int want = flags & (DA_FDRDLOCK | DA_FDWRLOCK);
+    if (want == DA_FDWRLOCK) want = DA_FDWRLOCK;
+    else if (want) want = DA_FDRDLOCK;
+    if (had == want) return 0;
+    rctype rc = hold(fdp, want, had, 0, (flags & 0x800) != 0);
+    if (rc < 0) return rc;
+    fdp->flags = (fdp->flags & ~(DA_FDRDLOCK | DA_FDWRLOCK)) | want;
     return 0;
 }
 
@@ -138,13 +155,9 @@ rctype SyncFIB(DA_FDP* fdp, int smode, int timeout) {
         return DA_INTERNAL;
     }
     if (fdb->state & DA_FDSLOST) return DA_STATELOST;
-    int held = fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK);
-    bool locked = false;
-    if (!held || (smode == DA_FDSYNCWR && held != DA_FDWRLOCK)) {
-        rctype rc = lockregion(fdp, smode == DA_FDSYNCRD ? DA_FDRDLOCK : DA_FDWRLOCK, timeout, true);
-        if (rc < 0) return rc;
-        locked = true;
-    }
+    int mode = smode == DA_FDSYNCRD ? DA_FDRDLOCK : DA_FDWRLOCK;
+    rctype hrc = hold(fdp, mode, 0, timeout, true);
+    if (hrc < 0) return hrc;
     DA_FIB head;
     da_off_t where = 0;
     rctype rc = dardfibhead(fdp, &head, &where);
@@ -158,11 +171,10 @@ rctype SyncFIB(DA_FDP* fdp, int smode, int timeout) {
         }
     }
     if (rc < 0) {
-        if (locked) lockregion(fdp, held ? held : 0, 0, false);
+        hold(fdp, 0, mode, 0, false);
         return rc;
     }
     fdp->syncmode = smode;
-    if (locked) fdb->lckmode = smode == DA_FDSYNCRD ? DA_FDRDLOCK : DA_FDWRLOCK;
     return 0;
 }
 
@@ -200,10 +212,8 @@ rctype UnlockFIB(DA_FDP* fdp, bool abort) {
             fdb->stampvalid = 1;
         }
     }
-    int held = fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK);
     rctype lrc = 0;
-    if (fdp->syncmode) lrc = lockregion(fdp, held ? wanted(fdb) : 0, 0, false);
-    fdb->lckmode = held ? wanted(fdb) : 0;
+    if (fdp->syncmode) lrc = hold(fdp, 0, fdp->syncmode == DA_FDSYNCRD ? DA_FDRDLOCK : DA_FDWRLOCK, 0, false);
     fdp->syncmode = 0;
     return rc ? rc : lrc;
 }

@@ -1,0 +1,71 @@
+#!/bin/sh
+# Sequential write then read of one logical file over 4 partitions on 2 paths,
+# through DA_FD, against dd writing and cat reading the same number of bytes
+# in the same directories. Reads run with a warm page cache for both sides.
+#
+#   bench/bench_fileio.sh [SIZE_MIB] [WORKDIR]      (default 2048 MiB under $TMPDIR)
+set -eu
+here=$(cd "$(dirname "$0")/.." && pwd)
+size_mib=${1:-2048}
+work=${2:-${TMPDIR:-/tmp}/vrta_bench_fileio.$$}
+build=${BUILD:-$here/build-fio-rel}
+bufsize=1048576
+
+if [ ! -x "$build/bench/bench_fileio" ]; then
+    cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVRTA_BENCH=ON -DVRTA_TESTS=OFF >/dev/null
+    cmake --build "$build" -j2 --target bench_fileio >/dev/null
+fi
+prog=$build/bench/bench_fileio
+
+mkdir -p "$work/p1" "$work/p2"
+trap 'rm -rf "$work"' EXIT INT TERM
+size=$((size_mib * 1048576))
+
+now() { date +%s.%N; }
+secs() { echo "$2 - $1" | bc -l; }
+field() { sed -n "s/.*$1=\([0-9.]*\).*/\1/p"; }
+
+# Writes, each side twice in turn, best of two: the first run of either may
+# pay for the file system's own allocation warm-up.
+half=$((size_mib / 2))
+dd_w=999999
+fd_w=999999
+for round in 1 2; do
+    rm -f "$work/p1/plain" "$work/p2/plain"
+    sync
+    t0=$(now)
+    dd if=/dev/zero of="$work/p1/plain" bs=$bufsize count=$half status=none
+    dd if=/dev/zero of="$work/p2/plain" bs=$bufsize count=$((size_mib - half)) status=none
+    t1=$(now)
+    t=$(secs "$t0" "$t1")
+    if [ "$(echo "$t < $dd_w" | bc)" = 1 ]; then dd_w=$t; fi
+
+    [ "$round" = 2 ] && "$prog" delete "$size" 4 $bufsize "$work/p1" "$work/p2"
+    sync
+    t0=$(now)
+    out=$("$prog" write "$size" 4 $bufsize "$work/p1" "$work/p2")
+    t1=$(now)
+    t=$(secs "$t0" "$t1")
+    if [ "$(echo "$t < $fd_w" | bc)" = 1 ]; then fd_w=$t; fi
+done
+echo "$out"
+
+# Warm the cache for both, then time the reads.
+cat "$work/p1/plain" "$work/p2/plain" >/dev/null
+"$prog" read "$size" 4 $bufsize "$work/p1" "$work/p2" >/dev/null
+t0=$(now)
+cat "$work/p1/plain" "$work/p2/plain" >/dev/null
+t1=$(now)
+cat_r=$(secs "$t0" "$t1")
+t0=$(now)
+out=$("$prog" read "$size" 4 $bufsize "$work/p1" "$work/p2")
+t1=$(now)
+fd_r=$(secs "$t0" "$t1")
+echo "$out"
+
+"$prog" delete "$size" 4 $bufsize "$work/p1" "$work/p2"
+rm -f "$work/p1/plain" "$work/p2/plain"
+
+mib() { echo "$size_mib / $1" | bc -l; }
+printf 'write: dd %.0f MiB/s, DA_FD %.0f MiB/s, ratio %.3f\n' "$(mib "$dd_w")" "$(mib "$fd_w")" "$(echo "$dd_w / $fd_w" | bc -l)"
+printf 'read:  cat %.0f MiB/s, DA_FD %.0f MiB/s, ratio %.3f\n' "$(mib "$cat_r")" "$(mib "$fd_r")" "$(echo "$cat_r / $fd_r" | bc -l)"
