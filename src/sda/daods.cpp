@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "hs/hs.h"
@@ -620,7 +621,7 @@ const char* damrname(int kind) {
     static const char* const names[DA_MRCOUNT] = {
         "FIB", "DA_DSFHEAD", "DA_XOEODS", "DA_SINODS", "DA_OWNODS", "DA_BACKUPODS", "DA_VBHEAD",
         "DA_XCHEAD", "DA_STRPHEAD", "DA_VARSODS", "DA_NAME7ODS", "DA_IDXODS", "idx FIB", "aux FIB",
-        "hbx FIB", "dpf FIB", "DA_DMPHEAD", "DA_DMPDIR", "DA_CONSTODS"};
+        "hbx FIB", "dpf FIB", "DA_DMPHEAD", "DA_DMPDIR", "DA_CONSTODS", "DA_STRP"};
     return kind >= 0 && kind < DA_MRCOUNT ? names[kind] : "?";
 }
 
@@ -706,7 +707,7 @@ rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx
         int nlinks = std::clamp<int>((h.ods.length - 24) / 8, 0, DA_NUMLINKS);
         for (int i = nlinks; i < DA_NUMLINKS; i++) links[i] = -1;
 
-        int32_t nvar = 0;
+        int32_t nvar = 0, numsects = 0, sectsize = 0;
         if (links[DA_LNKXOE] != -1) {
             DA_XOEODS x{};
             if ((rc = w.at(DA_MRXOE, links[DA_LNKXOE])) < 0 || (rc = dardxoe(io, &x, w.off)) < 0) return rc;
@@ -727,6 +728,22 @@ rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx
             auto* sp = reinterpret_cast<DA_STRPHEAD*>(buf.data());
             if ((rc = dardstrph(io, sp, len, w.off)) < 0) return rc;
             if ((rc = visit(ctx, DA_MRSTRPH, w.off, sp, len)) != 0) return rc;
+            numsects = sp->numsects;
+            sectsize = sp->sectsize;
+            if (sp->odssize != DA_STRPODSSIZE || sectsize <= 0 || sectsize > DA_STRPSECTSIZE)
+                return inconsistent(io, "damdfwalk", w.off, "Bad string pool section size");
+            for (int32_t i = 0; i < numsects; i++) {
+                int64_t so;
+                std::memcpy(&so, reinterpret_cast<char*>(sp) + sizeof(DA_STRPHEAD) + 8 * i, sizeof so);
+                auto sect = std::make_unique<DA_STRP>();
+                if ((rc = w.at(DA_MRSTRP, so)) < 0 ||
+                    (rc = readall(io, "damdfwalk", sect.get(), sizeof(DA_STRP), so)) < 0)
+                    return rc;
+                if (sect->freeSpace < 0 || sect->freeSpace > sectsize || sect->freeOffset < -1 ||
+                    sect->freeOffset >= sectsize)
+                    return inconsistent(io, "damdfwalk", so, "Bad string pool section");
+                if ((rc = visit(ctx, DA_MRSTRP, so, sect.get(), sizeof(DA_STRP))) != 0) return rc;
+            }
         }
         if (links[DA_LNKVARS] != -1) {
             int32_t len = 0;
@@ -740,6 +757,17 @@ rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx
             if ((rc = w.at(DA_MRNAMES, links[DA_LNKNAMES])) < 0) return rc;
             std::vector<DA_NAME7ODS> v(nvar);
             if ((rc = dardnam7(io, v.data(), nvar, w.off)) < 0) return rc;
+            // A pid names a section and an offset in it; the text must fit there.
+            auto pidok = [&](int32_t pid, int32_t len) {
+                if (len <= 0) return true;
+                if (pid < 0) return false;
+                return (pid >> 12) < numsects && (pid & 0xfff) + len <= sectsize;
+            };
+            for (const auto& n : v) {
+                if (!pidok(n.namepid, n.name_l) || !pidok(n.labelpid, n.label_l) ||
+                    !pidok(n.nformpid, n.nform_l) || !pidok(n.niformpid, n.niform_l))
+                    return inconsistent(io, "damdfwalk", w.off, "String pool id outside the pool");
+            }
             if ((rc = visit(ctx, DA_MRNAMES, w.off, v.data(), nvar * static_cast<int>(sizeof(DA_NAME7ODS)))) != 0)
                 return rc;
         }

@@ -597,12 +597,14 @@ constexpr int32_t danextrev(int32_t rev) { return (rev + 1) % 10000 == 0 ? 1 : (
 enum da_mdfrec_t : int {
     DA_MRFIB, DA_MRDSFH, DA_MRXOE, DA_MRSIN, DA_MROWN, DA_MRBACKUP, DA_MRVBH, DA_MRXCH, DA_MRSTRPH,
     DA_MRVARS, DA_MRNAMES, DA_MRIDX, DA_MRIDXFIB, DA_MRAUXFIB, DA_MRHBXFIB, DA_MRDPFFIB, DA_MRDMPH,
-    DA_MRDMPD, DA_MRCONST, DA_MRCOUNT
+    DA_MRDMPD, DA_MRCONST, DA_MRSTRP, DA_MRCOUNT
 };
 const char* damrname(int kind);
 
 // Called for each record in file order of the links; a non-zero return stops
-// the walk with that code. rec holds len bytes (for DA_MRNAMES, nvar x 76).
+// the walk with that code. rec holds len bytes (for DA_MRNAMES, nvar x 76;
+// DA_MRSTRP, one string pool section, comes right after its head).
+// Every string pool id of the names must fall inside a section.
 using da_mdfvisit_t = rctype (*)(void* ctx, int kind, da_off_t off, const void* rec, int len);
 
 // Reads every record of an MDF: the direct FIB at offset 0, the header at the

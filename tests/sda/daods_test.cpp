@@ -97,8 +97,19 @@ int32_t buildTable(const DA_ODSIO& io) {
     EXPECT_EQ(dawrfib(io, df, &dfo), 0);
     h.links[DA_LNKDPFFIB] = dfo;
 
+    // One string pool section holding the names "price" and "qty".
+    DA_STRP sect{};
+    std::memcpy(sect.pool, "price", 5);
+    std::memcpy(sect.pool + 8, "qty", 3);
+    sect.freeOffset = 16;
+    sect.freeSpace = DA_STRPSECTSIZE - 16;
+    da_off_t so = -1;
+    EXPECT_EQ(io.write(io.ctx, &sect, sizeof sect, &so), 0);
     std::vector<char> sp(dastrphlen(8));
-    dainitstrph(reinterpret_cast<DA_STRPHEAD*>(sp.data()), 8);
+    auto* sh = reinterpret_cast<DA_STRPHEAD*>(sp.data());
+    dainitstrph(sh, 8);
+    sh->numsects = 1;
+    dastrpoffs(sh)[0] = so;
     h.links[DA_LNKSTRP] = append(sp.data());
     DA_NAME7ODS nv[2] = {};
     for (int i = 0; i < 2; i++) {
@@ -106,6 +117,8 @@ int32_t buildTable(const DA_ODSIO& io) {
         nv[i].npos = 8 * i;
         nv[i].nlng = 8;
         nv[i].type = 1;
+        nv[i].namepid = 8 * i;
+        nv[i].name_l = i == 0 ? 5 : 3;
         nv[i].labelpid = nv[i].nformpid = nv[i].niformpid = -1;
     }
     da_off_t no = -1;
@@ -530,12 +543,27 @@ TEST(Daods, WalkReachesEveryRecordOfATable) {
     auto io = m.io();
     int32_t fibsize = buildTable(io);
     EXPECT_EQ(fibsize, 4096);
+    {
+        // A name whose string pool id points past the pool is refused.
+        MemFile bad = m;
+        DA_DSFHEAD h;
+        std::memcpy(&h, bad.data.data() + 4096, sizeof h);
+        int32_t pid = 1 << 12;  // section 1 of a pool with one section
+        std::memcpy(bad.data.data() + h.links[DA_LNKNAMES] + 76 + 32, &pid, 4);
+        Seen s;
+        int fk = -1;
+        EXPECT_EQ(damdfwalk(bad.io(), 0, collect, &s, &fk, nullptr), DA_INTERNAL);
+        EXPECT_EQ(fk, DA_MRNAMES);
+        pid = 4094;  // inside the section, but the text would run past it
+        std::memcpy(bad.data.data() + h.links[DA_LNKNAMES] + 76 + 32, &pid, 4);
+        EXPECT_EQ(damdfwalk(bad.io(), 0, collect, &s, &fk, nullptr), DA_INTERNAL);
+    }
     Seen seen;
     int fk = -1;
     da_off_t fo = 0;
     ASSERT_EQ(damdfwalk(io, 0, collect, &seen, &fk, &fo), 0);
     std::vector<int> want = {DA_MRFIB,  DA_MRDSFH,  DA_MRXOE,    DA_MRSIN,   DA_MROWN,  DA_MRBACKUP,
-                             DA_MRSTRPH, DA_MRVARS, DA_MRNAMES, DA_MRIDX,   DA_MRIDXFIB, DA_MRDPFFIB,
+                             DA_MRSTRPH, DA_MRSTRP, DA_MRVARS, DA_MRNAMES, DA_MRIDX,   DA_MRIDXFIB, DA_MRDPFFIB,
                              DA_MRDMPH, DA_MRDMPD,  DA_MRCONST};
     EXPECT_EQ(seen.kinds, want);
     // The first bytes of every table.
@@ -631,6 +659,7 @@ TEST(Daods, MdfCommandPrintsTableAndFailsCleanlyOnDamage) {
     EXPECT_NE(out.find("numobs 10"), std::string::npos) << out;
     EXPECT_NE(out.find("partition 0: t.dpf._data_meta.0.1.vrta9"), std::string::npos) << out;
     EXPECT_NE(out.find("name \"x\" keylen 8"), std::string::npos) << out;
+    EXPECT_NE(out.find("\"qty\""), std::string::npos) << out;
 
     std::string image = vrtatest::readFile(path);
     vrtatest::writeFile(dir.file("c.mdf.0.0.0.vrta9"), image.substr(0, 5000));

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "hs/hs.h"
 #include "sda/dafd.h"
@@ -77,7 +78,19 @@ void fib(int kind, da_off_t off, const DA_FIB* f, int size) {
     }
 }
 
-rctype show(void*, int kind, da_off_t off, const void* rec, int len) {
+// String pool sections seen so far, to print names with the variables.
+struct Pool {
+    std::vector<DA_STRP> sects;
+    std::string text(int32_t pid, int len) const {
+        if (pid < 0 || len <= 0) return "";
+        size_t s = static_cast<size_t>(pid) >> 12, o = pid & 0xfff;
+        if (s >= sects.size() || o + len > sizeof sects[s].pool) return "?";
+        return ::text(reinterpret_cast<const char*>(sects[s].pool) + o, len);
+    }
+};
+
+rctype show(void* ctx, int kind, da_off_t off, const void* rec, int len) {
+    Pool& pool = *static_cast<Pool*>(ctx);
     const auto* h = static_cast<const DA_ODSHEAD*>(rec);
     switch (kind) {
     case DA_MRFIB:
@@ -162,6 +175,13 @@ rctype show(void*, int kind, da_off_t off, const void* rec, int len) {
         }
         break;
     }
+    case DA_MRSTRP: {
+        const auto* sp = static_cast<const DA_STRP*>(rec);
+        std::printf("%s %zu at %" PRId64 ": freeSpace %d freeOffset %d\n", damrname(kind), pool.sects.size(),
+                    static_cast<int64_t>(off), sp->freeSpace, sp->freeOffset);
+        pool.sects.push_back(*sp);
+        break;
+    }
     case DA_MRVARS: {
         head(kind, off, *h);
         int n = (len - 8) / 12;
@@ -179,9 +199,11 @@ rctype show(void*, int kind, da_off_t off, const void* rec, int len) {
         for (int i = 0; i < n; i++) {
             DA_NAME7ODS v;
             std::memcpy(&v, static_cast<const char*>(rec) + i * sizeof v, sizeof v);
-            std::printf("  %d: %s npos %d nlng %d namepid 0x%x name_l %d labelpid %d flags 0x%x\n", v.nvar0,
-                        v.type == 1 ? "num " : v.type == 2 ? "char" : "?   ", v.npos, v.nlng, v.namepid, v.name_l,
-                        v.labelpid, static_cast<unsigned>(v.flags));
+            std::printf("  %d: \"%s\" %s npos %d nlng %d namepid 0x%x labelpid %d flags 0x%x", v.nvar0,
+                        pool.text(v.namepid, v.name_l).c_str(), v.type == 1 ? "num " : v.type == 2 ? "char" : "?   ",
+                        v.npos, v.nlng, v.namepid, v.labelpid, static_cast<unsigned>(v.flags));
+            if (v.label_l > 0) std::printf(" label \"%s\"", pool.text(v.labelpid, v.label_l).c_str());
+            std::printf("\n");
         }
         break;
     }
@@ -285,7 +307,8 @@ int run(const std::vector<std::string>& args) {
     }
     int failkind = 0;
     da_off_t failoff = 0;
-    rctype rc = damdfwalk(io, fdflags, show, nullptr, &failkind, &failoff);
+    Pool pool;
+    rctype rc = damdfwalk(io, fdflags, show, &pool, &failkind, &failoff);
     if (lfd) lfd->fdclose(lfd);
     ::close(fd);
     if (rc != 0) {
