@@ -318,6 +318,8 @@ rctype dawritp(DA_FD* fd, const void* buf, long size, da_off_t* offp) {
                        rewrite, off, size, paroff, wsize, err);
                 if (!rewrite) datrncf(p->pfd, paroff);
                 ++ntry;
+            } else if (paroff == 0) {
+                ++ntry;  // a partition that can take nothing at all: do not make them forever
             }
             if (rewrite) {
                 IOError(fdp, "dawritp", "Write failed", err, off);
@@ -377,7 +379,7 @@ rctype GrowFile(DA_FDP* fdp, da_off_t newsize) {
             fdb->filesize = p->minoffset + tgt;
             continue;
         }
-        if (err == ENOSPC) ++ntry;
+        if (err == ENOSPC || cur == 0) ++ntry;
         rctype rc = nextpart(fdp, fdb->numpcb - 1, 8192, &ntry, newsize, 0, cur);
         if (rc < 0) return rc;
     }

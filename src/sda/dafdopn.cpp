@@ -63,7 +63,12 @@ rctype growpcbs(DA_FDB* fdb) {
     if (!np) return DA_NOMEM;
     if (fdb->pcbs) {
         memcpy(np, fdb->pcbs, fdb->numpcb * sizeof(DA_PCB));
-        fdfree(fdb->pcbs, static_cast<long>(fdb->pcballoc) * sizeof(DA_PCB));
+        if (fdb->nretired < 32) {
+            fdb->retired[fdb->nretired] = fdb->pcbs;
+            fdb->retiredn[fdb->nretired++] = fdb->pcballoc;
+        } else {
+            fdfree(fdb->pcbs, static_cast<long>(fdb->pcballoc) * sizeof(DA_PCB));
+        }
     }
     fdb->pcbs = np;
     fdb->pcballoc = n;
@@ -108,6 +113,7 @@ void freefdb(DA_FDB* fdb) {
     if (!fdb) return;
     for (int i = 0; i < fdb->numpcb; ++i) closepart(&fdb->pcbs[i]);
     fdfree(fdb->pcbs, static_cast<long>(fdb->pcballoc) * sizeof(DA_PCB));
+    for (int i = 0; i < fdb->nretired; ++i) fdfree(fdb->retired[i], static_cast<long>(fdb->retiredn[i]) * sizeof(DA_PCB));
     fdfree(fdb->fib, fdb->fibsize);
     fdstrfree(fdb->name);
     fdstrfree(fdb->fullname);

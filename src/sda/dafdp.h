@@ -25,6 +25,11 @@ struct DA_FDB {
     int numpcb;
     int pcballoc;
     DA_PCB* pcbs;
+    // Outgrown pcbs vectors stay until the block is freed: another thread
+    // of a shared block may still be walking one.
+    DA_PCB* retired[32];
+    int retiredn[32];
+    int nretired;
     int fibsize;           // allocation of the FIB with its directory
     DA_FIB* fib;           // image of the FIB and directory, fibsize bytes
     da_off_t fiboff;       // where the head of the FIB chain stands (logical, in mdfd)

@@ -429,6 +429,24 @@ TEST_F(FdTest, FileSizeLimitStartsNewPartition) {
     ASSERT_EQ(fd->fdpstat(fd, 1, &ps), 0);
     EXPECT_EQ(ps.maxoffset - ps.minoffset + 1, 10000);
     fd->fdclose(fd);
+
+    // A limit that lets no partition take a byte ends in HSENOSPC, not in
+    // an endless row of empty partitions.
+    std::string a = tmp.file("a"), b = tmp.file("b");
+    mkdir(a.c_str(), 0755);
+    mkdir(b.c_str(), 0755);
+    Opener z("z.dpf", {a, b}, DA_FDCREATE | DA_FDPARTSIZE);
+    z.s.maxpar = 100000;
+    ASSERT_EQ(z.open(&fd), 0);
+    daiogcb.filemax = 0;
+    testing::internal::CaptureStdout();
+    off = -1;
+    rctype rc = fd->fdwrite(fd, data.data(), 100, &off);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(rc, DA_NOSPACE);
+    EXPECT_NE(out.find("dawritp: PATH LOOP"), std::string::npos) << out;
+    EXPECT_LE(countparts(a) + countparts(b), 3);
+    fd->fdclose(fd);
 }
 
 // Sizes come from the partition files: rows written after the last FIB
