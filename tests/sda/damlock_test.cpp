@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "sda/da.h"
+#include "sda/dafd.h"
 #include "sda/darc.h"
 #include "testutil.h"
 
@@ -292,4 +293,54 @@ TEST(MemberLock, DynamicOpenersShareAndKeepTheUpdaterAlone) {
     EXPECT_EQ(0, dalkdyn(d1, DA_SHRCLEAR));
     daulmem(lib.lp, d1, DA_LKMEMBER, DA_OMUPDATE, me);
     EXPECT_FALSE(there(lib.lockfile("dy")));
+}
+
+TEST(MemberLock, TheTablesFirstBytesGuardItWhenNoLockFileExists) {
+    Lib lib;
+    thread_t me = thr_self();
+    // A real metadata file, whose FIB region takes the component lock.
+    const char* mp[] = {lib.lp->meta[0].path};
+    DA_FDSTR fs{};
+    fs.name = "ct.mdf";
+    fs.namelen = 6;
+    fs.numpath = 1;
+    fs.paths = mp;
+    fs.flags = DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST;
+    fs.perms = 0644;
+    fs.minfree = -1;
+    fs.fiboff = -1;
+    DA_FD* fd = nullptr;
+    ASSERT_GE(dafdopn(&fs, &fd), 0);
+    fd->fdclose(fd);
+
+    DA_LOCK* r = nullptr;
+    pid_t owner = 0;
+    ASSERT_EQ(0, dalkmem(lib.lp, "ct", "DATA    ", DA_LKMEMBER, DA_OMINPUT, me, 0, &r, &owner));
+    EXPECT_FALSE(there(lib.lockfile("ct")));
+    ASSERT_NE(nullptr, r->memfd);
+    EXPECT_EQ(DA_LCKREAD, r->memlock);
+    {
+        // A writer elsewhere gets the lock file but not the table's first bytes,
+        // and leaves no lock file behind.
+        Holder child(lib.lp, "ct", DA_OMUPDATE);
+        EXPECT_EQ(DA_WRLOCKED, child.rc);
+        Holder reader(lib.lp, "ct", DA_OMINPUT);
+        EXPECT_EQ(0, reader.rc);
+    }
+    EXPECT_FALSE(there(lib.lockfile("ct")));
+    // Alone, the reader becomes an updater in place and back.
+    ASSERT_EQ(0, daconlk(lib.lp, r, DA_LKMEMBER, DA_OMINPUT, DA_OMUPDATE, me, &owner));
+    EXPECT_EQ(DA_LCKWRITE, r->memlock);
+    {
+        Holder reader(lib.lp, "ct", DA_OMINPUT);
+        EXPECT_EQ(DA_RDLOCKED, reader.rc);
+    }
+    ASSERT_EQ(0, daconlk(lib.lp, r, DA_LKMEMBER, DA_OMUPDATE, DA_OMINPUT, me, &owner));
+    EXPECT_EQ(DA_LCKREAD, r->memlock);
+    daulmem(lib.lp, r, DA_LKMEMBER, DA_OMINPUT, me);
+    {
+        Holder child(lib.lp, "ct", DA_OMUPDATE);
+        EXPECT_EQ(0, child.rc);
+    }
+    EXPECT_FALSE(there(lib.lockfile("ct")));
 }
