@@ -27,6 +27,7 @@ struct DA_DMPCB;
 struct DA_DMP;
 struct DA_CVB;
 struct DA_STRPHDL;
+using da_strpmoved_t = void (*)(void* closure, da_off_t newoff);
 using da_fid_t = DA_FID*;
 using dafcb = DA_FCB*;
 
@@ -292,6 +293,14 @@ rctype darfmdf(DA_FCB* fcb);
 // The XOE written now: the commit of numobs.
 rctype dawrfcbxoe(DA_FCB* fcb);
 
+// Between the files of the table layer.
+DA_ODSIO damdfio(DA_FCB* fcb);
+da_strpmoved_t dastrpmovedcb();
+DA_FCB* danewfcb(DA_LIBP* lp, const char* name, int namelen, int mode);
+rctype dastv7nam(DA_FCB* fcb, int nvars, DA_NAMESTR* vars);
+rctype dabldvars(DA_FCB* fcb, int nvars, const DA_NAME7ODS* v);
+rctype daldv7ns(DA_FCB* fcb);
+
 // The method tables, filled at dainit.
 rctype dafidmtini(DA_GCB* gcb);
 extern DA_FIDMT fidmt_r;
@@ -393,8 +402,6 @@ rctype dafreedelmap(DA_DMP* dmap);
 rctype dareaddelmap(DA_DMP* dmap, hs_obsno_t segobs, uint32_t** bitmap, int32_t* bsize);
 
 // ---------------------------------------------------------------- string pool
-
-using da_strpmoved_t = void (*)(void* closure, da_off_t newoff);
 
 struct DA_STRPHDL {
     da_off_t offset;          // of the DA_STRPHEAD

@@ -1,0 +1,160 @@
+// Flush and close of a table. The order of writes is what keeps a table
+// trustworthy after a crash: rows before numobs, the clean-close mark before
+// the revision update, and the MDF's revision last.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "hs/hs.h"
+#include "sda/dafid.h"
+#include "sda/darc.h"
+#include "sda/daxc.h"
+
+namespace vrta {
+
+rctype dafvbcb(DA_FCB*) __attribute__((weak));
+rctype daffbcb(DA_FCB*) __attribute__((weak));
+
+rctype dawrfcbxoe(DA_FCB* fcb) {
+    if (da_writehook) da_writehook("xoe");
+    rctype rc = dawrxoe(fcb->mdfio, &fcb->xoe, fcb->dshdr.links[DA_LNKXOE]);
+    if (rc == 0) fcb->flags &= ~DA_FCBXOE;
+    return rc;
+}
+
+rctype daflfcb(DA_FCB* fcb) {
+    if (!fcb->mdfd) return 0;
+    rctype rc = 0;
+    if (fcb->phdl) {
+        rc = daflstrp(fcb->phdl);
+        if (rc < 0) return rc;
+    }
+    if (fcb->flags & DA_FCBOWNER) {
+        da_off_t off = fcb->dshdr.links[DA_LNKOWN];
+        if (off >= 0) {
+            rc = dawrods(fcb->mdfio, &fcb->owner, &off);
+            if (rc < 0) return rc;
+        }
+        fcb->flags &= ~DA_FCBOWNER;
+    }
+    if (fcb->flags & DA_FCBXOE) {
+        rc = dawrfcbxoe(fcb);
+        if (rc < 0) return rc;
+    }
+    if (fcb->flags & DA_FCBDSHDR) {
+        da_off_t off = fcb->hdrOff;
+        rc = dawrods(fcb->mdfio, &fcb->dshdr, &off);
+        if (rc < 0) return rc;
+        fcb->flags &= ~DA_FCBDSHDR;
+    }
+    fcb->flags &= ~DA_FCBIDX;  // no index records in this layer yet
+    return 0;
+}
+
+rctype dauprev(DA_FCB* fcb) {
+    if (!dagcb.revnumupdate) return 0;
+    rctype first = 0;
+    if (fcb->dffd) {
+        rctype rc = fcb->dffd->fdrevise(fcb->dffd, fcb->dshdr.links[DA_LNKDPFFIB]);
+        if (rc < 0) {
+            hsprint("dauprev: DAFDREVISE on DPF component failed: Member=%s: Reason=%s\n", fcb->name, hsstrer(rc));
+            first = rc;
+        }
+    }
+    // The MDF last: a crash before this leaves revisions that differ.
+    if (fcb->mdfd) {
+        rctype rc = fcb->mdfd->fdrevise(fcb->mdfd, -1);
+        if (rc < 0) {
+            hsprint("dauprev: DAFDREVISE on MDF component failed: Member=%s: Reason=%s\n", fcb->name, hsstrer(rc));
+            if (!first) first = rc;
+        }
+    }
+    return first;
+}
+
+rctype dafrfcb(DA_FCB* fcb, int disp) {
+    if (--fcb->refCount > 0) return 0;
+    rctype last = 0;
+    bool acl = fcb->xoe.semtype == DA_SEMVRTAACL;
+    bool writes = fcb->mode != DA_OMINPUT;
+    dalinkdel(&fcb->link);
+    if ((disp & 1) && (fcb->flags & DA_FCBDIRTY)) {
+        rctype rc = daflfcb(fcb);
+        if (rc < 0) {
+            hsprint("dafrfcb: FCB flush failed on %s: Reason=%s\n", fcb->name, hsstrer(rc));
+            last = rc;
+        }
+    }
+    if (fcb->vbcb && dafvbcb) {
+        rctype rc = dafvbcb(fcb);
+        if (rc < 0) last = rc;
+    } else if (fcb->fbcb && daffbcb) {
+        rctype rc = daffbcb(fcb);
+        if (rc < 0) last = rc;
+    }
+    if (fcb->xcext) {
+        DA_XCEXT* xc = fcb->xcext;
+        if ((disp & 1) && xc->xcthdl) {
+            rctype rc = daxcclose(xc);
+            if (rc < 0) last = rc;
+            else if (writes && xc->xcb && (xc->xcb->xcflags & DA_XCBAG) && xc->xchdr.baglen > 0 &&
+                     fcb->dshdr.links[DA_LNKXCH] >= 0) {
+                da_off_t off = fcb->dshdr.links[DA_LNKXCH];
+                rc = dawrods(fcb->mdfio, &xc->xchdr, &off);
+                if (rc < 0) {
+                    hsprint("dafrfcb: XCHEAD write failed on %s: Reason=%s\n", fcb->name, hsstrer(rc));
+                    last = rc;
+                }
+            }
+        }
+        if (xc->xcb) dafrxcb(xc->xcb);
+        free(xc);
+        fcb->xcext = nullptr;
+    }
+    dafrdmp(fcb);
+    free(fcb->vars);
+    fcb->vars = nullptr;
+    free(fcb->vstat);
+    dafrstrp(fcb->phdl);
+    fcb->phdl = nullptr;
+    if (fcb->constrMalloc) free(fcb->constr);
+    if (fcb->dffd) {
+        rctype rc = fcb->dffd->fdclose(fcb->dffd);
+        if (rc < 0) {
+            hsprint("dafrfcb: DPF DAFDCLOSE failed on %s: Reason=%s\n", fcb->name, hsstrer(rc));
+            last = rc;
+        }
+        fcb->dffd = nullptr;
+    }
+    if (fcb->mdfd && !acl && (disp & 1) && writes && (fcb->dshdr.flags & 1)) {
+        fcb->dshdr.flags &= ~1;
+        int32_t f = fcb->dshdr.flags;
+        da_off_t off = fcb->hdrOff + DA_DSFFLAGOFF;
+        if (da_writehook) da_writehook("closeflag");
+        rctype rc = fcb->mdfd->fdwrite(fcb->mdfd, &f, 4, &off);
+        if (rc < 0) last = rc;
+    }
+    if (fcb->mdfd && (disp & 1) && !(fcb->flags & DA_FCBNOREV) && !acl &&
+        (fcb->mode == DA_OMUPDATE || fcb->mode == DA_OMUTIL)) {
+        rctype rc = dauprev(fcb);
+        if (rc < 0) last = rc;
+    }
+    if (fcb->mdfd && (disp & 4)) {
+        DA_FDSCB scb = {0, 0};
+        fcb->mdfd->fdcntl(fcb->mdfd, DA_FDUNSYNC, &scb);
+    }
+    if (fcb->mdfd) {
+        rctype rc = fcb->mdfd->fdclose(fcb->mdfd);
+        if (rc < 0) last = rc;
+        fcb->mdfd = nullptr;
+    }
+    mutex_destroy(&fcb->indexLock);
+    mutex_destroy(&fcb->aclLock);
+    mutex_destroy(&fcb->dynupdLock);
+    rwlock_destroy(&fcb->updateLock);
+    rwlock_destroy(&fcb->shareLock);
+    free(fcb);
+    return last;
+}
+
+}  // namespace vrta

@@ -1,0 +1,647 @@
+// Openers of a table: the library's openfid, the method tables by mode, and
+// the per-opener methods (reopen, close, force, truncate, sort and backup
+// information, dynamic sharing).
+#include <unistd.h>
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "hs/hs.h"
+#include "sda/dafid.h"
+#include "sda/danames.h"
+#include "sda/darc.h"
+
+namespace vrta {
+
+// Weak: the cursor layer may not be linked into a storage-only test.
+rctype dargioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+rctype dafgioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+rctype davgioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+rctype dabgioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+rctype dancgio(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+rctype daacgio(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+rctype daflvbcb(DA_FCB*) __attribute__((weak));
+rctype daflfbcb(DA_FCB*) __attribute__((weak));
+
+void (*da_writehook)(const char* what) = nullptr;
+
+DA_FIDMT fidmt_r;
+DA_FIDMT fidmt_l;
+DA_FIDMT fidmt_f;
+
+namespace {
+
+rctype nocursor(DA_FID*, int, DA_IOCB**) { return DA_INTERNAL; }
+
+// Slots a mode forbids; one signature each, all giving the same answer.
+rctype f_close(DA_FID* fp);
+rctype f_reopen(DA_FID*, DA_OPNSTR*) { return DA_STATELOST; }
+rctype f_int(DA_FID*, int) { return DA_STATELOST; }
+rctype f_defv(DA_FID*, int, DA_NAMESTR*) { return DA_STATELOST; }
+rctype f_gio(DA_FID*, int, DA_IOCB**) { return DA_STATELOST; }
+rctype f_ptr(DA_FID*, void*) { return DA_STATELOST; }
+rctype f_name(DA_FID*, const char*, int) { return DA_STATELOST; }
+rctype f_open(DA_FID*, const char*, int, void**) { return DA_STATELOST; }
+rctype f_query(DA_FID*, int, void*) { return DA_STATELOST; }
+rctype f_qicb(DA_FID*, void*, void*) { return DA_STATELOST; }
+rctype f_obs(DA_FID*, hs_obsno_t) { return DA_STATELOST; }
+rctype f_dmp(DA_FID*, DA_DMP**) { return DA_STATELOST; }
+rctype f_sin(DA_FID*, const DA_SORTINFO*) { return DA_STATELOST; }
+rctype f_drop(DA_FID*, int, const int32_t*) { return DA_STATELOST; }
+rctype f_bkup(DA_FID*, const DA_BACKUPINFO*) { return DA_STATELOST; }
+rctype f_info(DA_FID*, int, void*, int) { return DA_STATELOST; }
+rctype f_cdf(DA_FID*, int, hs_obsno_t, hs_obsno_t*) { return DA_STATELOST; }
+rctype f_pw(DA_FID*, const char*, int) { return DA_STATELOST; }
+
+// Index methods belong to the index layer; until it installs its own, a
+// table has none.
+rctype n_ptr(DA_FID*, void*) { return DA_BADARG; }
+rctype n_name(DA_FID*, const char*, int) { return DA_NOTFOUND; }
+rctype n_open(DA_FID*, const char*, int, void**) { return DA_NOTFOUND; }
+rctype n_query(DA_FID*, int, void*) { return DA_NOTFOUND; }
+rctype n_qicb(DA_FID*, void*, void*) { return DA_BADARG; }
+rctype n_cdf(DA_FID*, int, hs_obsno_t, hs_obsno_t*) { return DA_BADARG; }
+rctype n_pw(DA_FID*, const char*, int) { return 0; }
+rctype n_share(DA_FID*, int) { return DA_BADARG; }
+rctype n_delobs(DA_FID*, hs_obsno_t) { return DA_BADARG; }
+rctype n_defv(DA_FID*, int, DA_NAMESTR*) { return DA_BADARG; }
+rctype n_trunc(DA_FID*, hs_obsno_t) { return DA_BADARG; }
+rctype n_bkup(DA_FID*, const DA_BACKUPINFO*) { return DA_BADARG; }
+rctype n_settc(DA_FID*, int, const int32_t*) { return 0; }
+
+rctype f_close(DA_FID* fp) { return darclos(fp); }
+
+void filltable(DA_FIDMT* mt, bool writer) {
+    mt->closefid = darclos;
+    mt->reopenfid = darropn;
+    mt->force = dalforc;
+    mt->fix = darfix;
+    mt->defvars = writer ? daldefv : n_defv;
+    mt->getiocb = dargioc ? dargioc : nocursor;
+    mt->addidx = n_ptr;
+    mt->dropidx = n_name;
+    mt->replaceidx = n_ptr;
+    mt->openidx = n_open;
+    mt->queryidx = n_query;
+    mt->queryicb = n_qicb;
+    mt->setkeystat = n_qicb;
+    mt->delobs = n_delobs;
+    mt->getdelmap = dagetdelmap;
+    mt->truncobs = writer ? datrobs : n_trunc;
+    mt->setsortinfo = darssin;
+    mt->dropvars = dadrvar;
+    mt->setshare = n_share;
+    mt->setbackup = writer ? darsbkup : n_bkup;
+    mt->getinfo = dargetinfo;
+    mt->getcdfobs = n_cdf;
+    mt->vercryptpw = n_pw;
+    mt->setrange = n_ptr;
+    mt->settranscodenvar0 = n_settc;
+}
+
+void fillfatal(DA_FIDMT* mt) {
+    mt->closefid = f_close;  // closing is all a lost table allows
+    mt->reopenfid = f_reopen;
+    mt->force = f_int;
+    mt->fix = f_int;
+    mt->defvars = f_defv;
+    mt->getiocb = f_gio;
+    mt->addidx = f_ptr;
+    mt->dropidx = f_name;
+    mt->replaceidx = f_ptr;
+    mt->openidx = f_open;
+    mt->queryidx = f_query;
+    mt->queryicb = f_qicb;
+    mt->setkeystat = f_qicb;
+    mt->delobs = f_obs;
+    mt->getdelmap = f_dmp;
+    mt->truncobs = f_obs;
+    mt->setsortinfo = f_sin;
+    mt->dropvars = f_drop;
+    mt->setshare = f_int;
+    mt->setbackup = f_bkup;
+    mt->getinfo = f_info;
+    mt->getcdfobs = f_cdf;
+    mt->vercryptpw = f_pw;
+    mt->setrange = f_ptr;
+    mt->settranscodenvar0 = n_settc;
+}
+
+rctype closefidlink(DA_LINK* l) {
+    DA_FIDP* fp = fidpoflink(l);
+    return fp->mt->closefid(fp);
+}
+
+void lowername(const char* in, int len, char* out) {
+    for (int i = 0; i < len; ++i) out[i] = static_cast<char>(tolower(static_cast<unsigned char>(in[i])));
+    out[len] = '\0';
+}
+
+// Holds libLock unless this thread already does (dalklib nests).
+struct LibLock {
+    DA_LIB* lp;
+    explicit LibLock(DA_LIB* l) : lp(l) { dalklib(lp); }
+    ~LibLock() { daullib(lp); }
+};
+
+// The opener's views into the shared block.
+void setviews(DA_FIDP* fp, DA_FCB* fcb, DA_OPNSTR* ostr) {
+    fp->xoehdr = &fcb->xoe;
+    fp->vars = fcb->vars;
+    fp->allvars = fcb->vars;
+    fp->numvar = fcb->xoe.nvar;
+    fp->numindex = fcb->xoe.nindexes;
+    fp->indexes = fp->allindexes = fcb->indexes;
+    fp->keytab = fcb->keytab;
+    fp->lib = fcb->lib;
+    fp->owninfo = reinterpret_cast<DA_OWNINFO*>(&fcb->owner.tokenLen);
+    fp->keysum = fcb->keysum;
+    fp->segsize = fcb->xoe.idxsegsize;
+    fp->version = fcb->xoe.ods.version;
+    fp->rv_120 = fcb->reqvec;
+    fp->nlsenv = fcb->nlsenv;
+    fp->constr = fcb->constr;
+    fp->backup = (fcb->xoe.flags & DA_XOEBACKUP) ? &fcb->backup.binfo : nullptr;
+    // A writer sees the shared sort information; a reader keeps its own copy.
+    if (fp->mode == DA_OMINPUT) {
+        fp->sortcopy = fcb->sort.sortinfo;
+        fp->sortinfo = &fp->sortcopy;
+    } else {
+        fp->sortinfo = &fcb->sort.sortinfo;
+    }
+    if (!dagcb.nlstranscode) fp->fidflags |= DA_FIDNOTRANS;
+    if (ostr->flags & DA_OFDYNAMIC) fp->fidflags |= DA_FIDDYNAMIC;
+}
+
+// blockfactor and blocksize of this opener (the table's unless asked).
+void setblocking(DA_FIDP* fp, DA_FCB* fcb, DA_OPNSTR* ostr) {
+    const DA_XOEODS& x = fcb->xoe;
+    fp->blockfactor = x.blockfactor;
+    fp->blocksize = x.blocksize;
+    if (ostr->mode == DA_OMOUTPUT || ostr->blocksize <= 0 || x.ioreclen <= 0) return;
+    if (x.flags & (DA_XOECOMP | DA_XOECRYPT)) {
+        int32_t m = x.blocksize > 0 ? ostr->blocksize / x.blocksize : 1;
+        fp->blockfactor = (m < 1 ? 1 : m) * x.blockfactor;
+        fp->blocksize = fp->blockfactor * x.ioreclen;
+    } else {
+        int32_t bf = ostr->blocksize / x.ioreclen;
+        fp->blockfactor = bf < 1 ? 1 : bf;
+        fp->blocksize = fp->blockfactor * x.ioreclen;
+    }
+}
+
+void setcursor(DA_FIDP* fp, DA_FCB* fcb) {
+    DA_FIDMT* mt = &fp->mtcopy;
+    auto pick = [](rctype (*f)(DA_FID*, int, DA_IOCB**)) { return f ? f : nocursor; };
+    switch (fcb->xoe.semtype) {
+    case DA_SEMVRTAACL: mt->getiocb = pick(daacgio); break;
+    case DA_SEMZCRYPT: mt->getiocb = pick(dancgio); break;
+    case DA_SEMXCVBS: mt->getiocb = pick(davgioc); break;
+    case DA_SEMXCFBS: mt->getiocb = pick(dafgioc); break;
+    default: mt->getiocb = (fcb->xoe.flags & DA_XOEEXPORT) ? pick(dabgioc) : pick(dargioc); break;
+    }
+    mt->getdelmap = dagetdelmap;
+    if (fp->mode == DA_OMUPDATE) mt->delobs = dadodmp;
+}
+
+// Fills the request with the table's properties for a caller that opened it.
+void fillostr(DA_OPNSTR* o, const DA_FCB* fcb) {
+    const DA_XOEODS& x = fcb->xoe;
+    memcpy(o->dstype, x.dstype, 8);
+    o->sysid = x.sysid;
+    o->idxsegsize = x.idxsegsize;
+    o->dsorg = x.dsorg;
+    memcpy(o->diskcomp, x.diskcomp, 8);
+    memcpy(o->who_created, x.who_created, 8);
+    o->credate = x.credate;
+    o->semtype = x.semtype;
+    o->label_l = x.label_l;
+    memcpy(o->label, x.label, sizeof o->label);
+    o->lang = x.lang;
+    o->ltype = x.ltype;
+    o->partsize = x.partsize;
+    o->encoding_cei = x.encoding_cei;
+    memcpy(o->locale, x.locale, sizeof o->locale);
+    o->transfersize = x.transfersize;
+    o->transferquantum = x.transferquantum;
+}
+
+}  // namespace
+
+int64_t dalcm32(int64_t bf) {
+    if (bf <= 0) return 32;
+    int64_t p = 1;
+    while (p < 32 && bf % (p * 2) == 0) p *= 2;
+    return bf / p * 32;
+}
+
+rctype dafidmtini(DA_GCB* gcb) {
+    filltable(&fidmt_r, false);
+    filltable(&fidmt_l, true);
+    fillfatal(&fidmt_f);
+    gcb->fidmt_r = &fidmt_r;
+    gcb->fidmt_l = &fidmt_l;
+    gcb->fidmt_f = &fidmt_f;
+    gcb->closefid = closefidlink;
+    gcb->libmt_r.openfid = daopen;
+    gcb->libmt_d.openfid = daopen;
+    return 0;
+}
+
+rctype daopen(DA_LIB* lp, DA_OPNSTR* ostr, DA_FID** newfp) {
+    if (!lp || !ostr || !newfp) return DA_BADARG;
+    *newfp = nullptr;
+    bool create = ostr->mode == DA_OMOUTPUT;
+    bool acl = ostr->semtype == DA_SEMVRTAACL;
+    if (acl || (create && (ostr->flags & (DA_OFCOMPRESS | DA_OFENCRYPT)))) {
+        ostr->transfersize = 0;
+        ostr->transferquantum = 0;
+    }
+    if (create) {
+        if (ostr->flags & DA_OFCLUSTER) return DA_WRONGKIND;  // clusters are not built here
+        return daropen(lp, ostr, newfp);
+    }
+    if (!ostr->name || ostr->name_l <= 0) return DA_BADARG;
+    int kind = 0;
+    char nm[64];
+    snprintf(nm, sizeof nm, "%.*s", ostr->name_l, ostr->name);
+    rctype rc = dafindds(lp, nm, &kind);
+    if (rc < 0) return rc;
+    if (kind != 0) return DA_INTERNAL;
+    return daropen(lp, ostr, newfp);
+}
+
+rctype daropen(DA_LIB* lib, DA_OPNSTR* ostr, DA_FID** newfp) {
+    DA_LIBP* lp = static_cast<DA_LIBP*>(lib);
+    *newfp = nullptr;
+    if (ostr->mode < DA_OMINPUT || ostr->mode > DA_OMUTIL) return DA_BADARG;
+    if (ostr->mode != DA_OMINPUT && lib->perm != DA_PERMRDWR) return DA_ACCESS;
+    // A table created without a name gets one made up.
+    char genname[33];
+    if (ostr->mode == DA_OMOUTPUT) {
+        int nl = ostr->name ? ostr->name_l : 0;
+        while (nl > 0 && ostr->name[nl - 1] == ' ') --nl;
+        if (nl <= 0) {
+            damkmdfn(0, dagfuid(dagenseq()), getpid(), genname);
+            ostr->name = genname;
+            ostr->name_l = static_cast<int>(strlen(genname));
+        }
+    }
+    if (ostr->name_l <= 0 || ostr->name_l > 32) return DA_BADARG;
+
+    auto* fp = static_cast<DA_FIDP*>(calloc(1, sizeof(DA_FIDP)));
+    if (!fp) return DA_NOMEM;
+    fp->mode = ostr->mode;
+    fp->timeout = ostr->timeout;
+    fp->link.fid = fp;
+    fp->fcblink.fid = fp;
+    mutex_init(&fp->iocbLock);
+    mutex_init(&fp->indexLock);
+    fp->mtcopy = ostr->mode == DA_OMINPUT ? fidmt_r : fidmt_l;
+    if (ostr->mode == DA_OMUTIL) fp->mtcopy.defvars = dalupdv;
+    if (ostr->flags & DA_OFDYNAMIC) {
+        fp->mtcopy.setshare = dasetshare;
+        fp->lcb = ostr->lcb;
+    }
+    fp->mt = &fp->mtcopy;
+
+    char iname[33];
+    lowername(ostr->name, ostr->name_l, iname);
+
+    // A dynamic opener brings the member lock; any other takes its own.
+    rctype rc = 0;
+    if (!(ostr->flags & DA_OFDYNAMIC)) {
+        char nm[33];
+        snprintf(nm, sizeof nm, "%.*s", ostr->name_l, ostr->name);
+        pid_t owner = 0;
+        rc = dalkmem(lib, nm, "DATA    ", DA_LKMEMBER, ostr->mode, thr_self(), 0, &fp->memlid, &owner);
+        if (rc < 0) {
+            mutex_destroy(&fp->iocbLock);
+            mutex_destroy(&fp->indexLock);
+            free(fp);
+            return rc;
+        }
+    }
+
+    rctype warn = 0;
+    DA_FCB* fcb = nullptr;
+    {
+        LibLock guard(lib);
+        dalinkadd(&lp->fids, &fp->link.link);
+        fcb = dalufcb(lp, iname);
+        if (ostr->mode == DA_OMOUTPUT) {
+            if (fcb) rc = DA_EXISTS;
+            else {
+                if (ostr->blocksize <= 0) ostr->blocksize = 8192;
+                rc = dacrfcb(lp, ostr, &fcb);
+            }
+        } else if (fcb) {
+            fcb->refCount++;
+            rc = darofcb(fcb, ostr->mode, ostr->flags);
+            if (rc < 0) {
+                // darofcb freed a lost FCB; a healthy one gives back our count.
+                if (rc != DA_STATELOST) fcb->refCount--;
+                fcb = nullptr;
+            }
+        } else {
+            rc = daopfcb(lp, ostr, &fcb);
+        }
+        if (rc >= 0) {
+            warn = rc;
+            fp->fcb = fcb;
+            dalinkadd(&fcb->fids, &fp->fcblink.link);
+        } else {
+            dalinkdel(&fp->link.link);
+        }
+    }
+    if (rc < 0) {
+        if (fp->memlid) daulmem(lib, fp->memlid, DA_LKMEMBER, ostr->mode, thr_self());
+        mutex_destroy(&fp->iocbLock);
+        mutex_destroy(&fp->indexLock);
+        free(fp);
+        return rc;
+    }
+    if (ostr->mode != DA_OMOUTPUT) fillostr(ostr, fcb);
+    setblocking(fp, fcb, ostr);
+    setviews(fp, fcb, ostr);
+    setcursor(fp, fcb);
+    *newfp = fp;
+    return warn;
+}
+
+rctype darropn(DA_FID* f, DA_OPNSTR* ostr) {
+    DA_FIDP* fp = fidpof(f);
+    DA_FCB* fcb = fp->fcb;
+    if (ostr->mode == DA_OMOUTPUT || ostr->mode < 0 || ostr->mode > DA_OMUTIL) return DA_BADARG;
+    mutex_lock(&fp->iocbLock);
+    int nio = fp->iocbCount;
+    mutex_unlock(&fp->iocbLock);
+    if (nio) return DA_BADARG;
+    if (ostr->mode == fp->mode) return 0;
+    if ((fcb->xoe.flags & 0x100) && ostr->gennum_max > 0 && ostr->mode == DA_OMUTIL) return DA_BADGENUTIL;
+    LibLock guard(fp->lib ? fp->lib : fcb->lib);
+    rctype rc = 0;
+    // After output the table takes the name asked for now, which renames a temporary.
+    if (fp->mode == DA_OMOUTPUT && ostr->name && ostr->name_l > 0 && ostr->name_l <= 32) {
+        char iname[33];
+        lowername(ostr->name, ostr->name_l, iname);
+        if (strcmp(iname, fcb->iname) != 0) {
+            rc = daflfcb(fcb);
+            if (rc < 0) return rc;
+            rc = fcb->dffd->fdrename(fcb->dffd, fcb->dshdr.links[DA_LNKDPFFIB], iname, static_cast<int>(strlen(iname)));
+            if (rc >= 0) rc = fcb->mdfd->fdrename(fcb->mdfd, -1, iname, static_cast<int>(strlen(iname)));
+            if (rc < 0) return rc;
+            snprintf(fcb->name, sizeof fcb->name, "%.*s", ostr->name_l, ostr->name);
+            snprintf(fcb->iname, sizeof fcb->iname, "%s", iname);
+            fcb->inameLen = static_cast<int>(strlen(iname));
+        }
+    }
+    if (fp->mode == DA_OMUPDATE || fp->mode == DA_OMUTIL) {
+        rc = daflfcb(fcb);
+        if (rc >= 0) rc = dauprev(fcb);
+        if (rc < 0) return rc;
+    }
+    if (fp->memlid) {
+        pid_t owner = 0;
+        rc = daconlk(fp->lib, fp->memlid, DA_LKMEMBER, fp->mode, ostr->mode, thr_self(), &owner);
+        if (rc < 0) return rc;
+    }
+    int oldmode = fp->mode;
+    fp->mode = ostr->mode;
+    fcb->refCount++;  // held across darofcb so that a failure there cannot free it under us
+    rc = darofcb(fcb, ostr->mode, ostr->flags);
+    if (rc == DA_STATELOST) return rc;
+    fcb->refCount--;
+    if (rc < 0) {
+        fp->mode = oldmode;
+        return rc;
+    }
+    fp->mtcopy = fp->mode == DA_OMINPUT ? fidmt_r : fidmt_l;
+    if (fp->mode == DA_OMUTIL) fp->mtcopy.defvars = dalupdv;
+    if (fp->fidflags & DA_FIDDYNAMIC) fp->mtcopy.setshare = dasetshare;
+    setcursor(fp, fcb);
+    setviews(fp, fcb, ostr);
+    return rc;
+}
+
+rctype darclos(DA_FID* f) {
+    DA_FIDP* fp = fidpof(f);
+    DA_FCB* fcb = fp->fcb;
+    DA_LIB* lib = fcb ? fcb->lib : fp->lib;
+    rctype rc = 0;
+    LibLock guard(lib);
+    if (fp->cvb && fcb) {
+        dafreecvb(&fcb->cvblist, fp->cvb);
+        fp->cvb = nullptr;
+    }
+    if (fp->dmpCount) {
+        hsprint("darclos: delete map count not zero: Table=%s Count=%d\n", fcb ? fcb->name : "?", fp->dmpCount);
+        rc = DA_INTERNAL;
+    }
+    int disp = 1 | (fp->smode == 2 ? 4 : 0);
+    if (fcb) {
+        if (fp->fidflags & DA_FIDNOREV) fcb->flags |= DA_FCBNOREV;
+        dalinkdel(&fp->fcblink.link);
+        rctype frc = dafrfcb(fcb, disp);
+        if (frc < 0) rc = frc;
+    }
+    if (fp->smode == 2 && fp->lcb) dalkdyn(fp->lcb, 0);
+    if (fp->memlid) {
+        rctype lrc = daulmem(lib, fp->memlid, DA_LKMEMBER, fp->mode, thr_self());
+        if (lrc < 0 && rc >= 0) rc = lrc;
+    }
+    dalinkdel(&fp->link.link);
+    mutex_destroy(&fp->iocbLock);
+    mutex_destroy(&fp->indexLock);
+    free(fp);
+    return rc;
+}
+
+rctype darfix(DA_FID* fp, int) { return daflfcb(fcbof(fp)); }
+
+rctype dalforc(DA_FID* fp, int flags) {
+    DA_FCB* fcb = fcbof(fp);
+    if (flags & 1) fcb->flags |= DA_FCBXOE;
+    if (flags & 4) fcb->flags |= DA_FCBIDX;
+    if (flags & 8) fcb->flags |= DA_FCBOWNER;
+    rctype rc = daflfcb(fcb);
+    rctype brc = 0;
+    if (fcb->vbcb && daflvbcb) brc = daflvbcb(fcb);
+    else if (fcb->fbcb && daflfbcb) brc = daflfbcb(fcb);
+    return rc < 0 ? rc : brc;
+}
+
+rctype datrobs(DA_FID* fp, hs_obsno_t numobs) {
+    DA_FCB* fcb = fcbof(fp);
+    if (numobs < 0 || numobs > fcb->xoe.numobs) return DA_BADARG;
+    rctype rc = fcb->dffd->fdtrunc(fcb->dffd, numobs * fcb->xoe.odsreclen);
+    if (rc < 0) return rc;
+    fcb->xoe.numobs = numobs;
+    return dawrfcbxoe(fcb);
+}
+
+rctype darssin(DA_FID* f, const DA_SORTINFO* sinfo) {
+    DA_FIDP* fp = fidpof(f);
+    DA_FCB* fcb = fp->fcb;
+    if (!sinfo) return DA_BADARG;
+    if (fp->mode == DA_OMINPUT) {
+        fp->sortcopy = *sinfo;
+        return 0;
+    }
+    fcb->sort.sortinfo = *sinfo;
+    da_off_t off = fcb->dshdr.links[DA_LNKSIN];
+    if (da_writehook) da_writehook("sort");
+    rctype rc = dawrods(fcb->mdfio, &fcb->sort, &off);
+    if (rc < 0) return rc;
+    return (fcb->xoe.flags & DA_ADDAVAIL) ? DA_SORTLOST : 0;
+}
+
+rctype darsbkup(DA_FID* fp, const DA_BACKUPINFO* binfo) {
+    DA_FCB* fcb = fcbof(fp);
+    if (fcb->dshdr.links[DA_LNKBACKUP] < 0) return DA_INTERNAL;
+    memcpy(&fcb->backup.binfo, binfo, sizeof fcb->backup.binfo);
+    da_off_t off = fcb->dshdr.links[DA_LNKBACKUP];
+    if (da_writehook) da_writehook("backup");
+    return dawrods(fcb->mdfio, &fcb->backup, &off);
+}
+
+rctype dargetinfo(DA_FID* fp, int what, void* buf, int len) {
+    DA_FCB* fcb = fcbof(fp);
+    if (what == DA_INFOXOE) {
+        if (len < static_cast<int>(sizeof(DA_XOEODS))) return DA_BADARG;
+        memcpy(buf, &fcb->xoe, sizeof(DA_XOEODS));
+        return 0;
+    }
+    if (what == DA_INFOFIB) {
+        if (len < 12) return DA_BADARG;
+        int32_t rev = fcb->dffd->revision;
+        int64_t size = *fcb->dffd->filesize;
+        memcpy(buf, &rev, 4);
+        memcpy(static_cast<char*>(buf) + 4, &size, 8);
+        return 0;
+    }
+    return DA_BADARG;
+}
+
+rctype dagetfibmodtime(DA_FID* fp, int* modtime, int* numstripes) {
+    return dagetfibparms(fcbof(fp)->mdfd, modtime, numstripes);
+}
+
+rctype dasetshare(DA_FID* f, int smode) {
+    DA_FIDP* fp = fidpof(f);
+    DA_FCB* fcb = fp->fcb;
+    int nl = fcb->inameLen;
+    if (!fcb->shareLockInit || !fp->lcb) return DA_BADARG;
+    rctype rc = 0;
+    if (smode == DA_SHRREAD || smode == DA_SHRUPDATE) {
+        const char* who = smode == DA_SHRREAD ? "SHRREAD" : "SHRUPDATE";
+        if (fp->smode != 0) return DA_BADARG;
+        if ((smode == DA_SHRREAD ? rw_rdlock(&fcb->shareLock) : rw_wrlock(&fcb->shareLock)) != 0) return DA_RWFAIL;
+        mutex_lock(&fcb->dynupdLock);
+        rc = dalkdyn(fp->lcb, smode);
+        if (rc < 0) {
+            hsprint("dasetshare(%s): dalkdyn failed for Table=%.*s\n", who, nl, fcb->iname);
+            mutex_unlock(&fcb->dynupdLock);
+            rw_unlock(&fcb->shareLock);
+            return rc;
+        }
+        DA_FDSCB scb = {fp->timeout, 0};
+        rc = fcb->mdfd->fdcntl(fcb->mdfd, smode == DA_SHRREAD ? DA_FDSYNCRD : DA_FDSYNCWR, &scb);
+        if (rc < 0) {
+            hsprint("dasetshare(%s): DA_FDSYNC failed for Table=%.*s\n", who, nl, fcb->iname);
+        } else if (scb.flags & 1) {
+            hsprint("dasetshare(%s): DA_FDUPDATED set for Table=%.*s\n", who, nl, fcb->iname);
+            rc = darfmdf(fcb);
+            DA_FDSCB s2 = {fp->timeout, 0};
+            if (rc >= 0) rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDSYNCFIB, &s2);
+            if (rc >= 0) rc = fcb->mdfd->fdcntl(fcb->mdfd, DA_FDSYNCREV, nullptr);
+            if (rc < 0) hsprint("dasetshare(%s): darfmdf failed for Table=%.*s\n", who, nl, fcb->iname);
+        }
+        if (rc < 0) {
+            DA_FDSCB u = {0, 1};
+            fcb->mdfd->fdcntl(fcb->mdfd, DA_FDUNSYNC, &u);
+            dalkdyn(fp->lcb, 0);
+            mutex_unlock(&fcb->dynupdLock);
+            rw_unlock(&fcb->shareLock);
+            return rc;
+        }
+        fp->smode = smode;
+        mutex_unlock(&fcb->dynupdLock);
+        return 0;
+    }
+    if (smode != DA_SHRCLEAR) return DA_BADARG;
+    if (fp->smode == 0) return 0;
+    mutex_lock(&fcb->dynupdLock);
+    // What a writer changed is on disk before the FIB is stamped.
+    if (fp->smode == DA_SHRUPDATE) {
+        rc = daflfcb(fcb);
+        if (rc < 0) hsprint("dasetshare(SHRCLEAR): flush failed for Table=%.*s\n", nl, fcb->iname);
+    }
+    rctype lrc = dalkdyn(fp->lcb, 0);
+    if (lrc < 0) hsprint("dasetshare(SHRCLEAR): dalkdyn failed for Table=%.*s\n", nl, fcb->iname);
+    DA_FDSCB scb = {0, 0};
+    rctype urc = fcb->mdfd->fdcntl(fcb->mdfd, DA_FDUNSYNC, &scb);
+    if (urc < 0) hsprint("dasetshare(SHRCLEAR): DA_FDUNSYNC failed for Table=%.*s\n", nl, fcb->iname);
+    fp->smode = 0;
+    mutex_unlock(&fcb->dynupdLock);
+    rw_unlock(&fcb->shareLock);
+    return rc < 0 ? rc : lrc < 0 ? lrc : urc;
+}
+
+rctype dawrobs(DA_FID* f, hs_obsno_t obsno, const void* rows, long n) {
+    DA_FIDP* fp = fidpof(f);
+    DA_FCB* fcb = fp->fcb;
+    if (fp->mode == DA_OMINPUT || !rows || n < 0 || fcb->xoe.odsreclen <= 0) return DA_BADARG;
+    if (fcb->xoe.semtype != DA_SEMDATA || (fcb->xoe.flags & DA_XOEEXPORT)) return DA_WRONGKIND;
+    if (obsno < 1 || obsno > fcb->xoe.numobs + 1) return DA_PASTEND;
+    if (fcb->updateLockInit) rw_wrlock(&fcb->updateLock);
+    const char* p = static_cast<const char*>(rows);
+    rctype rc = 0;
+    long reclen = fcb->xoe.odsreclen;
+    int64_t pf = fcb->xoe.partfactor;
+    while (n > 0 && rc >= 0) {
+        // Rows of one partition are complete before the next partition starts.
+        long chunk = n;
+        if (pf > 0) {
+            hs_obsno_t boundary = pf * ((obsno - 1) / pf + 1);
+            if (obsno + chunk - 1 >= boundary) chunk = static_cast<long>(boundary - obsno + 1);
+            if (obsno - 1 == fcb->xoe.numobs && obsno > 1 && (obsno - 1) % pf == 0 &&
+                (obsno - 1) * reclen >= *fcb->dffd->filesize) {
+                if (da_writehook) da_writehook("newpart");
+                rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDNEWPART, nullptr);
+                if (rc < 0) break;
+            }
+        }
+        da_off_t off = (obsno - 1) * reclen;
+        if (da_writehook) da_writehook("rows");
+        rc = fcb->dffd->fdwrite(fcb->dffd, p, chunk * reclen, &off);
+        if (rc < 0) break;
+        obsno += chunk;
+        p += chunk * reclen;
+        n -= chunk;
+        // The rows are in the file before numobs covers them.
+        if (obsno - 1 > fcb->xoe.numobs) {
+            fcb->xoe.numobs = obsno - 1;
+            fcb->flags |= DA_FCBXOE;
+        }
+    }
+    if (fcb->updateLockInit) rw_unlock(&fcb->updateLock);
+    return rc < 0 ? rc : 0;
+}
+
+rctype dardobs(DA_FID* f, hs_obsno_t obsno, void* rows, long n, long* nread) {
+    DA_FCB* fcb = fcbof(f);
+    *nread = 0;
+    if (obsno < 1 || n < 0 || fcb->xoe.odsreclen <= 0) return DA_BADARG;
+    if (obsno > fcb->xoe.numobs) return DA_EOF;
+    if (obsno - 1 + n > fcb->xoe.numobs) n = static_cast<long>(fcb->xoe.numobs - obsno + 1);
+    long reclen = fcb->xoe.odsreclen;
+    long got = 0;
+    rctype rc = fcb->dffd->fdread(fcb->dffd, rows, n * reclen, (obsno - 1) * reclen, &got);
+    if (rc < 0) return rc;
+    *nread = got / reclen;
+    return *nread > 0 ? 0 : DA_EOF;
+}
+
+}  // namespace vrta
