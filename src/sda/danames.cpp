@@ -59,6 +59,7 @@ int damkpfn(char* parfile, int flags, const char* basename, int revno, const cha
         fuid = "0";
         revno = 0;
     }
+    if (!basename || !fuid || size <= 0) return -1;
     int n = std::snprintf(parfile, size, "%s.%s.%d.%d.%s", basename, fuid, pno, revno, sfx);
     return (n < 0 || n >= size) ? -1 : n;
 }

@@ -182,6 +182,8 @@ rctype dardxoe(const DA_ODSIO& io, DA_XOEODS* xoe, da_off_t offset) {
 }
 
 rctype dawrxoe(const DA_ODSIO& io, const DA_XOEODS* xoe, da_off_t offset) {
+    // A length past the structure would write whatever lies behind it.
+    if (xoe->ods.length > static_cast<int32_t>(sizeof *xoe)) return DA_BADARG;
     da_off_t off = offset;
     return dawrods(io, xoe, &off);
 }
@@ -452,7 +454,11 @@ rctype dardfibd(const DA_ODSIO& io, int fdflags, DA_FIB* buf, int32_t bufsize, i
     rctype rc = readall(io, "dalfibd", &fib, DA_FIBDIRECTLEN, 0);
     if (rc < 0) return rc;
     if (dachkfib(&fib, fdflags) < 0) return badversion(io, "dalfibd", 0, fib.version);
-    if (fib.length > DA_FIBLEN) return DA_TOOLONG;
+    if (fib.length > DA_FIBLEN) {
+        hsprint("dalfibd: Record longer than buffer: File=%s Length=%d Reason=%s\n", ioname(io), fib.length,
+                hsstrer(DA_TOOLONG));
+        return DA_TOOLONG;
+    }
     if (fib.pdesize < DA_FIBLEN || fib.pdesize > (1 << 24))
         return inconsistent(io, "dalfibd", 0, "Bad directory size");
     *fibsize = fib.pdesize + DA_FIBLEN;
