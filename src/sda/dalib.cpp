@@ -613,7 +613,9 @@ rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
         if (rc == DA_NOTFOUND) {
             rc = 0;  // a read-only library without its file: defaults only
         } else if (rc >= 0) {
-            rc = dalocklib(lp, DA_LIBLKREAD);
+            // A writer holds the write lock from its read to its rewrite, so
+            // that two assignments cannot lose each other's paths.
+            rc = dalocklib(lp, libfilewritable(lp) && lp->perm == DA_PERMRDWR ? DA_LIBLKWRITE : DA_LIBLKREAD);
             if (rc >= 0) {
                 LibHead h;
                 memset(&h, 0, sizeof h);
@@ -647,11 +649,6 @@ rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
                                 memcpy(lp->owninfo.token, o.token, 28);
                             }
                         }
-                        // Defaulted lists stand for the primary path.
-                        if (rc >= 0 && (lp->flags & DA_LFDATADEF) && lp->numdata == 0)
-                            rc = addpv(&lp->numdata, &lp->data, primary, pool);
-                        if (rc >= 0 && (lp->flags & DA_LFIDXDEF) && lp->numidx == 0)
-                            rc = addpv(&lp->numidx, &lp->idx, primary, pool);
                     }
                 }
                 if (rc < 0) hsprint("dagtlib: Unable to read library file %s: Reason=%s\n", fname.c_str(), hsstrer(rc));
@@ -727,8 +724,10 @@ rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
             if (orc < 0 && orc != DA_NOTFOUND && orc != DA_ACCESS) rc = orc;
         }
         if (rc >= 0 && libfilewritable(lp)) {
-            daunlocklib(lp);
-            rc = dalocklib(lp, DA_LIBLKWRITE);
+            if (lp->lckflags != DA_LIBLKWRITE) {
+                daunlocklib(lp);
+                rc = dalocklib(lp, DA_LIBLKWRITE);
+            }
             if (rc >= 0) {
                 int pmd = lstr->pm_data ? lstr->pm_data : DA_PMODLINEAR;
                 int pmi = lstr->pm_idx ? lstr->pm_idx : DA_PMODLINEAR;

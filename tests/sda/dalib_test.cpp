@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sda/da.h"
@@ -592,4 +594,42 @@ TEST(Library, WorkpathFallsBackWhenInvalidAndFreeClosesOpenTables) {
     EXPECT_EQ(DA_INTERNAL, dafrlib(lp));
     dagcb.closefid = saved;
     EXPECT_EQ(2, closed);
+}
+
+TEST(Library, ThreadsAssigningOneDirectoryShareItsLibraryFile) {
+    vrtatest::TempDir tmp;
+    std::string d1 = tmp.file("d1");
+    mkdir(d1.c_str(), 0755);
+    constexpr int nthreads = 6, rounds = 40;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> ts;
+    for (int t = 0; t < nthreads; t++)
+        ts.emplace_back([&, t] {
+            std::string dl = "'" + d1 + "'";
+            for (int i = 0; i < rounds; i++) {
+                DA_LIBSTR ls = request(tmp.path());
+                ls.name[7] = static_cast<char>('0' + t);
+                // Half of them add a data path, which rewrites the file.
+                if (t % 2) {
+                    ls.datapaths = dl.c_str();
+                    ls.datapaths_l = static_cast<int>(dl.size());
+                }
+                DA_LIB* lp = nullptr;
+                rctype rc = dagtlib(&ls, &lp);
+                if (rc < 0 || !lp || lp->nummeta != 1) {
+                    failures++;
+                    continue;
+                }
+                if (dafrlib(lp) != 0) failures++;
+            }
+        });
+    for (auto& t : ts) t.join();
+    EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(nullptr, dagcb.libFileList);
+    DA_LIBSTR ls = request(tmp.path());
+    DA_LIB* lp = nullptr;
+    ASSERT_EQ(0, dagtlib(&ls, &lp));
+    ASSERT_EQ(1, lp->numdata);
+    EXPECT_EQ(d1 + "/", pathOf(lp->data[0]));
+    EXPECT_EQ(0, dafrlib(lp));
 }
