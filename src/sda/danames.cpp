@@ -89,7 +89,8 @@ int dafdpfn(const char* fileName, DA_PFNPARTS* parts, bool chkext) {
     p.fuid_l = r[2] - l2 - 1;
     p.sfx = fileName + r[0] + 1;
     p.sfx_l = len - r[0] - 1;
-    if (p.name_l <= start || p.type_l <= 0 || p.fuid_l <= 0 || p.sfx_l <= 0) return -1;
+    // fuid may be empty: the metapath id of the root directory.
+    if (p.name_l <= start || p.type_l <= 0 || p.sfx_l <= 0) return -1;
     if (!digits(fileName + r[2] + 1, r[1] - r[2] - 1, &p.pno)) return -1;
     if (!digits(fileName + r[1] + 1, r[0] - r[1] - 1, &p.revno)) return -1;
     if (chkext && (p.sfx_l != 5 || std::memcmp(p.sfx, "vrta9", 5) != 0)) return -1;
@@ -99,19 +100,17 @@ int dafdpfn(const char* fileName, DA_PFNPARTS* parts, bool chkext) {
 
 int dagmpid(const char* mdpath, int mdlen, char* fuid, int size) {
     if (mdlen < 0) mdlen = static_cast<int>(std::strlen(mdpath));
+    // Every component is led by one "_" in place of its run of "/", so
+    // "/data/meta/" and "data//meta" both give "_data_meta"; the file layer
+    // names partitions the same way.
     std::string out;
-    bool sep = false;
-    for (int i = 0; i < mdlen; i++) {
-        if (mdpath[i] == '/') {
-            sep = true;
-            continue;
-        }
-        // The separator before a component becomes "_"; a trailing one vanishes.
-        if (sep) out += '_';
-        sep = false;
-        out += mdpath[i];
+    int i = 0;
+    while (i < mdlen) {
+        while (i < mdlen && mdpath[i] == '/') i++;
+        if (i == mdlen) break;
+        out += '_';
+        while (i < mdlen && mdpath[i] != '/') out += mdpath[i++];
     }
-    if (out.empty() && sep) out = "_";  // the root directory
     if (static_cast<int>(out.size()) + 1 > size) return -1;
     std::memcpy(fuid, out.c_str(), out.size() + 1);
     return static_cast<int>(out.size());

@@ -45,8 +45,9 @@ struct DA_PFNPARTS {
 // partition name; with chkext the suffix must be "vrta9".
 int dafdpfn(const char* fileName, DA_PFNPARTS* parts, bool chkext);
 
-// Metadata path id: the first metapath as one word, "/data/meta/" giving
-// "_data_meta". Returns the length, or -1 when it does not fit.
+// Metadata path id: the first metapath as one word, each component led by
+// "_": "/data/meta/" gives "_data_meta", the root gives "". Returns the
+// length, or -1 when it does not fit.
 int dagmpid(const char* mdpath, int mdlen, char* fuid, int size = 1024);
 
 // pid + low 32 bits of the thread id + time + seqno.

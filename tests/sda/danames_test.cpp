@@ -66,7 +66,11 @@ TEST(Danames, PartitionNamesRoundTripThroughTheParser) {
     // Old suffix passes only without the check.
     EXPECT_EQ(dafdpfn("t.dpf._d.2.3.vrta", &p, true), -1);
     EXPECT_EQ(dafdpfn("t.dpf._d.2.3.vrta", &p, false), 0);
-    for (const char* bad : {"t.mdf", "t.mdf.0.0.vrta9", "t.mdf..0.0.vrta9", "t.dpf._d.x.3.vrta9",
+    // The root directory's empty metapath id still gives six fields.
+    ASSERT_EQ(dafdpfn("t.dpf..1.2.vrta9", &p, true), 0);
+    EXPECT_EQ(p.fuid_l, 0);
+    EXPECT_EQ(p.pno, 1);
+    for (const char* bad : {"t.mdf", "t.mdf.0.0.vrta9", "t..0.0.0.vrta9", "t.dpf._d.x.3.vrta9",
                             "t.dpf._d.1..vrta9", "t.dpf._d.1.2.", ".mdf.0.0.0.vrta9", "", "....."}) {
         EXPECT_EQ(dafdpfn(bad, &p, false), -1) << bad;
     }
@@ -87,9 +91,9 @@ TEST(Danames, MetapathIdAndMadeUpNames) {
     dagmpid("//data//meta", 12, buf);
     EXPECT_STREQ(buf, "_data_meta");
     dagmpid("data/meta", 9, buf);
-    EXPECT_STREQ(buf, "data_meta");
-    dagmpid("/", 1, buf);
-    EXPECT_STREQ(buf, "_");
+    EXPECT_STREQ(buf, "_data_meta");
+    EXPECT_EQ(dagmpid("/", 1, buf), 0);
+    EXPECT_STREQ(buf, "");
     // Only mdlen bytes count.
     dagmpid("/data/meta/more", 10, buf);
     EXPECT_STREQ(buf, "_data_meta");
