@@ -365,3 +365,32 @@ TEST(MemoryPools, ThreadsSharingAPoolKeepItConsistent) {
     }
     xmpoold(pid);
 }
+
+TEST(MemoryPools, OnlyVariablePoolsResizeAndADestroyedIdIsIgnored) {
+    manager();
+    xmpid st = xmpoolc(1024, 0, XM_STACK);
+    void* a = xmalloc(st, 16, 0);
+    ASSERT_NE(nullptr, a);
+    EXPECT_EQ(nullptr, xmrealc(st, a, 16, 32, 0));
+    xmpoold(st);
+    xmpoold(st);  // the record no longer says "POOL": nothing happens
+    EXPECT_NE(0, memcmp(st->tag, "POOL", 4));
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+TEST(MemoryPoolsDeath, SanitizerSeesFreedAndResetMemory) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    manager();
+    xmpid pid = xmpoolc(1024, 0, 0);
+    auto* a = static_cast<volatile char*>(xmalloc(pid, 64, 0));
+    xmalloc(pid, 16, 0);
+    a[63] = 1;  // fine while it is ours
+    xmfree(pid, const_cast<char*>(a), 64);
+    EXPECT_DEATH(a[40] = 2, "use-after-poison");
+    auto* b = static_cast<volatile char*>(xmalloc(pid, 32, 0));
+    EXPECT_DEATH(b[56] = 2, "use-after-poison");  // past the block, in what is still free
+    xmpoolr(pid);
+    EXPECT_DEATH(b[0] = 2, "use-after-poison");
+    xmpoold(pid);
+}
+#endif
