@@ -554,26 +554,146 @@ rctype daqylib(const char* name, DA_LIB** lp) {
     return *lp ? 0 : DA_NOTFOUND;
 }
 
-rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
-    *libRet = nullptr;
-    rctype rc = dainit();
-    if (rc < 0) return rc;
-    if (!lstr->libpath || lstr->libpath_l <= 0) return DA_BADARG;
-    std::string primary = stdir(lstr->libpath, lstr->libpath_l);
-    bool create = lstr->create && !(lstr->flags & DA_LSNOCREATE);
-    int perms = 0;
-    rctype notice = ckdir(primary, create, &perms);
-    if (notice < 0) {
-        hsprint("dagtlib: Unable to use library directory %s: Reason=%s\n", primary.c_str(), hsstrer(notice));
-        return notice;
-    }
+namespace {
 
+// Loads the lists of the library file; an empty file means no paths yet.
+rctype readlib(DA_LIBP* lp, const DA_LIBSTR* lstr, const std::string& fname, bool* changed, bool* fileread) {
+    int fd = lp->lfh->fd;
+    LibHead h;
+    memset(&h, 0, sizeof h);
+    ssize_t n = pread(fd, &h, 8, 0);
+    if (n == 0) {
+        *changed = true;
+        return 0;
+    }
+    if (n != 8) return n < 0 ? DA_READFAIL : DA_LIBSHORT;
+    if ((h.version >> 16) != 0x101 || h.length > LIBHEADLEN || h.length < 16) return DA_BADLIBFILE;
+    rctype rc = preadall(fd, &h, h.length, 0);
+    if (rc < 0) return rc;
+    *fileread = true;
+    lp->flags = static_cast<int>(h.flags & 0xffff) | DA_LFWORKDEF;
+    int nlinks = (static_cast<int>(h.length) - 16) / 8;
+    auto link = [&](int k) { return k < nlinks ? h.links[k] : LIBUNSET; };
+    // A list whose default flag stands is left empty: the primary path, or
+    // what the request gives, fills it later.
+    if (!(lp->flags & DA_LFMETADEF) && link(LKMETA) >= LIBHEADLEN)
+        rc = loadpath(lp, fd, link(LKMETA), 0, &lp->nummeta, &lp->meta, nullptr, fname);
+    if (rc >= 0 && !(lp->flags & DA_LFDATADEF) && link(LKDATA) >= LIBHEADLEN)
+        rc = loadpath(lp, fd, link(LKDATA), lstr->pm_data, &lp->numdata, &lp->data, &lp->datastripes, fname);
+    if (rc >= 0 && !(lp->flags & DA_LFIDXDEF) && link(LKIDX) >= LIBHEADLEN)
+        rc = loadpath(lp, fd, link(LKIDX), lstr->pm_idx, &lp->numidx, &lp->idx, &lp->idxstripes, fname);
+    if (rc >= 0 && link(LKOWNER) >= LIBHEADLEN) {
+        LibOwner o;
+        rc = preadall(fd, &o, sizeof o, static_cast<off_t>(link(LKOWNER)));
+        if (rc >= 0 && o.tokenLen >= 0 && o.tokenLen <= 28) {
+            lp->owninfo.tokenLen = o.tokenLen;
+            memcpy(lp->owninfo.token, o.token, 28);
+        }
+    }
+    return rc;
+}
+
+// The primary path is always the first metapath, also after the directory
+// moved.
+rctype primaryfirst(DA_LIBP* lp, const std::string& primary, bool* changed) {
+    if (lp->nummeta == 0) return addpv(&lp->nummeta, &lp->meta, primary, lp->pool);
+    if (samepath(lp->meta[0], primary)) return 0;
+    xmfree(lp->pool, lp->meta[0].path, lp->meta[0].pathlen + 1);
+    dasavpi(&lp->meta[0], primary.data(), static_cast<int>(primary.size()), lp->pool);
+    for (int i = 1; i < lp->nummeta; i++)
+        if (samepath(lp->meta[i], primary)) {
+            xmfree(lp->pool, lp->meta[i].path, lp->meta[i].pathlen + 1);
+            memmove(&lp->meta[i], &lp->meta[i + 1], (lp->nummeta - i - 1) * sizeof(DA_PATHINFO));
+            lp->nummeta--;
+            break;
+        }
+    *changed = true;
+    return lp->meta[0].path ? 0 : DA_NOMEM;
+}
+
+// Adds the request's lists; a library file we may not write keeps its paths.
+rctype applylists(DA_LIBP* lp, const DA_LIBSTR* lstr, const std::string& primary, int modlock, bool* changed,
+                  rctype* warn) {
+    struct {
+        const char* text;
+        int len;
+        int* num;
+        DA_PATHINFO** vec;
+        int defbit;
+    } lists[] = {
+        {lstr->metapaths, lstr->metapaths_l, &lp->nummeta, &lp->meta, DA_LFMETADEF},
+        {lstr->datapaths, lstr->datapaths_l, &lp->numdata, &lp->data, DA_LFDATADEF},
+        {lstr->idxpaths, lstr->idxpaths_l, &lp->numidx, &lp->idx, DA_LFIDXDEF},
+    };
+    for (auto& l : lists) {
+        if (l.text && l.len > 0) {
+            int before = *l.num;
+            rctype prc = daparsp(l.len, l.text, modlock, l.num, l.vec, lp->pool);
+            if (prc < 0) {
+                hsprint("dagtlib: Unable to parse path list %.*s: Reason=%s\n", l.len, l.text, hsstrer(prc));
+                return prc;
+            }
+            if (prc > 0 && !*warn) *warn = prc;
+            if (*l.num != before) {
+                *changed = true;
+                lp->flags &= ~l.defbit;
+            }
+        }
+        if (*l.num == 0) {
+            rctype rc = addpv(l.num, l.vec, primary, lp->pool);
+            if (rc < 0) return rc;
+            lp->flags |= l.defbit;
+        }
+    }
+    // Metapaths are the default exactly when the primary path stands alone.
+    if (lp->nummeta == 1) lp->flags |= DA_LFMETADEF;
+    return 0;
+}
+
+// Unique filesystems of the data paths, the primary first.
+rctype setutil(DA_LIBP* lp, const std::string& primary) {
+    rctype rc = addpv(&lp->numutil, &lp->util, primary, lp->pool);
+    for (int i = 0; rc >= 0 && i < lp->numdata; i++) {
+        bool seen = false;
+        for (int j = 0; j < lp->numutil; j++) seen = seen || lp->util[j].fsid == lp->data[i].fsid;
+        if (!seen && lp->data[i].status >= 0) rc = addpv(&lp->numutil, &lp->util, std::string(lp->data[i].path), lp->pool);
+    }
+    return rc;
+}
+
+// The request's work paths when they can be read and written, else the
+// default temporary directory.
+rctype setwork(DA_LIBP* lp, const DA_LIBSTR* lstr, rctype* warn) {
+    if (lstr->workpaths && lstr->workpaths_l > 0) {
+        rctype prc = daparsp(lstr->workpaths_l, lstr->workpaths, 0, &lp->numwork, &lp->work, lp->pool);
+        if (prc >= 0 && lp->numwork > 0 && CheckPath("WORKPATH", R_OK | W_OK, lp->numwork, lp->work) == 0) {
+            lp->flags &= ~DA_LFWORKDEF;
+            hsprint("Using the WORKPATH option value for temporary storage. \n");
+        } else {
+            hsprint("The WORKPATH option value failed validation. \n");
+            freepv(&lp->numwork, &lp->work, lp->pool);
+            if (!*warn) *warn = DA_WORKPATHBAD;
+        }
+    }
+    if (lp->numwork > 0) return 0;
+    char buf[1025];
+    int n = hstmpdir(1024, buf);
+    if (n < 1 || n > 1024) return 0;
+    rctype rc = addpv(&lp->numwork, &lp->work, std::string(buf, n), lp->pool);
+    lp->flags |= DA_LFWORKDEF;
+    if (rc >= 0 && *warn == DA_WORKPATHBAD)
+        hsprint("Defaulting to new directory for temporary storage: %s \n", lp->work[0].path);
+    return rc;
+}
+
+// A new library block, linked to the process's list.
+DA_LIBP* newlib(const DA_LIBSTR* lstr, const std::string& primary, int perms) {
     xmpid pool = xmpoolc(8192, 8192, 0);
-    if (!pool) return DA_NOMEM;
+    if (!pool) return nullptr;
     auto* lp = static_cast<DA_LIBP*>(xmalloc(pool, sizeof(DA_LIBP), XM_ZERO));
     if (!lp) {
         xmpoold(pool);
-        return DA_NOMEM;
+        return nullptr;
     }
     lp->pool = pool;
     mutex_init(&lp->libLock, LOCK_RECURSIVE);
@@ -587,24 +707,43 @@ rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
     lp->perms = perms;
     dasavpi(&lp->lib, primary.data(), static_cast<int>(primary.size()), pool);
     if (!lp->lib.path) {
+        mutex_destroy(&lp->libLock);
         xmpoold(pool);
-        return DA_NOMEM;
+        return nullptr;
     }
-
     mutex_lock(&dagcb.libLock);
     if (++dagcb.libseq < 0) dagcb.libseq = 1;
     lp->libseq = dagcb.libseq;
     lp->nextlib = dagcb.libs;
     dagcb.libs = lp;
     mutex_unlock(&dagcb.libLock);
+    return lp;
+}
+
+}  // namespace
+
+rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
+    *libRet = nullptr;
+    rctype rc = dainit();
+    if (rc < 0) return rc;
+    if (!lstr->libpath || lstr->libpath_l <= 0) return DA_BADARG;
+    std::string primary = stdir(lstr->libpath, lstr->libpath_l);
+    bool create = lstr->create && !(lstr->flags & DA_LSNOCREATE);
+    int perms = 0;
+    rctype notice = ckdir(primary, create, &perms);
+    if (notice < 0) {
+        hsprint("dagtlib: Unable to use library directory %s: Reason=%s\n", primary.c_str(), hsstrer(notice));
+        return notice;
+    }
+    DA_LIBP* lp = newlib(lstr, primary, perms);
+    if (!lp) return DA_NOMEM;
 
     struct stat st;
     int dmode = stat(lp->lib.path, &st) == 0 ? static_cast<int>(st.st_mode) : 0;
     lp->perm = (dmode & 0x180) ? DA_PERMRDWR : (dmode & 0400) ? DA_PERMREAD : 0;
 
     rctype warn = notice > 0 ? notice : 0;
-    bool changed = false;
-    bool fileread = false;
+    bool changed = false, fileread = false;
     std::string fname = libfname(lp);
     lp->flags = DA_LFMETADEF | DA_LFDATADEF | DA_LFIDXDEF | DA_LFWORKDEF;
 
@@ -616,101 +755,12 @@ rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
             // A writer holds the write lock from its read to its rewrite, so
             // that two assignments cannot lose each other's paths.
             rc = dalocklib(lp, libfilewritable(lp) && lp->perm == DA_PERMRDWR ? DA_LIBLKWRITE : DA_LIBLKREAD);
-            if (rc >= 0) {
-                LibHead h;
-                memset(&h, 0, sizeof h);
-                ssize_t n = pread(lp->lfh->fd, &h, 8, 0);
-                if (n == 0) {
-                    changed = true;  // empty: no paths yet
-                } else if (n != 8) {
-                    rc = n < 0 ? DA_READFAIL : DA_LIBSHORT;
-                } else if ((h.version >> 16) != 0x101 || h.length > LIBHEADLEN || h.length < 16) {
-                    rc = DA_BADLIBFILE;
-                } else {
-                    rc = preadall(lp->lfh->fd, &h, h.length, 0);
-                    if (rc >= 0) {
-                        fileread = true;
-                        lp->flags = static_cast<int>(h.flags & 0xffff) | DA_LFWORKDEF;
-                        int nlinks = (static_cast<int>(h.length) - 16) / 8;
-                        auto link = [&](int k) { return k < nlinks ? h.links[k] : LIBUNSET; };
-                        if (!(lp->flags & DA_LFMETADEF) && link(LKMETA) >= LIBHEADLEN)
-                            rc = loadpath(lp, lp->lfh->fd, link(LKMETA), 0, &lp->nummeta, &lp->meta, nullptr, fname);
-                        if (rc >= 0 && !(lp->flags & DA_LFDATADEF) && link(LKDATA) >= LIBHEADLEN)
-                            rc = loadpath(lp, lp->lfh->fd, link(LKDATA), lstr->pm_data, &lp->numdata, &lp->data,
-                                          &lp->datastripes, fname);
-                        if (rc >= 0 && !(lp->flags & DA_LFIDXDEF) && link(LKIDX) >= LIBHEADLEN)
-                            rc = loadpath(lp, lp->lfh->fd, link(LKIDX), lstr->pm_idx, &lp->numidx, &lp->idx,
-                                          &lp->idxstripes, fname);
-                        if (rc >= 0 && link(LKOWNER) >= LIBHEADLEN) {
-                            LibOwner o;
-                            rc = preadall(lp->lfh->fd, &o, sizeof o, static_cast<off_t>(link(LKOWNER)));
-                            if (rc >= 0 && o.tokenLen >= 0 && o.tokenLen <= 28) {
-                                lp->owninfo.tokenLen = o.tokenLen;
-                                memcpy(lp->owninfo.token, o.token, 28);
-                            }
-                        }
-                    }
-                }
-                if (rc < 0) hsprint("dagtlib: Unable to read library file %s: Reason=%s\n", fname.c_str(), hsstrer(rc));
-            }
+            if (rc >= 0) rc = readlib(lp, lstr, fname, &changed, &fileread);
+            if (rc < 0) hsprint("dagtlib: Unable to read library file %s: Reason=%s\n", fname.c_str(), hsstrer(rc));
         }
     }
-
-    // The primary path is always the first metapath, also after the
-    // directory moved.
-    if (rc >= 0) {
-        if (lp->nummeta == 0) {
-            rc = addpv(&lp->nummeta, &lp->meta, primary, pool);
-        } else if (!samepath(lp->meta[0], primary)) {
-            xmfree(pool, lp->meta[0].path, lp->meta[0].pathlen + 1);
-            dasavpi(&lp->meta[0], primary.data(), static_cast<int>(primary.size()), pool);
-            for (int i = 1; i < lp->nummeta; i++)
-                if (samepath(lp->meta[i], primary)) {
-                    xmfree(pool, lp->meta[i].path, lp->meta[i].pathlen + 1);
-                    memmove(&lp->meta[i], &lp->meta[i + 1], (lp->nummeta - i - 1) * sizeof(DA_PATHINFO));
-                    lp->nummeta--;
-                    break;
-                }
-            changed = true;
-        }
-    }
-
-    // The request's lists; a library file we may not write keeps its paths.
-    int modlock = fileread && !libfilewritable(lp) ? 1 : 0;
-    struct {
-        const char* text;
-        int len;
-        int* num;
-        DA_PATHINFO** vec;
-        int defbit;
-    } lists[] = {
-        {lstr->metapaths, lstr->metapaths_l, &lp->nummeta, &lp->meta, DA_LFMETADEF},
-        {lstr->datapaths, lstr->datapaths_l, &lp->numdata, &lp->data, DA_LFDATADEF},
-        {lstr->idxpaths, lstr->idxpaths_l, &lp->numidx, &lp->idx, DA_LFIDXDEF},
-    };
-    for (auto& l : lists) {
-        if (rc < 0) break;
-        if (l.text && l.len > 0) {
-            int before = *l.num;
-            rctype prc = daparsp(l.len, l.text, modlock, l.num, l.vec, pool);
-            if (prc < 0) {
-                hsprint("dagtlib: Unable to parse path list %.*s: Reason=%s\n", l.len, l.text, hsstrer(prc));
-                rc = prc;
-                break;
-            }
-            if (prc > 0 && !warn) warn = prc;
-            if (*l.num != before) {
-                changed = true;
-                // A list given in full is no longer the default.
-                if (!(l.defbit == DA_LFMETADEF && *l.num == 1)) lp->flags &= ~l.defbit;
-            }
-        }
-        if (*l.num == 0) {
-            rc = addpv(l.num, l.vec, primary, pool);
-            lp->flags |= l.defbit;
-        }
-    }
-    if (rc >= 0 && lp->nummeta > 1) lp->flags &= ~DA_LFMETADEF;
+    if (rc >= 0) rc = primaryfirst(lp, primary, &changed);
+    if (rc >= 0) rc = applylists(lp, lstr, primary, fileread && !libfilewritable(lp) ? 1 : 0, &changed, &warn);
     if (rc >= 0 && !fileread && lp->lfh) changed = true;
     if (rc >= 0 && (lstr->flags & DA_LSOWNER)) {
         if (memcmp(&lp->owninfo, &lstr->owner_token, sizeof lp->owninfo) != 0) changed = true;
@@ -736,57 +786,26 @@ rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
             }
         }
     }
+    // The library file is open only while a library is being assigned.
     if (lp->lfh) {
         daunlocklib(lp);
         rctype crc = dacloselib(lp);
         if (rc >= 0 && crc < 0) rc = crc;
     }
-    if (rc >= 0) {
-        // Unique filesystems of the data paths, the primary first.
-        rc = addpv(&lp->numutil, &lp->util, primary, pool);
-        for (int i = 0; rc >= 0 && i < lp->numdata; i++) {
-            bool seen = false;
-            for (int j = 0; j < lp->numutil; j++) seen = seen || lp->util[j].fsid == lp->data[i].fsid;
-            if (!seen && lp->data[i].status >= 0)
-                rc = addpv(&lp->numutil, &lp->util, std::string(lp->data[i].path), pool);
-        }
-    }
+    if (rc >= 0) rc = setutil(lp, primary);
     if (rc >= 0) {
         // Bad paths are reported here but do not stop the assignment.
         CheckPath("METAPATH", R_OK, lp->nummeta, lp->meta);
         CheckPath("DATAPATH", R_OK, lp->numdata, lp->data);
         CheckPath("INDEXPATH", R_OK, lp->numidx, lp->idx);
-
-        if (lstr->workpaths && lstr->workpaths_l > 0) {
-            rctype prc = daparsp(lstr->workpaths_l, lstr->workpaths, 0, &lp->numwork, &lp->work, pool);
-            if (prc >= 0 && lp->numwork > 0 && CheckPath("WORKPATH", R_OK | W_OK, lp->numwork, lp->work) == 0) {
-                lp->flags &= ~DA_LFWORKDEF;
-                hsprint("Using the WORKPATH option value for temporary storage. \n");
-            } else {
-                hsprint("The WORKPATH option value failed validation. \n");
-                freepv(&lp->numwork, &lp->work, pool);
-                if (!warn) warn = DA_WORKPATHBAD;
-            }
-        }
-        if (lp->numwork == 0) {
-            char buf[1025];
-            int n = hstmpdir(1024, buf);
-            if (n >= 1 && n <= 1024) {
-                rc = addpv(&lp->numwork, &lp->work, std::string(buf, n), pool);
-                lp->flags |= DA_LFWORKDEF;
-                if (warn == DA_WORKPATHBAD)
-                    hsprint("Defaulting to new directory for temporary storage: %s \n", lp->work[0].path);
-            }
-        }
+        rc = setwork(lp, lstr, &warn);
     }
-
     if (rc < 0) {
         lp->pflags |= DA_LPABANDON;
         dafrlib(lp);
         return rc;
     }
     lp->flags |= DA_LFASSIGNED;
-    dainit();
     lp->mt = lstr->debug ? &dagcb.libmt_d : &dagcb.libmt_r;
     lp->ranpath = static_cast<uint32_t>(getpid()) * 2654435761u ^ static_cast<uint32_t>(time(nullptr)) ^
                   static_cast<uint32_t>(lp->libseq);
