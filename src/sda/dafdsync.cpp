@@ -94,9 +94,7 @@ rctype hold(DA_FDP* fdp, int add, int drop, int timeout, bool wait) {
 // wait), or 0 to release it.
 rctype darelockp(DA_FDP* fdp, int flags, pid_t) {
     int had = fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK);
-    int want = flags & (DA_FDRDLOCK | DA_FDWRLOCK);
-    if (want == DA_FDWRLOCK) want = DA_FDWRLOCK;
-    else if (want) want = DA_FDRDLOCK;
+    int want = (flags & DA_FDWRLOCK) ? DA_FDWRLOCK : (flags & DA_FDRDLOCK) ? DA_FDRDLOCK : 0;
     if (had == want) return 0;
     rctype rc = hold(fdp, want, had, 0, (flags & 0x800) != 0);
     if (rc < 0) return rc;
@@ -250,6 +248,11 @@ rctype dareopenp(DA_FDP* fdp, int newflags) {
             if (rc < 0) return rc;
             daclosf(fdb->pcbs[i].pfd);
             fdb->pcbs[i].pfd = nfd;
+            // The O_DIRECT twin follows the mode too, or is dropped.
+            if (fdb->pcbs[i].dfd >= 0) {
+                daclosf(fdb->pcbs[i].dfd);
+                fdb->pcbs[i].dfd = _UIODT->open(full, (mode == O_RDONLY ? O_RDONLY : O_RDWR) | O_DIRECT | O_CLOEXEC, 0);
+            }
         }
         return 0;
     };

@@ -864,3 +864,56 @@ TEST_F(FdTest, ThreadsReadWhileSharedBlockGrows) {
     Opener cur("o.mdf", {a}, DA_FDRDONLY);
     EXPECT_EQ(cur.open(&w), DA_NOTFOUND);  // a current-format opener looks for ".vrta9"
 }
+
+namespace {
+
+// What another process would meet on the FIB region: 0 free, 1 only a
+// write is refused (a read lock is held), 2 both are refused.
+int lockseen(const std::string& part0) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        int fd = open(part0.c_str(), O_RDONLY);
+        pid_t wown = 0, rown = 0;
+        if (fd < 0 || daqylkor(fd, 32, DA_FIBLOCKOFF, 4, &wown) != 0 || daqylkor(fd, 16, DA_FIBLOCKOFF, 4, &rown) != 0)
+            _exit(9);
+        _exit(rown ? 2 : wown ? 1 : 0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 9;
+}
+
+}  // namespace
+
+// Explicit holds of two openers of one block: the process lock follows the
+// strongest hold and is dropped only with the last.
+TEST_F(FdTest, LockHoldsCountedAcrossOpeners) {
+    Opener o("k.mdf", {tmp.path()}, DA_FDCREATE | DA_FDSHARED);
+    DA_FD* a = nullptr;
+    ASSERT_EQ(o.open(&a), 0);
+    Opener o2("k.mdf", {tmp.path()}, DA_FDWRITE | DA_FDSHARED);
+    DA_FD* b = nullptr;
+    ASSERT_EQ(o2.open(&b), 0);
+    std::string p0 = tmp.file("k.mdf.0.0.0.vrta9");
+    DA_FDROB rob = {0, getpid()};
+    EXPECT_EQ(lockseen(p0), 0);
+    ASSERT_EQ(a->fdcntl(a, DA_FDLOCKRD, &rob), 0);
+    EXPECT_EQ(lockseen(p0), 1);
+    ASSERT_EQ(b->fdcntl(b, DA_FDLOCKWR, &rob), 0);
+    EXPECT_EQ(lockseen(p0), 2);
+    ASSERT_EQ(b->fdcntl(b, DA_FDUNLOCK, &rob), 0);
+    EXPECT_EQ(lockseen(p0), 1);  // a still reads
+    // A sync on top of an explicit hold, then its end, leave the hold alone.
+    DA_FDSCB scb = {1, 0};
+    ASSERT_EQ(b->fdcntl(b, DA_FDSYNCWR, &scb), 0);
+    EXPECT_EQ(lockseen(p0), 2);
+    ASSERT_EQ(b->fdcntl(b, DA_FDUNSYNC, &scb), 0);
+    EXPECT_EQ(lockseen(p0), 1);
+    ASSERT_EQ(a->fdcntl(a, DA_FDUNLOCK, &rob), 0);
+    EXPECT_EQ(lockseen(p0), 0);
+    // Closing an opener that still holds releases its hold.
+    ASSERT_EQ(b->fdcntl(b, DA_FDLOCKWR, &rob), 0);
+    b->fdclose(b);
+    EXPECT_EQ(lockseen(p0), 0);
+    a->fdclose(a);
+}
