@@ -25,7 +25,7 @@ VV_WEAK void xfterm(void* gcb);
 // Drops the function library's loaded modules for a thread (slots 9, 10).
 VV_WEAK rctype yfdel(int which, void* xfgcb, void* xfload);
 VV_WEAK rctype hsnlsinit();     // national language layer
-VV_WEAK void hsnlsterm();
+VV_WEAK rctype hsnlsterm();
 // The message layer (ssup/xp.h), reached the same way so that the control
 // blocks do not drag the printer into every program that allocates memory.
 VV_WEAK void* xpinit();         // slot 1
