@@ -16,6 +16,7 @@
 #include "sda/darc.h"
 #include "sda/dafd.h"
 #include "sda/danames.h"
+#include "sda/daods.h"
 
 namespace vrta {
 
@@ -53,6 +54,42 @@ std::string firstpart(DA_LIB* lp, const std::string& base) {
 bool exists(const std::string& path) {
     struct stat st;
     return !path.empty() && stat(path.c_str(), &st) == 0;
+}
+
+rctype fdio_read(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
+    auto* fd = static_cast<DA_FD*>(ctx);
+    return fd->fdread(fd, buf, size, offset, nread);
+}
+
+// Member flags that a table keeps in its description; a table that cannot
+// be read is still listed, without flags.
+int tableflags(const std::string& dir, const DA_DIRENT& ent) {
+    std::string base;
+    for (int i = 0; i < ent.namelen; i++) base.push_back(static_cast<char>(tolower(static_cast<unsigned char>(ent.name[i]))));
+    base += ".mdf";
+    const char* paths[] = {dir.c_str()};
+    DA_FDSTR fs{};
+    fs.name = base.c_str();
+    fs.namelen = static_cast<int>(base.size());
+    fs.numpath = 1;
+    fs.paths = paths;
+    fs.flags = DA_FDSHARED | DA_FDDIRECT | DA_FDRDONLY;
+    fs.minfree = -1;
+    fs.perms = -1;
+    fs.fiboff = -1;
+    DA_FD* fd = nullptr;
+    if (dafdopn(&fs, &fd) < 0) return 0;
+    DA_ODSIO io{fdio_read, nullptr, fd, base.c_str()};
+    DA_DSFHEAD h;
+    DA_XOEODS x;
+    memset(&h, 0, sizeof h);
+    memset(&x, 0, sizeof x);
+    int flags = 0;
+    if (dardsfh(io, &h, fd->baseoff) >= 0 && h.links[DA_LNKXOE] > 0 && dardxoe(io, &x, h.links[DA_LNKXOE]) >= 0 &&
+        (x.flags & DA_XOEMEMF8))
+        flags |= 8;
+    fd->fdclose(fd);
+    return flags;
 }
 
 // Order of removal: index files, data, then the metadata file; inside a
@@ -103,6 +140,7 @@ rctype daopdir(DA_LIB* lp, int flags, DA_DIRH** dh) {
             if (type == "mdf" || type == "cdf") {
                 memcpy(ent.type, "DATA    ", 8);
                 ent.memtype = type == "mdf" ? KMDF : KCDF;
+                if (ent.memtype == KMDF) ent.memflags = tableflags(dir, ent);
             } else {
                 memset(ent.type, ' ', 8);
                 for (size_t i = 0; i < type.size(); i++) ent.type[i] = static_cast<char>(toupper(static_cast<unsigned char>(type[i])));

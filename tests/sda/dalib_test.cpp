@@ -404,6 +404,12 @@ TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
     memcpy(ix.name, "K1", 2);
     da_off_t ixoff = -1;
     ASSERT_GE(dawrods(io, &ix, &ixoff), 0);
+    DA_XOEODS xoe;
+    dainitxoe(&xoe);
+    xoe.flags |= DA_XOEMEMF8;
+    da_off_t xoff = -1;
+    ASSERT_GE(dawrods(io, &xoe, &xoff), 0);
+    h.links[DA_LNKXOE] = xoff;
     h.links[DA_LNKIDX] = ixoff;
     h.links[DA_LNKDPFFIB] = dfib;
     hoff = mdf->baseoff;
@@ -448,6 +454,16 @@ TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
     EXPECT_TRUE(kb == keys);
     idx->fdclose(idx);
     mdf->fdclose(mdf);
+
+    // The listing shows the renamed table with the member flag of its description.
+    DA_DIRH* dh = nullptr;
+    ASSERT_EQ(0, daopdir(lp, 0, &dh));
+    DA_DIRENT e;
+    ASSERT_EQ(0, darddir(dh, &e));
+    EXPECT_STREQ("NEWT", e.name);
+    EXPECT_EQ(8, e.memflags);
+    EXPECT_EQ(DA_EOF, darddir(dh, &e));
+    dacldir(dh);
 
     // The new name is taken now; a utility member renames by itself.
     DA_FD* u = openfile("u.catalog", meta, DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST);
