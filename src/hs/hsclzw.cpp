@@ -26,7 +26,7 @@ struct SLOT {
 struct INFO {
     SLOT* slots;
     u8* suffix;
-    u8* stack;   // expansion only, made at first need
+    void* spare;  // kept for the layout; strings are built in place
 };
 static_assert(sizeof(INFO) == 24);
 static_assert(24 + TABSIZE * sizeof(SLOT) == 19700);
@@ -125,15 +125,10 @@ rctype expand(HS_CBLK* cb) {
         cb->textlen = 0;
         return 0;
     }
-    if (!in->stack) {
-        in->stack = static_cast<u8*>(std::malloc(TABSIZE));
-        if (!in->stack) return HS_NOMEM;
-    }
-    // Indexed by code here: prefix and a defined mark in the slots, the
-    // last byte of the string in suffix.
+    // Indexed by code here: the string's length (EMPTY when undefined) and
+    // its prefix code in the slots, its last byte in suffix.
     SLOT* tab = in->slots;
     u8* suffix = in->suffix;
-    u8* stack = in->stack;
 
     const u8* ip = cb->from;
     const u8* iend = ip + cb->cyphlen;
@@ -185,31 +180,39 @@ rctype expand(HS_CBLK* cb) {
             havepending = false;
             continue;
         }
-        // Walk the string back to front onto the stack.
-        int sp = 0;
-        unsigned k = code;
+        // Each defined code knows its string's length, so the string is
+        // written straight into place from its last byte back.
         if (code >= MAXCODES) return HS_BADDATA;
+        unsigned k = code;
+        long len = tab[code].code;
+        u8 first;
         if (tab[code].code == EMPTY) {
-            // Only the code being defined right now may be used early.
+            // Only the code being defined right now may be used early: it is
+            // the previous string and that string's first byte again.
             if (!havepending || code != pending) return HS_BADDATA;
-            stack[sp++] = prevfirst;
             k = prev;
+            len = tab[prev].code + 1L;
+            if (oend - op < len) return HS_BADDATA;
+            op[len - 1] = prevfirst;
+        } else if (oend - op < len) {
+            return HS_BADDATA;  // longer than the block can be
         }
-        while (k >= clear) {
-            if (sp >= TABSIZE) return HS_BADDATA;
-            stack[sp++] = suffix[k];
-            k = tab[k].prefix;
+        {
+            u8* p = op + tab[k].code;
+            while (k >= clear) {
+                *--p = suffix[k];
+                k = tab[k].prefix;
+            }
+            *--p = static_cast<u8>(k);
+            first = static_cast<u8>(k);
         }
-        stack[sp++] = static_cast<u8>(k);
-        const u8 first = static_cast<u8>(k);
+        op += len;
         if (havepending) {
-            tab[pending].code = 1;
+            tab[pending].code = static_cast<uint16_t>(tab[prev].code + 1);
             tab[pending].prefix = static_cast<uint16_t>(prev);
             suffix[pending] = first;
             havepending = false;
         }
-        if (oend - op < sp) return HS_BADDATA;  // longer than the block can be
-        while (sp > 0) *op++ = stack[--sp];
         prev = code;
         prevfirst = first;
         if (nextfree <= maxcode) {
@@ -232,7 +235,7 @@ rctype hsclzw(HS_CBLK* cb) {
         u8* base = static_cast<u8*>(mem);
         in->slots = reinterpret_cast<SLOT*>(base + sizeof(INFO));
         in->suffix = base + 19700;
-        in->stack = nullptr;
+        in->spare = nullptr;
         cb->info = mem;
         return 0;
     }
@@ -244,7 +247,6 @@ rctype hsclzw(HS_CBLK* cb) {
         return expand(cb);
     case XZC_TERM:
         if (cb->info) {
-            std::free(infoof(cb)->stack);
             std::free(cb->info);
             cb->info = nullptr;
         }
