@@ -237,7 +237,13 @@ rctype UpdateRev(DA_FDP* fdp) {
 rctype dareopenp(DA_FDP* fdp, int newflags) {
     DA_FDB* fdb = fdp->fdb;
     int newmode = (newflags & DA_FDWRITE) ? O_RDWR : O_RDONLY;
-    if (newmode == fdb->opmode) return 0;
+    // Descriptors are never turned back to read-only: other openers of the
+    // block may still write, and a read-write descriptor reads as well.
+    if (newmode == fdb->opmode || newmode == O_RDONLY) {
+        fdp->flags = (fdp->flags & ~(DA_FDWRITE | DA_FDRDONLY)) | (newmode == O_RDWR ? DA_FDWRITE : DA_FDRDONLY);
+        dafdsmt(fdp);
+        return 0;
+    }
     int held = fdb->lckmode;
     auto reopenall = [&](int mode) -> rctype {
         for (int i = 0; i < fdb->numpcb; ++i) {
@@ -270,6 +276,7 @@ rctype dareopenp(DA_FDP* fdp, int newflags) {
     }
     if (rc == 0) {
         fdp->opmode = newmode;
+        fdp->flags = (fdp->flags & ~(DA_FDWRITE | DA_FDRDONLY)) | (newmode == O_RDWR ? DA_FDWRITE : DA_FDRDONLY);
         dafdsmt(fdp);
     }
     return rc;

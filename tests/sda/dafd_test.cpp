@@ -724,6 +724,16 @@ TEST_F(FdTest, SharedBlockAndMapping) {
     off = -1;
     ASSERT_EQ(r2->fdwrite(r2, "tail", 4, &off), 0);
     EXPECT_EQ(readall(r1, off, 4), "tail");
+    // One opener going back to input leaves the other able to write.
+    DA_FDROB rob = {DA_FDRDONLY, 0};
+    ASSERT_EQ(r2->fdcntl(r2, DA_FDREOPEN, &rob), 0);
+    da_off_t noff = -1;
+    EXPECT_LT(r2->fdwrite(r2, "x", 1, &noff), 0);
+    rob.flags = DA_FDWRITE;
+    ASSERT_EQ(r2->fdcntl(r2, DA_FDREOPEN, &rob), 0);
+    noff = -1;
+    EXPECT_EQ(r2->fdwrite(r2, "more", 4, &noff), 0);
+    EXPECT_EQ(readall(r1, noff, 4), "more");
 
     void* addr = nullptr;
     da_off_t msize = 0;
