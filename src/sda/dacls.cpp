@@ -118,14 +118,6 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
     dafrstrp(fcb->phdl);
     fcb->phdl = nullptr;
     if (fcb->constrMalloc) free(fcb->constr);
-    if (fcb->dffd) {
-        rctype rc = fcb->dffd->fdclose(fcb->dffd);
-        if (rc < 0) {
-            hsprint("dafrfcb: DPF DAFDCLOSE failed on %s: Reason=%s\n", fcb->name, hsstrer(rc));
-            last = rc;
-        }
-        fcb->dffd = nullptr;
-    }
     if (fcb->mdfd && !acl && (disp & 1) && writes && (fcb->dshdr.flags & 1)) {
         fcb->dshdr.flags &= ~1;
         int32_t f = fcb->dshdr.flags;
@@ -138,6 +130,15 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
         (fcb->mode == DA_OMUPDATE || fcb->mode == DA_OMUTIL)) {
         rctype rc = dauprev(fcb);
         if (rc < 0) last = rc;
+    }
+    // The data file is revised with the MDF, so it stays open until then.
+    if (fcb->dffd) {
+        rctype rc = fcb->dffd->fdclose(fcb->dffd);
+        if (rc < 0) {
+            hsprint("dafrfcb: DPF DAFDCLOSE failed on %s: Reason=%s\n", fcb->name, hsstrer(rc));
+            last = rc;
+        }
+        fcb->dffd = nullptr;
     }
     if (fcb->mdfd && (disp & 4)) {
         DA_FDSCB scb = {0, 0};

@@ -389,8 +389,11 @@ rctype darropn(DA_FID* f, DA_OPNSTR* ostr) {
         if (strcmp(iname, fcb->iname) != 0) {
             rc = daflfcb(fcb);
             if (rc < 0) return rc;
-            rc = fcb->dffd->fdrename(fcb->dffd, fcb->dshdr.links[DA_LNKDPFFIB], iname, static_cast<int>(strlen(iname)));
-            if (rc >= 0) rc = fcb->mdfd->fdrename(fcb->mdfd, -1, iname, static_cast<int>(strlen(iname)));
+            char dn[48], mn[48];
+            int dl = dadsnam(1, iname, -1, nullptr, 0, dn), ml = dadsnam(0, iname, -1, nullptr, 0, mn);
+            // The MDF last, as a rename of a member does.
+            rc = fcb->dffd->fdrename(fcb->dffd, fcb->dshdr.links[DA_LNKDPFFIB], dn, dl);
+            if (rc >= 0) rc = fcb->mdfd->fdrename(fcb->mdfd, -1, mn, ml);
             if (rc < 0) return rc;
             snprintf(fcb->name, sizeof fcb->name, "%.*s", ostr->name_l, ostr->name);
             snprintf(fcb->iname, sizeof fcb->iname, "%s", iname);
@@ -547,10 +550,15 @@ rctype dasetshare(DA_FID* f, int smode) {
             return rc;
         }
         DA_FDSCB scb = {fp->timeout, 0};
+        // The FIB's change stamp before and after the sync says whether another
+        // process committed in between.
+        int m0 = 0, s0 = 0, m1 = 0, s1 = 0;
+        dagetfibparms(fcb->mdfd, &m0, &s0);
         rc = fcb->mdfd->fdcntl(fcb->mdfd, smode == DA_SHRREAD ? DA_FDSYNCRD : DA_FDSYNCWR, &scb);
+        if (rc >= 0) dagetfibparms(fcb->mdfd, &m1, &s1);
         if (rc < 0) {
             hsprint("dasetshare(%s): DA_FDSYNC failed for Table=%.*s\n", who, nl, fcb->iname);
-        } else if (scb.flags & 1) {
+        } else if (m0 != m1 || s0 != s1) {
             hsprint("dasetshare(%s): DA_FDUPDATED set for Table=%.*s\n", who, nl, fcb->iname);
             rc = darfmdf(fcb);
             DA_FDSCB s2 = {fp->timeout, 0};

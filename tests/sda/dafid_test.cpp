@@ -1,0 +1,266 @@
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lifeutil.h"
+#include "sda/danames.h"
+#include "testutil.h"
+
+using namespace vrta;
+using namespace lifetest;
+
+namespace {
+
+int countfiles(const std::string& dir, const std::string& prefix) {
+    int n = 0;
+    DIR* d = opendir(dir.c_str());
+    if (!d) return 0;
+    while (dirent* e = readdir(d))
+        if (strncmp(e->d_name, prefix.c_str(), prefix.size()) == 0) ++n;
+    closedir(d);
+    return n;
+}
+
+DA_DSFHEAD headerondisk(DA_LIB* lp, const char* name) {
+    // The MDF's own FIB comes first; the header stands at its base offset.
+    DA_OPNSTR o = request(name, DA_OMINPUT);
+    DA_FID* fp = nullptr;
+    DA_DSFHEAD h{};
+    if (daopen(lp, &o, &fp) < 0) return h;
+    h = fcbof(fp)->dshdr;
+    darclos(fp);
+    return h;
+}
+
+}  // namespace
+
+TEST(TableLife, CreateAppendCloseReopenKeepsColumnsRowsAndCleanMark) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    ASSERT_NE(nullptr, lp);
+    DA_FID* fp = create(lp, "Sales");
+    ASSERT_NE(nullptr, fp);
+    EXPECT_EQ(ROWLEN, fp->xoehdr->obslen);
+    EXPECT_EQ(8192 / ROWLEN, fp->blockfactor);
+    EXPECT_EQ(ROWLEN * (8192 / ROWLEN), fp->blocksize);
+    // Defining the columns twice is refused.
+    auto cols = columns();
+    EXPECT_EQ(DA_BADARG, fp->mt->defvars(fp, 2, cols.data()));
+    auto r = rows(1, 1000);
+    ASSERT_EQ(0, dawrobs(fp, 1, r.data(), 1000));
+    // Not the next row: there is no gap to write into.
+    EXPECT_EQ(DA_PASTEND, dawrobs(fp, 1002, r.data(), 1));
+    // Until close the header says the table was never closed cleanly.
+    EXPECT_EQ(1, fcbof(fp)->dshdr.flags & 1);
+    ASSERT_EQ(0, darclos(fp));
+
+    DA_DSFHEAD h = headerondisk(lp, "sales");
+    EXPECT_EQ(0, h.flags & 1);
+    EXPECT_GE(h.links[DA_LNKSTRP], 0);
+    EXPECT_GE(h.links[DA_LNKNAMES], 0);
+
+    DA_OPNSTR o = request("SALES", DA_OMINPUT);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_EQ(1000, fp->xoehdr->numobs);
+    ASSERT_EQ(2, fp->numvar);
+    EXPECT_STREQ("ID", fp->vars[0].name);
+    EXPECT_STREQ("NAME", fp->vars[1].name);
+    EXPECT_STREQ("Name of the row", fp->vars[1].label);
+    EXPECT_EQ(8, fp->vars[1].npos);
+    EXPECT_TRUE(rowsintact(fp));
+    // The request comes back with the table's properties.
+    EXPECT_EQ(8192, o.idxsegsize);
+    EXPECT_EQ(0, memcmp(o.dstype, "DATA    ", 8));
+    // A reader cannot write.
+    EXPECT_EQ(DA_BADARG, dawrobs(fp, 1001, r.data(), 1));
+    long got = 0;
+    char buf[ROWLEN];
+    EXPECT_EQ(DA_EOF, dardobs(fp, 1001, buf, 1, &got));
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(TableLife, OpenersInOneProcessShareOneControlBlock) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_FID* w = create(lp, "t");
+    auto r = rows(1, 10);
+    ASSERT_EQ(0, dawrobs(w, 1, r.data(), 10));
+    ASSERT_EQ(0, darclos(w));
+
+    DA_OPNSTR o1 = request("t", DA_OMINPUT), o2 = request("T", DA_OMINPUT);
+    DA_FID *a = nullptr, *b = nullptr;
+    ASSERT_EQ(0, daopen(lp, &o1, &a));
+    ASSERT_EQ(0, daopen(lp, &o2, &b));
+    EXPECT_NE(a, b);
+    EXPECT_EQ(fcbof(a), fcbof(b));
+    EXPECT_EQ(2, fcbof(a)->refCount);
+    // A reader's sort information is its own.
+    DA_SORTINFO si{};
+    memcpy(si.collate, "ASCII   ", 8);
+    EXPECT_EQ(0, a->mt->setsortinfo(a, &si));
+    EXPECT_EQ(0, memcmp(a->sortinfo->collate, "ASCII   ", 8));
+    EXPECT_NE(0, memcmp(b->sortinfo->collate, "ASCII   ", 8));
+    ASSERT_EQ(0, darclos(a));
+    EXPECT_EQ(1, fcbof(b)->refCount);
+    EXPECT_TRUE(rowsintact(b));
+
+    // Another thread asking to write while this one reads is refused by the lock layer.
+    rctype other = 0;
+    std::thread th([&] {
+        DA_OPNSTR ou = request("t", DA_OMUPDATE);
+        DA_FID* u = nullptr;
+        other = daopen(lp, &ou, &u);
+        if (other >= 0) darclos(u);
+    });
+    th.join();
+    EXPECT_TRUE(other == DA_MODECONF || other == DA_LOCKCONF) << std::hex << other;
+    ASSERT_EQ(0, darclos(b));
+
+    // While one thread creates a table, another may not read it.
+    DA_FID* c = create(lp, "u");
+    ASSERT_NE(nullptr, c);
+    std::thread th2([&] {
+        DA_OPNSTR oi = request("u", DA_OMINPUT);
+        DA_FID* i = nullptr;
+        other = daopen(lp, &oi, &i);
+        if (other >= 0) darclos(i);
+    });
+    th2.join();
+    EXPECT_EQ(DA_LOCKCONF, other);
+    ASSERT_EQ(0, darclos(c));
+    // Creating a table that exists fails and leaves it as it was.
+    DA_OPNSTR oc = request("t", DA_OMOUTPUT);
+    DA_FID* x = nullptr;
+    EXPECT_EQ(DA_EXISTS, daopen(lp, &oc, &x));
+    DA_OPNSTR oi = request("t", DA_OMINPUT);
+    ASSERT_EQ(0, daopen(lp, &oi, &x));
+    EXPECT_EQ(10, x->xoehdr->numobs);
+    darclos(x);
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(TableLife, BadRequestsGiveTheirCodesAndLeaveNoFiles) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_FID* fp = nullptr;
+
+    DA_OPNSTR o = request("noenc", DA_OMOUTPUT);
+    o.encoding_cei = 0;
+    EXPECT_EQ(DA_NOENCODING, daopen(lp, &o, &fp));
+    o = request("noloc", DA_OMOUTPUT);
+    memset(o.locale, 0, sizeof o.locale);
+    EXPECT_EQ(DA_NOLOCALE, daopen(lp, &o, &fp));
+    EXPECT_EQ(0, countfiles(tmp.path(), "noenc"));
+    EXPECT_EQ(0, countfiles(tmp.path(), "noloc"));
+
+    // A table whose columns were never defined cannot be opened.
+    o = request("empty", DA_OMOUTPUT);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    ASSERT_EQ(0, darclos(fp));
+    o = request("empty", DA_OMINPUT);
+    EXPECT_EQ(DA_INTERNAL, daopen(lp, &o, &fp));
+
+    // Bad columns: none, zero length, overlapping the row's end.
+    DA_FID* c = nullptr;
+    o = request("cols", DA_OMOUTPUT);
+    ASSERT_EQ(0, daopen(lp, &o, &c));
+    auto cols = columns();
+    EXPECT_EQ(DA_BADARG, c->mt->defvars(c, 0, cols.data()));
+    cols[1].nlng = 0;
+    EXPECT_EQ(DA_BADARG, c->mt->defvars(c, 2, cols.data()));
+    cols = columns();
+    cols[1].npos = 12;
+    EXPECT_EQ(DA_BADARG, c->mt->defvars(c, 2, cols.data()));
+    darclos(c);
+
+    // A table whose data file went missing.
+    DA_FID* t = create(lp, "nodata");
+    auto r = rows(1, 5);
+    ASSERT_EQ(0, dawrobs(t, 1, r.data(), 5));
+    ASSERT_EQ(0, darclos(t));
+    DIR* d = opendir(tmp.path().c_str());
+    while (dirent* e = readdir(d))
+        if (strncmp(e->d_name, "nodata.dpf", 10) == 0) unlink((tmp.path() + "/" + e->d_name).c_str());
+    closedir(d);
+    std::string mdfbefore;
+    d = opendir(tmp.path().c_str());
+    while (dirent* e = readdir(d))
+        if (strncmp(e->d_name, "nodata.mdf", 10) == 0) mdfbefore = vrtatest::readFile(tmp.path() + "/" + e->d_name);
+    closedir(d);
+    o = request("nodata", DA_OMUPDATE);
+    rctype rc = daopen(lp, &o, &fp);
+    EXPECT_TRUE(rc == DA_NODPF || rc < 0) << std::hex << rc;
+    std::string mdfafter;
+    d = opendir(tmp.path().c_str());
+    while (dirent* e = readdir(d))
+        if (strncmp(e->d_name, "nodata.mdf", 10) == 0) mdfafter = vrtatest::readFile(tmp.path() + "/" + e->d_name);
+    closedir(d);
+    EXPECT_EQ(mdfbefore, mdfafter);
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(TableLife, RevisionsThatDifferWarnAndReopenRenamesATemporary) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_FID* fp = create(lp, "tmpname");
+    auto r = rows(1, 50);
+    ASSERT_EQ(0, dawrobs(fp, 1, r.data(), 50));
+    // Reopen after output renames the table to the name asked for now.
+    DA_OPNSTR o = request("final", DA_OMUPDATE);
+    ASSERT_EQ(0, darropn(fp, &o));
+    EXPECT_STREQ("final", fcbof(fp)->iname);
+    EXPECT_TRUE(rowsintact(fp));
+    // An interrupted revision update: the data file moves on, the MDF does not.
+    DA_FCB* fcb = fcbof(fp);
+    ASSERT_EQ(0, fcb->dffd->fdrevise(fcb->dffd, fcb->dshdr.links[DA_LNKDPFFIB]));
+    fp->fidflags |= DA_FIDNOREV;
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, countfiles(tmp.path(), "tmpname."));
+
+    o = request("final", DA_OMINPUT);
+    EXPECT_EQ(DA_REVDIFF, daopen(lp, &o, &fp));
+    EXPECT_EQ(50, fp->xoehdr->numobs);
+    EXPECT_TRUE(rowsintact(fp));
+    // Output may not be reopened into, nor may a table with open cursors.
+    DA_OPNSTR out = request("final", DA_OMOUTPUT);
+    EXPECT_EQ(DA_BADARG, darropn(fp, &out));
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(TableLife, PartitionedAppendFillsWholePartitionsAndTruncateShrinks) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    // 32-row partitions: 640 bytes asked, rounded down to a multiple of 32 rows.
+    DA_FID* fp = create(lp, "parts", 0, 700);
+    ASSERT_NE(nullptr, fp);
+    EXPECT_EQ(32, fp->xoehdr->partfactor);
+    EXPECT_EQ(32 * ROWLEN, fp->xoehdr->partsize);
+    auto r = rows(1, 100);
+    ASSERT_EQ(0, dawrobs(fp, 1, r.data(), 31));
+    ASSERT_EQ(0, dawrobs(fp, 32, r.data() + 31 * ROWLEN, 69));
+    EXPECT_EQ(100, fp->xoehdr->numobs);
+    EXPECT_EQ(4, countfiles(tmp.path(), "parts.dpf"));
+    EXPECT_TRUE(rowsintact(fp));
+    ASSERT_EQ(0, darclos(fp));
+
+    DA_OPNSTR o = request("parts", DA_OMUPDATE);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_EQ(DA_BADARG, fp->mt->truncobs(fp, 101));
+    ASSERT_EQ(0, fp->mt->truncobs(fp, 40));
+    ASSERT_EQ(0, darclos(fp));
+    o = request("parts", DA_OMINPUT);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_EQ(40, fp->xoehdr->numobs);
+    EXPECT_TRUE(rowsintact(fp));
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
