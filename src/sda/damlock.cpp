@@ -417,14 +417,6 @@ rctype dalkmem(DA_LIB* lp, const char* memname, const char* memtype, int level, 
             rc = crc;
         }
     }
-    if (rc >= 0 && dyn && omode == DA_OMUPDATE && lcb->lockfd >= 0) {
-        rctype drc = dalockr(lcb->lockfd, 32 | 0x800, RDYNUPD, RLEN);
-        if (drc < 0) {
-            CloseComponent(lcb);
-            SafeUnlock(lcb);
-            rc = drc;
-        }
-    }
     if (rc < 0) {
         freestr(lcb->mempath);
         freestr(lcb->fullpath);
@@ -438,8 +430,18 @@ rctype dalkmem(DA_LIB* lp, const char* memname, const char* memtype, int level, 
     else lcb->owntid = tid;
     lcb->next = dagcb.lcbs;
     dagcb.lcbs = lcb;
-    *lid = lcb;
+    int fd = lcb->lockfd;
     mutex_unlock(&dagcb.lcbLock);
+    if (dyn && omode == DA_OMUPDATE && fd >= 0) {
+        // The one dynamic updater: wait for the present one to leave, without
+        // holding up the other member locks of this process meanwhile.
+        rctype drc = dalockr(fd, 32 | 0x800, RDYNUPD, RLEN);
+        if (drc < 0) {
+            daulmem(lp, lcb, level, omode, tid);
+            return drc;
+        }
+    }
+    *lid = lcb;
     return rc;
 }
 
@@ -511,28 +513,30 @@ rctype dalkdyn(DA_LOCK* lcb, int mode) {
         mutex_lock(&dagcb.lcbLock);
         bool upd = lcb->dynmode == DA_SHRUPDATE;
         bool need = lcb->dynrefCount == 0;
+        if (!upd) lcb->dynrefCount++;
         mutex_unlock(&dagcb.lcbLock);
         if (upd) return DA_BADARG;
         if (need) rc = dalockr(lcb->lockfd, 16 | 0x800, RCALL, RLEN);
-        if (rc < 0) return rc;
         mutex_lock(&dagcb.lcbLock);
-        lcb->dynrefCount++;
-        lcb->dynmode = DA_SHRREAD;
+        if (rc < 0) lcb->dynrefCount--;
+        else lcb->dynmode = DA_SHRREAD;
         mutex_unlock(&dagcb.lcbLock);
-        return 0;
+        return rc;
     }
     if (mode == DA_SHRUPDATE) {
+        // Claim update mode before waiting, so that a second updater of this
+        // process is refused rather than let through by our own record lock.
         mutex_lock(&dagcb.lcbLock);
-        bool twice = lcb->dynmode == DA_SHRUPDATE;
+        int was = lcb->dynmode;
+        if (was != DA_SHRUPDATE) lcb->dynmode = DA_SHRUPDATE;
         mutex_unlock(&dagcb.lcbLock);
-        if (twice) return DA_DYNCONF;
+        if (was == DA_SHRUPDATE) return DA_DYNCONF;
         rc = dalockr(lcb->lockfd, 32 | 0x800, RCALL, RLEN);
-        if (rc < 0) return rc;
         mutex_lock(&dagcb.lcbLock);
-        lcb->dynrefCount++;
-        lcb->dynmode = DA_SHRUPDATE;
+        if (rc < 0) lcb->dynmode = was;
+        else lcb->dynrefCount++;
         mutex_unlock(&dagcb.lcbLock);
-        return 0;
+        return rc;
     }
     if (mode == DA_SHRCLEAR) {
         mutex_lock(&dagcb.lcbLock);

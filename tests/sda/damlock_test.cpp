@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -45,7 +46,13 @@ struct Holder {
     pid_t pid = -1;
     int up[2]{-1, -1}, down[2]{-1, -1};
     rctype rc = 0;
-    Holder(DA_LIB* lp, const char* mem, int omode, int dynflag = 0) {
+    // Whether the child has reported its result within ms milliseconds.
+    bool reported(int ms) {
+        struct pollfd p = {up[0], POLLIN, 0};
+        if (poll(&p, 1, ms) != 1) return false;
+        return read(up[0], &rc, sizeof rc) == sizeof rc;
+    }
+    Holder(DA_LIB* lp, const char* mem, int omode, int dynflag = 0, bool wait = true) {
         if (pipe(up) != 0 || pipe(down) != 0) return;
         pid = fork();
         if (pid == 0) {
@@ -63,7 +70,7 @@ struct Holder {
         }
         close(up[1]);
         close(down[0]);
-        if (read(up[0], &rc, sizeof rc) != sizeof rc) rc = 1;
+        if (wait && read(up[0], &rc, sizeof rc) != sizeof rc) rc = 1;
     }
     // 'r' releases then exits; 'k' is killed while holding.
     void finish(char how) {
@@ -284,6 +291,15 @@ TEST(MemberLock, DynamicOpenersShareAndKeepTheUpdaterAlone) {
         Holder reader(lib.lp, "dy", DA_OMINPUT, DA_LKDYNAMIC);
         EXPECT_EQ(0, reader.rc);
     }
+    // A second dynamic updater elsewhere waits until the first one leaves.
+    {
+        Holder upd(lib.lp, "dy", DA_OMUPDATE, DA_LKDYNAMIC, false);
+        EXPECT_FALSE(upd.reported(300));
+        daulmem(lib.lp, d1, DA_LKMEMBER, DA_OMUPDATE, me);
+        ASSERT_TRUE(upd.reported(10000));
+        EXPECT_EQ(0, upd.rc);
+    }
+    ASSERT_EQ(0, dalkmem(lib.lp, "dy", "DATA    ", DA_LKMEMBER, DA_OMUPDATE, me, DA_LKDYNAMIC, &d1, &owner));
     EXPECT_EQ(0, dalkdyn(d1, DA_SHRREAD));
     EXPECT_EQ(DA_BADARG, dalkdyn(d1, 99));
     EXPECT_EQ(0, dalkdyn(d1, DA_SHRCLEAR));
