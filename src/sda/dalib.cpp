@@ -647,6 +647,9 @@ rctype applylists(DA_LIBP* lp, const DA_LIBSTR* lstr, const std::string& primary
     }
     // Metapaths are the default exactly when the primary path stands alone.
     if (lp->nummeta == 1) lp->flags |= DA_LFMETADEF;
+    // Striped files spread over every path of their list.
+    if (lstr->pm_data == DA_PMODSTRIPED) lp->datastripes = lp->numdata;
+    if (lstr->pm_idx == DA_PMODSTRIPED) lp->idxstripes = lp->numidx;
     return 0;
 }
 

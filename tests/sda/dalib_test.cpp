@@ -100,6 +100,22 @@ TEST(Library, AssignCreatesDirectoryAndKeepsPathsInLibraryFile) {
     // The util list has the primary first, then one path per filesystem.
     ASSERT_GE(lp->numutil, 1);
     EXPECT_EQ(prim + "/", pathOf(lp->util[0]));
+    EXPECT_EQ(0, lp->datastripes);
+    EXPECT_EQ(0, dafrlib(lp));
+
+    // A striped library keeps its stripe count in the file.
+    std::string sdir = tmp.file("striped");
+    DA_LIBSTR st = request(sdir);
+    st.datapaths = dl.c_str();
+    st.datapaths_l = static_cast<int>(dl.size());
+    st.pm_data = DA_PMODSTRIPED;
+    ASSERT_EQ(DA_NEWDIR, dagtlib(&st, &lp));
+    EXPECT_EQ(2, lp->datastripes);
+    EXPECT_EQ(0, dafrlib(lp));
+    DA_LIBSTR st2 = request(sdir);
+    ASSERT_EQ(0, dagtlib(&st2, &lp));
+    EXPECT_EQ(2, lp->numdata);
+    EXPECT_EQ(2, lp->datastripes);
     EXPECT_EQ(0, dafrlib(lp));
 }
 
