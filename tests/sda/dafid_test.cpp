@@ -264,3 +264,87 @@ TEST(TableLife, PartitionedAppendFillsWholePartitionsAndTruncateShrinks) {
     ASSERT_EQ(0, darclos(fp));
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+namespace {
+
+DA_FID* opendyn(DA_LIB* lp, const char* name, int mode, DA_LOCK** lid) {
+    pid_t owner = 0;
+    if (dalkmem(lp, name, "DATA    ", DA_LKMEMBER, mode, thr_self(), DA_LKDYNAMIC | 1, lid, &owner) < 0) return nullptr;
+    DA_OPNSTR o = request(name, mode);
+    o.flags = DA_OFDYNAMIC;
+    o.lcb = *lid;
+    o.timeout = 30;
+    DA_FID* fp = nullptr;
+    if (daopen(lp, &o, &fp) < 0) return nullptr;
+    return fp;
+}
+
+}  // namespace
+
+// A writer in another process appends under dynamic sharing; the reader
+// here sees each committed batch and never a row that is not all there.
+TEST(TableLife, ReaderInAnotherProcessSeesCommittedGrowthOnly) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_FID* fp = create(lp, "shared", 0, 64 * ROWLEN);
+    auto r0 = rows(1, 5);
+    ASSERT_EQ(0, dawrobs(fp, 1, r0.data(), 5));
+    ASSERT_EQ(0, darclos(fp));
+    ASSERT_EQ(0, dafrlib(lp));
+
+    constexpr int BATCHES = 40;
+    constexpr long BATCH = 23;
+    int go[2];
+    ASSERT_EQ(0, pipe(go));
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(go[1]);
+        char c;
+        if (read(go[0], &c, 1) != 1) _exit(2);
+        DA_LIB* wl = assign(tmp.path());
+        DA_LOCK* lid = nullptr;
+        DA_FID* w = opendyn(wl, "shared", DA_OMUPDATE, &lid);
+        if (!w) _exit(3);
+        for (int b = 0; b < BATCHES; ++b) {
+            if (w->mt->setshare(w, DA_SHRUPDATE) < 0) _exit(4);
+            hs_obsno_t n = w->xoehdr->numobs;
+            auto r = rows(n + 1, BATCH);
+            if (dawrobs(w, n + 1, r.data(), BATCH) < 0) _exit(5);
+            if (w->mt->setshare(w, DA_SHRCLEAR) < 0) _exit(6);
+        }
+        if (darclos(w) < 0) _exit(7);
+        daulmem(wl, lid, DA_LKMEMBER, DA_OMUPDATE, thr_self());
+        dafrlib(wl);
+        _exit(0);
+    }
+    close(go[0]);
+    lp = assign(tmp.path());
+    DA_LOCK* lid = nullptr;
+    DA_FID* rd = opendyn(lp, "shared", DA_OMINPUT, &lid);
+    ASSERT_NE(nullptr, rd);
+    ASSERT_EQ(1, write(go[1], "g", 1));
+    close(go[1]);
+    const hs_obsno_t total = 5 + BATCHES * BATCH;
+    hs_obsno_t last = 0;
+    int views = 0, grew = 0;
+    for (int i = 0; i < 200000 && last < total; ++i) {
+        ASSERT_EQ(0, rd->mt->setshare(rd, DA_SHRREAD));
+        hs_obsno_t n = rd->xoehdr->numobs;
+        EXPECT_GE(n, last);
+        EXPECT_EQ(0, (n - 5) % BATCH) << n;  // only whole committed batches
+        EXPECT_TRUE(rowsintact(rd)) << n;
+        ASSERT_EQ(0, rd->mt->setshare(rd, DA_SHRCLEAR));
+        if (n > last) ++grew;
+        last = n;
+        ++views;
+    }
+    int st = 0;
+    waitpid(pid, &st, 0);
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st;
+    EXPECT_EQ(total, last);
+    EXPECT_GE(grew, 2);
+    ASSERT_EQ(0, darclos(rd));
+    daulmem(lp, lid, DA_LKMEMBER, DA_OMINPUT, thr_self());
+    EXPECT_EQ(0, dafrlib(lp));
+}
