@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "hs/hs.h"
+#include "sda/dalibint.h"
 #include "sda/darc.h"
 #include "sda/dafd.h"
 #include "sda/danames.h"
@@ -28,13 +29,6 @@ struct DA_DIRH {
 namespace {
 
 constexpr int KMDF = 0, KUTIL = 4, KCDF = 6;
-
-std::string lowertrim(const char* s, int max) {
-    std::string out;
-    for (int i = 0; i < max && s[i]; i++) out.push_back(static_cast<char>(tolower(static_cast<unsigned char>(s[i]))));
-    while (!out.empty() && out.back() == ' ') out.pop_back();
-    return out;
-}
 
 // Each directory once, in the order first seen.
 void addpaths(std::vector<std::string>& out, int n, const DA_PATHINFO* v) {
@@ -176,7 +170,7 @@ rctype dacldir(DA_DIRH* dh) {
 
 rctype dafindds(DA_LIB* lp, const char* name, int* kind) {
     if (!lp || !name) return DA_BADARG;
-    std::string n = lowertrim(name, 32);
+    std::string n = lowername(name);
     if (n.empty()) return DA_BADARG;
     if (exists(firstpart(lp, n + ".mdf"))) {
         *kind = KMDF;
@@ -196,14 +190,14 @@ rctype daexist(DA_LIB* lp, const char* name, const char* type) {
         int kind;
         return dafindds(lp, name, &kind);
     }
-    std::string n = lowertrim(name, 32);
+    std::string n = lowername(name);
     if (n.empty() || t.empty()) return DA_BADARG;
     return exists(firstpart(lp, n + "." + t)) ? 0 : DA_NOTFOUND;
 }
 
 rctype dadelet(DA_LIB* lp, const char* name, const char* type) {
     if (!lp || !name || !type) return DA_BADARG;
-    std::string n = lowertrim(name, 32);
+    std::string n = lowername(name);
     std::string t = lowertrim(type, 8);
     if (n.empty() || t.empty()) return DA_BADARG;
     rctype rc = daexist(lp, name, type);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "hs/hs.h"
+#include "sda/dalibint.h"
 #include "sda/darc.h"
 #include "sda/dafd.h"
 #include "sda/danames.h"
@@ -21,13 +22,6 @@ namespace {
 
 constexpr int KMDF = 0, KIDX = 2, KAUX = 3, KUTIL = 4, KHYB = 5, KCDF = 6;
 constexpr int MAXINDEXES = 100000;  // a chain longer than this is damaged
-
-std::string lowertrim(const char* s, int max) {
-    std::string out;
-    for (int i = 0; i < max && s[i]; i++) out.push_back(static_cast<char>(tolower(static_cast<unsigned char>(s[i]))));
-    while (!out.empty() && out.back() == ' ') out.pop_back();
-    return out;
-}
 
 std::vector<const char*> pathsof(int n, const DA_PATHINFO* v) {
     std::vector<const char*> out;
@@ -174,7 +168,7 @@ rctype renutil(DA_LIB* lp, const std::string& from, const std::string& to, const
 
 rctype darenam(DA_LIB* lp, const char* name, const char* type, const char* newname) {
     if (!lp || !name || !type || !newname) return DA_BADARG;
-    std::string from = lowertrim(name, 32), to = lowertrim(newname, 32), t = lowertrim(type, 8);
+    std::string from = lowername(name), to = lowername(newname), t = lowertrim(type, 8);
     if (from.empty() || to.empty() || t.empty() || to.size() > 32) return DA_BADARG;
     for (char c : to)
         if (c == '.' || c == '/' || c == ' ') return DA_BADARG;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "hs/hs.h"
+#include "sda/dalibint.h"
 #include "sda/darc.h"
 #include "sda/dafd.h"
 #include "sda/danames.h"
@@ -25,15 +26,6 @@ namespace {
 constexpr int KUTIL = 4;
 constexpr long UTLHEADLEN = 156;
 static_assert(sizeof(DA_UTLHEAD2) == UTLHEADLEN);
-
-std::string lowertrim(const char* s, int max) {
-    std::string out;
-    for (int i = 0; i < max && s && s[i]; i++) out.push_back(static_cast<char>(tolower(static_cast<unsigned char>(s[i]))));
-    while (!out.empty() && out.back() == ' ') out.pop_back();
-    size_t b = 0;
-    while (b < out.size() && out[b] == ' ') b++;
-    return out.substr(b);
-}
 
 rctype fdio_read(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
     auto* fd = static_cast<DA_FD*>(ctx);
@@ -65,7 +57,7 @@ rctype uftrc(DA_UFILE* uf, da_off_t endoff) {
 }
 
 rctype ufren(DA_UFILE* uf, const char* newname) {
-    std::string to = lowertrim(newname, 32);
+    std::string to = lowername(newname);
     if (to.empty()) return DA_BADARG;
     char base[128];
     int n = dadsnam(KUTIL, to.c_str(), static_cast<int>(to.size()), uf->type, -1, base);
@@ -112,7 +104,8 @@ rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFI
     if (!lp || !type) return DA_BADARG;
     std::string t = lowertrim(type, 8);
     if (t.empty() || t == "data") return DA_BADARG;
-    std::string n = lowertrim(name, 32);
+    std::string n = lowertrim(name, 64);
+    if (n.size() > 32) return DA_BADARG;
     bool nameless = n.empty();
     bool write = (flags & 5) != 0;
     int omode = write ? DA_OMUPDATE : DA_OMINPUT;

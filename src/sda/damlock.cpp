@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "hs/hs.h"
+#include "sda/dalibint.h"
 #include "sda/darc.h"
 #include "sda/dafd.h"
 #include "sda/danames.h"
@@ -33,13 +34,6 @@ constexpr int KMDF = 0, KUTIL = 4, KCDF = 6;
 constexpr int DYNTRIES = 10;
 
 bool conflict(rctype rc) { return rc == DA_RDLOCKED || rc == DA_WRLOCKED; }
-
-std::string lowertrim(const char* s, int max) {
-    std::string out;
-    for (int i = 0; i < max && s[i]; i++) out.push_back(static_cast<char>(tolower(static_cast<unsigned char>(s[i]))));
-    while (!out.empty() && out.back() == ' ') out.pop_back();
-    return out;
-}
 
 char* dupstr(const std::string& s) {
     auto* p = static_cast<char*>(xmalloc(dagcb.pool, static_cast<long>(s.size()) + 1, 0));
@@ -369,7 +363,7 @@ rctype dalkmem(DA_LIB* lp, const char* memname, const char* memtype, int level, 
     if (!lp || !memname || !memtype) return DA_BADARG;
     rctype rc = dainit();
     if (rc < 0) return rc;
-    std::string name = lowertrim(memname, 32);
+    std::string name = lowername(memname);
     std::string type = lowertrim(memtype, 8);
     if (name.empty() || type.empty()) return DA_BADARG;
     bool dyn = (dynflag & DA_LKDYNAMIC) != 0;

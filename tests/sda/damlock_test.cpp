@@ -105,6 +105,11 @@ TEST(MemberLock, ReaderWithoutLockFileCreatesNoneAndNamesFoldCase) {
     EXPECT_EQ(2, a->refCount);
     daulmem(lib.lp, b, DA_LKMEMBER, DA_OMINPUT, thr_self());
     daulmem(lib.lp, a, DA_LKMEMBER, DA_OMINPUT, thr_self());
+    // A name one character too long is refused, not cut to another member's.
+    std::string longname(33, 'n');
+    EXPECT_EQ(DA_BADARG, dalkmem(lib.lp, longname.c_str(), "DATA", DA_LKMEMBER, DA_OMUPDATE, thr_self(), 0, &a, &owner));
+    ASSERT_EQ(0, dalkmem(lib.lp, longname.substr(1).c_str(), "DATA", DA_LKMEMBER, DA_OMUPDATE, thr_self(), 0, &a, &owner));
+    daulmem(lib.lp, a, DA_LKMEMBER, DA_OMUPDATE, thr_self());
 
     // A writer makes the file; its release as last holder removes it.
     ASSERT_EQ(0, dalkmem(lib.lp, "abc", "DATA    ", DA_LKMEMBER, DA_OMUPDATE, thr_self(), 0, &a, &owner));
