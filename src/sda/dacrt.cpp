@@ -231,8 +231,9 @@ rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         h.links[r.link] = o;
     }
     if (rc == 0 && fcb->xcext) {
-        if (x.semtype == DA_SEMXCVBS) rc = daivbcb ? daivbcb(fcb) : DA_INTERNAL;
-        else rc = daifbcb ? daifbcb(fcb) : DA_INTERNAL;
+        // Without the cursor layer linked there is no block state to make.
+        if (x.semtype == DA_SEMXCVBS) rc = daivbcb ? daivbcb(fcb) : 0;
+        else rc = daifbcb ? daifbcb(fcb) : 0;
         if (rc == 0 && (xcb->xcflags & DA_XCBAG)) {
             da_off_t o = -1;
             rc = dawrods(fcb->mdfio, &fcb->xcext->xchdr, &o);
@@ -430,6 +431,12 @@ rctype daldefv(DA_FID* f, int nvars, DA_NAMESTR* vars) {
             snprintf(lpath, sizeof lpath, "%s", fcb->lib->lib.path ? fcb->lib->lib.path : "");
             rc = daxcopen(fcb->xcext, lpath, fcb->iname, x.credate, x.blocksize);
             if (rc < 0) return rc;
+            // The bag the exit made at create is kept at once, not only at close.
+            if (fcb->dshdr.links[DA_LNKXCH] >= 0) {
+                da_off_t o = fcb->dshdr.links[DA_LNKXCH];
+                rc = dawrods(fcb->mdfio, &fcb->xcext->xchdr, &o);
+                if (rc < 0) return rc;
+            }
         }
     }
     if (x.partsize > 0) {

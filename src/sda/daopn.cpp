@@ -140,8 +140,9 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
                 x.idxsegsize = m * std::max<int64_t>(1, x.idxsegsize / m);
             }
         }
-        rc = dawrfcbxoe(fcb);
-        if (rc < 0) goto fail;
+        // Written once the key is known to be right (below), so that a refused
+        // open leaves the files as they were.
+        fcb->flags |= DA_FCBXOE;
     }
     rc = daldv7ns(fcb);
     if (rc < 0) goto fail;
@@ -178,8 +179,12 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         snprintf(lpath, sizeof lpath, "%s", lp->lib.path ? lp->lib.path : "");
         rc = daxcopen(fcb->xcext, lpath, fcb->iname, fcb->xoe.credate, fcb->xoe.blocksize);
         if (rc < 0) goto fail;
-        if (fcb->xoe.semtype == DA_SEMXCVBS) rc = dalvbcb ? dalvbcb(fcb) : DA_INTERNAL;
-        else rc = dalfbcb ? dalfbcb(fcb) : DA_INTERNAL;
+        if (fcb->xoe.semtype == DA_SEMXCVBS) rc = dalvbcb ? dalvbcb(fcb) : 0;
+        else rc = dalfbcb ? dalfbcb(fcb) : 0;
+        if (rc < 0) goto fail;
+    }
+    if (fcb->flags & DA_FCBXOE) {
+        rc = dawrfcbxoe(fcb);
         if (rc < 0) goto fail;
     }
     if (fcb->xoe.nvar <= 0) {

@@ -348,3 +348,60 @@ TEST(TableLife, ReaderInAnotherProcessSeesCommittedGrowthOnly) {
     daulmem(lp, lid, DA_LKMEMBER, DA_OMINPUT, thr_self());
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+namespace {
+
+std::string mdfbytes(const std::string& dir, const char* prefix) {
+    std::string all;
+    DIR* d = opendir(dir.c_str());
+    while (dirent* e = readdir(d))
+        if (strncmp(e->d_name, prefix, strlen(prefix)) == 0) all += vrtatest::readFile(dir + "/" + e->d_name);
+    closedir(d);
+    return all;
+}
+
+}  // namespace
+
+TEST(TableLife, EncryptedTableRefusesAWrongKeyAndChangesNothing) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_OPNSTR o = request("secret", DA_OMOUTPUT);
+    o.flags = DA_OFENCRYPT;
+    memcpy(o.diskcomp, "DEFAULT ", 8);
+    memcpy(o.encrypt_key, "opensesame", 10);
+    o.keylen = 10;
+    DA_FID* fp = nullptr;
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_TRUE(fp->xoehdr->flags & DA_XOECRYPT);
+    EXPECT_EQ(DA_SEMXCFBS, fp->xoehdr->semtype);
+    auto cols = columns();
+    ASSERT_EQ(0, fp->mt->defvars(fp, 2, cols.data()));
+    ASSERT_EQ(0, darclos(fp));
+    std::string before = mdfbytes(tmp.path(), "secret.mdf");
+    ASSERT_FALSE(before.empty());
+
+    for (int mode : {DA_OMINPUT, DA_OMUPDATE}) {
+        o = request("secret", mode);
+        o.flags = DA_OFKEYGIVEN;
+        memcpy(o.encrypt_key, "opensesamf", 10);
+        o.keylen = 10;
+        memcpy(o.who_modified, "intruder", 8);
+        EXPECT_EQ(DA_BADKEY, daopen(lp, &o, &fp)) << mode;
+        EXPECT_EQ(before, mdfbytes(tmp.path(), "secret.mdf")) << mode;
+    }
+    o = request("secret", DA_OMINPUT);
+    o.flags = DA_OFKEYGIVEN;
+    memcpy(o.encrypt_key, "opensesame", 10);
+    o.keylen = 10;
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_EQ(2, fp->numvar);
+    ASSERT_EQ(0, darclos(fp));
+
+    // An exit name with a leading point is reserved.
+    o = request("badexit", DA_OMOUTPUT);
+    o.flags = DA_OFCOMPRESS;
+    memcpy(o.diskcomp, ".HIDDEN ", 8);
+    EXPECT_EQ(DA_BADARG, daopen(lp, &o, &fp));
+    EXPECT_EQ(0, countfiles(tmp.path(), "badexit"));
+    EXPECT_EQ(0, dafrlib(lp));
+}
