@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
 #include <atomic>
@@ -663,5 +664,43 @@ TEST(Library, ThreadsAssigningOneDirectoryShareItsLibraryFile) {
     ASSERT_EQ(0, dagtlib(&ls, &lp));
     ASSERT_EQ(1, lp->numdata);
     EXPECT_EQ(d1 + "/", pathOf(lp->data[0]));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(Library, ProcessesAddingPathsAtOnceLoseNoneOfThem) {
+    vrtatest::TempDir tmp;
+    std::vector<std::string> dirs;
+    for (int i = 0; i < 24; i++) {
+        dirs.push_back(tmp.file("p" + std::to_string(i)));
+        mkdir(dirs.back().c_str(), 0755);
+    }
+    // Each process adds its own twelve paths, one assignment at a time.
+    auto addall = [&](int first) {
+        int bad = 0;
+        for (int i = first; i < first + 12; i++) {
+            std::string dl = "'" + dirs[i] + "'";
+            DA_LIBSTR ls = request(tmp.path());
+            ls.datapaths = dl.c_str();
+            ls.datapaths_l = static_cast<int>(dl.size());
+            DA_LIB* lp = nullptr;
+            if (dagtlib(&ls, &lp) < 0) bad++;
+            else if (dafrlib(lp) != 0) bad++;
+        }
+        return bad;
+    };
+    pid_t pid = fork();
+    if (pid == 0) _exit(addall(0));
+    EXPECT_EQ(0, addall(12));
+    int st = 0;
+    waitpid(pid, &st, 0);
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(0, WEXITSTATUS(st));
+    DA_LIBSTR ls = request(tmp.path());
+    DA_LIB* lp = nullptr;
+    ASSERT_EQ(0, dagtlib(&ls, &lp));
+    std::set<std::string> got;
+    for (int i = 0; i < lp->numdata; i++) got.insert(pathOf(lp->data[i]));
+    for (auto& d : dirs) EXPECT_TRUE(got.count(d + "/")) << d;
+    EXPECT_EQ(24, lp->numdata);
     EXPECT_EQ(0, dafrlib(lp));
 }
