@@ -276,6 +276,14 @@ rctype dasetshare(DA_FID* fp, int smode);
 rctype dadrvar(DA_FID* fp, int ndrop, const int32_t* dnvar0);
 rctype dagetfibmodtime(DA_FID* fp, int* modtime, int* numstripes);
 
+// Constraint text of a member, opened by name. A text of more than 1,052,672
+// bytes is DA_TOOLONG; a table that has one already, DA_HASCONST. The list
+// gives a malloc'd copy (NUL-terminated) for the caller to free.
+rctype dasetconstraint(DA_LIB* lp, const char* name, const char* text, long len);
+rctype dadelconstraint(DA_LIB* lp, const char* name);
+rctype dalistconstraint(DA_LIB* lp, const char* name, char** text, long* len);
+rctype daldconst(DA_FCB* fcb);
+
 // dargetinfo selectors.
 constexpr int DA_INFOXOE = 1;    // copy of the XOE
 constexpr int DA_INFOFIB = 2;    // DPF revision and logical size: int32 rev, int64 size

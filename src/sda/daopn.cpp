@@ -221,6 +221,10 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         rc = dalddmp(fcb);
         if (rc < 0) goto fail;
     }
+    if (fcb->dshdr.links[DA_LNKCONST] >= 0 && (mode == DA_OMINPUT || (ostr->flags & DA_OFCONSTR))) {
+        rc = daldconst(fcb);
+        if (rc < 0) goto fail;
+    }
     if (fcb->dshdr.links[DA_LNKBACKUP] >= 0) {
         rc = dardbkup(fcb->mdfio, &fcb->backup, fcb->dshdr.links[DA_LNKBACKUP]);
         if (rc < 0) goto fail;

@@ -405,3 +405,44 @@ TEST(TableLife, EncryptedTableRefusesAWrongKeyAndChangesNothing) {
     EXPECT_EQ(0, countfiles(tmp.path(), "badexit"));
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+TEST(TableLife, ConstraintTextInPiecesSurvivesReopenAndHasLimits) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_FID* fp = create(lp, "con");
+    ASSERT_EQ(0, darclos(fp));
+    fp = create(lp, "con1");
+    ASSERT_EQ(0, darclos(fp));
+    // Three pieces: two whole sections and a tail.
+    std::string text;
+    for (int i = 0; text.size() < 2 * 4096 + 100; ++i) text += "x" + std::to_string(i) + " > 0 and ";
+    ASSERT_EQ(0, dasetconstraint(lp, "con", text.data(), static_cast<long>(text.size())));
+    EXPECT_EQ(DA_HASCONST, dasetconstraint(lp, "con", "a", 1));
+    char* got = nullptr;
+    long len = 0;
+    ASSERT_EQ(0, dalistconstraint(lp, "con", &got, &len));
+    EXPECT_EQ(text, std::string(got, len));
+    free(got);
+    DA_OPNSTR o = request("con", DA_OMINPUT);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    ASSERT_NE(nullptr, fp->constr);
+    EXPECT_EQ(0, memcmp(fp->constr, text.data(), text.size()));
+    ASSERT_EQ(0, darclos(fp));
+    // One piece stays in the pool.
+    ASSERT_EQ(0, dasetconstraint(lp, "con1", "y < 3", 5));
+    ASSERT_EQ(0, dalistconstraint(lp, "con1", &got, &len));
+    EXPECT_STREQ("y < 3", got);
+    free(got);
+    ASSERT_EQ(0, dadelconstraint(lp, "con"));
+    EXPECT_EQ(DA_NOTFOUND, dalistconstraint(lp, "con", &got, &len));
+    EXPECT_EQ(DA_NOTFOUND, dadelconstraint(lp, "con"));
+    // The largest text that fits, and one byte more.
+    std::string big(4096 * 257, 'c');
+    EXPECT_EQ(DA_TOOLONG, dasetconstraint(lp, "con", big.data(), static_cast<long>(big.size()) + 1));
+    ASSERT_EQ(0, dasetconstraint(lp, "con", big.data(), static_cast<long>(big.size())));
+    ASSERT_EQ(0, dalistconstraint(lp, "con", &got, &len));
+    EXPECT_EQ(static_cast<long>(big.size()), len);
+    EXPECT_EQ(big, std::string(got, len));
+    free(got);
+    EXPECT_EQ(0, dafrlib(lp));
+}
