@@ -8,6 +8,7 @@
 #       402 %2zThe index is in use, or the cluster has no free member slot.
 #       403 %2zThe index must be rebuilt before it can be used.
 #       404 %3zA new directory was created.
+#       405 %2zA work path failed its checks; the default temporary directory is used instead.
 #       406 %2zEnd of file reached.
 #       409 %2zA partition file of the table is missing.
 #       413 %2zThe revision of a file differs from the table's metadata.
