@@ -24,7 +24,8 @@ rctype dawrfcbxoe(DA_FCB* fcb) {
 
 rctype daflfcb(DA_FCB* fcb) {
     if (!fcb->mdfd) return 0;
-    rctype rc = 0;
+    rctype rc = dastoreminmax(fcb);
+    if (rc < 0) return rc;
     if (fcb->phdl) {
         rc = daflstrp(fcb->phdl);
         if (rc < 0) return rc;
@@ -114,7 +115,7 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
     dafrdmp(fcb);
     free(fcb->vars);
     fcb->vars = nullptr;
-    free(fcb->vstat);
+    dafrvstat(fcb);
     dafrstrp(fcb->phdl);
     fcb->phdl = nullptr;
     if (fcb->constrMalloc) free(fcb->constr);

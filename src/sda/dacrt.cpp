@@ -403,6 +403,14 @@ rctype daldefv(DA_FID* f, int nvars, DA_NAMESTR* vars) {
         free(v);
         if (rc < 0) return rc;
     }
+    x.nvar = nvars;
+    for (int i = 0; i < nvars; ++i)
+        if (fcb->vars[i].flags & DA_NAMKEEPMM) {
+            rc = dastvstat(fcb);
+            if (rc < 0) return rc;
+            x.flags |= DA_XOEVSTAT | DA_XOEMINMAX;
+            break;
+        }
     if ((x.flags & DA_XOEALIGN) && nvars > 0) {
         for (int i = 0; i < nvars; ++i)
             if (vars[i].npos == 0 && vars[i].type == 1 && vars[i].nlng == 8) obslen = (obslen + 7) & ~7LL;

@@ -622,6 +622,7 @@ rctype dawrobs(DA_FID* f, hs_obsno_t obsno, const void* rows, long n) {
             }
         }
         da_off_t off = (obsno - 1) * reclen;
+        if (fcb->xoe.flags & DA_XOEVSTAT) dalckvars(fcb, p, chunk);
         if (da_writehook) da_writehook("rows");
         rc = fcb->dffd->fdwrite(fcb->dffd, p, chunk * reclen, &off);
         if (rc < 0) break;

@@ -251,6 +251,8 @@ struct DA_FCB {
     char* constr;
     int constrMalloc;         // constr came from malloc
     int32_t vbvspan;          // rows per variable-block vector entry
+    uint8_t* mmwork;          // min and max folded from rows written, per column with a slot
+    uint8_t* mmstate;         // per column: 1 holds a value, 2 not yet stored
     DA_LINK fids;             // openers, for fidmt_f
     xmpid pool;               // the FCB's own pool
     DA_ODSIO mdfio;           // record reads and writes in the MDF
@@ -283,6 +285,16 @@ rctype dasetconstraint(DA_LIB* lp, const char* name, const char* text, long len)
 rctype dadelconstraint(DA_LIB* lp, const char* name);
 rctype dalistconstraint(DA_LIB* lp, const char* name, char** text, long* len);
 rctype daldconst(DA_FCB* fcb);
+
+// Column statistics: minimum and maximum of the columns that keep them,
+// folded from rows as they are written and stored at flush.
+rctype dalupdminmax(DA_FID* fp, int nvars, const int32_t* nvar0);
+rctype dalresetminmax(DA_FID* fp);
+rctype dastvstat(DA_FCB* fcb);
+rctype daldvstat(DA_FCB* fcb);
+void dalckvars(DA_FCB* fcb, const void* rows, long n);
+rctype dastoreminmax(DA_FCB* fcb);
+void dafrvstat(DA_FCB* fcb);
 
 // dargetinfo selectors.
 constexpr int DA_INFOXOE = 1;    // copy of the XOE

@@ -145,6 +145,7 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         fcb->flags |= DA_FCBXOE;
     }
     rc = daldv7ns(fcb);
+    if (rc == 0) rc = daldvstat(fcb);
     if (rc < 0) goto fail;
 
     if (fcb->xoe.flags & (DA_XOECOMP | DA_XOECRYPT)) {

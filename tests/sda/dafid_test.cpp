@@ -446,3 +446,56 @@ TEST(TableLife, ConstraintTextInPiecesSurvivesReopenAndHasLimits) {
     free(got);
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+TEST(TableLife, MinAndMaxFollowRowsWrittenAcrossFlushesAndReopen) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_OPNSTR o = request("mm", DA_OMOUTPUT);
+    DA_FID* fp = nullptr;
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    auto cols = columns();
+    cols[0].flags = DA_NAMKEEPMM;  // the number keeps statistics, the name not yet
+    ASSERT_EQ(0, fp->mt->defvars(fp, 2, cols.data()));
+    EXPECT_TRUE(fp->xoehdr->flags & DA_XOEVSTAT);
+    auto r = rows(10, 5);  // 10..14
+    ASSERT_EQ(0, dawrobs(fp, 1, r.data(), 5));
+    // A missing value is not a minimum.
+    char miss[ROWLEN];
+    makerow(0, miss);
+    memset(miss, 0xff, 8);
+    ASSERT_EQ(0, dawrobs(fp, 6, miss, 1));
+    ASSERT_EQ(0, fp->mt->force(fp, 0));
+    double mn = 0, mx = 0;
+    ASSERT_NE(nullptr, fp->vars[0].minptr);
+    memcpy(&mn, fp->vars[0].minptr, 8);
+    memcpy(&mx, fp->vars[0].maxptr, 8);
+    EXPECT_EQ(10.0, mn);
+    EXPECT_EQ(14.0, mx);
+    auto r2 = rows(3, 2);
+    ASSERT_EQ(0, dawrobs(fp, 7, r2.data(), 2));
+    ASSERT_EQ(0, darclos(fp));
+
+    o = request("mm", DA_OMUPDATE);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_TRUE(fp->vars[0].flags & DA_NAMHASMM);
+    memcpy(&mn, fp->vars[0].minptr, 8);
+    memcpy(&mx, fp->vars[0].maxptr, 8);
+    EXPECT_EQ(3.0, mn);
+    EXPECT_EQ(14.0, mx);
+    EXPECT_EQ(nullptr, fp->vars[1].minptr);
+    // The name column starts keeping them now; older rows are not counted.
+    int32_t which = 1;
+    ASSERT_EQ(0, dalupdminmax(fp, 1, &which));
+    auto r3 = rows(100, 3);
+    ASSERT_EQ(0, dawrobs(fp, 9, r3.data(), 3));
+    ASSERT_EQ(0, darclos(fp));
+    o = request("mm", DA_OMINPUT);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    ASSERT_NE(nullptr, fp->vars[1].minptr);
+    EXPECT_EQ("row000000100", std::string(static_cast<char*>(fp->vars[1].minptr), 12));
+    EXPECT_EQ("row000000102", std::string(static_cast<char*>(fp->vars[1].maxptr), 12));
+    memcpy(&mx, fp->vars[0].maxptr, 8);
+    EXPECT_EQ(102.0, mx);
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
