@@ -119,8 +119,11 @@ TEST(CrashSafety, WriterKilledAtEveryWriteLeavesACommittedPrefix) {
         EXPECT_LE(fp->xoehdr->numobs, BATCHES * BATCH) << "k=" << k;
         EXPECT_TRUE(rowsintact(fp)) << "k=" << k;
         // The clean-close mark is gone only when the close got that far.
-        if (oc.closed) EXPECT_EQ(0, fcbof(fp)->dshdr.flags & 1) << "k=" << k;
-        else if (oc.committed < BATCHES * BATCH) EXPECT_EQ(1, fcbof(fp)->dshdr.flags & 1) << "k=" << k;
+        if (oc.closed) {
+            EXPECT_EQ(0, fcbof(fp)->dshdr.flags & 1) << "k=" << k;
+        } else if (oc.committed < BATCHES * BATCH) {
+            EXPECT_EQ(1, fcbof(fp)->dshdr.flags & 1) << "k=" << k;
+        }
         hs_obsno_t n = fp->xoehdr->numobs;
         ASSERT_EQ(0, darclos(fp));
 
