@@ -1,0 +1,297 @@
+// Transfer-format rows: transfersize bytes hold transferfactor rows, so row
+// n is in unit (n - 1) / transferfactor at unit x transfersize in the DPF.
+// A cursor holds one unit; writes go through it and reach the file at the
+// end of every buffer, before numobs covers them.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "sda/daiocb.h"
+#include "sda/darc.h"
+
+namespace vrta {
+
+int danormiom(int iom);
+
+namespace {
+
+struct DA_TIOCB : DA_GIOCB {
+    DA_FCB* fcb;
+    int mode;
+    char* iobuf;            // one unit
+    int64_t transnum;       // unit held, -1 none
+    hs_obsno_t iofirstob;   // its first row
+    int ioflags;            // 1 dirty
+    int32_t lastnum;        // rows of the unit known to be in it
+};
+
+int32_t tfactor(const DA_FCB* fcb) { return fcb->xoe.transferfactor > 0 ? fcb->xoe.transferfactor : 1; }
+bool byrow(const DA_IOCB* c) { return (c->iom & DA_IOMBYROW) != 0; }
+int32_t cbf(const DA_IOCB* c) { return c->fp->blockfactor > 0 ? c->fp->blockfactor : 1; }
+void setpos(DA_IOCB* c, hs_obsno_t obs) {
+    c->curobs = obs;
+    c->curblock = (obs - 1) / cbf(c);
+}
+bool updmode(int mode) { return mode == DA_OMUPDATE || mode == DA_OMUTIL; }
+
+rctype writetransfer(DA_TIOCB* c) {
+    if (!(c->ioflags & 1)) return 0;
+    DA_FCB* fcb = c->fcb;
+    int64_t ts = fcb->xoe.transfersize;
+    da_off_t off = c->transnum * ts;
+    int64_t pf = fcb->xoe.partfactor;
+    // A unit that starts a partition starts its file first.
+    if (pf > 0 && c->transnum > 0 && c->iofirstob > 1 && (c->iofirstob - 1) % pf == 0 &&
+        off >= *fcb->dffd->filesize) {
+        rctype rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDNEWPART, nullptr);
+        if (rc < 0) return rc;
+    }
+    rctype rc = fcb->dffd->fdwrite(fcb->dffd, c->iobuf, ts, &off);
+    if (rc < 0) return rc;
+    c->ioflags &= ~1;
+    return 0;
+}
+
+rctype readtransfer(DA_TIOCB* c, int64_t unit) {
+    if (c->transnum == unit) return 0;
+    rctype rc = writetransfer(c);
+    if (rc < 0) return rc;
+    DA_FCB* fcb = c->fcb;
+    int64_t ts = fcb->xoe.transfersize;
+    int32_t tf = tfactor(fcb);
+    memset(c->iobuf, 0, ts);
+    c->transnum = -1;
+    da_off_t off = unit * ts;
+    long got = 0;
+    if (off < *fcb->dffd->filesize) {
+        long len = static_cast<long>(std::min<da_off_t>(ts, *fcb->dffd->filesize - off));
+        rc = fcb->dffd->fdread(fcb->dffd, c->iobuf, len, off, &got);
+        if (rc < 0) return rc;
+    }
+    c->transnum = unit;
+    c->iofirstob = unit * tf + 1;
+    c->lastnum = static_cast<int32_t>(std::min<long>(tf, got / fcb->xoe.obslen));
+    return 0;
+}
+
+// GetTransfer: rows [obs, obs+n) out of their units.
+rctype gettransfer(DA_TIOCB* c, hs_obsno_t obs, long n, char* out) {
+    DA_FCB* fcb = c->fcb;
+    const int32_t tf = tfactor(fcb), ol = fcb->xoe.obslen;
+    while (n > 0) {
+        int64_t unit = (obs - 1) / tf;
+        rctype rc = readtransfer(c, unit);
+        if (rc < 0) return rc;
+        long off = static_cast<long>(obs - c->iofirstob);
+        long k = std::min<long>(n, c->lastnum - off);
+        if (k <= 0) return DA_INTERNAL;
+        memcpy(out, c->iobuf + off * ol, k * ol);
+        out += k * ol;
+        obs += k;
+        n -= k;
+    }
+    return 0;
+}
+
+rctype puttransfer(DA_TIOCB* c, hs_obsno_t obs, long n, const char* p) {
+    DA_FCB* fcb = c->fcb;
+    const int32_t tf = tfactor(fcb), ol = fcb->xoe.obslen;
+    while (n > 0) {
+        if (obs > fcb->xoe.numobs + 1) return DA_PASTEND;
+        int64_t unit = (obs - 1) / tf;
+        rctype rc = readtransfer(c, unit);
+        if (rc < 0) return rc;
+        long off = static_cast<long>(obs - c->iofirstob);
+        long k = std::min<long>(n, tf - off);
+        memcpy(c->iobuf + off * ol, p, k * ol);
+        c->lastnum = std::max<int32_t>(c->lastnum, static_cast<int32_t>(off + k));
+        c->ioflags |= 1;
+        rc = writetransfer(c);
+        if (rc < 0) return rc;
+        p += k * ol;
+        obs += k;
+        n -= k;
+        if (obs - 1 > fcb->xoe.numobs) {
+            fcb->xoe.numobs = obs - 1;
+            fcb->flags |= DA_FCBXOE;
+        }
+    }
+    return 0;
+}
+
+rctype rdiob(DA_TIOCB* c, DA_IOB* iob) {
+    DA_FCB* fcb = c->fcb;
+    hs_obsno_t numobs = fcb->xoe.numobs;
+    const int32_t ol = fcb->xoe.obslen;
+    char* out = static_cast<char*>(iob->bufptr);
+    bool skip = fcb->xoe.numdelete > 0 && !(c->iom & DA_IOMDELETED) && fcb->dmpcb;
+    long filled = 0;
+    while (filled < c->obsperbuf) {
+        hs_obsno_t runobs = c->curobs, numrun = 0;
+        if (skip) {
+            rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, &runobs, &numrun);
+            if (rc < 0) return rc;
+        } else if (c->curobs <= numobs) {
+            numrun = std::min<hs_obsno_t>(c->obsperbuf - filled, numobs - c->curobs + 1);
+        }
+        if (numrun <= 0) {
+            setpos(c, std::max(c->curobs, numobs + 1));
+            break;
+        }
+        rctype rc = gettransfer(c, runobs, static_cast<long>(numrun), out + filled * ol);
+        if (rc < 0) return rc;
+        if (iob->obsvec)
+            for (long i = 0; i < numrun; ++i) iob->obsvec[filled + i] = runobs + i;
+        filled += static_cast<long>(numrun);
+        setpos(c, runobs + numrun);
+    }
+    if (filled == 0) return DA_EOF;
+    iob->numobs = filled;
+    return 0;
+}
+
+rctype locate(DA_IOCB* c, const DA_IOB* iob, hs_obsno_t limit) {
+    if (iob->locator < 0) return 0;
+    hs_obsno_t pos = byrow(c) ? iob->locator : iob->locator * cbf(c) + 1;
+    if (pos < 1 || pos > limit) return DA_PASTEND;
+    setpos(c, pos);
+    return 0;
+}
+
+struct UpdLock {
+    DA_FCB* fcb;
+    bool held = false;
+    UpdLock(DA_FCB* f, bool write, bool take) : fcb(f) {
+        if (!take || !fcb->updateLockInit) return;
+        held = (write ? rw_wrlock(&fcb->updateLock) : rw_rdlock(&fcb->updateLock)) == 0;
+    }
+    ~UpdLock() {
+        if (held) rw_unlock(&fcb->updateLock);
+    }
+};
+
+rctype dabreadv(DA_IOCB* ic, int numbuf) {
+    auto* c = static_cast<DA_TIOCB*>(ic);
+    if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
+    UpdLock lk(c->fcb, false, updmode(c->mode) && !(c->iom & DA_IOMSHARELK));
+    // Another cursor may have written since: the held unit is read again.
+    if (!(c->ioflags & 1)) c->transnum = -1;
+    rctype rc = 0;
+    int i = 0;
+    bool any = false;
+    for (; i < numbuf; ++i) {
+        DA_IOB* iob = &c->iobvec[i];
+        rc = locate(c, iob, c->fcb->xoe.numobs);
+        if (rc == 0) rc = rdiob(c, iob);
+        if (rc != 0) break;
+        c->bfi = i;
+        any = true;
+    }
+    if (rc == 0) return 0;
+    for (; i < numbuf; ++i) c->iobvec[i].numobs = -1;
+    c->status = rc;
+    if (rc == DA_EOF) return any ? 0 : DA_EOF;
+    return rc;
+}
+
+rctype dabwritev(DA_IOCB* ic, int numbuf) {
+    auto* c = static_cast<DA_TIOCB*>(ic);
+    if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
+    bool upd = updmode(c->mode);
+    UpdLock lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
+    c->transnum = -1;
+    rctype rc = 0;
+    for (int i = 0; i < numbuf && rc == 0; ++i) {
+        DA_IOB* iob = &c->iobvec[i];
+        if (upd) rc = locate(c, iob, c->fcb->xoe.numobs + 1);
+        else setpos(c, c->fcb->xoe.numobs + 1);
+        if (rc == 0 && iob->numobs > 0) {
+            if (upd) rc = dawrdelck(c->fcb, c->iom, c->curobs, iob->numobs);
+            if (rc == 0) rc = puttransfer(c, c->curobs, iob->numobs, static_cast<const char*>(iob->bufptr));
+            if (rc == 0) setpos(c, c->curobs + iob->numobs);
+        }
+        if (rc == 0) c->bfi = i;
+    }
+    c->status = rc;
+    return rc;
+}
+
+rctype danoval(DA_IOCB*, int) { return DA_BADARG; }
+
+rctype dabsloc(DA_IOCB* c, hs_obsno_t loc) {
+    if (loc < 0) return DA_BADARG;
+    if (byrow(c)) {
+        if (loc < 1) return DA_BADARG;
+        setpos(c, loc);
+    } else {
+        c->curblock = loc;
+        c->curobs = loc * cbf(c) + 1;
+    }
+    return 0;
+}
+
+rctype dabsbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
+    DA_FID* fp = c->fp;
+    int32_t reclen = fp->xoehdr->ioreclen;
+    if (fp->blocksize <= 0 || reclen <= 0 || bufsize <= 0 || !iobvec) return DA_BADARG;
+    long unit = byrow(c) ? reclen : fp->blocksize;
+    if (bufsize % unit != 0) return DA_BADARG;
+    c->iobvec = iobvec;
+    c->numbuf = 0x7fffffff;
+    c->bufsize = bufsize;
+    c->obsperbuf = bufsize / reclen;
+    return 0;
+}
+
+rctype dabfree(DA_IOCB* ic) {
+    auto* c = static_cast<DA_TIOCB*>(ic);
+    rctype rc = writetransfer(c);
+    free(c->iobuf);
+    dadmfreebm(c->bmp);
+    DA_FIDP* f = fidpof(c->fp);
+    mutex_lock(&f->iocbLock);
+    if (f->iocbCount > 0) f->iocbCount--;
+    mutex_unlock(&f->iocbLock);
+    free(c);
+    return rc;
+}
+
+const DA_IOCBMT mt_read = {dabfree, dabreadv, danoval, dabsloc, dabsbuf};
+const DA_IOCBMT mt_write = {dabfree, dabreadv, dabwritev, dabsloc, dabsbuf};
+
+}  // namespace
+
+rctype dabgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
+    DA_FIDP* f = fidpof(fp);
+    DA_FCB* fcb = f->fcb;
+    const DA_XOEODS& x = fcb->xoe;
+    if (x.transfersize <= 0 || x.obslen <= 0 || x.transferfactor <= 0 ||
+        static_cast<int64_t>(x.transferfactor) * x.obslen > x.transfersize)
+        return DA_INTERNAL;
+    iom = danormiom(iom);
+    if (iom & DA_IOMMAPPED) return DA_BADARG;
+    if ((iom & DA_IOMSHARELK) && !updmode(f->mode)) return DA_BADARG;
+    auto* c = static_cast<DA_TIOCB*>(calloc(1, sizeof(DA_TIOCB)));
+    if (!c) return DA_NOMEM;
+    c->iobuf = static_cast<char*>(malloc(x.transfersize));
+    c->bmp = dadmnewbm(fcb);
+    if (!c->iobuf || !c->bmp) {
+        free(c->iobuf);
+        dadmfreebm(c->bmp);
+        free(c);
+        return DA_NOMEM;
+    }
+    c->fp = fp;
+    c->fcb = fcb;
+    c->mode = f->mode;
+    c->iom = iom & ~DA_IOMREFILL;
+    c->bfi = -1;
+    c->transnum = -1;
+    c->mt = f->mode != DA_OMINPUT ? &mt_write : &mt_read;
+    bool append = f->mode == DA_OMOUTPUT || f->mode == DA_OMAPPEND;
+    setpos(c, append ? x.numobs + 1 : 1);
+    *iocb = c;
+    return 0;
+}
+
+}  // namespace vrta

@@ -1,0 +1,573 @@
+// Plain-row cursors (dargioc): row n lies at (n - 1) x odsreclen in the DPF
+// and nothing else is stored, so a read is one fdread per buffer. Also the
+// helpers every family shares: getiocb, caller buffers, delete checks.
+#include <sys/mman.h>
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "hs/hs.h"
+#include "option/op.h"
+#include "sda/daiocb.h"
+#include "sda/darc.h"
+
+namespace vrta {
+
+// The families live in their own files; naming them here keeps them linked
+// wherever a cursor can be had, since the table layer only knows them weakly.
+extern rctype dafgioc(DA_FID*, int, DA_IOCB**);
+extern rctype davgioc(DA_FID*, int, DA_IOCB**);
+extern rctype dabgioc(DA_FID*, int, DA_IOCB**);
+extern rctype dancgio(DA_FID*, int, DA_IOCB**);
+[[gnu::used]] static rctype (*const families[])(DA_FID*, int, DA_IOCB**) = {dargioc, dafgioc, davgioc, dabgioc,
+                                                                             dancgio};
+
+rctype getiocb(DA_FID* fp, int iom, DA_IOCB** iocb) {
+    if (!fp || !iocb) return DA_BADARG;
+    *iocb = nullptr;
+    // A table opened before the cursor layer was linked has no family yet.
+    if (fp->mt->getiocb == nullptr) return DA_INTERNAL;
+    rctype (*gio)(DA_FID*, int, DA_IOCB**) = fp->mt->getiocb;
+    DA_FCB* fcb = fcbof(fp);
+    // The method table may have been filled when the families were unknown.
+    switch (fcb->xoe.semtype) {
+    case DA_SEMZCRYPT: gio = dancgio; break;
+    case DA_SEMXCVBS: gio = davgioc; break;
+    case DA_SEMXCFBS: gio = dafgioc; break;
+    case DA_SEMDATA: gio = (fcb->xoe.flags & DA_XOEEXPORT) ? dabgioc : dargioc; break;
+    default: break;
+    }
+    rctype rc = gio(fp, iom, iocb);
+    if (rc < 0) return rc;
+    DA_FIDP* f = fidpof(fp);
+    mutex_lock(&f->iocbLock);
+    f->iocbCount++;
+    mutex_unlock(&f->iocbLock);
+    return rc;
+}
+
+namespace {
+
+rctype mkiob(int obslen, int blockfactor, int multiblock, int numbuf, bool withobs, DA_IOB** iobvec,
+             long* bufsizret) {
+    if (obslen <= 0 || blockfactor <= 0 || numbuf <= 0 || !iobvec) return DA_BADARG;
+    long rows = static_cast<long>(blockfactor) * (multiblock > 0 ? multiblock : 1);
+    long bsize = rows * obslen;
+    size_t head = (sizeof(DA_IOB) * numbuf + 15) & ~size_t{15};
+    size_t obsbytes = withobs ? sizeof(hs_obsno_t) * rows : 0;
+    size_t each = ((bsize + 15) & ~15L) + obsbytes;
+    char* mem = static_cast<char*>(malloc(head + each * numbuf));
+    if (!mem) return DA_NOMEM;
+    auto* v = reinterpret_cast<DA_IOB*>(mem);
+    for (int i = 0; i < numbuf; ++i) {
+        char* p = mem + head + each * i;
+        v[i].bufptr = p;
+        v[i].obsvec = withobs ? reinterpret_cast<hs_obsno_t*>(p + ((bsize + 15) & ~15L)) : nullptr;
+        v[i].numobs = -1;
+        v[i].locator = -1;
+    }
+    *iobvec = v;
+    if (bufsizret) *bufsizret = bsize;
+    return 0;
+}
+
+long optsize(const char* name, long dflt, long maxv) {
+    void* opt = opgtgbl();
+    if (!opt) return dflt;
+    int32_t v = 0;
+    int len = 4;
+    if (opgetop(opt, name, &v, &len) < 0 || v <= 0) return dflt;
+    return std::min<long>(v, maxv);
+}
+
+}  // namespace
+
+rctype damkiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret) {
+    return mkiob(obslen, blockfactor, multiblock, numbuf, false, iobvec, bufsizret);
+}
+
+rctype damdiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret) {
+    return mkiob(obslen, blockfactor, multiblock, numbuf, true, iobvec, bufsizret);
+}
+
+void dafriob(DA_IOB* iobvec) { free(iobvec); }
+
+void* daobs2p(DA_IOCB* iocb, long relobs) {
+    if (relobs < 0 || iocb->obsperbuf <= 0 || !iocb->iobvec) return nullptr;
+    long b = relobs / iocb->obsperbuf;
+    if (b >= iocb->numbuf) return nullptr;
+    int32_t len = iocb->fp->xoehdr->ioreclen;
+    return static_cast<char*>(iocb->iobvec[b].bufptr) + (relobs % iocb->obsperbuf) * len;
+}
+
+int daadobs(DA_IOCB* iocb, const void* obsbuf, long relobs) {
+    void* p = daobs2p(iocb, relobs);
+    if (!p) return 0;
+    long b = relobs / iocb->obsperbuf;
+    memcpy(p, obsbuf, iocb->fp->xoehdr->ioreclen);
+    DA_IOB* iob = &iocb->iobvec[b];
+    long n = relobs % iocb->obsperbuf + 1;
+    if (iob->numobs < n) iob->numobs = n;
+    return static_cast<int>(b + 1);
+}
+
+long daseqiobufmin() { return optsize("SEQIOBUFMIN", 0x10000, 0x1000000); }
+long daraniobufmin() { return optsize("RANIOBUFMIN", 4096, 0x1000000); }
+
+rctype dawrdelck(DA_FCB* fcb, int iom, hs_obsno_t obs, hs_obsno_t n) {
+    if (fcb->xoe.numdelete <= 0 || !fcb->dmpcb) return 0;
+    hs_obsno_t end = std::min<hs_obsno_t>(obs + n - 1, fcb->xoe.numobs);
+    DA_DMPBM* bmp = dadmnewbm(fcb);
+    if (!bmp) return DA_NOMEM;
+    rctype rc = 0;
+    // Runs of deleted rows inside the range, to clear them afterwards.
+    hs_obsno_t runstart = 0;
+    struct Run {
+        hs_obsno_t s, n;
+    };
+    Run runs[64];
+    int nruns = 0;
+    bool overflow = false;
+    for (hs_obsno_t o = obs; o <= end; ++o) {
+        bool del = dadmisdel(fcb, bmp, o);
+        if (!del && !(iom & DA_IOMLIVE)) {
+            rc = DA_NOTDELETED;
+            break;
+        }
+        if (del && !runstart) runstart = o;
+        if ((!del || o == end) && runstart) {
+            hs_obsno_t last = del ? o : o - 1;
+            if (nruns < 64) runs[nruns++] = {runstart, last - runstart + 1};
+            else overflow = true;
+            runstart = 0;
+        }
+    }
+    dadmfreebm(bmp);
+    if (rc < 0) return rc;
+    // The rows get data now: they are live again where the table allows reuse.
+    if (fcb->xoe.flags & DA_ADDAVAIL) {
+        for (int i = 0; i < nruns && rc == 0; ++i) rc = dadmreset(fcb, runs[i].s, runs[i].n);
+        if (overflow && rc == 0) {
+            for (hs_obsno_t o = runs[63].s + runs[63].n; o <= end && rc == 0; ++o)
+                if (dadmisdel(fcb, &fcb->dmpcb->bmap, o)) rc = dadmreset(fcb, o, 1);
+        }
+    }
+    return rc;
+}
+
+namespace {
+
+struct DA_SIOCB;
+using iobfn = rctype (*)(DA_SIOCB* c, DA_IOB* iob);
+
+struct DA_SIOCB : DA_GIOCB {
+    iobfn rdiob;
+    iobfn wriob;
+    DA_FCB* fcb;
+    int mode;
+    DA_IOB mapiob;      // a mapped cursor's one buffer
+    void* mapaddr;      // what fdmmap gave, for the unmap
+    da_off_t mapoff;
+    da_off_t mapsize;
+    char* privbuf;      // fallback when the range cannot be mapped
+    long privsize;
+    hs_obsno_t refobs;  // refill: next row of the current deleted run
+    hs_obsno_t refrun;  // rows left in it
+    int encoded;        // rows stored encoded: eiob holds their disk form
+    char* eiob;
+    long eiobsize;
+};
+
+// Disk bytes of n rows: straight into out, or through eiob and the decoder.
+rctype rdrows(DA_SIOCB* c, char* out, hs_obsno_t obs, long n, long* got) {
+    DA_FCB* fcb = c->fcb;
+    long reclen = fcb->xoe.odsreclen;
+    if (!c->encoded) return fcb->dffd->fdread(fcb->dffd, out, n * reclen, (obs - 1) * reclen, got);
+    if (c->eiobsize < n * reclen) {
+        free(c->eiob);
+        c->eiob = static_cast<char*>(malloc(n * reclen));
+        c->eiobsize = c->eiob ? n * reclen : 0;
+        if (!c->eiob) return DA_NOMEM;
+    }
+    rctype rc = fcb->dffd->fdread(fcb->dffd, c->eiob, n * reclen, (obs - 1) * reclen, got);
+    if (rc < 0) return rc;
+    long rows = *got / reclen;
+    dadeiob(fcb, obs, c->eiob, out, rows);
+    *got = rows * fcb->xoe.obslen;
+    return rc;
+}
+
+bool byrow(const DA_IOCB* c) { return (c->iom & DA_IOMBYROW) != 0; }
+
+int32_t cbf(const DA_IOCB* c) { return c->fp->blockfactor > 0 ? c->fp->blockfactor : 1; }
+
+void setpos(DA_IOCB* c, hs_obsno_t obs) {
+    c->curobs = obs;
+    c->curblock = (obs - 1) / cbf(c);
+}
+
+rctype danoval(DA_IOCB*, int) { return DA_BADARG; }
+
+rctype dandrio(DA_SIOCB* c, DA_IOB* iob) {
+    DA_FCB* fcb = c->fcb;
+    hs_obsno_t numobs = fcb->xoe.numobs;
+    if (c->curobs > numobs) return DA_EOF;
+    long n = static_cast<long>(std::min<hs_obsno_t>(c->obsperbuf, numobs - c->curobs + 1));
+    long got = 0;
+    rctype rc = rdrows(c, static_cast<char*>(iob->bufptr), c->curobs, n, &got);
+    if (rc < 0) return rc;
+    long rows = got / fcb->xoe.obslen;
+    if (rows <= 0) return DA_EOF;
+    if (iob->obsvec)
+        for (long i = 0; i < rows; ++i) iob->obsvec[i] = c->curobs + i;
+    iob->numobs = rows;
+    setpos(c, c->curobs + rows);
+    return 0;
+}
+
+// Skips deleted rows: runs of live ones are read back to back.
+rctype darddmp(DA_SIOCB* c, DA_IOB* iob) {
+    DA_FCB* fcb = c->fcb;
+    long reclen = fcb->xoe.obslen;
+    long filled = 0;
+    char* out = static_cast<char*>(iob->bufptr);
+    while (filled < c->obsperbuf) {
+        hs_obsno_t runobs = 0, numrun = 0;
+        rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, &runobs, &numrun);
+        if (rc < 0) return rc;
+        if (numrun <= 0) {
+            setpos(c, std::max(c->curobs, fcb->xoe.numobs + 1));
+            break;
+        }
+        long got = 0;
+        rc = rdrows(c, out + filled * reclen, runobs, static_cast<long>(numrun), &got);
+        if (rc < 0) return rc;
+        long rows = got / reclen;
+        if (iob->obsvec)
+            for (long i = 0; i < rows; ++i) iob->obsvec[filled + i] = runobs + i;
+        filled += rows;
+        setpos(c, runobs + rows);
+        if (rows < numrun) break;
+    }
+    if (filled == 0) return DA_EOF;
+    iob->numobs = filled;
+    return 0;
+}
+
+void pickrd(DA_SIOCB* c) {
+    bool skip = c->fcb->xoe.numdelete > 0 && !(c->iom & DA_IOMDELETED) && c->fcb->dmpcb;
+    c->rdiob = skip ? darddmp : dandrio;
+}
+
+// Rows at obs (at most numobs + 1), split at partition boundaries; a new
+// partition starts only when the rows go beyond the file's end.
+rctype plainput(DA_FCB* fcb, hs_obsno_t obs, const char* p, long n, DA_SIOCB* c = nullptr) {
+    long reclen = fcb->xoe.odsreclen;
+    long inlen = fcb->xoe.obslen;
+    int64_t pf = fcb->xoe.partfactor;
+    rctype rc = 0;
+    while (n > 0) {
+        long chunk = n;
+        if (pf > 0) {
+            hs_obsno_t boundary = pf * ((obs - 1) / pf + 1);
+            if (obs + chunk - 1 >= boundary) chunk = static_cast<long>(boundary - obs + 1);
+            if (obs > fcb->xoe.numobs && obs > 1 && (obs - 1) % pf == 0 &&
+                (obs - 1) * reclen >= *fcb->dffd->filesize) {
+                rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDNEWPART, nullptr);
+                if (rc < 0) return rc;
+            }
+        }
+        da_off_t off = (obs - 1) * reclen;
+        const char* w = p;
+        if (c && c->encoded) {
+            if (c->eiobsize < chunk * reclen) {
+                free(c->eiob);
+                c->eiob = static_cast<char*>(malloc(chunk * reclen));
+                c->eiobsize = c->eiob ? chunk * reclen : 0;
+                if (!c->eiob) return DA_NOMEM;
+            }
+            daeniob(fcb, obs, p, c->eiob, chunk);
+            w = c->eiob;
+        }
+        rc = fcb->dffd->fdwrite(fcb->dffd, w, chunk * reclen, &off);
+        if (rc < 0) return rc;
+        obs += chunk;
+        p += chunk * inlen;
+        n -= chunk;
+        // The rows are in the file before numobs covers them.
+        if (obs - 1 > fcb->xoe.numobs) {
+            fcb->xoe.numobs = obs - 1;
+            fcb->flags |= DA_FCBXOE;
+        }
+    }
+    return 0;
+}
+
+rctype dandwio(DA_SIOCB* c, DA_IOB* iob) {
+    if (iob->numobs <= 0) return 0;
+    rctype rc = plainput(c->fcb, c->curobs, static_cast<const char*>(iob->bufptr), iob->numobs, c);
+    if (rc == 0) setpos(c, c->curobs + iob->numobs);
+    return rc;
+}
+
+rctype dawrdmp(DA_SIOCB* c, DA_IOB* iob) {
+    if (iob->numobs <= 0) return 0;
+    rctype rc = dawrdelck(c->fcb, c->iom, c->curobs, iob->numobs);
+    if (rc < 0) return rc;
+    return dandwio(c, iob);
+}
+
+// Refill: rows go into runs of deleted rows first, then to the end.
+rctype darefill(DA_SIOCB* c, DA_IOB* iob) {
+    DA_FCB* fcb = c->fcb;
+    const char* p = static_cast<const char*>(iob->bufptr);
+    long n = iob->numobs;
+    long reclen = fcb->xoe.obslen;
+    while (n > 0 && (c->iom & DA_IOMFILLING)) {
+        if (c->refrun <= 0) {
+            rctype rc = dadmfindbm(fcb, &c->refobs, &c->refrun);
+            if (rc < 0) return rc;
+            if (c->refrun <= 0) {
+                c->iom &= ~(DA_IOMFILLING | DA_IOMLASTRUN);
+                setpos(c, fcb->xoe.numobs + 1);
+                break;
+            }
+        }
+        long k = static_cast<long>(std::min<hs_obsno_t>(n, c->refrun));
+        rctype rc = plainput(fcb, c->refobs, p, k, c);
+        if (rc == 0) rc = dadmreset(fcb, c->refobs, k);
+        if (rc < 0) return rc;
+        c->refobs += k;
+        c->refrun -= k;
+        p += k * reclen;
+        n -= k;
+        setpos(c, c->refobs);
+    }
+    if (n <= 0) return 0;
+    setpos(c, fcb->xoe.numobs + 1);
+    rctype rc = plainput(fcb, c->curobs, p, n, c);
+    if (rc == 0) setpos(c, c->curobs + n);
+    return rc;
+}
+
+struct UpdLock {
+    DA_FCB* fcb;
+    bool held = false;
+    UpdLock(DA_FCB* f, bool write, bool take) : fcb(f) {
+        if (!take || !fcb->updateLockInit) return;
+        held = (write ? rw_wrlock(&fcb->updateLock) : rw_rdlock(&fcb->updateLock)) == 0;
+    }
+    ~UpdLock() {
+        if (held) rw_unlock(&fcb->updateLock);
+    }
+};
+
+bool updmode(int mode) { return mode == DA_OMUPDATE || mode == DA_OMUTIL; }
+
+// Where a buffer's locator sends the cursor; DA_PASTEND when beyond limit.
+rctype locate(DA_IOCB* c, const DA_IOB* iob, hs_obsno_t limit) {
+    if (iob->locator < 0) return 0;
+    hs_obsno_t pos = byrow(c) ? iob->locator : iob->locator * cbf(c) + 1;
+    if (pos < 1 || pos > limit) return DA_PASTEND;
+    setpos(c, pos);
+    return 0;
+}
+
+rctype darsrds(DA_IOCB* ic, int numbuf) {
+    auto* c = static_cast<DA_SIOCB*>(ic);
+    if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
+    bool upd = updmode(c->mode);
+    UpdLock lk(c->fcb, false, upd && !(c->iom & DA_IOMSHARELK));
+    pickrd(c);
+    rctype rc = 0;
+    int i = 0;
+    bool any = false;
+    for (; i < numbuf; ++i) {
+        DA_IOB* iob = &c->iobvec[i];
+        rc = locate(c, iob, c->fcb->xoe.numobs);
+        if (rc == 0) rc = c->rdiob(c, iob);
+        if (rc != 0) break;
+        c->bfi = i;
+        any = true;
+    }
+    if (rc == 0) return 0;
+    for (; i < numbuf; ++i) c->iobvec[i].numobs = -1;
+    c->status = rc;
+    if (rc == DA_EOF) return any ? 0 : DA_EOF;
+    return rc;
+}
+
+rctype darswrs(DA_IOCB* ic, int numbuf) {
+    auto* c = static_cast<DA_SIOCB*>(ic);
+    if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
+    bool upd = updmode(c->mode);
+    UpdLock lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
+    rctype rc = 0;
+    for (int i = 0; i < numbuf && rc == 0; ++i) {
+        DA_IOB* iob = &c->iobvec[i];
+        if (upd) {
+            rc = locate(c, iob, c->fcb->xoe.numobs + 1);
+            if (rc == 0) rc = (c->fcb->xoe.numdelete > 0 ? dawrdmp : dandwio)(c, iob);
+        } else if (c->iom & DA_IOMFILLING) {
+            rc = darefill(c, iob);
+        } else {
+            setpos(c, c->fcb->xoe.numobs + 1);
+            rc = dandwio(c, iob);
+        }
+        if (rc == 0) c->bfi = i;
+    }
+    c->status = rc;
+    if (upd && rc == 0 && (c->fcb->flags & DA_FCBDIRTY)) rc = daflfcb(c->fcb);
+    return rc;
+}
+
+void unmapc(DA_SIOCB* c) {
+    if (c->mapaddr) c->fcb->dffd->fdunmap(c->fcb->dffd, c->mapoff, c->mapsize, c->mapaddr);
+    c->mapaddr = nullptr;
+}
+
+// A mapped cursor's setloc: the buffer's rows from loc, mapped where the
+// file layer can, else read into a private buffer.
+rctype darmloc(DA_IOCB* ic, hs_obsno_t loc) {
+    auto* c = static_cast<DA_SIOCB*>(ic);
+    DA_FCB* fcb = c->fcb;
+    unmapc(c);
+    c->mapiob.numobs = -1;
+    if (c->obsperbuf <= 0) return DA_BADARG;
+    if (loc < 1) return DA_BADARG;
+    if (loc > fcb->xoe.numobs) {
+        c->status = DA_EOF;
+        return DA_EOF;
+    }
+    long reclen = fcb->xoe.odsreclen;
+    long n = static_cast<long>(std::min<hs_obsno_t>(c->obsperbuf, fcb->xoe.numobs - loc + 1));
+    da_off_t off = (loc - 1) * reclen;
+    void* addr = nullptr;
+    da_off_t msize = 0;
+    if (damapok(n * reclen) && fcb->dffd->fdmmap(fcb->dffd, off, n * reclen, &addr, &msize) == 0 && addr &&
+        msize >= n * reclen) {
+        c->mapaddr = addr;
+        c->mapoff = off;
+        c->mapsize = n * reclen;
+        c->mapiob.bufptr = addr;
+    } else {
+        if (c->privsize < n * reclen) {
+            free(c->privbuf);
+            c->privbuf = static_cast<char*>(malloc(n * reclen));
+            c->privsize = c->privbuf ? n * reclen : 0;
+            if (!c->privbuf) return DA_NOMEM;
+        }
+        long got = 0;
+        rctype rc = fcb->dffd->fdread(fcb->dffd, c->privbuf, n * reclen, off, &got);
+        if (rc < 0) return rc;
+        n = got / reclen;
+        c->mapiob.bufptr = c->privbuf;
+    }
+    c->mapiob.numobs = n;
+    setpos(c, loc + n);
+    c->bfi = 0;
+    return 0;
+}
+
+rctype darsloc(DA_IOCB* c, hs_obsno_t loc) {
+    if (loc < 0) return DA_BADARG;
+    if (byrow(c)) {
+        if (loc < 1) return DA_BADARG;
+        setpos(c, loc);
+    } else {
+        c->curblock = loc;
+        c->curobs = loc * cbf(c) + 1;
+    }
+    return 0;
+}
+
+rctype darsbuf(DA_IOCB* ic, DA_IOB* iobvec, long bufsize) {
+    auto* c = static_cast<DA_SIOCB*>(ic);
+    DA_FID* fp = c->fp;
+    int32_t reclen = fp->xoehdr->ioreclen;
+    if (fp->blocksize <= 0 || reclen <= 0 || bufsize <= 0) return DA_BADARG;
+    long unit = byrow(c) ? reclen : fp->blocksize;
+    if (bufsize % unit != 0) return DA_BADARG;
+    if (c->iom & DA_IOMMAPPED) {
+        c->iobvec = &c->mapiob;
+        c->numbuf = 1;
+    } else {
+        if (!iobvec) return DA_BADARG;
+        c->iobvec = iobvec;
+        // The caller's vector length is not passed; a cursor serves as many
+        // buffers as a read or write call names.
+        c->numbuf = 0x7fffffff;
+    }
+    c->bufsize = bufsize;
+    c->obsperbuf = bufsize / reclen;
+    return 0;
+}
+
+rctype darfree(DA_IOCB* ic) {
+    auto* c = static_cast<DA_SIOCB*>(ic);
+    unmapc(c);
+    free(c->privbuf);
+    free(c->eiob);
+    dadmfreebm(c->bmp);
+    DA_FIDP* f = fidpof(c->fp);
+    mutex_lock(&f->iocbLock);
+    if (f->iocbCount > 0) f->iocbCount--;
+    mutex_unlock(&f->iocbLock);
+    free(c);
+    return 0;
+}
+
+const DA_IOCBMT mt_read = {darfree, darsrds, danoval, darsloc, darsbuf};
+const DA_IOCBMT mt_write = {darfree, darsrds, darswrs, darsloc, darsbuf};
+const DA_IOCBMT mt_mapped = {darfree, danoval, danoval, darmloc, darsbuf};
+
+}  // namespace
+
+// Normalises the open flags as every family does.
+int danormiom(int iom) {
+    if (iom & DA_IOMMAPPED) iom = (iom | DA_IOMBYROW) & ~DA_IOMREAD;
+    else iom |= DA_IOMREAD;
+    if (!(iom & DA_IOMRANDOM)) iom |= DA_IOMSEQ;
+    if (!(iom & DA_IOMBYROW)) iom |= DA_IOMBYBLOCK;
+    return iom;
+}
+
+rctype dargioc(DA_FID* fp, int iom, DA_IOCB** iocb) { return dasgioc(fp, iom, false, iocb); }
+
+rctype dasgioc(DA_FID* fp, int iom, bool encoded, DA_IOCB** iocb) {
+    DA_FIDP* f = fidpof(fp);
+    DA_FCB* fcb = f->fcb;
+    iom = danormiom(iom);
+    // Encoded rows are not the caller's bytes on disk: nothing to map.
+    if (encoded && (iom & DA_IOMMAPPED)) return DA_BADARG;
+    if ((iom & DA_IOMSHARELK) && !updmode(f->mode)) return DA_BADARG;
+    if ((iom & DA_IOMMAPPED) && f->mode != DA_OMINPUT) return DA_BADARG;
+    auto* c = static_cast<DA_SIOCB*>(calloc(1, sizeof(DA_SIOCB)));
+    if (!c) return DA_NOMEM;
+    c->fp = fp;
+    c->fcb = fcb;
+    c->mode = f->mode;
+    c->iom = iom;
+    c->bfi = -1;
+    c->encoded = encoded;
+    c->bmp = dadmnewbm(fcb);
+    if (!c->bmp) {
+        free(c);
+        return DA_NOMEM;
+    }
+    c->mapiob.numobs = -1;
+    c->mapiob.locator = -1;
+    if ((iom & DA_IOMREFILL) && (iom & DA_IOMBYROW) && (fcb->xoe.flags & DA_ADDAVAIL) && fcb->xoe.numdelete > 0)
+        c->iom |= DA_IOMFILLING;
+    else
+        c->iom &= ~DA_IOMREFILL;
+    bool writer = f->mode != DA_OMINPUT;
+    if (iom & DA_IOMMAPPED) c->mt = &mt_mapped;
+    else c->mt = writer ? &mt_write : &mt_read;
+    bool append = f->mode == DA_OMOUTPUT || f->mode == DA_OMAPPEND;
+    setpos(c, append ? fcb->xoe.numobs + 1 : 1);
+    *iocb = c;
+    return 0;
+}
+
+}  // namespace vrta

@@ -1,0 +1,447 @@
+// The cursor of tables stored in blocks through an exit. Fixed and variable
+// block stores differ only in how a block is found, fetched and put; the
+// row traffic (BlockSwap, WriteAll, ReadNormal, CopyBlock) is the same and
+// lives here. The table's ioblk and newblk hold rows not yet on disk, so
+// readers look there first, under the store's lock.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "hs/hs.h"
+#include "sda/daiocb.h"
+#include "sda/darc.h"
+
+namespace vrta {
+
+int danormiom(int iom);
+
+namespace {
+
+void resetblk(DA_BLOCK* b) {
+    b->vbn = DA_NOVBN;
+    b->numobs = 0;
+    b->dirty = 0;
+    b->blockOffset = -1;
+    b->blockobs = 0;
+}
+
+bool beyond(const DA_BKCB* bk, int64_t vbn) { return bk->maxvbn == DA_NOVBN || vbn > bk->maxvbn; }
+
+rctype putblk(DA_FCB* fcb, DA_BKCB* bk, DA_BLOCK* b) {
+    rctype rc = bk->ops->putblock(fcb, b);
+    if (rc < 0) return rc;
+    if (beyond(bk, b->vbn)) bk->maxvbn = b->vbn;
+    b->dirty = 0;
+    return 0;
+}
+
+// The table's block holding vbn for writing; loads it or starts it.
+rctype blockswap(DA_FCB* fcb, DA_BKCB* bk, int64_t vbn, DA_BLOCK** out) {
+    if (bk->ioblk.vbn == vbn) {
+        *out = &bk->ioblk;
+        return 0;
+    }
+    if (bk->newblk.vbn == vbn) {
+        *out = &bk->newblk;
+        return 0;
+    }
+    rctype rc = 0;
+    if (beyond(bk, vbn)) {
+        if (bk->newblk.dirty && bk->newblk.numobs > 0) rc = putblk(fcb, bk, &bk->newblk);
+        if (rc < 0) return rc;
+        resetblk(&bk->newblk);
+        bk->newblk.vbn = vbn;
+        bk->newblk.blockobs = vbn * bk->bf + 1;
+        *out = &bk->newblk;
+        return 0;
+    }
+    if (bk->ioblk.dirty && bk->ioblk.numobs > 0) rc = putblk(fcb, bk, &bk->ioblk);
+    if (rc < 0) return rc;
+    resetblk(&bk->ioblk);
+    int32_t rawlen = 0;
+    rc = bk->ops->getblock(fcb, nullptr, vbn, bk->ioblk.blockbuf, bk->bf * bk->obslen, &rawlen);
+    if (rc != 0) return rc == DA_EOF ? DA_INTERNAL : rc;
+    bk->ioblk.vbn = vbn;
+    bk->ioblk.blockobs = vbn * bk->bf + 1;
+    bk->ioblk.numobs = rawlen / bk->obslen;
+    *out = &bk->ioblk;
+    return 0;
+}
+
+struct DA_BIOCB : DA_GIOCB {
+    DA_FCB* fcb;
+    DA_BKCB* bk;
+    void* cur;              // the store's per-cursor state
+    void (*freecur)(void*);
+    int mode;
+    char* blockbuf;         // a block not wholly wanted by the caller
+    int64_t bbvbn;
+    int32_t bbnum;
+    uint64_t bbgen;
+};
+
+uint64_t& gen(DA_BKCB* bk) { return bk->gen; }
+
+bool byrow(const DA_IOCB* c) { return (c->iom & DA_IOMBYROW) != 0; }
+int32_t cbf(const DA_IOCB* c) { return c->fp->blockfactor > 0 ? c->fp->blockfactor : 1; }
+void setpos(DA_IOCB* c, hs_obsno_t obs) {
+    c->curobs = obs;
+    c->curblock = (obs - 1) / cbf(c);
+}
+
+bool updmode(int mode) { return mode == DA_OMUPDATE || mode == DA_OMUTIL; }
+
+// Rows [obs, obs+n) into out, block by block.
+rctype readrange(DA_BIOCB* c, hs_obsno_t obs, long n, char* out) {
+    DA_BKCB* bk = c->bk;
+    DA_FCB* fcb = c->fcb;
+    const int32_t bf = bk->bf, ol = bk->obslen;
+    while (n > 0) {
+        int64_t vbn = (obs - 1) / bf;
+        long off = static_cast<long>(obs - (vbn * bf + 1));
+        long k = 0;
+        rctype rc = 0;
+        mutex_lock(&bk->lock);
+        DA_BLOCK* b = nullptr;
+        if (bk->ioblk.vbn == vbn && bk->ioblk.numobs > 0) b = &bk->ioblk;
+        else if (bk->newblk.vbn == vbn && bk->newblk.numobs > 0) b = &bk->newblk;
+        if (b) {
+            k = std::min<long>(n, b->numobs - off);
+            if (k > 0) memcpy(out, b->blockbuf + off * ol, k * ol);
+        } else if (c->bbvbn == vbn && c->bbgen == gen(bk)) {
+            k = std::min<long>(n, c->bbnum - off);
+            if (k > 0) memcpy(out, c->blockbuf + off * ol, k * ol);
+        } else if (off == 0 && n >= bf) {
+            // The caller takes the whole block: unconvert straight into its buffer.
+            int32_t rawlen = 0;
+            rc = bk->ops->getblock(fcb, c->cur, vbn, out, bf * ol, &rawlen);
+            k = std::min<long>(n, rawlen / ol);
+        } else {
+            if (!c->blockbuf) c->blockbuf = static_cast<char*>(malloc(static_cast<size_t>(bf) * ol + 16));
+            if (!c->blockbuf) rc = DA_NOMEM;
+            int32_t rawlen = 0;
+            if (rc == 0) rc = bk->ops->getblock(fcb, c->cur, vbn, c->blockbuf, bf * ol, &rawlen);
+            if (rc == 0) {
+                c->bbvbn = vbn;
+                c->bbnum = rawlen / ol;
+                c->bbgen = gen(bk);
+                k = std::min<long>(n, c->bbnum - off);
+                if (k > 0) memcpy(out, c->blockbuf + off * ol, k * ol);
+            }
+        }
+        mutex_unlock(&bk->lock);
+        if (rc < 0) return rc;
+        if (rc == DA_EOF || k <= 0) {
+            // numobs covers rows the store cannot give: the table is damaged.
+            hsprint("CopyBlock: DS=%s vbn=%lld curobs=%lld blockobs=%lld numobs=%d\n", fcb->name,
+                    static_cast<long long>(vbn), static_cast<long long>(obs),
+                    static_cast<long long>(vbn * bf + 1), static_cast<int>(k));
+            return DA_INTERNAL;
+        }
+        obs += k;
+        n -= k;
+        out += k * ol;
+    }
+    return 0;
+}
+
+rctype bkread(DA_BIOCB* c, DA_IOB* iob) {
+    DA_FCB* fcb = c->fcb;
+    hs_obsno_t numobs = fcb->xoe.numobs;
+    char* out = static_cast<char*>(iob->bufptr);
+    const int32_t ol = c->bk->obslen;
+    bool skip = fcb->xoe.numdelete > 0 && !(c->iom & DA_IOMDELETED) && fcb->dmpcb;
+    if (!skip) {
+        if (c->curobs > numobs) return DA_EOF;
+        long n = static_cast<long>(std::min<hs_obsno_t>(c->obsperbuf, numobs - c->curobs + 1));
+        rctype rc = readrange(c, c->curobs, n, out);
+        if (rc < 0) return rc;
+        if (iob->obsvec)
+            for (long i = 0; i < n; ++i) iob->obsvec[i] = c->curobs + i;
+        iob->numobs = n;
+        setpos(c, c->curobs + n);
+        return 0;
+    }
+    long filled = 0;
+    while (filled < c->obsperbuf) {
+        hs_obsno_t runobs = 0, numrun = 0;
+        rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, &runobs, &numrun);
+        if (rc < 0) return rc;
+        if (numrun <= 0) {
+            setpos(c, std::max(c->curobs, numobs + 1));
+            break;
+        }
+        rc = readrange(c, runobs, static_cast<long>(numrun), out + filled * ol);
+        if (rc < 0) return rc;
+        if (iob->obsvec)
+            for (long i = 0; i < numrun; ++i) iob->obsvec[filled + i] = runobs + i;
+        filled += static_cast<long>(numrun);
+        setpos(c, runobs + numrun);
+    }
+    if (filled == 0) return DA_EOF;
+    iob->numobs = filled;
+    return 0;
+}
+
+// WriteAll: rows at obs (at most numobs + 1) into their blocks.
+rctype writerange(DA_BIOCB* c, hs_obsno_t obs, long n, const char* p) {
+    DA_BKCB* bk = c->bk;
+    DA_FCB* fcb = c->fcb;
+    const int32_t bf = bk->bf, ol = bk->obslen;
+    rctype rc = 0;
+    mutex_lock(&bk->lock);
+    while (n > 0 && rc == 0) {
+        if (obs > fcb->xoe.numobs + 1) {
+            rc = DA_PASTEND;
+            break;
+        }
+        int64_t vbn = (obs - 1) / bf;
+        hs_obsno_t blockobs = vbn * bf + 1;
+        long off = static_cast<long>(obs - blockobs);
+        long k;
+        gen(bk)++;
+        if (off == 0 && n >= bf && beyond(bk, vbn) && bk->newblk.numobs == 0 && bk->ioblk.vbn != vbn) {
+            // A whole new block from the caller's buffer: converted from there.
+            DA_BLOCK t{};
+            t.blockOffset = -1;
+            t.blockbuf = const_cast<char*>(p);
+            t.vbn = vbn;
+            t.blockobs = blockobs;
+            t.numobs = bf;
+            t.dirty = 1;
+            rc = putblk(fcb, bk, &t);
+            if (rc < 0) break;
+            if (bk->newblk.vbn == vbn) resetblk(&bk->newblk);
+            k = bf;
+        } else {
+            DA_BLOCK* b = nullptr;
+            rc = blockswap(fcb, bk, vbn, &b);
+            if (rc < 0) break;
+            if (off > b->numobs) {
+                hsprint("WriteAll: DS=%s vbn=%lld curobs=%lld blockobs=%lld numobs=%d\n", fcb->name,
+                        static_cast<long long>(vbn), static_cast<long long>(obs), static_cast<long long>(blockobs),
+                        b->numobs);
+                rc = DA_INTERNAL;
+                break;
+            }
+            k = std::min<long>(n, bf - off);
+            memcpy(b->blockbuf + off * ol, p, k * ol);
+            b->dirty = 1;
+            b->numobs = std::max<int32_t>(b->numobs, static_cast<int32_t>(off + k));
+            if (b->numobs >= bf) {
+                rc = putblk(fcb, bk, b);
+                if (rc < 0) break;
+                if (b == &bk->newblk) resetblk(&bk->newblk);
+            }
+        }
+        obs += k;
+        n -= k;
+        p += k * ol;
+        // The rows are in a block before numobs covers them.
+        if (obs - 1 > fcb->xoe.numobs) {
+            fcb->xoe.numobs = obs - 1;
+            fcb->flags |= DA_FCBXOE;
+        }
+    }
+    mutex_unlock(&bk->lock);
+    return rc;
+}
+
+rctype danoval(DA_IOCB*, int) { return DA_BADARG; }
+
+rctype locate(DA_IOCB* c, const DA_IOB* iob, hs_obsno_t limit) {
+    if (iob->locator < 0) return 0;
+    hs_obsno_t pos = byrow(c) ? iob->locator : iob->locator * cbf(c) + 1;
+    if (pos < 1 || pos > limit) return DA_PASTEND;
+    setpos(c, pos);
+    return 0;
+}
+
+struct UpdLock {
+    DA_FCB* fcb;
+    bool held = false;
+    UpdLock(DA_FCB* f, bool write, bool take) : fcb(f) {
+        if (!take || !fcb->updateLockInit) return;
+        held = (write ? rw_wrlock(&fcb->updateLock) : rw_rdlock(&fcb->updateLock)) == 0;
+    }
+    ~UpdLock() {
+        if (held) rw_unlock(&fcb->updateLock);
+    }
+};
+
+rctype bkreadv(DA_IOCB* ic, int numbuf) {
+    auto* c = static_cast<DA_BIOCB*>(ic);
+    if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
+    UpdLock lk(c->fcb, false, updmode(c->mode) && !(c->iom & DA_IOMSHARELK));
+    rctype rc = 0;
+    int i = 0;
+    bool any = false;
+    for (; i < numbuf; ++i) {
+        DA_IOB* iob = &c->iobvec[i];
+        rc = locate(c, iob, c->fcb->xoe.numobs);
+        if (rc == 0) rc = bkread(c, iob);
+        if (rc != 0) break;
+        c->bfi = i;
+        any = true;
+    }
+    if (rc == 0) return 0;
+    for (; i < numbuf; ++i) c->iobvec[i].numobs = -1;
+    c->status = rc;
+    if (rc == DA_EOF) return any ? 0 : DA_EOF;
+    return rc;
+}
+
+rctype bkwritev(DA_IOCB* ic, int numbuf) {
+    auto* c = static_cast<DA_BIOCB*>(ic);
+    if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
+    bool upd = updmode(c->mode);
+    UpdLock lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
+    rctype rc = 0;
+    for (int i = 0; i < numbuf && rc == 0; ++i) {
+        DA_IOB* iob = &c->iobvec[i];
+        if (upd) rc = locate(c, iob, c->fcb->xoe.numobs + 1);
+        else setpos(c, c->fcb->xoe.numobs + 1);
+        if (rc == 0 && iob->numobs > 0) {
+            if (upd) rc = dawrdelck(c->fcb, c->iom, c->curobs, iob->numobs);
+            if (rc == 0) rc = writerange(c, c->curobs, iob->numobs, static_cast<const char*>(iob->bufptr));
+            if (rc == 0) setpos(c, c->curobs + iob->numobs);
+        }
+        if (rc == 0) c->bfi = i;
+    }
+    c->status = rc;
+    return rc;
+}
+
+rctype bksloc(DA_IOCB* c, hs_obsno_t loc) {
+    if (loc < 0) return DA_BADARG;
+    if (byrow(c)) {
+        if (loc < 1) return DA_BADARG;
+        setpos(c, loc);
+    } else {
+        c->curblock = loc;
+        c->curobs = loc * cbf(c) + 1;
+    }
+    return 0;
+}
+
+rctype bksbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
+    DA_FID* fp = c->fp;
+    int32_t reclen = fp->xoehdr->ioreclen;
+    if (fp->blocksize <= 0 || reclen <= 0 || bufsize <= 0 || !iobvec) return DA_BADARG;
+    long unit = byrow(c) ? reclen : fp->blocksize;
+    if (bufsize % unit != 0) return DA_BADARG;
+    c->iobvec = iobvec;
+    c->numbuf = 0x7fffffff;
+    c->bufsize = bufsize;
+    c->obsperbuf = bufsize / reclen;
+    return 0;
+}
+
+rctype bkfree(DA_IOCB* ic) {
+    auto* c = static_cast<DA_BIOCB*>(ic);
+    if (c->freecur) {
+        mutex_lock(&c->bk->lock);
+        c->freecur(c->cur);
+        mutex_unlock(&c->bk->lock);
+    }
+    free(c->blockbuf);
+    dadmfreebm(c->bmp);
+    DA_FIDP* f = fidpof(c->fp);
+    mutex_lock(&f->iocbLock);
+    if (f->iocbCount > 0) f->iocbCount--;
+    mutex_unlock(&f->iocbLock);
+    free(c);
+    return 0;
+}
+
+const DA_IOCBMT mt_read = {bkfree, bkreadv, danoval, bksloc, bksbuf};
+const DA_IOCBMT mt_write = {bkfree, bkreadv, bkwritev, bksloc, bksbuf};
+
+}  // namespace
+
+rctype dabkinit(DA_FCB* fcb, DA_BKCB* bk, const DA_BKOPS* ops) {
+    mutex_init(&bk->lock, USYNC_THREAD, nullptr);
+    bk->ops = ops;
+    bk->maxvbn = DA_NOVBN;
+    resetblk(&bk->ioblk);
+    resetblk(&bk->newblk);
+    bk->bf = fcb->xoe.blockfactor;
+    bk->obslen = fcb->xoe.obslen;
+    return 0;
+}
+
+// Block buffers wait for the table's row length: a create knows it only
+// after the columns are defined.
+static rctype bkbufs(DA_FCB* fcb, DA_BKCB* bk) {
+    if (bk->ioblk.blockbuf) return 0;
+    bk->bf = fcb->xoe.blockfactor;
+    bk->obslen = fcb->xoe.obslen;
+    if (bk->bf <= 0 || bk->obslen <= 0) return DA_INTERNAL;
+    size_t sz = static_cast<size_t>(bk->bf) * bk->obslen + 16;
+    bk->ioblk.blockbuf = static_cast<char*>(malloc(sz));
+    bk->newblk.blockbuf = static_cast<char*>(malloc(sz));
+    if (!bk->ioblk.blockbuf || !bk->newblk.blockbuf) return DA_NOMEM;
+    return 0;
+}
+
+void dabkfree(DA_BKCB* bk) {
+    free(bk->ioblk.blockbuf);
+    free(bk->newblk.blockbuf);
+    bk->ioblk.blockbuf = bk->newblk.blockbuf = nullptr;
+    mutex_destroy(&bk->lock);
+}
+
+rctype dabkflush(DA_FCB* fcb, DA_BKCB* bk, const char* who) {
+    rctype rc = 0;
+    if (bk->ioblk.dirty && bk->ioblk.numobs > 0) {
+        rc = putblk(fcb, bk, &bk->ioblk);
+        if (rc < 0) {
+            hsprint("%s: Unable to flush block on %s: Reason=%s\n", who, fcb->name, hsstrer(rc));
+            return rc;
+        }
+    }
+    if (bk->newblk.dirty && bk->newblk.numobs > 0) {
+        rc = putblk(fcb, bk, &bk->newblk);
+        if (rc < 0) {
+            hsprint("%s: Unable to flush new block on %s: Reason=%s\n", who, fcb->name, hsstrer(rc));
+            return rc;
+        }
+    }
+    return 0;
+}
+
+rctype dabkgioc(DA_FID* fp, int iom, DA_BKCB* bk, void* cur, void (*freecur)(void*), DA_IOCB** iocb) {
+    DA_FIDP* f = fidpof(fp);
+    DA_FCB* fcb = f->fcb;
+    iom = danormiom(iom);
+    // Blocks are not laid out as rows in the file: nothing to map.
+    if (iom & DA_IOMMAPPED) return DA_BADARG;
+    if ((iom & DA_IOMSHARELK) && !updmode(f->mode)) return DA_BADARG;
+    mutex_lock(&bk->lock);
+    rctype rc = bkbufs(fcb, bk);
+    mutex_unlock(&bk->lock);
+    if (rc < 0) return rc;
+    auto* c = static_cast<DA_BIOCB*>(calloc(1, sizeof(DA_BIOCB)));
+    if (!c) return DA_NOMEM;
+    c->bmp = dadmnewbm(fcb);
+    if (!c->bmp) {
+        free(c);
+        return DA_NOMEM;
+    }
+    c->fp = fp;
+    c->fcb = fcb;
+    c->bk = bk;
+    c->cur = cur;
+    c->freecur = freecur;
+    c->mode = f->mode;
+    c->iom = iom & ~DA_IOMREFILL;
+    c->bfi = -1;
+    c->bbvbn = DA_NOVBN;
+    c->mt = f->mode != DA_OMINPUT ? &mt_write : &mt_read;
+    bool append = f->mode == DA_OMOUTPUT || f->mode == DA_OMAPPEND;
+    setpos(c, append ? fcb->xoe.numobs + 1 : 1);
+    *iocb = c;
+    return 0;
+}
+
+}  // namespace vrta

@@ -1,0 +1,286 @@
+// Row cursors on plain tables: reads and writes at buffer, block and
+// partition edges, deleted rows, update rules, mapped reads, buffers.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include "curutil.h"
+#include "testutil.h"
+
+using namespace vrta;
+using namespace curtest;
+
+namespace {
+
+const Kind PLAIN{nullptr, false};
+
+bool rowis(const char* p, int64_t n, uint32_t v) {
+    char want[ROWLEN];
+    makerow(n, v, want);
+    return memcmp(p, want, ROWLEN) == 0;
+}
+
+int countparts(const std::string& dir, const char* stem) {
+    int n = 0;
+    DIR* d = opendir(dir.c_str());
+    if (!d) return -1;
+    while (dirent* e = readdir(d))
+        if (strncmp(e->d_name, stem, strlen(stem)) == 0) ++n;
+    closedir(d);
+    return n;
+}
+
+}  // namespace
+
+TEST(PlainCursor, AppendAcrossPartitionsThenReadsStopAtNumobs) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = lifetest::assign(tmp.path());
+    DA_FID* fp = make(lp, "edge", PLAIN, 0, 700);
+    ASSERT_NE(nullptr, fp);
+    ASSERT_EQ(32, fp->xoehdr->partfactor);
+    {
+        // Three buffers in one call; the second starts inside partition 2
+        // and crosses into 3 and 4.
+        Cur w(fp, DA_IOMBYROW, 50, 3);
+        EXPECT_EQ(1, w.c->curobs);
+        for (int b = 0; b < 3; ++b) {
+            for (int i = 0; i < 50; ++i) makerow(b * 50 + i + 1, 0, w.row(b, i));
+            w.iob[b].numobs = b == 0 ? 31 : 50;
+        }
+        // First buffer short of the boundary by one row.
+        for (int i = 0; i < 50; ++i) makerow(31 + i + 1, 0, w.row(1, i));
+        for (int i = 0; i < 50; ++i) makerow(81 + i + 1, 0, w.row(2, i));
+        ASSERT_EQ(0, w.c->mt->dawritev(w.c, 3));
+        EXPECT_EQ(131, fp->xoehdr->numobs);
+        EXPECT_EQ(132, w.c->curobs);
+        EXPECT_EQ(2, w.c->bfi);
+    }
+    EXPECT_EQ(5, countparts(tmp.path(), "edge.dpf"));
+    ASSERT_EQ(0, darclos(fp));
+
+    fp = reopen(lp, "edge", DA_OMINPUT, PLAIN);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur r(fp, DA_IOMBYROW, 100, 3);
+        EXPECT_EQ(1, r.c->curobs);
+        ASSERT_EQ(0, r.read(3));
+        EXPECT_EQ(100, r.iob[0].numobs);
+        EXPECT_EQ(31, r.iob[1].numobs);
+        EXPECT_EQ(-1, r.iob[2].numobs);
+        EXPECT_EQ(1, r.c->bfi);
+        EXPECT_EQ(DA_EOF, r.c->status);
+        for (int i = 0; i < 100; ++i) ASSERT_TRUE(rowis(r.row(0, i), i + 1, 0)) << i;
+        for (int i = 0; i < 31; ++i) ASSERT_TRUE(rowis(r.row(1, i), i + 101, 0)) << i;
+        EXPECT_EQ(131, r.iob[1].obsvec[30]);
+        // At numobs + 1 there is nothing, not a short row.
+        EXPECT_EQ(DA_EOF, r.read(1));
+        EXPECT_EQ(-1, r.iob[0].numobs);
+        // Locators: the last row, then one past it.
+        r.iob[0].locator = 131;
+        ASSERT_EQ(0, r.read(1));
+        EXPECT_EQ(1, r.iob[0].numobs);
+        EXPECT_TRUE(rowis(r.row(0, 0), 131, 0));
+        r.iob[0].locator = 132;
+        EXPECT_EQ(DA_PASTEND, r.read(1));
+        r.iob[0].locator = -1;
+        ASSERT_EQ(0, r.c->mt->setloc(r.c, 32));
+        ASSERT_EQ(0, r.read(1));
+        EXPECT_TRUE(rowis(r.row(0, 0), 32, 0));
+        EXPECT_EQ(32, r.iob[0].obsvec[0]);
+    }
+    {
+        // By block: the opener's blocking, the locator a block number.
+        DA_IOCB* c = nullptr;
+        ASSERT_EQ(0, getiocb(fp, DA_IOMRANDOM, &c));
+        DA_IOB* iob = nullptr;
+        long bs = 0;
+        ASSERT_EQ(0, damkiob(ROWLEN, fp->blockfactor, 1, 1, &iob, &bs));
+        EXPECT_EQ(DA_BADARG, c->mt->setbuf(c, iob, bs - ROWLEN));
+        ASSERT_EQ(0, c->mt->setbuf(c, iob, bs));
+        iob[0].locator = 0;
+        ASSERT_EQ(0, c->mt->dareadv(c, 1));
+        EXPECT_EQ(131, iob[0].numobs);
+        iob[0].locator = 1;
+        EXPECT_EQ(DA_PASTEND, c->mt->dareadv(c, 1));
+        // A reader has no writes.
+        EXPECT_EQ(DA_BADARG, c->mt->dawritev(c, 1));
+        EXPECT_EQ(1, fidpof(fp)->iocbCount);
+        c->mt->freeiocb(c);
+        EXPECT_EQ(0, fidpof(fp)->iocbCount);
+        dafriob(iob);
+    }
+    ASSERT_EQ(0, darclos(fp));
+
+    // Reopen for append after a truncation: the cursor starts at numobs + 1.
+    fp = reopen(lp, "edge", DA_OMUPDATE, PLAIN);
+    ASSERT_NE(nullptr, fp);
+    ASSERT_EQ(0, fp->mt->truncobs(fp, 40));
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "edge", DA_OMAPPEND, PLAIN);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur w(fp, DA_IOMBYROW, 30);
+        EXPECT_EQ(41, w.c->curobs);
+        ASSERT_EQ(0, w.write(41, 30, 1));
+    }
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "edge", DA_OMINPUT, PLAIN);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur r(fp, DA_IOMBYROW, 100);
+        ASSERT_EQ(0, r.read());
+        ASSERT_EQ(70, r.iob[0].numobs);
+        for (int i = 0; i < 70; ++i) ASSERT_TRUE(rowis(r.row(0, i), i + 1, i < 40 ? 0 : 1)) << i;
+    }
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(PlainCursor, DeletedRowsKeepNumbersAndGuardUpdates) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = lifetest::assign(tmp.path());
+    DA_FID* fp = make(lp, "del", PLAIN, 0, 0, 0, DA_ADDAVAILREUSE);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur w(fp, DA_IOMBYROW, 100);
+        ASSERT_EQ(0, w.write(1, 100, 0));
+    }
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "del", DA_OMUPDATE, PLAIN);
+    ASSERT_NE(nullptr, fp);
+    for (int n : {1, 2, 3, 50, 99, 100}) ASSERT_EQ(0, fp->mt->delobs(fp, n));
+    {
+        Cur r(fp, DA_IOMBYROW, 40, 3);
+        ASSERT_EQ(0, r.read(3));
+        EXPECT_EQ(40, r.iob[0].numobs);
+        EXPECT_EQ(4, r.iob[0].obsvec[0]);
+        EXPECT_TRUE(rowis(r.row(0, 0), 4, 0));
+        EXPECT_EQ(40, r.iob[1].numobs);
+        EXPECT_EQ(44, r.iob[1].obsvec[0]);  // 50 skipped inside this buffer
+        EXPECT_EQ(51, r.iob[1].obsvec[6]);
+        EXPECT_TRUE(rowis(r.row(1, 6), 51, 0));
+        EXPECT_EQ(14, r.iob[2].numobs);
+        EXPECT_EQ(98, r.iob[2].obsvec[13]);
+        EXPECT_EQ(DA_EOF, r.read(1));
+
+        Cur all(fp, DA_IOMBYROW | DA_IOMDELETED, 200);
+        ASSERT_EQ(0, all.read());
+        EXPECT_EQ(100, all.iob[0].numobs);
+        EXPECT_EQ(1, all.iob[0].obsvec[0]);
+    }
+    {
+        // Without the live flag a write may only land on deleted rows, which
+        // come back to life.
+        Cur u(fp, DA_IOMBYROW | DA_IOMRANDOM, 10);
+        EXPECT_EQ(DA_NOTDELETED, u.write(3, 2, 1, 3));
+        ASSERT_EQ(0, u.write(1, 3, 1, 1));
+        EXPECT_EQ(3, fp->xoehdr->numdelete);
+        Cur l(fp, DA_IOMBYROW | DA_IOMRANDOM | DA_IOMLIVE, 10);
+        ASSERT_EQ(0, l.write(4, 2, 2, 4));
+        EXPECT_EQ(DA_PASTEND, l.write(102, 1, 2, 102));
+        ASSERT_EQ(0, l.write(101, 1, 2, 101));
+        EXPECT_EQ(101, fp->xoehdr->numobs);
+    }
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "del", DA_OMINPUT, PLAIN);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur r(fp, DA_IOMBYROW, 200);
+        ASSERT_EQ(0, r.read());
+        EXPECT_EQ(98, r.iob[0].numobs);
+        EXPECT_TRUE(rowis(r.row(0, 0), 1, 1));
+        EXPECT_TRUE(rowis(r.row(0, 3), 4, 2));
+        EXPECT_TRUE(rowis(r.row(0, 5), 6, 0));
+        EXPECT_EQ(101, r.iob[0].obsvec[97]);
+        EXPECT_TRUE(rowis(r.row(0, 97), 101, 2));
+    }
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(PlainCursor, RefillPutsRowsIntoDeletedRunsFirst) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = lifetest::assign(tmp.path());
+    DA_FID* fp = make(lp, "refill", PLAIN, 0, 0, 0, DA_ADDAVAILREUSE);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur w(fp, DA_IOMBYROW, 20);
+        ASSERT_EQ(0, w.write(1, 20, 0));
+    }
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "refill", DA_OMUPDATE, PLAIN);
+    for (int n : {5, 6, 12}) ASSERT_EQ(0, fp->mt->delobs(fp, n));
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "refill", DA_OMAPPEND, PLAIN);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur w(fp, DA_IOMBYROW | DA_IOMREFILL, 20);
+        EXPECT_TRUE(w.c->iom & DA_IOMFILLING);
+        // Five rows: 5, 6, 12, then 21 and 22 at the end.
+        for (int i = 0; i < 5; ++i) makerow(900 + i, 1, w.row(0, i));
+        w.iob[0].numobs = 5;
+        ASSERT_EQ(0, w.c->mt->dawritev(w.c, 1));
+        EXPECT_FALSE(w.c->iom & DA_IOMFILLING);
+    }
+    EXPECT_EQ(22, fp->xoehdr->numobs);
+    EXPECT_EQ(0, fp->xoehdr->numdelete);
+    {
+        Cur r(fp, DA_IOMBYROW, 30);
+        // An appender's cursors start past the end.
+        EXPECT_EQ(DA_EOF, r.read());
+        ASSERT_EQ(0, r.c->mt->setloc(r.c, 1));
+        ASSERT_EQ(0, r.read());
+        ASSERT_EQ(22, r.iob[0].numobs);
+        EXPECT_TRUE(rowis(r.row(0, 4), 900, 1));
+        EXPECT_TRUE(rowis(r.row(0, 5), 901, 1));
+        EXPECT_TRUE(rowis(r.row(0, 11), 902, 1));
+        EXPECT_TRUE(rowis(r.row(0, 20), 903, 1));
+        EXPECT_TRUE(rowis(r.row(0, 21), 904, 1));
+        EXPECT_TRUE(rowis(r.row(0, 12), 13, 0));
+    }
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(PlainCursor, MappedReadAndBufferHelpers) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = lifetest::assign(tmp.path());
+    DA_FID* fp = make(lp, "map", PLAIN, 0, 700);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur w(fp, DA_IOMBYROW, 100);
+        ASSERT_EQ(0, w.write(1, 100, 1));
+    }
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "map", DA_OMINPUT, PLAIN);
+    ASSERT_NE(nullptr, fp);
+    DA_IOCB* c = nullptr;
+    ASSERT_EQ(0, getiocb(fp, DA_IOMMAPPED, &c));
+    EXPECT_TRUE(c->iom & DA_IOMBYROW);
+    ASSERT_EQ(0, c->mt->setbuf(c, nullptr, 40 * ROWLEN));
+    // Ranges inside one partition and across two.
+    for (hs_obsno_t loc : {1, 20, 33, 90}) {
+        ASSERT_EQ(0, c->mt->setloc(c, loc)) << loc;
+        long want = std::min<long>(40, 100 - loc + 1);
+        ASSERT_EQ(want, c->iobvec[0].numobs);
+        for (long i = 0; i < want; ++i)
+            ASSERT_TRUE(rowis(static_cast<char*>(c->iobvec[0].bufptr) + i * ROWLEN, loc + i, 1)) << loc << " " << i;
+    }
+    EXPECT_EQ(DA_EOF, c->mt->setloc(c, 101));
+    EXPECT_EQ(DA_BADARG, c->mt->dareadv(c, 1));
+    c->mt->freeiocb(c);
+
+    {
+    Cur r(fp, DA_IOMBYROW, 10, 2);
+    EXPECT_EQ(nullptr, daobs2p(r.c, -1));
+    EXPECT_EQ(r.row(1, 3), daobs2p(r.c, 13));
+    char row[ROWLEN];
+    makerow(7, 0, row);
+    r.iob[1].numobs = 0;
+    EXPECT_EQ(2, daadobs(r.c, row, 12));
+    EXPECT_EQ(3, r.iob[1].numobs);
+    EXPECT_TRUE(rowis(r.row(1, 2), 7, 0));
+    }
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
