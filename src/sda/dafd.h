@@ -128,7 +128,7 @@ struct DA_FDSTR {
     int numpath;
     const char* const* paths;    // directories, numpath of them
     int flags;
-    int perms;                   // < 0 means 16 (octal 020)
+    int perms;                   // mode of new partitions; < 0 the default, 0666 under the umask
     da_off_t maxpar;             // largest partition of a file partitioned by size
     DA_FD* mdfd;                 // file holding the FIB when indirect
     da_off_t fiboff;             // indirect FIB: in at open, out at create

@@ -209,6 +209,30 @@ TEST_F(FdTest, HolesAndSinglePartitionFastRead) {
     readall(fd, -1, 1, &rc);
     EXPECT_EQ(rc, DA_BADOFFSET);
     fd->fdclose(fd);
+    // A hole that spans several size partitions: each is grown to its limit
+    // and the bytes between read as zeros.
+    Opener g("hp.dpf", {tmp.path()}, DA_FDCREATE | DA_FDHOLES | DA_FDPARTSIZE);
+    g.s.maxpar = 10000;
+    ASSERT_EQ(g.open(&fd), 0);
+    base = fd->baseoff;
+    off = base + 35000;
+    ASSERT_EQ(fd->fdwrite(fd, "xyz", 3, &off), 0);
+    EXPECT_EQ(*fd->filesize, base + 35003);
+    EXPECT_EQ(readall(fd, base + 9990, 25020), std::string(25010, '\0') + "xyz");
+    da_off_t grow = base + 52000;
+    ASSERT_EQ(fd->fdcntl(fd, DA_FDGROW, &grow), 0);
+    EXPECT_EQ(*fd->filesize, base + 52000);
+    DA_FDPSTAT ps;
+    int np = 0;
+    while (fd->fdpstat(fd, np, &ps) == 0) {
+        if (np > 0 && fd->fdpstat(fd, np + 1, &ps) == 0) {
+            fd->fdpstat(fd, np, &ps);
+            EXPECT_EQ(ps.maxoffset - ps.minoffset + 1, 10000) << np;
+        }
+        ++np;
+    }
+    EXPECT_EQ(np, 1 + (52000 + 9999) / 10000);
+    fd->fdclose(fd);
     // An existing file cannot be created again.
     Opener c("h.mdf", {tmp.path()}, DA_FDCREATE | DA_FDFORCE1ST);
     EXPECT_EQ(c.open(&fd), DA_EXISTS);
