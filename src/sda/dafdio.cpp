@@ -272,8 +272,9 @@ rctype dawritp(DA_FD* fd, const void* buf, long size, da_off_t* offp) {
         }
         // Past the process file size limit (or the partition size) the kernel
         // would refuse; ask only for what can fit, so that the rest is a short write.
+        // A rewrite stays inside bytes the partition already has.
         long ask = wsize;
-        da_off_t room = roomleft(fdp, paroff);
+        da_off_t room = rewrite ? wsize : roomleft(fdp, paroff);
         int err = 0;
         ssize_t n;
         if (room <= 0) {

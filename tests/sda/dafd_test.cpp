@@ -454,6 +454,13 @@ TEST_F(FdTest, FileSizeLimitStartsNewPartition) {
     DA_FDPSTAT ps;
     ASSERT_EQ(fd->fdpstat(fd, 1, &ps), 0);
     EXPECT_EQ(ps.maxoffset - ps.minoffset + 1, 10000);
+    // Bytes already in a full partition can still be rewritten.
+    daiogcb.filemax = 100;
+    da_off_t roff = fd->baseoff + 5;
+    ASSERT_EQ(fd->fdwrite(fd, "REWRITE", 7, &roff), 0);
+    data.replace(5, 7, "REWRITE");
+    EXPECT_EQ(readall(fd, fd->baseoff, 45000), data);
+    daiogcb.filemax = 10000;
     fd->fdclose(fd);
 
     // A limit that lets no partition take a byte ends in HSENOSPC, not in
