@@ -1,6 +1,9 @@
 // Opening an existing table: its records into a new FCB, a shared FCB adapted
 // to a new opener's mode, and the reload when another process changed it.
 #include <algorithm>
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -41,6 +44,85 @@ rctype rdrecords(DA_FCB* fcb) {
     if (rc < 0) return rc;
     if (fcb->xoe.semtype < 0 || fcb->xoe.semtype >= DA_SEMMAX) return DA_BADSEMTYPE;
     return 0;
+}
+
+// A revision update renames a data file's partitions before it rewrites the
+// directory that names them. A crash in between leaves partitions under the
+// next revision's names: they are renamed back, which completes the roll-back
+// the MDF's unchanged revision already stands for. True when any was.
+bool darecovrev(DA_FCB* fcb, DA_LIBP* lp, int fdflags) {
+    int32_t fibsize = 0;
+    DA_FIB probe;
+    rctype rc = dardfib(fcb->mdfio, fdflags, fcb->dshdr.links[DA_LNKDPFFIB], &probe, sizeof probe, &fibsize, nullptr);
+    if (rc != DA_TOOLONG && rc != 0) return false;
+    auto* fib = static_cast<DA_FIB*>(calloc(1, fibsize));
+    if (!fib) return false;
+    bool any = false;
+    if (dardfib(fcb->mdfio, fdflags, fcb->dshdr.links[DA_LNKDPFFIB], fib, fibsize, &fibsize, nullptr) == 0) {
+        int32_t next = danextrev(fib->revision);
+        const char* mdpath = lp->meta[0].path;
+        for (int32_t i = 0; i < fib->numpde; ++i) {
+            char full[4096], moved[4096];
+            if (dapdefn(fib, i, mdpath, static_cast<int32_t>(strlen(mdpath)), full, sizeof full) < 0) continue;
+            struct stat st;
+            if (stat(full, &st) == 0) continue;
+            // "<...>.<rev>.<suffix>": the same name with the next revision.
+            char* sfx = strrchr(full, '.');
+            if (!sfx) continue;
+            *sfx = '\0';
+            char* rev = strrchr(full, '.');
+            *sfx = '.';
+            if (!rev || atoi(rev + 1) != fib->revision) continue;
+            snprintf(moved, sizeof moved, "%.*s.%d%s", static_cast<int>(rev - full), full, next, sfx);
+            if (stat(moved, &st) == 0 && rename(moved, full) == 0) {
+                hsprint("daopfcb: Partition %s of an interrupted revision update renamed back\n", full);
+                any = true;
+            }
+        }
+    }
+    free(fib);
+    return any;
+}
+
+// A new partition's file is made before the directory that names it is
+// written. A crash in between leaves a file no directory knows, and the next
+// append would find its name taken. A writer that holds the table alone
+// removes such files: no row was ever written into them.
+void darmorphan(DA_FCB* fcb, DA_LIBP* lp, int fdflags, int ndata) {
+    int32_t fibsize = 0;
+    DA_FIB probe;
+    rctype rc = dardfib(fcb->mdfio, fdflags, fcb->dshdr.links[DA_LNKDPFFIB], &probe, sizeof probe, &fibsize, nullptr);
+    if (rc != DA_TOOLONG && rc != 0) return;
+    auto* fib = static_cast<DA_FIB*>(calloc(1, fibsize));
+    if (!fib) return;
+    if (dardfib(fcb->mdfio, fdflags, fcb->dshdr.links[DA_LNKDPFFIB], fib, fibsize, &fibsize, nullptr) == 0) {
+        const char* mdpath = lp->meta[0].path;
+        char dpf[48];
+        int dl = dadsnam(1, fcb->iname, fcb->inameLen, nullptr, 0, dpf);
+        for (int d = 0; d < ndata; ++d) {
+            DIR* dir = opendir(lp->data[d].path);
+            if (!dir) continue;
+            while (dirent* e = readdir(dir)) {
+                if (strncmp(e->d_name, dpf, dl) != 0 || e->d_name[dl] != '.') continue;
+                // Only numbers past the directory's last can be left over from a crash.
+                DA_PFNPARTS parts;
+                if (dafdpfn(e->d_name, &parts, false) != 0 || parts.pno < fib->numpde) continue;
+                char full[4096];
+                snprintf(full, sizeof full, "%s%s%s", lp->data[d].path,
+                         lp->data[d].path[strlen(lp->data[d].path) - 1] == '/' ? "" : "/", e->d_name);
+                bool known = false;
+                for (int32_t i = 0; i < fib->numpde && !known; ++i) {
+                    char have[4096];
+                    if (dapdefn(fib, i, mdpath, static_cast<int32_t>(strlen(mdpath)), have, sizeof have) == 0)
+                        known = strcmp(have, full) == 0;
+                }
+                if (!known && unlink(full) == 0)
+                    hsprint("daopfcb: Partition %s unknown to the table removed\n", full);
+            }
+            closedir(dir);
+        }
+    }
+    free(fib);
 }
 
 }  // namespace
@@ -212,7 +294,10 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         ds.mdfd = fcb->mdfd;
         ds.fiboff = fcb->dshdr.links[DA_LNKDPFFIB];
         rc = dafdopn(&ds, &fcb->dffd);
+        if (rc == DA_NOTFOUND && darecovrev(fcb, lp, ds.flags))
+            rc = dafdopn(&ds, &fcb->dffd);
         if (rc == DA_NOTFOUND) rc = DA_NODPF;
+        if (rc >= 0 && mode != DA_OMINPUT && !dyn && !acl) darmorphan(fcb, lp, ds.flags, ndata);
         if (rc < 0) goto fail;
         if (rc > 0) warn = rc;
         rc = 0;

@@ -16,10 +16,39 @@ using namespace lifetest;
 
 namespace {
 
-long killat = 0;
-long nwrites = 0;
-void killer(const char*) {
-    if (++nwrites == killat) raise(SIGKILL);
+// Every system call that changes a file, counted; the k-th one is never made.
+DA_UIODT killiot;
+const DA_UIODT* realiot = nullptr;
+long syskill = 0, syscount = 0;
+void tick() {
+    if (++syscount == syskill) raise(SIGKILL);
+}
+ssize_t kpwrite(int fd, const void* b, size_t n, off_t o) {
+    tick();
+    return realiot->pwrite(fd, b, n, o);
+}
+int krename(const char* a, const char* b) {
+    tick();
+    return realiot->rename(a, b);
+}
+int kftruncate(int fd, off_t l) {
+    tick();
+    return realiot->ftruncate(fd, l);
+}
+int kunlink(const char* p) {
+    tick();
+    return realiot->unlink(p);
+}
+
+void armkiller(long k) {
+    realiot = _UIODT;
+    killiot = *realiot;
+    killiot.pwrite = kpwrite;
+    killiot.rename = krename;
+    killiot.ftruncate = kftruncate;
+    killiot.unlink = kunlink;
+    syskill = k;
+    _UIODT = &killiot;
 }
 
 // Messages of the writer to the test: -1 table complete, n rows committed, -2 closed.
@@ -32,10 +61,10 @@ constexpr int BATCHES = 6;
 constexpr long BATCH = 11;  // crosses the 32-row partitions at odd places
 
 // The writer: create, define, append in batches each committed by a flush, close.
-[[noreturn]] void writer(const std::string& dir, int out) {
+[[noreturn]] void writer(const std::string& dir, int out, long k) {
     DA_LIB* lp = assign(dir);
     if (!lp) _exit(3);
-    da_writehook = killer;
+    armkiller(k);
     DA_OPNSTR o = request("crash", DA_OMOUTPUT);
     o.partsize = 32 * ROWLEN;
     DA_FID* fp = nullptr;
@@ -70,8 +99,7 @@ Outcome runwriter(const std::string& dir, long k) {
     pid_t pid = fork();
     if (pid == 0) {
         close(p[0]);
-        killat = k;
-        writer(dir, p[1]);
+        writer(dir, p[1], k);
     }
     close(p[1]);
     int64_t v;
@@ -90,7 +118,8 @@ Outcome runwriter(const std::string& dir, long k) {
 
 }  // namespace
 
-// A writer killed after each of its writes in turn: every committed row is
+// A writer killed at each change it makes to a file in turn (writes,
+// renames, truncations, removals, the file layer's own included): every committed row is
 // there, rows past numobs are not counted, and the table can be written on.
 TEST(CrashSafety, WriterKilledAtEveryWriteLeavesACommittedPrefix) {
     vrtatest::TempDir tmp;
@@ -144,4 +173,98 @@ TEST(CrashSafety, WriterKilledAtEveryWriteLeavesACommittedPrefix) {
     // Create, six appends with their flushes and the close: well over twenty writes.
     EXPECT_GT(points, 20);
     printf("kill points tried: %ld\n", points);
+}
+
+namespace {
+
+// Update of a closed table: more rows, deletions, and the close with its
+// revision update, killed at each change to a file.
+[[noreturn]] void updater(const std::string& dir, int out, long k) {
+    DA_LIB* lp = assign(dir);
+    if (!lp) _exit(3);
+    armkiller(k);
+    DA_OPNSTR o = request("upd", DA_OMUPDATE);
+    DA_FID* fp = nullptr;
+    if (daopen(lp, &o, &fp) < 0) _exit(4);
+    for (int b = 0; b < 3; ++b) {
+        hs_obsno_t n = fp->xoehdr->numobs;
+        auto r = rows(n + 1, 17);
+        if (dawrobs(fp, n + 1, r.data(), 17) < 0) _exit(5);
+        if (fp->mt->force(fp, 0) < 0) _exit(6);
+        report(out, n + 17);
+    }
+    if (fp->mt->delobs(fp, 3) < 0 || fp->mt->delobs(fp, 40) < 0) _exit(7);
+    report(out, -3);
+    if (darclos(fp) < 0) _exit(8);
+    report(out, -2);
+    _exit(0);
+}
+
+}  // namespace
+
+TEST(CrashSafety, UpdaterKilledAtEverySystemWriteLeavesAnOpenableTable) {
+    vrtatest::TempDir tmp;
+    long points = 0, revdiff = 0;
+    for (long k = 1; k < 1000; ++k) {
+        std::string dir = tmp.path() + "/u" + std::to_string(k);
+        {
+            DA_LIB* lp = assign(dir);
+            DA_FID* fp = create(lp, "upd", 16, 32 * ROWLEN);
+            auto r = rows(1, 45);
+            ASSERT_EQ(0, dawrobs(fp, 1, r.data(), 45));
+            ASSERT_EQ(0, darclos(fp));
+            dafrlib(lp);
+        }
+        int p[2];
+        ASSERT_EQ(0, pipe(p));
+        fflush(nullptr);
+        pid_t pid = fork();
+        if (pid == 0) {
+            close(p[0]);
+            updater(dir, p[1], k);
+        }
+        close(p[1]);
+        int64_t v, committed = 45;
+        bool deleted = false, closed = false;
+        while (read(p[0], &v, sizeof v) == sizeof v) {
+            if (v == -3) {
+                deleted = true;
+            } else if (v == -2) {
+                closed = true;
+            } else {
+                committed = v;
+            }
+        }
+        close(p[0]);
+        int st = 0;
+        waitpid(pid, &st, 0);
+        if (!(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL)) {
+            EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st;
+            EXPECT_TRUE(closed);
+            break;
+        }
+        ++points;
+        DA_LIB* lp = assign(dir);
+        DA_OPNSTR o = request("upd", DA_OMINPUT);
+        DA_FID* fp = nullptr;
+        rctype rc = daopen(lp, &o, &fp);
+        ASSERT_TRUE(rc == 0 || rc == DA_REVDIFF) << "k=" << k << " rc=" << std::hex << rc;
+        if (rc == DA_REVDIFF) ++revdiff;
+        EXPECT_GE(fp->xoehdr->numobs, committed) << "k=" << k;
+        EXPECT_TRUE(rowsintact(fp)) << "k=" << k;
+        // A deletion that was reported is there; the count never exceeds the bits.
+        DA_DMPBM* bm = dadmnewbm(fcbof(fp));
+        int64_t bits = dadmisdel(fcbof(fp), bm, 3) + dadmisdel(fcbof(fp), bm, 40);
+        dadmfreebm(bm);
+        if (deleted) {
+            EXPECT_EQ(2, bits) << "k=" << k;
+        }
+        EXPECT_LE(fp->xoehdr->numdelete, bits) << "k=" << k;
+        ASSERT_EQ(0, darclos(fp));
+        dafrlib(lp);
+    }
+    printf("kill points tried: %ld, revision differs: %ld\n", points, revdiff);
+    EXPECT_GT(points, 20);
+    // An interrupted revision update must have been seen and reported.
+    EXPECT_GT(revdiff, 0);
 }
