@@ -1,0 +1,241 @@
+// Tables stored in blocks through an exit: every built-in exit end to end,
+// blocks that grow and shrink under updates, and the vector tree of
+// variable blocks past its first level.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "curutil.h"
+#include "testutil.h"
+
+using namespace vrta;
+using namespace curtest;
+
+namespace {
+
+const Kind KINDS[] = {{"VRTARLC2", false}, {"VRTARLLC", false}, {"VRTALZWC", false}, {"VRTACRYP", true}};
+
+// Variants of rows 1..n as the test believes they are.
+struct Model {
+    std::vector<uint32_t> v;
+    void set(int64_t first, long n, uint32_t var) {
+        if (static_cast<size_t>(first - 1 + n) > v.size()) v.resize(first - 1 + n);
+        for (long i = 0; i < n; ++i) v[first - 1 + i] = var;
+    }
+};
+
+// Reads the whole table in odd-sized buffers and checks every row.
+void verify(DA_FID* fp, const Model& m, const char* what) {
+    SCOPED_TRACE(what);
+    ASSERT_EQ(static_cast<hs_obsno_t>(m.v.size()), fp->xoehdr->numobs);
+    Cur r(fp, DA_IOMBYROW, 333, 2);
+    ASSERT_EQ(0, r.c->mt->setloc(r.c, 1));
+    hs_obsno_t next = 1;
+    for (;;) {
+        rctype rc = r.read(2);
+        if (rc == DA_EOF) break;
+        ASSERT_EQ(0, rc);
+        for (int b = 0; b <= r.c->bfi; ++b) {
+            for (long i = 0; i < r.iob[b].numobs; ++i, ++next) {
+                char want[ROWLEN];
+                makerow(next, m.v[next - 1], want);
+                ASSERT_EQ(0, memcmp(want, r.row(b, i), ROWLEN)) << "row " << next;
+            }
+        }
+    }
+    EXPECT_EQ(static_cast<hs_obsno_t>(m.v.size()) + 1, next);
+}
+
+DA_VBHEAD vbhead(DA_FID* fp) {
+    DA_FCB* fcb = fcbof(fp);
+    DA_VBHEAD h{};
+    EXPECT_EQ(0, dardvbh(fcb->mdfio, &h, fcb->dshdr.links[DA_LNKVBH]));
+    return h;
+}
+
+}  // namespace
+
+TEST(BlockCursor, EveryExitRoundTripsAppendsUpdatesAndReopens) {
+    for (const Kind& k : KINDS) {
+        for (int grow : {0, 200}) {
+            SCOPED_TRACE(std::string(k.exit) + " grow " + std::to_string(grow));
+            vrtatest::TempDir tmp;
+            DA_LIB* lp = lifetest::assign(tmp.path());
+            DA_FID* fp = make(lp, "blk", k, 0, 0, grow);
+            ASSERT_NE(nullptr, fp);
+            EXPECT_EQ(k.crypt ? DA_SEMXCFBS : DA_SEMXCVBS, fp->xoehdr->semtype);
+            const int bf = fp->xoehdr->blockfactor;
+            ASSERT_GT(bf, 8);
+            Model m;
+            {
+                Cur w(fp, DA_IOMBYROW, 3 * bf);
+                // Partial, completing, aligned whole, several whole plus a tail.
+                long sizes[] = {1, 7, bf - 8, bf, 2 * bf + 5, 3, bf - 8, 1};
+                int64_t at = 1;
+                uint32_t var = 0;
+                for (long n : sizes) {
+                    ASSERT_EQ(0, w.write(at, n, var));
+                    m.set(at, n, var);
+                    at += n;
+                    var = var ? 0 : 7;
+                }
+                // Rows still in the table's partial block are read back.
+                verify(fp, m, "before close");
+            }
+            ASSERT_EQ(0, darclos(fp));
+            fp = reopen(lp, "blk", DA_OMINPUT, k);
+            ASSERT_NE(nullptr, fp);
+            verify(fp, m, "reopened");
+            ASSERT_EQ(0, darclos(fp));
+
+            // Rewrites: noise makes a block grow, plain rows shrink it again.
+            fp = reopen(lp, "blk", DA_OMUPDATE, k);
+            ASSERT_NE(nullptr, fp);
+            const hs_obsno_t n = fp->xoehdr->numobs;
+            for (uint32_t round = 1; round <= 6; ++round) {
+                Cur u(fp, DA_IOMBYROW | DA_IOMRANDOM, 2 * bf);
+                uint32_t var = round % 2 ? round : 0;
+                struct {
+                    hs_obsno_t at;
+                    long n;
+                } spots[] = {{1, bf}, {bf + 3, 10}, {2 * bf - 2, 5}, {3 * bf + 1, 2 * bf}, {n - 2, 3}, {n + 1, 4}};
+                for (auto& s : spots) {
+                    ASSERT_EQ(0, u.write(s.at, s.n, var, s.at)) << s.at;
+                    m.set(s.at, s.n, var);
+                }
+                verify(fp, m, "after a round");
+            }
+            if (!k.crypt && grow == 0) {
+                // Blocks in the middle outgrew their place.
+                ASSERT_EQ(0, fp->mt->force(fp, 0));
+                EXPECT_GT(vbhead(fp).stat.numoverflow, 0);
+            }
+            ASSERT_EQ(0, darclos(fp));
+            fp = reopen(lp, "blk", DA_OMINPUT, k);
+            ASSERT_NE(nullptr, fp);
+            verify(fp, m, "reopened after updates");
+            if (!k.crypt) {
+                DA_VBHEAD h = vbhead(fp);
+                EXPECT_EQ(1, h.numlevels);
+                EXPECT_GE(h.vbvspan, 32);
+                EXPECT_EQ(0, h.vbvspan % 32);
+            }
+            ASSERT_EQ(0, darclos(fp));
+            EXPECT_EQ(0, dafrlib(lp));
+        }
+    }
+}
+
+TEST(BlockCursor, ReaderSeesAnotherCursorsWritesAndByBlockLocators) {
+    const Kind k{"VRTARLC2", false};
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = lifetest::assign(tmp.path());
+    DA_FID* fp = make(lp, "two", k);
+    ASSERT_NE(nullptr, fp);
+    const int bf = fp->xoehdr->blockfactor;
+    Model m;
+    {
+        Cur w(fp, DA_IOMBYROW, bf);
+        Cur r(fp, DA_IOMBYROW | DA_IOMRANDOM, 5);
+        ASSERT_EQ(0, w.write(1, bf, 0));
+        m.set(1, bf, 0);
+        ASSERT_EQ(0, w.write(bf + 1, 3, 9));
+        m.set(bf + 1, 3, 9);
+        // Row bf + 2 lives only in the table's new block so far.
+        r.iob[0].locator = bf;
+        ASSERT_EQ(0, r.read());
+        ASSERT_EQ(4, r.iob[0].numobs);
+        char want[ROWLEN];
+        makerow(bf + 2, 9, want);
+        EXPECT_EQ(0, memcmp(want, r.row(0, 2), ROWLEN));
+    }
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "two", DA_OMINPUT, k);
+    ASSERT_NE(nullptr, fp);
+    {
+        DA_IOCB* c = nullptr;
+        ASSERT_EQ(0, getiocb(fp, DA_IOMRANDOM, &c));
+        DA_IOB* iob = nullptr;
+        long bs = 0;
+        ASSERT_EQ(0, damkiob(ROWLEN, fp->blockfactor, 1, 1, &iob, &bs));
+        ASSERT_EQ(0, c->mt->setbuf(c, iob, bs));
+        iob[0].locator = 1;
+        ASSERT_EQ(0, c->mt->dareadv(c, 1));
+        EXPECT_EQ(3, iob[0].numobs);
+        iob[0].locator = 2;
+        EXPECT_EQ(DA_PASTEND, c->mt->dareadv(c, 1));
+        iob[0].locator = 0;
+        ASSERT_EQ(0, c->mt->dareadv(c, 1));
+        EXPECT_EQ(bf, iob[0].numobs);
+        char want[ROWLEN];
+        makerow(bf, 0, want);
+        EXPECT_EQ(0, memcmp(want, static_cast<char*>(iob[0].bufptr) + (bf - 1) * ROWLEN, ROWLEN));
+        // Blocks are not rows in the file: no mapping.
+        DA_IOCB* mc = nullptr;
+        EXPECT_EQ(DA_BADARG, getiocb(fp, DA_IOMMAPPED, &mc));
+        c->mt->freeiocb(c);
+        dafriob(iob);
+    }
+    verify(fp, m, "reopened");
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(BlockCursor, VectorTreeGrowsALevelAndReadsAcrossIt) {
+    // 8-byte rows in 512-byte blocks: 64 rows a block and 32 blocks a
+    // vector, so the first level is full after 1024 vectors.
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = lifetest::assign(tmp.path());
+    DA_OPNSTR o = lifetest::request("deep", DA_OMOUTPUT);
+    o.flags = DA_OFCOMPRESS;
+    memcpy(o.diskcomp, "VRTARLC2", 8);
+    o.blocksize = 512;
+    DA_FID* fp = nullptr;
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    auto cols = lifetest::columns();
+    ASSERT_EQ(0, fp->mt->defvars(fp, 1, cols.data()));
+    ASSERT_EQ(64, fp->xoehdr->blockfactor);
+    const int64_t perlevel = 1024LL * 32 * 64;
+    const int64_t total = perlevel + 64 * 40 + 17;
+    {
+        DA_IOCB* c = nullptr;
+        ASSERT_EQ(0, getiocb(fp, DA_IOMBYROW, &c));
+        const long chunk = 64 * 256;
+        std::vector<double> buf(chunk);
+        DA_IOB iob{buf.data(), nullptr, 0, -1};
+        ASSERT_EQ(0, c->mt->setbuf(c, &iob, chunk * 8));
+        for (int64_t at = 1; at <= total; at += chunk) {
+            long n = static_cast<long>(std::min<int64_t>(chunk, total - at + 1));
+            for (long i = 0; i < n; ++i) buf[i] = static_cast<double>((at + i) / 7);
+            iob.numobs = n;
+            ASSERT_EQ(0, c->mt->dawritev(c, 1));
+        }
+        c->mt->freeiocb(c);
+    }
+    ASSERT_EQ(0, darclos(fp));
+    o = lifetest::request("deep", DA_OMINPUT);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_EQ(total, fp->xoehdr->numobs);
+    DA_VBHEAD h = vbhead(fp);
+    EXPECT_EQ(2, h.numlevels);
+    EXPECT_EQ(32, h.vbvspan);
+    {
+        DA_IOCB* c = nullptr;
+        ASSERT_EQ(0, getiocb(fp, DA_IOMBYROW | DA_IOMRANDOM, &c));
+        std::vector<double> buf(1000);
+        DA_IOB iob{buf.data(), nullptr, 0, -1};
+        ASSERT_EQ(0, c->mt->setbuf(c, &iob, 1000 * 8));
+        // Sequentially over the level's edge, then by jumps on both sides.
+        for (hs_obsno_t loc : {perlevel - 500, perlevel + 500, perlevel + 1500, hs_obsno_t{1}, perlevel - 64,
+                               total - 3, perlevel / 2 + 1}) {
+            iob.locator = loc;
+            ASSERT_EQ(0, c->mt->dareadv(c, 1)) << loc;
+            long want = static_cast<long>(std::min<int64_t>(1000, total - loc + 1));
+            ASSERT_EQ(want, iob.numobs) << loc;
+            for (long i = 0; i < want; ++i) ASSERT_EQ(static_cast<double>((loc + i) / 7), buf[i]) << loc + i;
+        }
+        c->mt->freeiocb(c);
+    }
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
