@@ -106,13 +106,19 @@ struct DA_FDMT {
     da_fdrename_t fdrename;
     da_fddelete_t fddelete;     // removes every partition; the DA_FD stays open for fdclose
     da_fdmmap_t fdmmap;         // size 0 maps to the end; *addr is the byte at offset
-    da_fdunmap_t fdunmap;
+    da_fdunmap_t fdunmap;       // size: the msize fdmmap gave
     da_fdpstat_t fdpstat;
     da_fdrevise_t fdrevise;
     da_fdcheckrev_t fdcheckrev; // flags 1 also stats each partition (521 missing) and sums sizes
 };
 
 // The public face: the methods plus what every caller reads directly.
+//
+// A DA_FD belongs to one opener and one thread at a time. Openers of one file
+// in one process should share its block (DA_FDSHARED): record locks belong to
+// the process, and closing any descriptor of a file drops them all, so two
+// unshared openers of one file in a process would undo each other's FIB lock.
+// Writers of a shared block are kept apart by the table's own locks.
 struct DA_FD : DA_FDMT {
     da_off_t baseoff;            // first offset behind the FIB
     da_off_t* filesize;          // current logical size

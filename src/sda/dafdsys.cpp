@@ -180,13 +180,24 @@ std::once_flag iniflag;
 
 void doini() {
     DA_IOGCB& g = daiogcb;
+    // Signals first: past the size limit a write must fail with EFBIG, not
+    // kill the process.
+    struct sigaction sa;
+    if (sigaction(SIGXFSZ, nullptr, &sa) == 0 && sa.sa_handler == SIG_DFL) signal(SIGXFSZ, SIG_IGN);
+    if (g.inited) {
+        // A host handed us its block: keep its settings, but the lock and the
+        // list of shared blocks are ours.
+        mutex_init(&g.fdbLock);
+        g.fdbList = nullptr;
+        g.fdbLockdepth = 0;
+        if (g.pagesize <= 0) g.pagesize = 4096;
+        datrace(g.trace);
+        return;
+    }
     struct rlimit rl;
     g.filemax = INT64_MAX;
     if (getrlimit(RLIMIT_FSIZE, &rl) == 0 && rl.rlim_cur != RLIM_INFINITY)
         g.filemax = static_cast<int64_t>(rl.rlim_cur);
-    // Past the size limit a write must fail with EFBIG, not kill the process.
-    struct sigaction sa;
-    if (sigaction(SIGXFSZ, nullptr, &sa) == 0 && sa.sa_handler == SIG_DFL) signal(SIGXFSZ, SIG_IGN);
     g.pagesize = sysconf(_SC_PAGESIZE);
     if (g.pagesize <= 0) g.pagesize = 4096;
     g.fibsize = 0;
