@@ -213,6 +213,20 @@ rctype dadelef(const char* fileName);
 rctype darenmf(const char* from, const char* to);
 rctype datrncf(int fd, da_off_t size);
 rctype dafulln(const char* dir, const char* name, char* buf, int buflen);
+rctype daqylko(int fd, int flags, pid_t* owner);   // whole file
+// Directories: 0 when path is a directory we can use, else DA_NOTDIR,
+// DA_NOTFOUND or DA_ACCESS.
+rctype dackdir(const char* path);
+rctype dastdir(const char* path, struct stat* st);
+// A new private directory "vrta_XXXXXX" under parent; its path goes to out.
+rctype damktmpdir(const char* parent, char* out, int outlen);
+rctype darmdir(const char* path);
+// Directory listing: names one by one, 518 after the last; "." and ".." skipped.
+rctype dauopdir(const char* path, void** handle);
+rctype daurddir(void* handle, char* name, int namelen);
+rctype daucldir(void* handle);
+// First of paths that holds name; its full path to out and its index to *pathidx.
+rctype dafindf(const char* name, int numpath, const char* const* paths, char* out, int outlen, int* pathidx);
 // Map an errno of open or create to the layer's code.
 rctype daerrno(int err);
 

@@ -11,6 +11,7 @@
 #include <unistd.h>
 #include <sys/resource.h>
 #include <mutex>
+#include <dirent.h>
 #include "sda/dafdp.h"
 #include "hs/hs.h"
 #include "hs/hsgcb.h"
@@ -379,6 +380,60 @@ rctype daqylkor(int fd, int flags, da_off_t offset, da_off_t range, pid_t* owner
     if (_UIODT->fcntl(fd, F_GETLK, &flk) < 0) return DA_FCNTLFAIL;
     *owner = flk.l_type == F_UNLCK ? 0 : flk.l_pid;
     return 0;
+}
+
+rctype daqylko(int fd, int flags, pid_t* owner) { return daqylkor(fd, flags, 0, 0, owner); }
+
+rctype dastdir(const char* path, struct stat* st) {
+    if (_UIODT->stat(path, st) < 0) return daerrno(errno);
+    return S_ISDIR(st->st_mode) ? 0 : DA_NOTDIR;
+}
+
+rctype dackdir(const char* path) {
+    struct stat st;
+    rctype rc = dastdir(path, &st);
+    if (rc < 0) return rc;
+    return access(path, R_OK | X_OK) == 0 ? 0 : DA_ACCESS;
+}
+
+rctype damktmpdir(const char* parent, char* out, int outlen) {
+    if (dafulln(parent, "vrta_XXXXXX", out, outlen) < 0) return DA_BADARG;
+    return mkdtemp(out) ? 0 : daerrno(errno);
+}
+
+rctype darmdir(const char* path) { return rmdir(path) < 0 ? daerrno(errno) : 0; }
+
+rctype dauopdir(const char* path, void** handle) {
+    DIR* d = opendir(path);
+    if (!d) return daerrno(errno);
+    *handle = d;
+    return 0;
+}
+
+rctype daurddir(void* handle, char* name, int namelen) {
+    for (;;) {
+        errno = 0;
+        struct dirent* e = readdir(static_cast<DIR*>(handle));
+        if (!e) return errno ? DA_SYSERR : DA_EOF;
+        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+        if (static_cast<int>(strlen(e->d_name)) >= namelen) return DA_BADARG;
+        strcpy(name, e->d_name);
+        return 0;
+    }
+}
+
+rctype daucldir(void* handle) { return closedir(static_cast<DIR*>(handle)) < 0 ? DA_SYSERR : 0; }
+
+rctype dafindf(const char* name, int numpath, const char* const* paths, char* out, int outlen, int* pathidx) {
+    for (int i = 0; i < numpath; ++i) {
+        if (dafulln(paths[i], name, out, outlen) < 0) return DA_BADARG;
+        struct stat st;
+        if (_UIODT->stat(out, &st) == 0) {
+            if (pathidx) *pathidx = i;
+            return 0;
+        }
+    }
+    return DA_NOTFOUND;
 }
 
 rctype dastatf(const char* fileName, struct stat* st) {

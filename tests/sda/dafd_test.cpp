@@ -1,6 +1,7 @@
 // Logical files over partitions: edges, growth over paths, FIB room, crash
 // recovery and two processes sharing a file.
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <atomic>
 #include <thread>
 #include <cerrno>
@@ -957,4 +958,63 @@ TEST_F(FdTest, LockHoldsCountedAcrossOpeners) {
     b->fdclose(b);
     EXPECT_EQ(lockseen(p0), 0);
     a->fdclose(a);
+}
+
+// The plain helpers: open flags and their codes, whole-file locks seen from
+// another process, directory listing and search.
+TEST_F(FdTest, PlainFileHelpers) {
+    std::string f = tmp.file("plain");
+    int fd = -1;
+    EXPECT_EQ(daopenf(f.c_str(), 2, 0, &fd), DA_NOTFOUND);
+    ASSERT_EQ(daopenf(f.c_str(), 4, 0644, &fd), 0);
+    EXPECT_EQ(write(fd, "abc", 3), 3);
+    daclosf(fd);
+    EXPECT_EQ(daopenf(f.c_str(), 4, 0644, &fd), DA_EXISTS);
+    ASSERT_EQ(daopenf(f.c_str(), 4 | 0x1000, 0644, &fd), 0);  // create or truncate
+    struct stat st;
+    ASSERT_EQ(fstat(fd, &st), 0);
+    EXPECT_EQ(st.st_size, 0);
+    daclosf(fd);
+    ASSERT_EQ(daopenf(f.c_str(), 1 | 0x20, 0, &fd), 0);  // with a whole-file write lock
+    pid_t pid = fork();
+    if (pid == 0) {
+        int cfd = open(f.c_str(), O_RDWR);
+        pid_t owner = 0;
+        if (daqylko(cfd, 16, &owner) != 0 || owner != getppid()) _exit(1);
+        if (dalockf(cfd, 16) != DA_RDLOCKED) _exit(2);
+        if (dalockf(cfd, 32) != DA_WRLOCKED) _exit(3);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(daunlkf(fd), 0);
+    daclosf(fd);
+    EXPECT_EQ(dackdir(tmp.path().c_str()), 0);
+    EXPECT_EQ(dackdir(f.c_str()), DA_NOTDIR);
+    EXPECT_EQ(dackdir(tmp.file("nodir").c_str()), DA_NOTFOUND);
+    char sub[4096];
+    ASSERT_EQ(damktmpdir(tmp.path().c_str(), sub, sizeof sub), 0);
+    void* h = nullptr;
+    ASSERT_EQ(dauopdir(tmp.path().c_str(), &h), 0);
+    std::vector<std::string> names;
+    char nm[256];
+    rctype rc;
+    while ((rc = daurddir(h, nm, sizeof nm)) == 0) names.push_back(nm);
+    EXPECT_EQ(rc, DA_EOF);
+    daucldir(h);
+    std::sort(names.begin(), names.end());
+    ASSERT_EQ(names.size(), 2u);
+    EXPECT_EQ(names[0], "plain");
+    EXPECT_EQ(tmp.file(names[1]), sub);
+    const char* paths[] = {sub, tmp.path().c_str()};
+    char full[4096];
+    int pi = -1;
+    ASSERT_EQ(dafindf("plain", 2, paths, full, sizeof full, &pi), 0);
+    EXPECT_EQ(pi, 1);
+    EXPECT_EQ(dafindf("none", 2, paths, full, sizeof full, &pi), DA_NOTFOUND);
+    EXPECT_EQ(darmdir(sub), 0);
+    EXPECT_EQ(darenmf(f.c_str(), (f + "2").c_str()), 0);
+    EXPECT_EQ(dadelef((f + "2").c_str()), 0);
+    EXPECT_EQ(dadelef((f + "2").c_str()), DA_NOTFOUND);
 }
