@@ -1,0 +1,185 @@
+/* The direct access API: tables of a domain opened, read and written in the
+ * calling process, without a data server. Every handle is opaque (void*);
+ * every call returns 0, a warning above zero (518 end of file, ...) or an
+ * error below zero. An error from the storage layer comes back as 0x80010005
+ * with its text kept for vrtaerrtext.
+ *
+ * The usual sequence: splasgn a domain directory, vrtaopen (or vrtaupdate,
+ * or vrtacreate for a new table), spnewrd / spnewwr for cursors, spreadv /
+ * spwritev / spgetr, spfreerd / spfreeio, vrtaclose, spldeasgn.
+ *
+ * Plain C: a host may include it from C. */
+#ifndef VRTA_DIRECTAPI_H
+#define VRTA_DIRECTAPI_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define VRTA_API __attribute__((visibility("default")))
+
+/* A short name: a length and up to 32 bytes, blank padded. */
+typedef struct u_sname {
+    int16_t len;
+    char name[32];
+} u_sname;
+
+/* All of vrtainfo(fid, 2, buf). */
+typedef struct VRTAINFO {
+    char dstype[8];
+    int64_t numobs;
+    int64_t numdelete;
+    int64_t partsize;
+    int64_t partfactor;
+    int64_t idxsegsize;
+    int32_t numvar;
+    int32_t obslen;
+    int32_t blocksize;
+    int32_t blockfactor;
+    int32_t numindex;
+    char diskcomp[8]; /* exit name when compressed, else blanks */
+    char encrypt[8];  /* exit name when encrypted, else blanks */
+    int16_t label_l;
+    char label[256];
+} VRTAINFO;
+
+/* Selectors of vrtainfo and what ibuf receives. */
+#define VRTAINFO_OBSLEN 0         /* int32 */
+#define VRTAINFO_NUMOBS 1         /* int64 */
+#define VRTAINFO_ALL 2            /* VRTAINFO */
+#define VRTAINFO_NINDEXES 3       /* int32 */
+#define VRTAINFO_INDEXNAMES 4     /* one u_sname per index */
+#define VRTAINFO_MEMBER 5         /* u_sname */
+#define VRTAINFO_ENCODING 6       /* int32 encoding number */
+#define VRTAINFO_LOCALE 7         /* u_sname; len 0 when the table has none */
+#define VRTAINFO_FID 8            /* void*: the storage layer's open table */
+#define VRTAINFO_OBSLEN8 9        /* int32: row length + 8 */
+#define VRTAINFO_TRANSFERSIZE 10  /* int32 */
+#define VRTAINFO_TRANSFERFACTOR 11 /* int32 */
+#define VRTAINFO_VSTAT 12         /* int32: 1 when variable statistics are kept */
+#define VRTAINFO_OFLAGS 13        /* int32: the open flags */
+
+/* A column as the storage layer keeps it. The first 76 bytes are the column's
+ * disk form; the names behind them are not terminated (use the lengths). */
+#pragma pack(push, 1)
+typedef struct VRTA_NAME7 {
+    int32_t npos, npos2, nipos, nvar0, nlng, nlng2;
+    uint32_t nprec;
+    int32_t flags;
+    int32_t namepid, labelpid, nformpid, niformpid;
+    int16_t name_l, label_l, nform_l, niform_l, nfl, nfd, nifl, nifd, nscale;
+    uint16_t ntattr;
+    int8_t type; /* 1 numeric, 2 character */
+    int8_t subtype, sort, justify, ntype2;
+    uint8_t pad[3];
+} VRTA_NAME7;
+#pragma pack(pop)
+typedef struct VRTA_NAMESTR {
+    VRTA_NAME7 n7;
+    char* name;
+    char* label;
+    char* nform;
+    char* niform;
+    void* minptr;
+    void* maxptr;
+    int32_t minmaxpid;
+} VRTA_NAMESTR;
+
+/* vrtaopen oflags. */
+#define VRTA_OTRANSCODE 1 /* transcode character columns to the client's encoding */
+#define VRTA_ODYNAMIC 2   /* another process may update the table between calls */
+
+/* spnewwr flags. */
+#define VRTA_WSHARELOCK 1 /* the cursor shares the updater's lock */
+
+/* Error codes of the API itself. */
+#define VRTA_RC_WRAPPED ((int)0x80010005) /* text in vrtaerrtext */
+#define VRTA_RC_NOMEM ((int)0x80000407)
+#define VRTA_RC_BADARG ((int)0x80000220)
+#define VRTA_RC_BADVAR ((int)0x8001000e)
+#define VRTA_RC_TRANSCODE ((int)0x80000417)
+#define VRTA_RC_EOF 518
+
+/* Domains. */
+VRTA_API int splasgn(const char* physpath, void** newlib);
+VRTA_API int spldeasgn(void* vlib);
+
+/* Tables. ekey: the encryption key, up to 12 characters, or null. client_cei
+ * below 1 reads in the table's own encoding; client_locale_l below 0 means
+ * strlen. */
+VRTA_API int vrtaopen(void* vlib, const char* dsname, int dsnamelen, const char* dstype, int gennum,
+                      const char* ekey, int client_cei, const char* client_locale, int client_locale_l,
+                      int oflags, void** newfid);
+VRTA_API int vrtaupdate(void* vlib, const char* dsname, int dsnamelen, const char* dstype, const char* ekey,
+                        int client_cei, const char* client_locale, int client_locale_l, int oflags,
+                        void** newfid);
+VRTA_API int vrtaclose(void* vfid);
+VRTA_API int vrtainfo(void* vfid, int which, void* ibuf);
+VRTA_API int vrtagetnpp(void* vfid, int nvar0, VRTA_NAMESTR** npp);
+VRTA_API int vrtagrow(void* vfid, int64_t numadd);
+
+/* Creating a table. The columns lie in the row in the order given; a
+ * numeric column is a double of 8 bytes, or its high 2..7 bytes. compress
+ * and encrypt name an exit (built in, or a module on VRTA_LIBRARY_PATH); a
+ * table takes one exit, so naming both asks one exit to do both. The new
+ * table is open for output: write it through spnewwr, and vrtaclose commits
+ * it. A table that cannot be made leaves nothing behind. */
+typedef struct VRTACOLDEF {
+    const char* name;
+    int name_l; /* below 0: strlen */
+    const char* label;
+    int label_l;
+    int type;   /* 1 numeric, 2 character */
+    int length; /* bytes */
+} VRTACOLDEF;
+typedef struct VRTACREATE {
+    int ncols;
+    const VRTACOLDEF* cols;
+    int blocksize;        /* 0: 8192 */
+    int64_t partsize;     /* bytes per data partition, 0: one file */
+    const char* compress; /* exit name, or null */
+    const char* encrypt;  /* exit name, or null */
+    const char* ekey;     /* key of an encrypted table, up to 12 characters */
+    int encoding_cei;     /* 0: 20 (UTF-8) */
+    const char* locale;   /* null: "en_US" */
+    const char* label;    /* null: none */
+} VRTACREATE;
+VRTA_API int vrtacreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, void** newfid);
+
+/* Members of a domain: deletion and listing. */
+VRTA_API int spdelete(void* vlib, const char* dsname, int dsnamelen);
+VRTA_API int spopendir(void* vlib, void** newdir);
+/* 0 and the next table's name (NUL-terminated, upper case, room 33), 518 at the end. */
+VRTA_API int spreaddir(void* vdir, char* name, int* namelen);
+VRTA_API int spclosedir(void* vdir);
+/* Partition pno (from 0) of the data file (which 0) or metadata file (1):
+ * its full path and bytes. 518 past the last. */
+VRTA_API int vrtapartinfo(void* vfid, int which, int pno, char* path, int pathlen, int64_t* size);
+
+/* Cursors. */
+VRTA_API int spnewrd(void* vfid, long bufsize, void* iobuf, void** newiocb);
+VRTA_API int spnewwr(void* vfid, long bufsize, void* iobuf, int flags, void** newiocb);
+VRTA_API int spfreerd(void* viocb);
+VRTA_API int spfreeio(void* viocb);
+VRTA_API int spsetloc(void* viocb, int64_t obsnum);
+VRTA_API int64_t spcurloc(void* viocb);
+VRTA_API int spreadv(void* viocb, long* numobs, void** bufp, int64_t** obsvec);
+VRTA_API int spwritev(void* viocb, long numobs);
+VRTA_API int spgetr(void* viocb, int64_t obsnum, void** bufp);
+VRTA_API int spsetrd(void* viocb, long bufsize, void* iobuf);
+
+/* Files the text "Member=<mem> Reason=<text of rc>" for vrtaerrtext and
+ * returns VRTA_RC_WRAPPED. */
+VRTA_API int MakeError(const u_sname* mem, int rc);
+
+/* The text of a code; for VRTA_RC_WRAPPED the text kept by the failing call.
+ * Returns its length; the text is cut to fit and always terminated. */
+VRTA_API int vrtaerrtext(int rc, char* buf, int buflen);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
