@@ -284,3 +284,70 @@ TEST(PlainCursor, MappedReadAndBufferHelpers) {
     ASSERT_EQ(0, darclos(fp));
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+TEST(PlainCursor, EncodedAndTransferRowsRoundTrip) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = lifetest::assign(tmp.path());
+    struct Form {
+        const char* name;
+        int semtype;
+        int32_t transfersize;
+    } forms[] = {{"enc", DA_SEMZCRYPT, 0}, {"xfer", DA_SEMDATA, 256}};
+    for (const Form& f : forms) {
+        SCOPED_TRACE(f.name);
+        DA_OPNSTR o = lifetest::request(f.name, DA_OMOUTPUT);
+        o.semtype = f.semtype;
+        o.transfersize = f.transfersize;
+        o.partsize = 2000;
+        DA_FID* fp = nullptr;
+        ASSERT_EQ(0, daopen(lp, &o, &fp));
+        auto cols = lifetest::columns();
+        ASSERT_EQ(0, fp->mt->defvars(fp, 2, cols.data()));
+        if (f.semtype == DA_SEMZCRYPT) EXPECT_EQ((ROWLEN + 5) / 3 * 4, fp->xoehdr->odsreclen);
+        else EXPECT_EQ(12, fp->xoehdr->transferfactor);
+        {
+            Cur w(fp, DA_IOMBYROW, 100);
+            ASSERT_EQ(0, w.write(1, 5, 0));
+            ASSERT_EQ(0, w.write(6, 100, 1));
+            ASSERT_EQ(0, w.write(106, 30, 0));
+        }
+        ASSERT_EQ(0, darclos(fp));
+        // The row text is not in the data file as it stands.
+        std::string all;
+        DIR* d = opendir(tmp.path().c_str());
+        while (dirent* e = readdir(d))
+            if (strncmp(e->d_name, f.name, strlen(f.name)) == 0 && strstr(e->d_name, ".dpf"))
+                all += vrtatest::readFile(tmp.file(e->d_name));
+        closedir(d);
+        char row[ROWLEN];
+        makerow(3, 0, row);
+        bool clear = all.find(std::string(row + 8, 12)) != std::string::npos;
+        EXPECT_EQ(f.semtype != DA_SEMZCRYPT, clear);
+
+        o = lifetest::request(f.name, DA_OMUPDATE);
+        ASSERT_EQ(0, daopen(lp, &o, &fp));
+        {
+            Cur u(fp, DA_IOMBYROW | DA_IOMRANDOM, 40);
+            ASSERT_EQ(0, u.write(10, 20, 2, 10));
+            ASSERT_EQ(0, u.write(130, 10, 2, 130));
+        }
+        ASSERT_EQ(0, darclos(fp));
+        o = lifetest::request(f.name, DA_OMINPUT);
+        ASSERT_EQ(0, daopen(lp, &o, &fp));
+        EXPECT_EQ(139, fp->xoehdr->numobs);
+        {
+            Cur r(fp, DA_IOMBYROW, 13, 3);
+            hs_obsno_t next = 1;
+            while (r.read(3) == 0) {
+                for (int b = 0; b <= r.c->bfi; ++b)
+                    for (long i = 0; i < r.iob[b].numobs; ++i, ++next) {
+                        uint32_t v = next >= 10 && next < 30 ? 2 : next >= 130 ? 2 : next <= 5 || next >= 106 ? 0 : 1;
+                        ASSERT_TRUE(rowis(r.row(b, i), next, v)) << next;
+                    }
+            }
+            EXPECT_EQ(140, next);
+        }
+        ASSERT_EQ(0, darclos(fp));
+    }
+    EXPECT_EQ(0, dafrlib(lp));
+}
