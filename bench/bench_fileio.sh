@@ -26,25 +26,32 @@ secs() { echo "$2 - $1" | bc -l; }
 field() { sed -n "s/.*$1=\([0-9.]*\).*/\1/p"; }
 
 # Writes: three rounds, the order of the two sides alternating, best of
-# three for each. On a virtual machine the first touch of fresh memory and
-# the writeback of the previous round weigh more than either program.
+# three for each. Every timed write starts from the same state, with both
+# sides' files gone: on a virtual machine the reuse of just-freed page cache
+# against fresh memory weighs more than either program.
 half=$((size_mib / 2))
 dd_w=999999
 fd_w=999999
 have_fd=0
-run_dd() {
+clean() {
     rm -f "$work/p1/plain" "$work/p2/plain"
+    if [ $have_fd = 1 ]; then "$prog" delete "$size" 4 $bufsize "$work/p1" "$work/p2"; have_fd=0; fi
     sync
-    t0=$(now)
+}
+write_dd() {
     dd if=/dev/zero of="$work/p1/plain" bs=$bufsize count=$half status=none
     dd if=/dev/zero of="$work/p2/plain" bs=$bufsize count=$((size_mib - half)) status=none
+}
+run_dd() {
+    clean
+    t0=$(now)
+    write_dd
     t1=$(now)
     t=$(secs "$t0" "$t1")
     if [ "$(echo "$t < $dd_w" | bc)" = 1 ]; then dd_w=$t; fi
 }
 run_fd() {
-    if [ $have_fd = 1 ]; then "$prog" delete "$size" 4 $bufsize "$work/p1" "$work/p2"; fi
-    sync
+    clean
     t0=$(now)
     out=$("$prog" write "$size" 4 $bufsize "$work/p1" "$work/p2")
     t1=$(now)
@@ -56,6 +63,11 @@ run_fd; run_dd
 run_dd; run_fd
 run_fd; run_dd
 echo "$out"
+# Both sides' files for the reads.
+clean
+write_dd
+"$prog" write "$size" 4 $bufsize "$work/p1" "$work/p2" >/dev/null
+have_fd=1
 
 # Warm the cache for both, then time the reads.
 cat "$work/p1/plain" "$work/p2/plain" >/dev/null
