@@ -655,6 +655,33 @@ rctype create(DA_FDP* fdp, DA_FDSTR* fstr) {
 
 void dafdsmt(DA_FDP* fdp);
 
+namespace {
+
+// The key of a shared block: the first partition's path, or the FIB's place in the MDF.
+void mkkey(DA_FDP* fdp, const char* nm, da_off_t fiboff, char* key, size_t len) {
+    if (fdp->flags & DA_FDINDIRECT) {
+        snprintf(key, len, "%s@%lld:%s", fdp->mdfd->fdb->fullname, static_cast<long long>(fiboff), nm);
+    } else {
+        char pn[1100];
+        snprintf(pn, sizeof pn, "%s.0.0.0.%s", nm, suffixof(fdp->flags));
+        dafulln(fdp->paths[0], pn, key, static_cast<int>(len));
+    }
+}
+
+rctype setkey(DA_FDP* fdp) {
+    DA_FDB* fdb = fdp->fdb;
+    char key[4096];
+    mkkey(fdp, fdb->name, fdb->fiboff, key, sizeof key);
+    char* k = fdstrdup(key);
+    if (!k) return DA_NOMEM;
+    fdstrfree(fdb->fullname);
+    fdb->fullname = k;
+    fdb->fullname_l = static_cast<int>(strlen(k));
+    return 0;
+}
+
+}  // namespace
+
 rctype dafdopn(DA_FDSTR* fstr, DA_FD** fdout) {
     daioini();
     *fdout = nullptr;
@@ -700,18 +727,11 @@ rctype dafdopn(DA_FDSTR* fstr, DA_FD** fdout) {
     }
     flags = fdp->flags;
 
-    // The key of a shared block: the first partition's path, or the FIB's place in the MDF.
     char key[4096];
     {
         char nm[1024];
         snprintf(nm, sizeof nm, "%.*s", fstr->namelen, fstr->name);
-        if (flags & DA_FDINDIRECT)
-            snprintf(key, sizeof key, "%s@%lld:%s", fdp->mdfd->fdb->fullname, static_cast<long long>(fstr->fiboff), nm);
-        else {
-            char pn[1100];
-            snprintf(pn, sizeof pn, "%s.0.0.0.%s", nm, suffixof(flags));
-            dafulln(fdp->paths[0], pn, key, sizeof key);
-        }
+        mkkey(fdp, nm, fstr->fiboff, key, sizeof key);
     }
     bool shared = (flags & DA_FDSHARED) && !(flags & DA_FDCREATE);
     if (flags & DA_FDSHARED) fdblock();
@@ -754,6 +774,8 @@ rctype dafdopn(DA_FDSTR* fstr, DA_FD** fdout) {
     if (rc == 0) {
         if (flags & DA_FDCREATE) {
             rc = create(fdp, fstr);
+            // An indirect file's place in the MDF is known only now.
+            if (rc == 0 && (flags & DA_FDINDIRECT)) rc = setkey(fdp);
             if (rc < 0 && fdb->numpcb > 0) {
                 // Take back what a failed create left behind.
                 while (fdb->numpcb > 0) dadelfp(fdp, fdb->numpcb - 1, 0);
@@ -913,6 +935,9 @@ rctype dafdren(DA_FD* fd, da_off_t, const char* newname, int newlen) {
     fdb->name = nn;
     fdstrfree(oldname);
     fdb->fib->namelen = newlen;
+    if (fdb->flags & DA_FDSHARED) fdblock();
+    setkey(fdp);
+    if (fdb->flags & DA_FDSHARED) fdbunlock();
     rctype rc = dawrfibp(fdp);
     return first ? first : rc;
 }

@@ -777,6 +777,27 @@ TEST_F(FdTest, SharedBlockAndMapping) {
     EXPECT_EQ(r1->fdcntl(r1, DA_FDSETSTRIPE, nullptr), DA_BADCNTL);
     r1->fdclose(r1);
     EXPECT_EQ(fdpof(r2)->fdb->refcount, 1);
+
+    // Renamed, the block is found under its new name; a shared indirect file
+    // made here is found by its place in the MDF.
+    ASSERT_EQ(r2->fdrename(r2, -1, "m2.mdf", 6), 0);
+    Opener s3("m2.mdf", {a, b}, DA_FDRDONLY | DA_FDSHARED);
+    DA_FD* r3 = nullptr;
+    ASSERT_EQ(s3.open(&r3), 0);
+    EXPECT_EQ(fdpof(r3)->fdb, fdpof(r2)->fdb);
+    Opener c("m2.dpf", {a}, DA_FDCREATE | DA_FDINDIRECT | DA_FDSHARED);
+    c.s.mdfd = r2;
+    DA_FD* d1 = nullptr;
+    ASSERT_EQ(c.open(&d1), 0);
+    Opener c2("m2.dpf", {a}, DA_FDINDIRECT | DA_FDSHARED);
+    c2.s.mdfd = r2;
+    c2.s.fiboff = c.s.fiboff;
+    DA_FD* d2 = nullptr;
+    ASSERT_EQ(c2.open(&d2), 0);
+    EXPECT_EQ(fdpof(d1)->fdb, fdpof(d2)->fdb);
+    d2->fdclose(d2);
+    d1->fdclose(d1);
+    r3->fdclose(r3);
     r2->fdclose(r2);
 }
 
