@@ -1,0 +1,218 @@
+#include "apiload.h"
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <cctype>
+
+#include "vrta.h"
+
+namespace vrtacli {
+
+namespace {
+
+bool readable(const std::string& p) { return access(p.c_str(), R_OK) == 0; }
+
+// VRTA_LIB wins; then beside the program; then the build directory.
+std::string modulePath() {
+    if (const char* env = std::getenv("VRTA_LIB"); env && *env) return env;
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n > 0) {
+        self[n] = 0;
+        std::string dir(self);
+        dir.resize(dir.rfind('/'));
+        for (const char* rel : {"/libvrta.so", "/../libvrta.so", "/../lib/libvrta.so"})
+            if (readable(dir + rel)) return dir + rel;
+    }
+    return std::string(VRTA_LIBDIR) + "/libvrta.so";
+}
+
+DirectApi* loadApi() {
+    std::string path = modulePath();
+    void* h = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!h) {
+        fail(std::string("cannot load the module: ") + dlerror());
+        return nullptr;
+    }
+    auto* api = new DirectApi;
+    bool ok = true;
+    auto get = [&](auto& slot, const char* name) {
+        slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(dlsym(h, name));
+        if (!slot) {
+            fail("the module " + path + " has no entry " + name);
+            ok = false;
+        }
+    };
+#define VRTA_GET(n) get(api->n, #n);
+    VRTA_GET(splasgn) VRTA_GET(spldeasgn) VRTA_GET(vrtaopen) VRTA_GET(vrtaclose) VRTA_GET(vrtainfo)
+    VRTA_GET(vrtagetnpp) VRTA_GET(vrtacreate) VRTA_GET(vrtapartinfo) VRTA_GET(spdelete) VRTA_GET(spopendir)
+    VRTA_GET(spreaddir) VRTA_GET(spclosedir) VRTA_GET(spnewrd) VRTA_GET(spnewwr) VRTA_GET(spfreerd)
+    VRTA_GET(spfreeio) VRTA_GET(spsetloc) VRTA_GET(spreadv) VRTA_GET(spwritev) VRTA_GET(vrtaerrtext)
+#undef VRTA_GET
+    if (!ok) {
+        delete api;
+        return nullptr;
+    }
+    return api;
+}
+
+}  // namespace
+
+std::string DirectApi::text(int rc) const {
+    char buf[512];
+    vrtaerrtext(rc, buf, sizeof buf);
+    char code[32];
+    std::snprintf(code, sizeof code, " (0x%08x)", static_cast<unsigned>(rc));
+    std::string t = buf;
+    if (t.empty() || t.find("MESSAGE NOT FOUND") != std::string::npos) t = "error";
+    // A wrapped code says nothing its text does not.
+    return rc == VRTA_RC_WRAPPED && t != "error" ? t : t + code;
+}
+
+const DirectApi* directApi() {
+    static DirectApi* api = loadApi();
+    return api;
+}
+
+FILE* commandOutput() {
+    static FILE* out = [] {
+        std::fflush(stdout);
+        int fd = dup(1);
+        if (fd < 0) return stdout;
+        dup2(2, 1);
+        FILE* f = fdopen(fd, "w");
+        return f ? f : stdout;
+    }();
+    return out;
+}
+
+Domain::~Domain() {
+    if (lib) api->spldeasgn(lib);
+}
+
+int Domain::assign(const std::string& dir) {
+    api = directApi();
+    if (!api) return 1;
+    struct stat st;
+    if (stat(dir.c_str(), &st) != 0) return fail("domain directory '" + dir + "' does not exist");
+    if (!S_ISDIR(st.st_mode)) return fail("'" + dir + "' is not a directory");
+    int rc = api->splasgn(dir.c_str(), &lib);
+    if (rc < 0) {
+        lib = nullptr;
+        return fail("cannot assign the domain '" + dir + "': " + api->text(rc));
+    }
+    return 0;
+}
+
+OpenTable::~OpenTable() {
+    if (fid) api->vrtaclose(fid);
+}
+
+std::vector<std::string> tableNames(const Domain& d) {
+    std::vector<std::string> names;
+    void* dh = nullptr;
+    if (d.api->spopendir(d.lib, &dh) != 0) return names;
+    char nm[33];
+    int nl = 0;
+    while (d.api->spreaddir(dh, nm, &nl) == 0) names.emplace_back(nm, nl);
+    d.api->spclosedir(dh);
+    return names;
+}
+
+bool hasTable(const Domain& d, const std::string& name) {
+    std::string u = name;
+    for (char& c : u) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    for (const std::string& n : tableNames(d))
+        if (n == u) return true;
+    return false;
+}
+
+int OpenTable::open(const Domain& d, const std::string& name, const std::string& key) {
+    api = d.api;
+    if (!validName(name)) return fail("'" + name + "' is not a table name (1 to 32 letters, digits or _)");
+    if (!hasTable(d, name)) return fail("no table '" + name + "' in the domain");
+    int rc = api->vrtaopen(d.lib, name.c_str(), static_cast<int>(name.size()), nullptr, 0,
+                           key.empty() ? nullptr : key.c_str(), 0, nullptr, -1, 0, &fid);
+    if (rc < 0) {
+        fid = nullptr;
+        return fail("cannot open the table '" + name + "': " + api->text(rc));
+    }
+    return 0;
+}
+
+std::vector<ColInfo> columns(const OpenTable& t) {
+    std::vector<ColInfo> cols;
+    VRTAINFO vi;
+    if (t.api->vrtainfo(t.fid, VRTAINFO_ALL, &vi) != 0) return cols;
+    for (int i = 1; i <= vi.numvar; ++i) {
+        VRTA_NAMESTR* np = nullptr;
+        if (t.api->vrtagetnpp(t.fid, i, &np) != 0) break;
+        ColInfo c;
+        if (np->name) c.name.assign(np->name, np->n7.name_l);
+        if (np->label && np->n7.label_l > 0) c.label.assign(np->label, np->n7.label_l);
+        c.type = np->n7.type;
+        c.pos = np->n7.npos;
+        c.len = np->n7.nlng;
+        cols.push_back(c);
+    }
+    return cols;
+}
+
+std::string cellText(const ColInfo& c, const unsigned char* row) {
+    const unsigned char* p = row + c.pos;
+    if (c.type != 1) {
+        int n = c.len;
+        while (n > 0 && (p[n - 1] == ' ' || p[n - 1] == 0)) --n;
+        return std::string(reinterpret_cast<const char*>(p), n);
+    }
+    // A short number holds the high bytes of the double.
+    unsigned char b[8] = {0};
+    int n = c.len > 8 ? 8 : c.len;
+    std::memcpy(b + 8 - n, p, n);
+    if (isMissing(b)) return "";
+    double d;
+    std::memcpy(&d, b, 8);
+    return formatNumber(d);
+}
+
+bool validName(const std::string& name) {
+    if (name.empty() || name.size() > 32) return false;
+    if (std::isdigit(static_cast<unsigned char>(name[0]))) return false;
+    for (char c : name)
+        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_') return false;
+    return true;
+}
+
+bool isMissing(const unsigned char* p) {
+    uint64_t u;
+    std::memcpy(&u, p, 8);
+    return (u >> 48) == 0xffff;
+}
+
+void putMissing(unsigned char* p) {
+    // The ordinary missing value: its rank byte is the complement of '.'.
+    uint64_t u = 0xffff000000d10000ULL;
+    std::memcpy(p, &u, 8);
+}
+
+std::string formatNumber(double v) {
+    char buf[64];
+    std::to_chars_result r;
+    if (std::fabs(v) < 1e15 && v == std::trunc(v))
+        r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed);
+    else
+        r = std::to_chars(buf, buf + sizeof buf, v);
+    std::string s(buf, r.ptr);
+    if (s == "-0") s = "0";
+    return s;
+}
+
+}  // namespace vrtacli

@@ -1,0 +1,102 @@
+// vrta describe: what a table is made of.
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "apiload.h"
+#include "vrta.h"
+
+namespace vrtacli {
+namespace {
+
+std::string exitName(const char* n) {
+    std::string s(n, 8);
+    while (!s.empty() && (s.back() == ' ' || s.back() == 0)) s.pop_back();
+    return s.empty() ? "none" : s;
+}
+
+int run(const std::vector<std::string>& args) {
+    std::string key;
+    std::vector<std::string> pos;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--key" && i + 1 < args.size()) key = args[++i];
+        else if (args[i].size() > 1 && args[i][0] == '-') return fail("describe: unknown option '" + args[i] + "'", 2);
+        else pos.push_back(args[i]);
+    }
+    if (pos.size() != 2) return fail("describe: needs DOMAIN_DIR TABLE (try --help)", 2);
+    Domain dom;
+    if (int st = dom.assign(pos[0])) return st;
+    OpenTable t;
+    if (int st = t.open(dom, pos[1], key)) return st;
+    const DirectApi* api = dom.api;
+    VRTAINFO vi;
+    int rc = api->vrtainfo(t.fid, VRTAINFO_ALL, &vi);
+    if (rc != 0) return fail("describe: " + api->text(rc));
+    u_sname mem{}, loc{};
+    api->vrtainfo(t.fid, VRTAINFO_MEMBER, &mem);
+    api->vrtainfo(t.fid, VRTAINFO_LOCALE, &loc);
+    int32_t cei = 0;
+    api->vrtainfo(t.fid, VRTAINFO_ENCODING, &cei);
+
+    FILE* out = commandOutput();
+    std::fprintf(out, "table:         %.*s\n", mem.len, mem.name);
+    std::fprintf(out, "domain:        %s\n", pos[0].c_str());
+    if (vi.label_l > 0) std::fprintf(out, "label:         %.*s\n", vi.label_l, vi.label);
+    std::fprintf(out, "rows:          %lld\n", static_cast<long long>(vi.numobs));
+    std::fprintf(out, "deleted rows:  %lld\n", static_cast<long long>(vi.numdelete));
+    std::fprintf(out, "row length:    %d bytes\n", vi.obslen);
+    std::fprintf(out, "block size:    %d bytes\n", vi.blocksize);
+    std::fprintf(out, "block factor:  %d rows\n", vi.blockfactor);
+    if (vi.partfactor > 0)
+        std::fprintf(out, "partition:     %lld rows, %lld bytes\n", static_cast<long long>(vi.partfactor),
+                     static_cast<long long>(vi.partsize));
+    else
+        std::fprintf(out, "partition:     unlimited\n");
+    std::fprintf(out, "segment:       %lld rows\n", static_cast<long long>(vi.idxsegsize));
+    std::fprintf(out, "encoding:      %d, locale %.*s\n", cei, loc.len, loc.name);
+    std::fprintf(out, "compression:   %s\n", exitName(vi.diskcomp).c_str());
+    std::fprintf(out, "encryption:    %s\n", exitName(vi.encrypt).c_str());
+    std::fprintf(out, "indexes:       %d\n", vi.numindex);
+
+    std::vector<ColInfo> cols = columns(t);
+    size_t wn = 4;
+    for (const ColInfo& c : cols) wn = std::max(wn, c.name.size());
+    std::fprintf(out, "\ncolumns: %zu\n", cols.size());
+    std::fprintf(out, "  %3s  %-*s  %-11s  %8s  %6s  %s\n", "#", static_cast<int>(wn), "NAME", "TYPE", "POSITION",
+                 "LENGTH", "LABEL");
+    for (size_t i = 0; i < cols.size(); ++i) {
+        const ColInfo& c = cols[i];
+        std::string type = c.type == 1 ? "num" : "char(" + std::to_string(c.len) + ")";
+        char line[512];
+        std::snprintf(line, sizeof line, "  %3zu  %-*s  %-11s  %8d  %6d  %s", i + 1, static_cast<int>(wn), c.name.c_str(),
+                      type.c_str(), c.pos, c.len, c.label.c_str());
+        std::string l = line;
+        while (!l.empty() && l.back() == ' ') l.pop_back();
+        std::fprintf(out, "%s\n", l.c_str());
+    }
+
+    std::fprintf(out, "\nfiles:\n");
+    for (int which : {1, 0}) {
+        for (int p = 0;; ++p) {
+            char path[1024];
+            int64_t sz = 0;
+            if (api->vrtapartinfo(t.fid, which, p, path, sizeof path, &sz) != 0) break;
+            std::fprintf(out, "  %-8s %2d  %12lld  %s\n", which ? "metadata" : "data", p, static_cast<long long>(sz),
+                         path);
+        }
+    }
+    std::fflush(out);
+    return 0;
+}
+
+Register reg({"describe", "show a table's columns, rows, blocks, partitions, files and exits",
+              "usage: vrta describe DOMAIN_DIR TABLE [--key KEY]\n"
+              "\n"
+              "Shows the table's rows and deleted rows, row length, block size and factor,\n"
+              "partitioning, encoding, compression and encryption exits, its columns, and\n"
+              "every file with its size. An encrypted table needs its KEY.\n",
+              run});
+
+}  // namespace
+}  // namespace vrtacli

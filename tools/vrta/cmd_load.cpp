@@ -1,0 +1,360 @@
+// vrta load: a table made from a CSV file through the direct access API.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "apiload.h"
+#include "csv.h"
+#include "vrta.h"
+
+namespace vrtacli {
+namespace {
+
+constexpr int MAXCHAR = 32767;
+constexpr long ROWS_PER_WRITE = 4096;
+
+struct Column {
+    std::string name;
+    int type = 0;       // 0 to infer, 1 number, 2 character
+    int length = 0;     // character width; 0 to infer
+    bool numeric = true;    // what the scan found
+    bool anyvalue = false;
+    size_t widest = 0;
+};
+
+std::string upper(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return s;
+}
+
+std::string trimmed(const std::string& s) {
+    size_t a = s.find_first_not_of(' '), b = s.find_last_not_of(' ');
+    return a == std::string::npos ? std::string() : s.substr(a, b - a + 1);
+}
+
+// Digits with an optional sign, point and exponent: what a number column takes.
+bool parseNumber(const std::string& text, double* v) {
+    std::string s = trimmed(text);
+    size_t i = 0, n = s.size();
+    if (i < n && (s[i] == '+' || s[i] == '-')) ++i;
+    size_t digits = 0;
+    while (i < n && std::isdigit(static_cast<unsigned char>(s[i]))) ++i, ++digits;
+    if (i < n && s[i] == '.') {
+        ++i;
+        while (i < n && std::isdigit(static_cast<unsigned char>(s[i]))) ++i, ++digits;
+    }
+    if (digits == 0) return false;
+    if (i < n && (s[i] == 'e' || s[i] == 'E')) {
+        ++i;
+        if (i < n && (s[i] == '+' || s[i] == '-')) ++i;
+        size_t ed = 0;
+        while (i < n && std::isdigit(static_cast<unsigned char>(s[i]))) ++i, ++ed;
+        if (ed == 0) return false;
+    }
+    if (i != n) return false;
+    errno = 0;
+    double d = std::strtod(s.c_str(), nullptr);
+    if (!std::isfinite(d)) return false;
+    *v = d;
+    return true;
+}
+
+// "id:num,name:char(20),note:char" into the columns named.
+int applyTypes(const std::string& spec, std::vector<Column>& cols) {
+    size_t start = 0;
+    while (start <= spec.size()) {
+        size_t end = spec.find(',', start);
+        if (end == std::string::npos) end = spec.size();
+        std::string item = spec.substr(start, end - start);
+        start = end + 1;
+        if (item.empty()) {
+            if (end == spec.size()) break;
+            return fail("--types: an empty item in '" + spec + "'", 2);
+        }
+        size_t colon = item.find(':');
+        if (colon == std::string::npos) return fail("--types: '" + item + "' is not NAME:TYPE", 2);
+        std::string name = item.substr(0, colon), type = item.substr(colon + 1);
+        auto it = std::find_if(cols.begin(), cols.end(), [&](const Column& c) { return upper(c.name) == upper(name); });
+        if (it == cols.end()) return fail("--types: the file has no column '" + name + "'", 2);
+        std::string t = type;
+        for (char& c : t) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        if (t == "num") {
+            it->type = 1;
+        } else if (t == "char") {
+            it->type = 2;
+        } else if (t.rfind("char(", 0) == 0 && t.back() == ')') {
+            std::string w = t.substr(5, t.size() - 6);
+            char* e = nullptr;
+            long n = std::strtol(w.c_str(), &e, 10);
+            if (w.empty() || *e || n < 1 || n > MAXCHAR)
+                return fail("--types: the width in '" + item + "' must be 1 to " + std::to_string(MAXCHAR), 2);
+            it->type = 2;
+            it->length = static_cast<int>(n);
+        } else {
+            return fail("--types: unknown type '" + type + "' (num, char or char(N))", 2);
+        }
+        if (end == spec.size()) break;
+    }
+    return 0;
+}
+
+int mkdirs(const std::string& dir) {
+    struct stat st;
+    if (stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+    size_t slash = dir.find_last_of('/');
+    if (slash != std::string::npos && slash > 0) {
+        int e = mkdirs(dir.substr(0, slash));
+        if (e) return e;
+    }
+    if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) return errno;
+    return 0;
+}
+
+// A bar on standard error, only when it is a terminal.
+struct Progress {
+    bool on = isatty(2);
+    uint64_t total = 0;
+    int shown = -1;
+    std::string what;
+    void show(uint64_t done, long rows) {
+        if (!on || total == 0) return;
+        int pct = static_cast<int>(done * 100 / total);
+        if (pct == shown) return;
+        shown = pct;
+        int w = pct / 4;
+        std::fprintf(stderr, "\r%s [%.*s%*s] %3d%%  %ld rows", what.c_str(), w, "#########################", 25 - w, "",
+                     pct, rows);
+        std::fflush(stderr);
+    }
+    void done() {
+        if (on && shown >= 0) std::fprintf(stderr, "\r\033[K");
+        shown = -1;
+    }
+};
+
+std::string where(const std::string& file, long line) { return file + ":" + std::to_string(line) + ": "; }
+
+int run(const std::vector<std::string>& args) {
+    std::vector<std::string> pos;
+    std::string compress, encrypt, key, types;
+    bool haskey = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        auto value = [&](std::string& out) {
+            if (i + 1 >= args.size()) return false;
+            out = args[++i];
+            return true;
+        };
+        if (a == "--compress") {
+            if (!value(compress)) return fail("load: --compress needs an exit name", 2);
+        } else if (a == "--encrypt") {
+            if (!value(encrypt)) return fail("load: --encrypt needs an exit name", 2);
+        } else if (a == "--key") {
+            if (!value(key)) return fail("load: --key needs a value", 2);
+            haskey = true;
+        } else if (a == "--types") {
+            if (!value(types)) return fail("load: --types needs a list like id:num,name:char(20)", 2);
+        } else if (a.size() > 1 && a[0] == '-' && a != "-") {
+            return fail("load: unknown option '" + a + "' (try --help)", 2);
+        } else {
+            pos.push_back(a);
+        }
+    }
+    if (pos.size() != 3) return fail("load: needs DOMAIN_DIR TABLE FILE.csv (try --help)", 2);
+    const std::string &dir = pos[0], &table = pos[1], &file = pos[2];
+    if (!validName(table)) return fail("load: '" + table + "' is not a table name (1 to 32 letters, digits or _)", 2);
+    for (const std::string* x : {&compress, &encrypt})
+        if (!x->empty() && (x->size() > 8 || x->find('/') != std::string::npos))
+            return fail("load: '" + *x + "' is not an exit name (up to 8 characters)", 2);
+    if (!encrypt.empty() && !haskey) return fail("load: --encrypt needs --key", 2);
+    if (haskey && encrypt.empty()) return fail("load: --key is only for --encrypt", 2);
+    if (haskey && (key.empty() || key.size() > 12)) return fail("load: the key must be 1 to 12 characters", 2);
+    if (!compress.empty() && !encrypt.empty() && upper(compress) != upper(encrypt))
+        return fail("load: a table takes one exit; --compress and --encrypt name different ones", 2);
+
+    FILE* f = std::fopen(file.c_str(), "rb");
+    if (!f) return fail("load: cannot open " + file + ": " + std::strerror(errno));
+    struct FileCloser {
+        FILE* f;
+        ~FileCloser() { std::fclose(f); }
+    } closer{f};
+    struct stat fst;
+    uint64_t fsize = fstat(fileno(f), &fst) == 0 ? static_cast<uint64_t>(fst.st_size) : 0;
+
+    CsvReader csv(f);
+    std::vector<std::string> fields;
+    if (!csv.next(fields)) {
+        if (!csv.error().empty()) return fail(where(file, csv.line()) + csv.error());
+        return fail("load: " + file + " is empty: it needs a header line");
+    }
+    std::vector<Column> cols;
+    for (size_t i = 0; i < fields.size(); ++i) {
+        std::string n = trimmed(fields[i]);
+        if (n.empty()) return fail(where(file, csv.line()) + "column " + std::to_string(i + 1) + " has no name");
+        if (n.size() > 32) return fail(where(file, csv.line()) + "the column name '" + n + "' is longer than 32");
+        for (char c : n)
+            if (static_cast<unsigned char>(c) < 0x20)
+                return fail(where(file, csv.line()) + "the column name '" + n + "' holds a control character");
+        for (const Column& c : cols)
+            if (upper(c.name) == upper(n)) return fail(where(file, csv.line()) + "the column '" + n + "' is there twice");
+        Column c;
+        c.name = n;
+        cols.push_back(c);
+    }
+    if (!types.empty()) {
+        if (int st = applyTypes(types, cols)) return st;
+    }
+    const size_t ncol = cols.size();
+
+    Progress bar;
+    bar.total = fsize;
+    // The first pass, when a type or width is to be inferred, also finds
+    // every malformed line before anything is made.
+    bool scan = std::any_of(cols.begin(), cols.end(), [](const Column& c) { return c.type == 0 || (c.type == 2 && c.length == 0); });
+    if (scan) {
+        bar.what = "scanning " + file;
+        long rows = 0;
+        while (csv.next(fields)) {
+            if (fields.size() != ncol)
+                return fail(where(file, csv.line()) + "expected " + std::to_string(ncol) + " fields, found " +
+                            std::to_string(fields.size()));
+            for (size_t i = 0; i < ncol; ++i) {
+                Column& c = cols[i];
+                const std::string& v = fields[i];
+                c.widest = std::max(c.widest, v.size());
+                double d;
+                if (!trimmed(v).empty()) {
+                    c.anyvalue = true;
+                    if (c.numeric && !parseNumber(v, &d)) c.numeric = false;
+                }
+            }
+            if ((++rows & 0xffff) == 0) bar.show(csv.consumed(), rows);
+        }
+        bar.done();
+        if (!csv.error().empty()) return fail(where(file, csv.line()) + csv.error());
+        for (Column& c : cols) {
+            if (c.type == 0) c.type = (c.numeric && c.anyvalue) ? 1 : 2;
+            if (c.type == 2 && c.length == 0) {
+                if (c.widest > static_cast<size_t>(MAXCHAR))
+                    return fail("load: the column '" + c.name + "' holds values longer than " + std::to_string(MAXCHAR));
+                c.length = std::max<int>(1, static_cast<int>(c.widest));
+            }
+        }
+        if (!csv.rewind()) return fail("load: cannot read " + file + " a second time (is it a regular file?)");
+        csv.next(fields);
+    }
+
+    if (int e = mkdirs(dir)) return fail("load: cannot make the domain directory '" + dir + "': " + std::strerror(e));
+    Domain dom;
+    if (int st = dom.assign(dir)) return st;
+    const DirectApi* api = dom.api;
+    if (hasTable(dom, table)) return fail("load: the table '" + table + "' already exists in " + dir);
+
+    std::vector<VRTACOLDEF> defs(ncol);
+    std::vector<int> posn(ncol);
+    int obslen = 0;
+    for (size_t i = 0; i < ncol; ++i) {
+        defs[i] = VRTACOLDEF{cols[i].name.c_str(), static_cast<int>(cols[i].name.size()), nullptr, 0, cols[i].type,
+                             cols[i].type == 1 ? 8 : cols[i].length};
+        posn[i] = obslen;
+        obslen += defs[i].length;
+    }
+    VRTACREATE cr{};
+    cr.ncols = static_cast<int>(ncol);
+    cr.cols = defs.data();
+    cr.compress = compress.empty() ? nullptr : compress.c_str();
+    cr.encrypt = encrypt.empty() ? nullptr : encrypt.c_str();
+    cr.ekey = haskey ? key.c_str() : nullptr;
+    void* fid = nullptr;
+    int rc = api->vrtacreate(dom.lib, table.c_str(), static_cast<int>(table.size()), &cr, &fid);
+    if (rc < 0) return fail("load: cannot make the table '" + table + "': " + api->text(rc));
+
+    std::vector<unsigned char> buf(static_cast<size_t>(ROWS_PER_WRITE) * obslen);
+    void* io = nullptr;
+    std::string err;
+    rc = api->spnewwr(fid, static_cast<long>(buf.size()), buf.data(), 0, &io);
+    if (rc < 0) err = "load: cannot write the table: " + api->text(rc);
+    long rows = 0, inbuf = 0;
+    bar.what = "loading " + table;
+    while (err.empty() && csv.next(fields)) {
+        if (fields.size() != ncol) {
+            err = where(file, csv.line()) + "expected " + std::to_string(ncol) + " fields, found " +
+                  std::to_string(fields.size());
+            break;
+        }
+        unsigned char* row = buf.data() + static_cast<size_t>(inbuf) * obslen;
+        for (size_t i = 0; i < ncol && err.empty(); ++i) {
+            unsigned char* p = row + posn[i];
+            const std::string& v = fields[i];
+            if (cols[i].type == 1) {
+                double d;
+                if (trimmed(v).empty()) putMissing(p);
+                else if (parseNumber(v, &d)) std::memcpy(p, &d, 8);
+                else err = where(file, csv.line()) + "'" + v + "' in column '" + cols[i].name + "' is not a number";
+            } else {
+                if (v.size() > static_cast<size_t>(cols[i].length))
+                    err = where(file, csv.line()) + "the value in column '" + cols[i].name + "' is longer than " +
+                          std::to_string(cols[i].length) + " bytes";
+                else {
+                    std::memcpy(p, v.data(), v.size());
+                    std::memset(p + v.size(), ' ', cols[i].length - v.size());
+                }
+            }
+        }
+        if (!err.empty()) break;
+        if (++inbuf == ROWS_PER_WRITE) {
+            rc = api->spwritev(io, inbuf);
+            if (rc < 0) err = "load: writing rows failed: " + api->text(rc);
+            inbuf = 0;
+        }
+        if ((++rows & 0xffff) == 0) bar.show(csv.consumed(), rows);
+    }
+    if (err.empty() && !csv.error().empty()) err = where(file, csv.line()) + csv.error();
+    if (err.empty() && inbuf > 0) {
+        rc = api->spwritev(io, inbuf);
+        if (rc < 0) err = "load: writing rows failed: " + api->text(rc);
+    }
+    bar.done();
+    if (io) api->spfreeio(io);
+    rc = api->vrtaclose(fid);
+    if (err.empty() && rc < 0) err = "load: closing the table failed: " + api->text(rc);
+    if (!err.empty()) {
+        // No half-made table is left behind.
+        api->spdelete(dom.lib, table.c_str(), static_cast<int>(table.size()));
+        return fail(err);
+    }
+    FILE* out = commandOutput();
+    std::fprintf(out, "loaded %ld rows of %zu columns into %s\n", rows, ncol, table.c_str());
+    std::fflush(out);
+    return 0;
+}
+
+Register reg({"load", "make a table from a CSV file",
+              "usage: vrta load DOMAIN_DIR TABLE FILE.csv [--compress NAME] [--encrypt NAME --key KEY]\n"
+              "                 [--types SPEC]\n"
+              "\n"
+              "Makes the table TABLE in the domain directory (made when missing) from a CSV file\n"
+              "whose first line names the columns. A column whose values are all numbers becomes\n"
+              "a number; any other column becomes characters as wide as its widest value. Empty\n"
+              "numbers are missing values; empty lines are skipped.\n"
+              "\n"
+              "  --types SPEC     types of some or all columns: id:num,name:char(20),note:char\n"
+              "  --compress NAME  compress the table's blocks with the exit NAME (VRTARLC2, VRTARLLC,\n"
+              "                   VRTALZWC, or a module on VRTA_LIBRARY_PATH)\n"
+              "  --encrypt NAME   encrypt with the exit NAME (VRTACRYP) and the key KEY (1 to 12\n"
+              "                   characters); the table then opens only with --key KEY\n"
+              "\n"
+              "A bad line stops the load with its line number, and no table is left.\n",
+              run});
+
+}  // namespace
+}  // namespace vrtacli
