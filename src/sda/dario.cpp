@@ -25,19 +25,8 @@ extern rctype dancgio(DA_FID*, int, DA_IOCB**);
 rctype getiocb(DA_FID* fp, int iom, DA_IOCB** iocb) {
     if (!fp || !iocb) return DA_BADARG;
     *iocb = nullptr;
-    // A table opened before the cursor layer was linked has no family yet.
-    if (fp->mt->getiocb == nullptr) return DA_INTERNAL;
-    rctype (*gio)(DA_FID*, int, DA_IOCB**) = fp->mt->getiocb;
-    DA_FCB* fcb = fcbof(fp);
-    // The method table may have been filled when the families were unknown.
-    switch (fcb->xoe.semtype) {
-    case DA_SEMZCRYPT: gio = dancgio; break;
-    case DA_SEMXCVBS: gio = davgioc; break;
-    case DA_SEMXCFBS: gio = dafgioc; break;
-    case DA_SEMDATA: gio = (fcb->xoe.flags & DA_XOEEXPORT) ? dabgioc : dargioc; break;
-    default: break;
-    }
-    rctype rc = gio(fp, iom, iocb);
+    if (!fp->mt->getiocb) return DA_INTERNAL;
+    rctype rc = fp->mt->getiocb(fp, iom, iocb);
     if (rc < 0) return rc;
     DA_FIDP* f = fidpof(fp);
     mutex_lock(&f->iocbLock);

@@ -78,6 +78,8 @@ struct DA_BIOCB : DA_GIOCB {
     int64_t bbvbn;
     int32_t bbnum;
     uint64_t bbgen;
+    hs_obsno_t refobs;      // refill: next row of the free block in use
+    hs_obsno_t refrun;      // its deleted rows left
 };
 
 uint64_t& gen(DA_BKCB* bk) { return bk->gen; }
@@ -247,6 +249,60 @@ rctype writerange(DA_BIOCB* c, hs_obsno_t obs, long n, const char* p) {
     return rc;
 }
 
+// CheckFreeBlock: the first block whose rows are deleted from its first row
+// on, all of them or up to numobs in the last block.
+rctype checkfree(DA_FCB* fcb, int32_t bf, int64_t* found, hs_obsno_t* run) {
+    *found = DA_NOVBN;
+    *run = 0;
+    hs_obsno_t numobs = fcb->xoe.numobs;
+    int64_t maxv = numobs < 1 ? -1 : (numobs - 1) / bf;
+    for (int64_t b = 0; b <= maxv; ++b) {
+        hs_obsno_t first = b * bf + 1, r = 0;
+        rctype rc = dadmdelrun(fcb, first, &r);
+        if (rc < 0) return rc;
+        if (r >= bf || (r > 0 && first + r - 1 == numobs)) {
+            *found = b;
+            *run = std::min<hs_obsno_t>(r, bf);
+            return 0;
+        }
+    }
+    return 0;
+}
+
+// WriteDelete: rows go into wholly deleted blocks first, then to the end.
+rctype writedelete(DA_BIOCB* c, DA_IOB* iob) {
+    DA_FCB* fcb = c->fcb;
+    const int32_t ol = c->bk->obslen;
+    const char* p = static_cast<const char*>(iob->bufptr);
+    long n = iob->numobs;
+    while (n > 0 && (c->iom & DA_IOMFILLING)) {
+        if (c->refrun <= 0) {
+            int64_t b = DA_NOVBN;
+            rctype rc = checkfree(fcb, c->bk->bf, &b, &c->refrun);
+            if (rc < 0) return rc;
+            if (b == DA_NOVBN) {
+                c->iom &= ~(DA_IOMFILLING | DA_IOMLASTRUN);
+                break;
+            }
+            c->refobs = b * c->bk->bf + 1;
+        }
+        long k = static_cast<long>(std::min<hs_obsno_t>(n, c->refrun));
+        rctype rc = writerange(c, c->refobs, k, p);
+        if (rc == 0) rc = dadmreset(fcb, c->refobs, k);
+        if (rc < 0) return rc;
+        c->refobs += k;
+        c->refrun -= k;
+        p += k * ol;
+        n -= k;
+        setpos(c, c->refobs);
+    }
+    if (n <= 0) return 0;
+    setpos(c, fcb->xoe.numobs + 1);
+    rctype rc = writerange(c, c->curobs, n, p);
+    if (rc == 0) setpos(c, c->curobs + n);
+    return rc;
+}
+
 rctype danoval(DA_IOCB*, int) { return DA_BADARG; }
 
 rctype locate(DA_IOCB* c, const DA_IOB* iob, hs_obsno_t limit) {
@@ -299,6 +355,11 @@ rctype bkwritev(DA_IOCB* ic, int numbuf) {
     rctype rc = 0;
     for (int i = 0; i < numbuf && rc == 0; ++i) {
         DA_IOB* iob = &c->iobvec[i];
+        if (!upd && (c->iom & DA_IOMFILLING)) {
+            rc = writedelete(c, iob);
+            if (rc == 0) c->bfi = i;
+            continue;
+        }
         if (upd) rc = locate(c, iob, c->fcb->xoe.numobs + 1);
         else setpos(c, c->fcb->xoe.numobs + 1);
         if (rc == 0 && iob->numobs > 0) {
@@ -434,7 +495,11 @@ rctype dabkgioc(DA_FID* fp, int iom, DA_BKCB* bk, void* cur, void (*freecur)(voi
     c->cur = cur;
     c->freecur = freecur;
     c->mode = f->mode;
-    c->iom = iom & ~DA_IOMREFILL;
+    c->iom = iom;
+    if ((iom & DA_IOMREFILL) && (iom & DA_IOMBYROW) && (fcb->xoe.flags & DA_ADDAVAIL) && fcb->xoe.numdelete > 0)
+        c->iom |= DA_IOMFILLING;
+    else
+        c->iom &= ~DA_IOMREFILL;
     c->bfi = -1;
     c->bbvbn = DA_NOVBN;
     c->mt = f->mode != DA_OMINPUT ? &mt_write : &mt_read;

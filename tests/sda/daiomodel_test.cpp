@@ -60,12 +60,12 @@ void runmodel(const Kind& k, uint32_t seed, long ops) {
                 if (op < 30) {
                     hs_obsno_t at = pick(1, m.n());
                     long cnt = static_cast<long>(pick(1, std::min<hs_obsno_t>(BUF, m.n() - at + 1)));
-                    uint32_t v = static_cast<uint32_t>(pick(0, 3));
+                    uint32_t v = static_cast<uint32_t>(pick(0, 3)) * 50;  // 0 and 50 compress, 100 and 150 do not
                     ASSERT_EQ(0, w.write(at, cnt, v, at)) << "update at " << at;
                     for (long i = 0; i < cnt; ++i) m.var[at - 1 + i] = v;
                 } else if (op < 40) {
                     long cnt = static_cast<long>(pick(1, BUF));
-                    uint32_t v = static_cast<uint32_t>(pick(0, 3));
+                    uint32_t v = static_cast<uint32_t>(pick(0, 3)) * 50;  // 0 and 50 compress, 100 and 150 do not
                     ASSERT_EQ(0, w.write(m.n() + 1, cnt, v, m.n() + 1)) << "append";
                     for (long i = 0; i < cnt; ++i) m.var.push_back(v), m.del.push_back(0);
                 } else if (op < 48) {

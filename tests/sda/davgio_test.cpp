@@ -239,3 +239,121 @@ TEST(BlockCursor, VectorTreeGrowsALevelAndReadsAcrossIt) {
     ASSERT_EQ(0, darclos(fp));
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+namespace {
+
+// Length of block vbn as the table's only vector records it.
+int32_t veclen(DA_FID* fp, int ic) {
+    DA_FCB* fcb = fcbof(fp);
+    DA_VBHEAD h = vbhead(fp);
+    std::vector<char> v(h.vbvecsize);
+    long got = 0;
+    EXPECT_GE(fcb->mdfd->fdread(fcb->mdfd, v.data(), h.vbvecsize, h.lastOffset, &got), 0);
+    int16_t l;
+    memcpy(&l, v.data() + 8 * h.vbvspan + 4 * ((h.vbvspan + 31) / 32) + 2 * ic, 2);
+    return l;
+}
+
+}  // namespace
+
+TEST(BlockCursor, LastBlockGrowsInPlaceOthersChainAndReuseTheirPieces) {
+    const Kind k{"VRTARLC2", false};
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = lifetest::assign(tmp.path());
+    DA_FID* fp = make(lp, "grow", k);
+    ASSERT_NE(nullptr, fp);
+    const int bf = fp->xoehdr->blockfactor;
+    Model m;
+    {
+        Cur w(fp, DA_IOMBYROW, 2 * bf);
+        ASSERT_EQ(0, w.write(1, bf + 5, 0));
+        m.set(1, bf + 5, 0);
+    }
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "grow", DA_OMUPDATE, k);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur u(fp, DA_IOMBYROW | DA_IOMRANDOM, bf);
+        auto put = [&](hs_obsno_t at, long n, uint32_t v) {
+            ASSERT_EQ(0, u.write(at, n, v, at));
+            m.set(at, n, v);
+            ASSERT_EQ(0, fp->mt->force(fp, 0));
+        };
+        // The last block in the file grows where it is.
+        put(bf + 1, 5, 3);
+        EXPECT_EQ(0, vbhead(fp).stat.numoverflow);
+        EXPECT_EQ(0, vbhead(fp).stat.maxchain);
+        // Block 0 outgrows its place: it keeps it as the first piece of a chain.
+        put(1, bf, 5);
+        DA_VBHEAD h = vbhead(fp);
+        EXPECT_EQ(1, h.stat.numoverflow);
+        EXPECT_EQ(2, h.stat.maxchain);
+        EXPECT_GT(veclen(fp, 0), 0);
+        // Shrinking, then growing back to the same size, reuses its pieces.
+        put(1, bf, 0);
+        put(1, bf, 5);
+        EXPECT_EQ(1, vbhead(fp).stat.numoverflow);
+        // Rows with nothing to compress are stored raw: a negative length.
+        put(1, bf, 105);
+        EXPECT_LT(veclen(fp, 0), 0);
+        put(1, bf, 0);
+        EXPECT_GT(veclen(fp, 0), 0);
+        verify(fp, m, "after rewrites");
+    }
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "grow", DA_OMINPUT, k);
+    ASSERT_NE(nullptr, fp);
+    verify(fp, m, "reopened");
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(BlockCursor, RefillUsesWhollyDeletedBlocks) {
+    const Kind k{"VRTALZWC", false};
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = lifetest::assign(tmp.path());
+    DA_FID* fp = make(lp, "refill", k, 0, 0, 0, DA_ADDAVAILREUSE);
+    ASSERT_NE(nullptr, fp);
+    const int bf = fp->xoehdr->blockfactor;
+    Model m;
+    {
+        Cur w(fp, DA_IOMBYROW, 3 * bf);
+        ASSERT_EQ(0, w.write(1, 3 * bf, 0));
+        m.set(1, 3 * bf, 0);
+    }
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "refill", DA_OMUPDATE, k);
+    // Block 1 wholly deleted, block 0 only in part.
+    for (int i = 0; i < bf; ++i) ASSERT_EQ(0, fp->mt->delobs(fp, bf + 1 + i));
+    ASSERT_EQ(0, fp->mt->delobs(fp, 2));
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "refill", DA_OMAPPEND, k);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur w(fp, DA_IOMBYROW | DA_IOMREFILL, bf + 10);
+        ASSERT_TRUE(w.c->iom & DA_IOMFILLING);
+        for (long i = 0; i < bf + 10; ++i) makerow(i < bf ? bf + 1 + i : 3 * bf + 1 + (i - bf), 4, w.row(0, i));
+        w.iob[0].numobs = bf + 10;
+        ASSERT_EQ(0, w.c->mt->dawritev(w.c, 1));
+        EXPECT_FALSE(w.c->iom & DA_IOMFILLING);
+        m.set(bf + 1, bf, 4);
+        m.set(3 * bf + 1, 10, 4);
+    }
+    EXPECT_EQ(3 * bf + 10, fp->xoehdr->numobs);
+    EXPECT_EQ(1, fp->xoehdr->numdelete);
+    ASSERT_EQ(0, darclos(fp));
+    fp = reopen(lp, "refill", DA_OMINPUT, k);
+    ASSERT_NE(nullptr, fp);
+    {
+        Cur r(fp, DA_IOMBYROW | DA_IOMDELETED, 4 * bf);
+        ASSERT_EQ(0, r.read());
+        ASSERT_EQ(3 * bf + 10, r.iob[0].numobs);
+        for (long i = 0; i < r.iob[0].numobs; ++i) {
+            char want[ROWLEN];
+            makerow(i + 1, m.v[i], want);
+            ASSERT_EQ(0, memcmp(want, r.row(0, i), ROWLEN)) << i + 1;
+        }
+    }
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
