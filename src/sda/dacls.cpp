@@ -79,19 +79,21 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
     bool acl = fcb->xoe.semtype == DA_SEMVRTAACL;
     bool writes = fcb->mode != DA_OMINPUT;
     dalinkdel(&fcb->link);
-    if ((disp & 1) && (fcb->flags & DA_FCBDIRTY)) {
-        rctype rc = daflfcb(fcb);
-        if (rc < 0) {
-            hsprint("dafrfcb: FCB flush failed on %s: Reason=%s\n", fcb->name, hsstrer(rc));
-            last = rc;
-        }
-    }
+    // The blocks of an exit table go out before the description that counts
+    // their rows: a crash in between must not leave numobs over rows not there.
     if (fcb->vbcb && dafvbcb) {
         rctype rc = dafvbcb(fcb);
         if (rc < 0) last = rc;
     } else if (fcb->fbcb && daffbcb) {
         rctype rc = daffbcb(fcb);
         if (rc < 0) last = rc;
+    }
+    if ((disp & 1) && (fcb->flags & DA_FCBDIRTY)) {
+        rctype rc = daflfcb(fcb);
+        if (rc < 0) {
+            hsprint("dafrfcb: FCB flush failed on %s: Reason=%s\n", fcb->name, hsstrer(rc));
+            last = rc;
+        }
     }
     if (fcb->xcext) {
         DA_XCEXT* xc = fcb->xcext;

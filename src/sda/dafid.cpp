@@ -468,11 +468,12 @@ rctype dalforc(DA_FID* fp, int flags) {
     if (flags & 1) fcb->flags |= DA_FCBXOE;
     if (flags & 4) fcb->flags |= DA_FCBIDX;
     if (flags & 8) fcb->flags |= DA_FCBOWNER;
-    rctype rc = daflfcb(fcb);
+    // Blocks of an exit table before the description that counts their rows.
     rctype brc = 0;
     if (fcb->vbcb && daflvbcb) brc = daflvbcb(fcb);
     else if (fcb->fbcb && daflfbcb) brc = daflfbcb(fcb);
-    return rc < 0 ? rc : brc;
+    if (brc < 0) return brc;
+    return daflfcb(fcb);
 }
 
 rctype datrobs(DA_FID* fp, hs_obsno_t numobs) {
