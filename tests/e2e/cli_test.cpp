@@ -1,0 +1,216 @@
+// The table commands of the vrta tool run as a user runs them: a CSV loaded,
+// described, printed back, loaded again, dropped; bad input refused cleanly.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "testutil.h"
+
+namespace {
+
+struct Result {
+    int status = -1;
+    std::string out, err;
+};
+
+// Runs vrta with args; stdout and stderr kept apart.
+Result vrta(const std::string& args) {
+    Result r;
+    vrtatest::TempDir tmp;
+    std::string errf = tmp.file("err");
+    std::string cmd = VRTA_TOOLS_DIR "/vrta " + args + " 2>" + errf;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    r.err = vrtatest::readFile(errf);
+    return r;
+}
+
+bool has(const std::string& s, const std::string& what) { return s.find(what) != std::string::npos; }
+
+// Files of the domain directory whose names start with prefix.
+std::vector<std::string> files(const std::string& dir, const std::string& prefix) {
+    std::vector<std::string> v;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d))
+            if (std::string(e->d_name).rfind(prefix, 0) == 0) v.push_back(e->d_name);
+        closedir(d);
+    }
+    return v;
+}
+
+// The words of the output line that starts with first, without the last (a size).
+std::vector<std::string> words(const std::string& out, const std::string& first) {
+    size_t at = out.rfind("\n" + first + " ");
+    if (at == std::string::npos) return {};
+    std::string line = out.substr(at + 1, out.find('\n', at + 1) - at - 1);
+    std::vector<std::string> w;
+    size_t i = 0;
+    while (i < line.size()) {
+        size_t j = line.find(' ', i);
+        if (j == std::string::npos) j = line.size();
+        if (j > i) w.push_back(line.substr(i, j - i));
+        i = j + 1;
+    }
+    if (!w.empty()) w.pop_back();
+    return w;
+}
+
+const char* SAMPLE =
+    "id,name,score,city\n"
+    "1,alice,3.5,Oslo\n"
+    "2,\"bob, jr\",,\"Rome\"\n"
+    "3,\"say \"\"hi\"\"\",-7000,\n"
+    "\n"
+    "4,dora,0.25,New York\r\n"
+    "5,eve,1e3,Lima\n";
+
+const char* SAMPLE_CSV =
+    "id,name,score,city\n"
+    "1,alice,3.5,Oslo\n"
+    "2,\"bob, jr\",,Rome\n"
+    "3,\"say \"\"hi\"\"\",-7000,\n"
+    "4,dora,0.25,New York\n"
+    "5,eve,1000,Lima\n";
+
+TEST(CliTables, LoadDescribePrintReloadAndDrop) {
+    ASSERT_EQ(access(VRTA_TOOLS_DIR "/vrta", X_OK), 0) << "the vrta tool is not built";
+    vrtatest::TempDir tmp;
+    std::string dom = tmp.file("a/domain");  // made by load
+    vrtatest::writeFile(tmp.file("s.csv"), SAMPLE);
+
+    Result r = vrta("load " + dom + " people " + tmp.file("s.csv"));
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(r.out, "loaded 5 rows of 4 columns into people")) << r.out;
+
+    r = vrta("describe " + dom + " people");
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(r.out, "rows:          5")) << r.out;
+    EXPECT_TRUE(has(r.out, "row length:    32 bytes")) << r.out;  // widest name and city: 8
+    EXPECT_TRUE(has(r.out, "name   char(8)")) << r.out;
+    EXPECT_TRUE(has(r.out, "score  num")) << r.out;
+    EXPECT_TRUE(has(r.out, "city   char(8)")) << r.out;
+    EXPECT_TRUE(has(r.out, "compression:   none")) << r.out;
+    EXPECT_TRUE(has(r.out, "data      0")) << r.out;
+    EXPECT_TRUE(has(r.out, "metadata  0")) << r.out;
+
+    r = vrta("print " + dom + " people --csv");
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(SAMPLE_CSV, r.out);
+    // What print writes, load reads back into the same rows.
+    vrtatest::writeFile(tmp.file("back.csv"), r.out);
+    ASSERT_EQ(0, vrta("load " + dom + " again " + tmp.file("back.csv")).status);
+    EXPECT_EQ(SAMPLE_CSV, vrta("print " + dom + " again --csv").out);
+
+    r = vrta("print " + dom + " people --last 2");
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("id  name  score  city\n"
+              " 4  dora   0.25  New York\n"
+              " 5  eve    1000  Lima\n"
+              "(2 rows)\n",
+              r.out);
+    r = vrta("print " + dom + " people --first 1 --csv");
+    EXPECT_EQ("id,name,score,city\n1,alice,3.5,Oslo\n", r.out);
+
+    r = vrta("tables " + dom);
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ((std::vector<std::string>{"again", "5"}), words(r.out, "again")) << r.out;
+    EXPECT_EQ((std::vector<std::string>{"people", "5"}), words(r.out, "people")) << r.out;
+
+    EXPECT_FALSE(files(dom, "people.").empty());
+    r = vrta("drop " + dom + " people");
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(files(dom, "people.").empty());
+    EXPECT_FALSE(files(dom, "again.").empty());
+    r = vrta("drop " + dom + " people");
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "no table 'people'")) << r.err;
+}
+
+TEST(CliTables, BadInputGivesItsLineAndLeavesNoTable) {
+    vrtatest::TempDir tmp;
+    std::string dom = tmp.path();
+    vrtatest::writeFile(tmp.file("short.csv"), "a,b\n1,2\n3\n");
+    Result r = vrta("load " + dom + " t " + tmp.file("short.csv"));
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "short.csv:3: expected 2 fields, found 1")) << r.err;
+
+    // Found only while rows are written: the half-made table goes.
+    vrtatest::writeFile(tmp.file("nan.csv"), "a,b\n1,x\n2,y\nzz,w\n");
+    r = vrta("load " + dom + " t " + tmp.file("nan.csv") + " --types a:num");
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "nan.csv:4: 'zz' in column 'a' is not a number")) << r.err;
+    r = vrta("load " + dom + " t " + tmp.file("nan.csv") + " --types 'a:char,b:char(0)'");
+    EXPECT_EQ(2, r.status);
+    r = vrta("load " + dom + " t " + tmp.file("nan.csv") + " --types 'b:char(1),a:num'");
+    EXPECT_TRUE(has(r.err, "nan.csv:4:")) << r.err;
+    vrtatest::writeFile(tmp.file("wide.csv"), "a\nabc\nabcdef\n");
+    r = vrta("load " + dom + " t " + tmp.file("wide.csv") + " --types 'a:char(4)'");
+    EXPECT_TRUE(has(r.err, "wide.csv:3: the value in column 'a' is longer than 4 bytes")) << r.err;
+    vrtatest::writeFile(tmp.file("quote.csv"), "a\n\"open\n");
+    r = vrta("load " + dom + " t " + tmp.file("quote.csv"));
+    EXPECT_TRUE(has(r.err, "a quoted field is not closed")) << r.err;
+    EXPECT_TRUE(files(dom, "t.").empty());
+
+    vrtatest::writeFile(tmp.file("ok.csv"), "a\n1\n");
+    r = vrta("load " + dom + " this_name_is_far_too_long_for_a_table " + tmp.file("ok.csv"));
+    EXPECT_NE(0, r.status);
+    EXPECT_TRUE(has(r.err, "'this_name_is_far_too_long_for_a_table' is not a table name")) << r.err;
+    vrtatest::writeFile(tmp.file("col.csv"), "a_column_name_that_is_much_too_long\n1\n");
+    r = vrta("load " + dom + " t " + tmp.file("col.csv"));
+    EXPECT_TRUE(has(r.err, "longer than 32")) << r.err;
+
+    r = vrta("print " + tmp.file("nowhere") + " t");
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "domain directory '" + tmp.file("nowhere") + "' does not exist")) << r.err;
+
+    // An existing table is never replaced.
+    ASSERT_EQ(0, vrta("load " + dom + " t " + tmp.file("ok.csv")).status);
+    r = vrta("load " + dom + " t " + tmp.file("nan.csv"));
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "already exists")) << r.err;
+    EXPECT_EQ("a\n1\n", vrta("print " + dom + " t --csv").out);
+}
+
+TEST(CliTables, CompressedAndEncryptedTablesPrintLikeThePlainOne) {
+    vrtatest::TempDir tmp;
+    std::string dom = tmp.path(), csv = "id,word\n";
+    for (int i = 1; i <= 3000; ++i) csv += std::to_string(i) + ",w" + std::to_string(i % 17) + "\n";
+    vrtatest::writeFile(tmp.file("w.csv"), csv);
+    ASSERT_EQ(0, vrta("load " + dom + " plain " + tmp.file("w.csv")).status);
+    Result r = vrta("load " + dom + " packed " + tmp.file("w.csv") + " --compress vrtarlc2");
+    ASSERT_EQ(0, r.status) << r.err;
+    r = vrta("load " + dom + " hidden " + tmp.file("w.csv") + " --encrypt VRTACRYP --key s3cret");
+    ASSERT_EQ(0, r.status) << r.err;
+
+    std::string plain = vrta("print " + dom + " plain --csv").out;
+    EXPECT_EQ(csv, plain);
+    EXPECT_EQ(plain, vrta("print " + dom + " packed --csv").out);
+    EXPECT_EQ(plain, vrta("print " + dom + " hidden --csv --key s3cret").out);
+    EXPECT_TRUE(has(vrta("describe " + dom + " packed").out, "compression:   VRTARLC2"));
+    EXPECT_TRUE(has(vrta("describe " + dom + " hidden --key s3cret").out, "encryption:    VRTACRYP"));
+    r = vrta("print " + dom + " packed --last 2 --csv");
+    EXPECT_EQ("id,word\n2999,w7\n3000,w8\n", r.out);
+
+    r = vrta("print " + dom + " hidden --key wrong");
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "key is not valid")) << r.err;
+    EXPECT_TRUE(r.out.empty()) << r.out;
+    r = vrta("load " + dom + " x " + tmp.file("w.csv") + " --encrypt VRTACRYP");
+    EXPECT_EQ(2, r.status);
+    r = vrta("load " + dom + " x " + tmp.file("w.csv") + " --compress NOSUCHX");
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(files(dom, "x.").empty());
+}
+
+}  // namespace
