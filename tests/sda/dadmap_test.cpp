@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
 #include <cstring>
 #include <random>
 #include <set>
@@ -278,4 +280,39 @@ TEST(StringPool, AllocateFreeBestFitAndReloadKeepStrings) {
     EXPECT_EQ("short", std::string(static_cast<const char*>(dastrpaddr(h, nid, 5)), 5));
     EXPECT_EQ(nullptr, dastrpaddr(h, (99 << 12), 4));
     ASSERT_EQ(0, dafrstrp(h));
+}
+
+// The inspection command reads what this layer writes: names and labels out
+// of the string pool, the delete map's head, directory and segments.
+TEST(DeleteMap, MdfCommandShowsNamesPoolAndDeleteMap) {
+    std::string tool = std::string(VRTA_TOOLS_DIR) + "/vrta";
+    if (access(tool.c_str(), X_OK) != 0) GTEST_SKIP() << "vrta not built";
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_FID* fp = create(lp, "insp", 64);
+    auto r = rows(1, 200);
+    ASSERT_EQ(0, dawrobs(fp, 1, r.data(), 200));
+    ASSERT_EQ(0, darclos(fp));
+    DA_OPNSTR o = request("insp", DA_OMUPDATE);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    ASSERT_EQ(0, fp->mt->delobs(fp, 70));
+    ASSERT_EQ(0, fp->mt->delobs(fp, 200));
+    ASSERT_EQ(0, darclos(fp));
+    ASSERT_EQ(0, dasetconstraint(lp, "insp", "ID > 0", 6));
+    EXPECT_EQ(0, dafrlib(lp));
+    std::string cmd = tool + " mdf '" + tmp.path() + "/insp' 2>&1";
+    FILE* p = popen(cmd.c_str(), "r");
+    std::string out;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    int st = pclose(p);
+    ASSERT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << out;
+    EXPECT_NE(out.find("\"NAME\""), std::string::npos) << out;
+    EXPECT_NE(out.find("label \"Name of the row\""), std::string::npos) << out;
+    EXPECT_NE(out.find("numobs 200"), std::string::npos) << out;
+    EXPECT_NE(out.find("numdmpdir 1 numbmap 2"), std::string::npos) << out;
+    EXPECT_NE(out.find("segment from row 65:"), std::string::npos) << out;
+    EXPECT_NE(out.find("segment from row 193:"), std::string::npos) << out;
+    EXPECT_NE(out.find("text \"ID > 0\""), std::string::npos) << out;
 }

@@ -245,6 +245,13 @@ rctype show(void* ctx, int kind, da_off_t off, const void* rec, int len) {
         const auto* c = static_cast<const DA_CONSTODS*>(rec);
         head(kind, off, *h);
         std::printf("  constpid 0x%x const_l %d numpids %d\n", c->cid.constpid, c->cid.const_l, c->cid.numpids);
+        // The first piece of the text; later pieces follow in nextid.
+        int first = c->cid.const_l;
+        for (int i = 0; i < c->cid.numpids - 1 && i < 256; i++) first -= c->cid.nextlen[i];
+        if (first > 0 && first <= 4096) {
+            int shown = first > 72 ? 72 : first;
+            std::printf("  text \"%s\"%s\n", pool.text(c->cid.constpid, shown).c_str(), shown < c->cid.const_l ? "..." : "");
+        }
         break;
     }
     default:
