@@ -13,6 +13,9 @@
 namespace vrta {
 
 rctype dafvbcb(DA_FCB*) __attribute__((weak));
+rctype daflicb(DA_FCB*) __attribute__((weak));
+rctype darevidx(DA_FCB*) __attribute__((weak));
+rctype dafridx(DA_FCB*, int) __attribute__((weak));
 rctype daffbcb(DA_FCB*) __attribute__((weak));
 
 rctype dawrfcbxoe(DA_FCB* fcb) {
@@ -24,7 +27,12 @@ rctype dawrfcbxoe(DA_FCB* fcb) {
 
 rctype daflfcb(DA_FCB* fcb) {
     if (!fcb->mdfd) return 0;
-    rctype rc = dastoreminmax(fcb);
+    rctype rc = 0;
+    if ((fcb->flags & DA_FCBIDX) && daflicb) {
+        rc = daflicb(fcb);
+        if (rc < 0) return rc;
+    }
+    rc = dastoreminmax(fcb);
     if (rc < 0) return rc;
     if (fcb->phdl) {
         rc = daflstrp(fcb->phdl);
@@ -48,18 +56,19 @@ rctype daflfcb(DA_FCB* fcb) {
         if (rc < 0) return rc;
         fcb->flags &= ~DA_FCBDSHDR;
     }
-    fcb->flags &= ~DA_FCBIDX;  // no index records in this layer yet
+    fcb->flags &= ~DA_FCBIDX;
     return 0;
 }
 
 rctype dauprev(DA_FCB* fcb) {
     if (!dagcb.revnumupdate) return 0;
     rctype first = 0;
+    if (darevidx) first = darevidx(fcb);
     if (fcb->dffd) {
         rctype rc = fcb->dffd->fdrevise(fcb->dffd, fcb->dshdr.links[DA_LNKDPFFIB]);
         if (rc < 0) {
             hsprint("dauprev: DAFDREVISE on DPF component failed: Member=%s: Reason=%s\n", fcb->name, hsstrer(rc));
-            first = rc;
+            if (!first) first = rc;
         }
     }
     // The MDF last: a crash before this leaves revisions that differ.
@@ -115,6 +124,10 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
         fcb->xcext = nullptr;
     }
     dafrdmp(fcb);
+    if (dafridx) {
+        rctype rc = dafridx(fcb, disp);
+        if (rc < 0) last = rc;
+    }
     free(fcb->vars);
     fcb->vars = nullptr;
     dafrvstat(fcb);

@@ -361,6 +361,21 @@ rctype dabgioc(DA_FID* fp, int iom, DA_IOCB** iocb);
 rctype dancgio(DA_FID* fp, int iom, DA_IOCB** iocb);
 rctype daacgio(DA_FID* fp, int iom, DA_IOCB** iocb);
 
+// ---------------------------------------------------------------- index hooks
+
+// The index layer's part in a table's life; each is called when linked in.
+// daldidx loads the index records at open (nindexes > 0), dackidx checks them
+// (it may give 515), daflicb writes dirty index records at flush, darevidx
+// raises the revision of every index component (before the DPF's),
+// dareopidx reopens index files for a new mode, dafridx closes (disp & 1)
+// and frees the indexes when the table is let go.
+rctype daldidx(DA_FCB* fcb);
+rctype dackidx(DA_FCB* fcb);
+rctype daflicb(DA_FCB* fcb);
+rctype darevidx(DA_FCB* fcb);
+rctype dareopidx(DA_FCB* fcb, int fdflags);
+rctype dafridx(DA_FCB* fcb, int disp);
+
 // ---------------------------------------------------------------- delete map
 
 // One segment's bitmap held in memory: the shared working one, or a cursor's.

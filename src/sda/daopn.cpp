@@ -21,6 +21,9 @@ rctype dalvbcb(DA_FCB*) __attribute__((weak));
 rctype dalfbcb(DA_FCB*) __attribute__((weak));
 rctype darfvbcb(DA_FCB*) __attribute__((weak));
 rctype darffbcb(DA_FCB*) __attribute__((weak));
+rctype daldidx(DA_FCB*) __attribute__((weak));
+rctype dackidx(DA_FCB*) __attribute__((weak));
+rctype dareopidx(DA_FCB*, int) __attribute__((weak));
 
 namespace {
 
@@ -303,6 +306,10 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         rc = 0;
         if (fcb->dffd->revision != fcb->mdfd->revision) warn = DA_REVDIFF;
     }
+    if (fcb->xoe.nindexes > 0 && daldidx) {
+        rc = daldidx(fcb);
+        if (rc < 0) goto fail;
+    }
     if (fcb->dshdr.links[DA_LNKDMP] >= 0) {
         rc = dalddmp(fcb);
         if (rc < 0) goto fail;
@@ -316,6 +323,12 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         if (rc < 0) goto fail;
     } else {
         dainitbkup(&fcb->backup);
+    }
+    if (fcb->xoe.nindexes > 0 && dackidx) {
+        rc = dackidx(fcb);
+        if (rc < 0) goto fail;
+        if (rc > 0 && warn == 0) warn = rc;
+        rc = 0;
     }
     if (dyn) dalkdyn(ostr->lcb, 0);
     dalinkadd(&lp->fcbs, &fcb->link);
@@ -338,6 +351,7 @@ rctype darofcb(DA_FCB* fcb, int mode, int oflags) {
         DA_FDROB rob2 = {flags, 0};
         rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDREOPEN, &rob2);
     }
+    if (rc >= 0 && dareopidx) rc = dareopidx(fcb, flags);
     if (rc == DA_STATELOST) {
         // Every opener of a lost table can do nothing but close.
         for (DA_LINK* l = fcb->fids.next; l != &fcb->fids; l = l->next) {
