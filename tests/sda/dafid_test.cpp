@@ -499,3 +499,45 @@ TEST(TableLife, MinAndMaxFollowRowsWrittenAcrossFlushesAndReopen) {
     ASSERT_EQ(0, darclos(fp));
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+TEST(TableLife, NamelessTableGetsANameAndSortAndBackupRecordsPersist) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    // A table created without a name gets a made-up one that starts with "$".
+    DA_OPNSTR o = request("", DA_OMOUTPUT);
+    o.reuse = DA_ADDAVAILREUSE;
+    o.flags = DA_OFBACKUP;
+    DA_FID* fp = nullptr;
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_EQ('$', fcbof(fp)->name[0]);
+    EXPECT_EQ(17u, strlen(fcbof(fp)->name));
+    auto cols = columns();
+    ASSERT_EQ(0, fp->mt->defvars(fp, 2, cols.data()));
+    auto r = rows(1, 7);
+    ASSERT_EQ(0, dawrobs(fp, 1, r.data(), 7));
+    DA_OPNSTR keep = request("kept", DA_OMUPDATE);
+    ASSERT_EQ(0, fp->mt->reopenfid(fp, &keep));
+    // With reuse of deleted rows the sort order cannot be relied on.
+    DA_SORTINFO si{};
+    memcpy(si.collate, "LINGUIST", 8);
+    si.nvars = 1;
+    EXPECT_EQ(DA_SORTLOST, fp->mt->setsortinfo(fp, &si));
+    ASSERT_NE(nullptr, fp->backup);
+    DA_BACKUPINFO bi{};
+    bi.backup_seqno = 42;
+    ASSERT_EQ(0, fp->mt->setbackup(fp, &bi));
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, countfiles(tmp.path(), "$"));
+
+    o = request("KEPT", DA_OMINPUT);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_EQ(7, fp->xoehdr->numobs);
+    EXPECT_EQ(0, memcmp(fp->sortinfo->collate, "LINGUIST", 8));
+    EXPECT_EQ(1, fp->sortinfo->nvars);
+    ASSERT_NE(nullptr, fp->backup);
+    EXPECT_EQ(42, fp->backup->backup_seqno);
+    // A reader may not set backup information.
+    EXPECT_EQ(DA_BADARG, fp->mt->setbackup(fp, &bi));
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
