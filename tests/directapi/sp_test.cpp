@@ -486,3 +486,37 @@ TEST_F(Api, TranscodingFailureOnReadIsReportedAfterTheGoodRows) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(Api, DynamicallySharedOpenersSeeEachOthersRows) {
+    make("shared", 10);
+    void* upd = nullptr;
+    ASSERT_EQ(0, vrtaupdate(lib, "shared", -1, nullptr, nullptr, 0, nullptr, -1, VRTA_ODYNAMIC, &upd));
+    void* rd = nullptr;
+    ASSERT_EQ(0, vrtaopen(lib, "shared", -1, nullptr, 0, nullptr, 0, nullptr, -1, VRTA_ODYNAMIC, &rd));
+    int32_t of = 0;
+    ASSERT_EQ(0, vrtainfo(rd, VRTAINFO_OFLAGS, &of));
+    EXPECT_EQ(VRTA_ODYNAMIC, of);
+
+    std::vector<char> wbuf(5 * ROWLEN);
+    void* wio = nullptr;
+    ASSERT_EQ(0, spnewwr(upd, static_cast<long>(wbuf.size()), wbuf.data(), 0, &wio));
+    ASSERT_EQ(0, spsetloc(wio, 11));
+    for (int i = 0; i < 5; ++i) makerow(11 + i, wbuf.data() + i * ROWLEN);
+    ASSERT_EQ(0, spwritev(wio, 5));
+
+    std::vector<char> rbuf(4 * ROWLEN);
+    void* rio = nullptr;
+    ASSERT_EQ(0, spnewrd(rd, static_cast<long>(rbuf.size()), rbuf.data(), &rio));
+    EXPECT_EQ(range(1, 15), readall(rio, 4));
+    void* row = nullptr;
+    ASSERT_EQ(0, spgetr(rio, 15, &row));
+    EXPECT_TRUE(rowis(static_cast<char*>(row), 15));
+    EXPECT_EQ(0, spfreerd(rio));
+    EXPECT_EQ(0, spfreeio(wio));
+    EXPECT_EQ(0, vrtaclose(rd));
+    EXPECT_EQ(0, vrtaclose(upd));
+}
+
+}  // namespace
