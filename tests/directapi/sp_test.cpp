@@ -10,6 +10,7 @@
 
 #include "directapi/sp.h"
 #include "option/op.h"
+#include "ssup/xp.h"
 #include "sda/darc.h"
 #include "testutil.h"
 #include "vrta/directapi.h"
@@ -318,6 +319,17 @@ TEST_F(Api, InformationSelectorsAndColumnDescriptions) {
     ASSERT_EQ(0, vrtainfo(fid, VRTAINFO_NINDEXES, &i32));
     EXPECT_EQ(0, i32);
     EXPECT_EQ(-1, vrtainfo(fid, 14, &i32));
+
+    // A storage code wrapped with the member's name, for the caller to fetch.
+    EXPECT_EQ(VRTA_RC_WRAPPED, MakeError(&sn, static_cast<int>(DA_NOTFOUND)));
+    char text[256];
+    vrtaerrtext(VRTA_RC_WRAPPED, text, sizeof text);
+    EXPECT_EQ(0, strncmp(text, "Member=info Reason=", 19)) << text;
+    EXPECT_GT(strlen(text), 19u);
+    const char* sub = nullptr;
+    int sublen = 0;
+    ASSERT_EQ(0, xrgtsub(&sub, &sublen));
+    EXPECT_EQ(std::string(text), std::string(sub, sublen));
 
     VRTA_NAMESTR* np = nullptr;
     EXPECT_EQ(VRTA_RC_BADVAR, vrtagetnpp(fid, 0, &np));

@@ -99,6 +99,7 @@ Domain::~Domain() {
 }
 
 int Domain::assign(const std::string& dir) {
+    commandOutput();  // the module's diagnostics go to standard error from here on
     api = directApi();
     if (!api) return 1;
     struct stat st;
