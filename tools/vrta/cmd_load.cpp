@@ -1,4 +1,5 @@
 // vrta load: a table made from a CSV file through the direct access API.
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -141,6 +142,16 @@ struct Progress {
     }
 };
 
+// An interrupted load still removes what it made: the signal only stops the loop.
+volatile sig_atomic_t stopped = 0;
+void onsignal(int) { stopped = 1; }
+void catchsignals() {
+    struct sigaction sa{};
+    sa.sa_handler = onsignal;
+    sigemptyset(&sa.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+}
+
 std::string where(const std::string& file, long line) { return file + ":" + std::to_string(line) + ": "; }
 
 int run(const std::vector<std::string>& args) {
@@ -181,6 +192,7 @@ int run(const std::vector<std::string>& args) {
     if (!compress.empty() && !encrypt.empty() && upper(compress) != upper(encrypt))
         return fail("load: a table takes one exit; --compress and --encrypt name different ones", 2);
 
+    catchsignals();
     FILE* f = std::fopen(file.c_str(), "rb");
     if (!f) return fail("load: cannot open " + file + ": " + std::strerror(errno));
     struct FileCloser {
@@ -224,6 +236,7 @@ int run(const std::vector<std::string>& args) {
         bar.what = "scanning " + file;
         long rows = 0;
         while (csv.next(fields)) {
+            if (stopped) return fail("load: interrupted");
             if (fields.size() != ncol)
                 return fail(where(file, csv.line()) + "expected " + std::to_string(ncol) + " fields, found " +
                             std::to_string(fields.size()));
@@ -286,6 +299,10 @@ int run(const std::vector<std::string>& args) {
     long rows = 0, inbuf = 0;
     bar.what = "loading " + table;
     while (err.empty() && csv.next(fields)) {
+        if (stopped) {
+            err = "load: interrupted";
+            break;
+        }
         if (fields.size() != ncol) {
             err = where(file, csv.line()) + "expected " + std::to_string(ncol) + " fields, found " +
                   std::to_string(fields.size());
