@@ -250,7 +250,7 @@ int run(const std::vector<std::string>& args) {
                     if (c.numeric && !parseNumber(v, &d)) c.numeric = false;
                 }
             }
-            if ((++rows & 0xffff) == 0) bar.show(csv.consumed(), rows);
+            if ((++rows & 0xfff) == 0) bar.show(csv.consumed(), rows);
         }
         bar.done();
         if (!csv.error().empty()) return fail(where(file, csv.line()) + csv.error());
@@ -333,7 +333,7 @@ int run(const std::vector<std::string>& args) {
             if (rc < 0) err = "load: writing rows failed: " + api->text(rc);
             inbuf = 0;
         }
-        if ((++rows & 0xffff) == 0) bar.show(csv.consumed(), rows);
+        if ((++rows & 0xfff) == 0) bar.show(csv.consumed(), rows);
     }
     if (err.empty() && !csv.error().empty()) err = where(file, csv.line()) + csv.error();
     if (err.empty() && inbuf > 0) {
