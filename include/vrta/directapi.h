@@ -158,7 +158,17 @@ VRTA_API int spclosedir(void* vdir);
  * its full path and bytes. 518 past the last. */
 VRTA_API int vrtapartinfo(void* vfid, int which, int pno, char* path, int pathlen, int64_t* size);
 
-/* Cursors. */
+/* Cursors. A read cursor gets bufsize / row length rows a call; on a
+ * compressed or encrypted table a bufsize other than one block reads whole
+ * blocks behind the caller's back and hands out rows from them. bufsize 0
+ * makes a cursor whose buffer spsetrd gives later. spreadv points *bufp at
+ * the rows read (none at the end of the table, with 0 returned) and *obsvec
+ * at their row numbers when the table has deleted rows, else null.
+ * A write cursor writes spwritev's rows from iobuf: on a table made by
+ * vrtacreate it appends; on one opened by vrtaupdate it starts on row 1, so
+ * spsetloc(numobs + 1) first to append.
+ * spgetr reads one row by number: 0 and *bufp, -1 when the row is deleted
+ * (the cursor then stands on the next live row), 518 past the end. */
 VRTA_API int spnewrd(void* vfid, long bufsize, void* iobuf, void** newiocb);
 VRTA_API int spnewwr(void* vfid, long bufsize, void* iobuf, int flags, void** newiocb);
 VRTA_API int spfreerd(void* viocb);
