@@ -101,7 +101,7 @@ const NLS_LIBOPS* hsnlshandle();
 bool hsnlstpneeded(const HS_NLSENV* targenv, const HS_NLSENV* srcenv);
 rctype hsnlsvercei(hs_nlscei_t encoding);
 rctype hsnlsverloc(const char* locale, int locale_l);
-// The binary option NLSTRANSCODE (on when unset).
+// The binary option NLSTRANSCODE; transcoding stays off until it is set.
 bool hsnlsenabled();
 
 // Case and sort tables: from a file found through VRTA_NLSPATH, else built in.
