@@ -70,16 +70,16 @@ bool parseNumber(const std::string& text, double* v) {
 }
 
 // "id:num,name:char(20),note:char" into the columns named.
-int applyTypes(const std::string& spec, std::vector<Column>& cols) {
+int applyTypes(const std::string& typelist, std::vector<Column>& cols) {
     size_t start = 0;
-    while (start <= spec.size()) {
-        size_t end = spec.find(',', start);
-        if (end == std::string::npos) end = spec.size();
-        std::string item = spec.substr(start, end - start);
+    while (start <= typelist.size()) {
+        size_t end = typelist.find(',', start);
+        if (end == std::string::npos) end = typelist.size();
+        std::string item = typelist.substr(start, end - start);
         start = end + 1;
         if (item.empty()) {
-            if (end == spec.size()) break;
-            return fail("--types: an empty item in '" + spec + "'", 2);
+            if (end == typelist.size()) break;
+            return fail("--types: an empty item in '" + typelist + "'", 2);
         }
         size_t colon = item.find(':');
         if (colon == std::string::npos) return fail("--types: '" + item + "' is not NAME:TYPE", 2);
@@ -103,7 +103,7 @@ int applyTypes(const std::string& spec, std::vector<Column>& cols) {
         } else {
             return fail("--types: unknown type '" + type + "' (num, char or char(N))", 2);
         }
-        if (end == spec.size()) break;
+        if (end == typelist.size()) break;
     }
     return 0;
 }
@@ -357,14 +357,14 @@ int run(const std::vector<std::string>& args) {
 
 Register reg({"load", "make a table from a CSV file",
               "usage: vrta load DOMAIN_DIR TABLE FILE.csv [--compress NAME] [--encrypt NAME --key KEY]\n"
-              "                 [--types SPEC]\n"
+              "                 [--types LIST]\n"
               "\n"
               "Makes the table TABLE in the domain directory (made when missing) from a CSV file\n"
               "whose first line names the columns. A column whose values are all numbers becomes\n"
               "a number; any other column becomes characters as wide as its widest value. Empty\n"
               "numbers are missing values; empty lines are skipped.\n"
               "\n"
-              "  --types SPEC     types of some or all columns: id:num,name:char(20),note:char\n"
+              "  --types LIST     types of some or all columns: id:num,name:char(20),note:char\n"
               "  --compress NAME  compress the table's blocks with the exit NAME (VRTARLC2, VRTARLLC,\n"
               "                   VRTALZWC, or a module on VRTA_LIBRARY_PATH)\n"
               "  --encrypt NAME   encrypt with the exit NAME (VRTACRYP) and the key KEY (1 to 12\n"
