@@ -19,7 +19,7 @@ namespace {
 #if defined(__SANITIZE_ADDRESS__)
 constexpr long OPSPLAIN = 80000, OPSCOMP = 40000, OPSCRYPT = 12000;
 #else
-constexpr long OPSPLAIN = 300000, OPSCOMP = 300000, OPSCRYPT = 200000;
+constexpr long OPSPLAIN = 300000, OPSCOMP = 300000, OPSCRYPT = 100000;
 #endif
 constexpr long BUF = 64;
 

@@ -3,6 +3,9 @@
 // variable blocks past its first level.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <random>
+#include <thread>
 #include <vector>
 
 #include "curutil.h"
@@ -356,4 +359,66 @@ TEST(BlockCursor, RefillUsesWhollyDeletedBlocks) {
     }
     ASSERT_EQ(0, darclos(fp));
     EXPECT_EQ(0, dafrlib(lp));
+}
+
+TEST(BlockCursor, ThreadsReadWhileOneAppendsAndUpdates) {
+    for (const Kind& k : {Kind{nullptr, false}, Kind{"VRTARLC2", false}, Kind{"VRTACRYP", true}}) {
+        SCOPED_TRACE(k.exit ? k.exit : "plain");
+        vrtatest::TempDir tmp;
+        DA_LIB* lp = lifetest::assign(tmp.path());
+        DA_FID* fp = make(lp, "mt", k);
+        ASSERT_NE(nullptr, fp);
+        {
+            Cur w(fp, DA_IOMBYROW, 1000);
+            ASSERT_EQ(0, w.write(1, 1000, 0));
+        }
+        ASSERT_EQ(0, darclos(fp));
+        fp = reopen(lp, "mt", DA_OMUPDATE, k);
+        ASSERT_NE(nullptr, fp);
+        const int bf = fp->xoehdr->blockfactor;
+        std::atomic<long> bad{0}, reads{0};
+        // Every row the readers see is row n in variant 0 or 1: the writer
+        // only ever turns a row into its variant 1 or appends variant 0.
+        // Readers do a bounded number of reads: the updater's lock lets
+        // readers in ahead of a waiting writer.
+        auto reader = [&](unsigned seed) {
+            Cur r(fp, DA_IOMBYROW | DA_IOMRANDOM, 50);
+            std::mt19937 rng(seed);
+            for (int i = 0; i < 200; ++i) {
+                hs_obsno_t n = fp->xoehdr->numobs;
+                r.iob[0].locator = std::uniform_int_distribution<hs_obsno_t>(1, n)(rng);
+                if (r.read() != 0) {
+                    ++bad;
+                    continue;
+                }
+                ++reads;
+                for (long i = 0; i < r.iob[0].numobs; ++i) {
+                    char a[ROWLEN], b[ROWLEN];
+                    makerow(r.iob[0].obsvec[i], 0, a);
+                    makerow(r.iob[0].obsvec[i], 1, b);
+                    if (memcmp(a, r.row(0, i), ROWLEN) && memcmp(b, r.row(0, i), ROWLEN)) ++bad;
+                }
+            }
+        };
+        std::vector<std::thread> th;
+        for (unsigned t = 0; t < 3; ++t) th.emplace_back(reader, t + 1);
+        {
+            Cur w(fp, DA_IOMBYROW | DA_IOMRANDOM | DA_IOMLIVE, bf);
+            std::mt19937 rng(7);
+            for (int i = 0; i < 300; ++i) {
+                hs_obsno_t n = fp->xoehdr->numobs;
+                if (i % 3 == 0) {
+                    ASSERT_EQ(0, w.write(n + 1, 17, 0, n + 1));
+                } else {
+                    hs_obsno_t at = std::uniform_int_distribution<hs_obsno_t>(1, n - 20)(rng);
+                    ASSERT_EQ(0, w.write(at, 20, 1, at));
+                }
+            }
+        }
+        for (auto& t : th) t.join();
+        EXPECT_EQ(0, bad.load());
+        EXPECT_GT(reads.load(), 0);
+        ASSERT_EQ(0, darclos(fp));
+        EXPECT_EQ(0, dafrlib(lp));
+    }
 }
