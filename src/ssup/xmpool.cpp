@@ -40,14 +40,23 @@ long roundup(long n, long u) {
     return n + u - 1 - ((n - 1) % u);
 }
 
-XMGCB* gcbnow() { return HSGCB ? HSGCB->xmgcb : nullptr; }
+// The manager is published only when it is complete. While it is being
+// built only the building thread sees it, since building it allocates from
+// its own pools; any other thread waits for the start lock instead of
+// taking items from pools that are not set up yet.
+thread_local XMGCB* xm_building = nullptr;
+XMGCB* gcbnow() {
+    if (HSGCB)
+        if (XMGCB* g = __atomic_load_n(&HSGCB->xmgcb, __ATOMIC_ACQUIRE)) return g;
+    return xm_building;
+}
 
 // The manager comes up on first use when nobody started it: a layer may
-// allocate before the engine entry has run hsgblinit.
-mutex_t xm_startlock = PTHREAD_MUTEX_INITIALIZER;
+// allocate before the engine entry has run hsgblinit. Recursive, since
+// hsgblinit started from xminit calls xminit again.
+mutex_t xm_startlock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 XMGCB* gcb() {
     if (XMGCB* g = gcbnow()) return g;
-    MutexGuard hold(&xm_startlock);
     return xminit();
 }
 
@@ -437,19 +446,20 @@ XMPUDL* xmgpudl(XMPOOL* pool, long size) {
 }
 
 XMGCB* xminit() {
+    MutexGuard hold(&xm_startlock);
     if (!HSGCB) {
         // hsgblinit makes the process block and calls back in here.
         hsgblinit();
         return gcbnow();
     }
-    if (HSGCB->xmgcb) return HSGCB->xmgcb;
+    if (XMGCB* g = gcbnow()) return g;
 
     auto* g = static_cast<XMGCB*>(calloc(1, sizeof(XMGCB)));
     if (!g) return nullptr;
     g->physpagesize = sysconf(_SC_PAGESIZE);
     g->pagesize = 1024;
     mutex_init(&g->gcblock);
-    HSGCB->xmgcb = g;
+    xm_building = g;
 
     struct rlimit rl;
     if (getrlimit(RLIMIT_DATA, &rl) != 0 || rl.rlim_cur == RLIM_INFINITY) g->memsize = XM_NOLIMIT;
@@ -519,6 +529,8 @@ XMGCB* xminit() {
         return nullptr;
     }
     g->initialized = 1;
+    __atomic_store_n(&HSGCB->xmgcb, g, __ATOMIC_RELEASE);
+    xm_building = nullptr;
     return g;
 }
 
@@ -544,6 +556,7 @@ void xmterm(XMGCB* g) {
     mutex_destroy(&g->pudlpool.plock);
     mutex_destroy(&g->gcblock);
     if (HSGCB && HSGCB->xmgcb == g) HSGCB->xmgcb = nullptr;
+    if (xm_building == g) xm_building = nullptr;
     free(g);
 }
 
