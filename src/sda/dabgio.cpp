@@ -15,7 +15,7 @@ int danormiom(int iom);
 
 namespace {
 
-struct DA_TIOCB : DA_GIOCB {
+struct DA_BIOCB : DA_GIOCB {
     DA_FCB* fcb;
     int mode;
     char* iobuf;            // one unit
@@ -34,7 +34,7 @@ void setpos(DA_IOCB* c, hs_obsno_t obs) {
 }
 bool updmode(int mode) { return mode == DA_OMUPDATE || mode == DA_OMUTIL; }
 
-rctype writetransfer(DA_TIOCB* c) {
+rctype writetransfer(DA_BIOCB* c) {
     if (!(c->ioflags & 1)) return 0;
     DA_FCB* fcb = c->fcb;
     int64_t ts = fcb->xoe.transfersize;
@@ -52,7 +52,7 @@ rctype writetransfer(DA_TIOCB* c) {
     return 0;
 }
 
-rctype readtransfer(DA_TIOCB* c, int64_t unit) {
+rctype readtransfer(DA_BIOCB* c, int64_t unit) {
     if (c->transnum == unit) return 0;
     rctype rc = writetransfer(c);
     if (rc < 0) return rc;
@@ -75,7 +75,7 @@ rctype readtransfer(DA_TIOCB* c, int64_t unit) {
 }
 
 // GetTransfer: rows [obs, obs+n) out of their units.
-rctype gettransfer(DA_TIOCB* c, hs_obsno_t obs, long n, char* out) {
+rctype gettransfer(DA_BIOCB* c, hs_obsno_t obs, long n, char* out) {
     DA_FCB* fcb = c->fcb;
     const int32_t tf = tfactor(fcb), ol = fcb->xoe.obslen;
     while (n > 0) {
@@ -93,7 +93,7 @@ rctype gettransfer(DA_TIOCB* c, hs_obsno_t obs, long n, char* out) {
     return 0;
 }
 
-rctype puttransfer(DA_TIOCB* c, hs_obsno_t obs, long n, const char* p) {
+rctype puttransfer(DA_BIOCB* c, hs_obsno_t obs, long n, const char* p) {
     DA_FCB* fcb = c->fcb;
     const int32_t tf = tfactor(fcb), ol = fcb->xoe.obslen;
     while (n > 0) {
@@ -119,7 +119,7 @@ rctype puttransfer(DA_TIOCB* c, hs_obsno_t obs, long n, const char* p) {
     return 0;
 }
 
-rctype rdiob(DA_TIOCB* c, DA_IOB* iob) {
+rctype rdiob(DA_BIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     hs_obsno_t numobs = fcb->xoe.numobs;
     const int32_t ol = fcb->xoe.obslen;
@@ -171,7 +171,7 @@ struct UpdLock {
 };
 
 rctype dabreadv(DA_IOCB* ic, int numbuf) {
-    auto* c = static_cast<DA_TIOCB*>(ic);
+    auto* c = static_cast<DA_BIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
     UpdLock lk(c->fcb, false, updmode(c->mode) && !(c->iom & DA_IOMSHARELK));
     // Another cursor may have written since: the held unit is read again.
@@ -195,7 +195,7 @@ rctype dabreadv(DA_IOCB* ic, int numbuf) {
 }
 
 rctype dabwritev(DA_IOCB* ic, int numbuf) {
-    auto* c = static_cast<DA_TIOCB*>(ic);
+    auto* c = static_cast<DA_BIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
     bool upd = updmode(c->mode);
     UpdLock lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
@@ -244,7 +244,7 @@ rctype dabsbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
 }
 
 rctype dabfree(DA_IOCB* ic) {
-    auto* c = static_cast<DA_TIOCB*>(ic);
+    auto* c = static_cast<DA_BIOCB*>(ic);
     rctype rc = writetransfer(c);
     free(c->iobuf);
     dadmfreebm(c->bmp);
@@ -271,7 +271,7 @@ rctype dabgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
     iom = danormiom(iom);
     if (iom & DA_IOMMAPPED) return DA_BADARG;
     if ((iom & DA_IOMSHARELK) && !updmode(f->mode)) return DA_BADARG;
-    auto* c = static_cast<DA_TIOCB*>(calloc(1, sizeof(DA_TIOCB)));
+    auto* c = static_cast<DA_BIOCB*>(calloc(1, sizeof(DA_BIOCB)));
     if (!c) return DA_NOMEM;
     c->iobuf = static_cast<char*>(malloc(x.transfersize));
     c->bmp = dadmnewbm(fcb);

@@ -68,7 +68,7 @@ rctype blockswap(DA_FCB* fcb, DA_BKCB* bk, int64_t vbn, DA_BLOCK** out) {
     return 0;
 }
 
-struct DA_BIOCB : DA_GIOCB {
+struct DA_FIOCB : DA_GIOCB {
     DA_FCB* fcb;
     DA_BKCB* bk;
     void* cur;              // the store's per-cursor state
@@ -94,7 +94,7 @@ void setpos(DA_IOCB* c, hs_obsno_t obs) {
 bool updmode(int mode) { return mode == DA_OMUPDATE || mode == DA_OMUTIL; }
 
 // Rows [obs, obs+n) into out, block by block.
-rctype readrange(DA_BIOCB* c, hs_obsno_t obs, long n, char* out) {
+rctype readrange(DA_FIOCB* c, hs_obsno_t obs, long n, char* out) {
     DA_BKCB* bk = c->bk;
     DA_FCB* fcb = c->fcb;
     const int32_t bf = bk->bf, ol = bk->obslen;
@@ -147,7 +147,7 @@ rctype readrange(DA_BIOCB* c, hs_obsno_t obs, long n, char* out) {
     return 0;
 }
 
-rctype bkread(DA_BIOCB* c, DA_IOB* iob) {
+rctype bkread(DA_FIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     hs_obsno_t numobs = fcb->xoe.numobs;
     char* out = static_cast<char*>(iob->bufptr);
@@ -186,7 +186,7 @@ rctype bkread(DA_BIOCB* c, DA_IOB* iob) {
 }
 
 // WriteAll: rows at obs (at most numobs + 1) into their blocks.
-rctype writerange(DA_BIOCB* c, hs_obsno_t obs, long n, const char* p) {
+rctype writerange(DA_FIOCB* c, hs_obsno_t obs, long n, const char* p) {
     DA_BKCB* bk = c->bk;
     DA_FCB* fcb = c->fcb;
     const int32_t bf = bk->bf, ol = bk->obslen;
@@ -270,7 +270,7 @@ rctype checkfree(DA_FCB* fcb, int32_t bf, int64_t* found, hs_obsno_t* run) {
 }
 
 // WriteDelete: rows go into wholly deleted blocks first, then to the end.
-rctype writedelete(DA_BIOCB* c, DA_IOB* iob) {
+rctype writedelete(DA_FIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     const int32_t ol = c->bk->obslen;
     const char* p = static_cast<const char*>(iob->bufptr);
@@ -326,7 +326,7 @@ struct UpdLock {
 };
 
 rctype bkreadv(DA_IOCB* ic, int numbuf) {
-    auto* c = static_cast<DA_BIOCB*>(ic);
+    auto* c = static_cast<DA_FIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
     UpdLock lk(c->fcb, false, updmode(c->mode) && !(c->iom & DA_IOMSHARELK));
     rctype rc = 0;
@@ -348,7 +348,7 @@ rctype bkreadv(DA_IOCB* ic, int numbuf) {
 }
 
 rctype bkwritev(DA_IOCB* ic, int numbuf) {
-    auto* c = static_cast<DA_BIOCB*>(ic);
+    auto* c = static_cast<DA_FIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
     bool upd = updmode(c->mode);
     UpdLock lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
@@ -399,7 +399,7 @@ rctype bksbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
 }
 
 rctype bkfree(DA_IOCB* ic) {
-    auto* c = static_cast<DA_BIOCB*>(ic);
+    auto* c = static_cast<DA_FIOCB*>(ic);
     if (c->freecur) {
         mutex_lock(&c->bk->lock);
         c->freecur(c->cur);
@@ -482,7 +482,7 @@ rctype dabkgioc(DA_FID* fp, int iom, DA_BKCB* bk, void* cur, void (*freecur)(voi
     rctype rc = bkbufs(fcb, bk);
     mutex_unlock(&bk->lock);
     if (rc < 0) return rc;
-    auto* c = static_cast<DA_BIOCB*>(calloc(1, sizeof(DA_BIOCB)));
+    auto* c = static_cast<DA_FIOCB*>(calloc(1, sizeof(DA_FIOCB)));
     if (!c) return DA_NOMEM;
     c->bmp = dadmnewbm(fcb);
     if (!c->bmp) {

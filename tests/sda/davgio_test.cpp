@@ -422,3 +422,58 @@ TEST(BlockCursor, ThreadsReadWhileOneAppendsAndUpdates) {
         EXPECT_EQ(0, dafrlib(lp));
     }
 }
+
+TEST(BlockCursor, DeletedRunsAcrossSegmentAndBlockEdges) {
+    for (const Kind& k : {Kind{nullptr, false}, Kind{"VRTARLC2", false}, Kind{"VRTACRYP", true}}) {
+        SCOPED_TRACE(k.exit ? k.exit : "plain");
+        vrtatest::TempDir tmp;
+        DA_LIB* lp = lifetest::assign(tmp.path());
+        // 32 rows a block, 64 a segment.
+        DA_OPNSTR o = kindreq("seg", DA_OMOUTPUT, k);
+        o.blocksize = 32 * ROWLEN;
+        o.idxsegsize = 64;
+        DA_FID* fp = nullptr;
+        ASSERT_EQ(0, daopen(lp, &o, &fp));
+        auto cols = lifetest::columns();
+        ASSERT_EQ(0, fp->mt->defvars(fp, 2, cols.data()));
+        ASSERT_EQ(32, fp->xoehdr->blockfactor);
+        ASSERT_EQ(64, fp->xoehdr->idxsegsize);
+        {
+            Cur w(fp, DA_IOMBYROW, 300);
+            ASSERT_EQ(0, w.write(1, 300, 1));
+        }
+        ASSERT_EQ(0, darclos(fp));
+        fp = reopen(lp, "seg", DA_OMUPDATE, k);
+        ASSERT_NE(nullptr, fp);
+        std::vector<char> del(301, 0);
+        for (int n : {1, 32, 33, 64, 65, 128, 300}) del[n] = 1;
+        for (int n = 129; n <= 192; ++n) del[n] = 1;  // a whole segment
+        for (int n = 1; n <= 300; ++n)
+            if (del[n]) ASSERT_EQ(0, fp->mt->delobs(fp, n));
+        std::vector<hs_obsno_t> live;
+        for (int n = 1; n <= 300; ++n)
+            if (!del[n]) live.push_back(n);
+        {
+            Cur r(fp, DA_IOMBYROW, 50);
+            std::vector<hs_obsno_t> got;
+            while (r.read() == 0)
+                for (long i = 0; i < r.iob[0].numobs; ++i) {
+                    got.push_back(r.iob[0].obsvec[i]);
+                    char want[ROWLEN];
+                    makerow(r.iob[0].obsvec[i], 1, want);
+                    ASSERT_EQ(0, memcmp(want, r.row(0, i), ROWLEN));
+                }
+            EXPECT_EQ(live, got);
+            // A locator on a deleted row goes on to the next live one.
+            for (auto [loc, first] : {std::pair<hs_obsno_t, hs_obsno_t>{64, 66}, {128, 193}, {1, 2}, {33, 34}}) {
+                r.iob[0].locator = loc;
+                ASSERT_EQ(0, r.read());
+                EXPECT_EQ(first, r.iob[0].obsvec[0]) << loc;
+            }
+            r.iob[0].locator = 300;
+            EXPECT_EQ(DA_EOF, r.read());
+        }
+        ASSERT_EQ(0, darclos(fp));
+        EXPECT_EQ(0, dafrlib(lp));
+    }
+}
