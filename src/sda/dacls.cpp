@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "hs/hs.h"
+#include "hs/hsnls.h"
 #include "sda/dafid.h"
 #include "sda/darc.h"
 #include "sda/daxc.h"
@@ -165,6 +166,7 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
         if (rc < 0) last = rc;
         fcb->mdfd = nullptr;
     }
+    if (fcb->nlsenv) nls_release(fcb->nlsenv);
     mutex_destroy(&fcb->indexLock);
     mutex_destroy(&fcb->aclLock);
     mutex_destroy(&fcb->dynupdLock);

@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include "hs/hs.h"
+#include "hs/hsnls.h"
 #include "sda/dafid.h"
 #include "sda/danames.h"
 #include "sda/darc.h"
@@ -277,6 +278,14 @@ rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         // Take back the files this create made.
         if (fcb->dffd) fcb->dffd->fddelete(fcb->dffd, h.links[DA_LNKDPFFIB]);
         if (fcb->mdfd) fcb->mdfd->fddelete(fcb->mdfd, -1);
+        dafrfcb(fcb, 2);
+        return rc;
+    }
+    rc = hsnlsgetenv(fcb->encoding, fcb->locale, -1, 0, &fcb->nlsenv);
+    if (rc < 0) {
+        fcb->nlsenv = nullptr;
+        if (fcb->dffd) fcb->dffd->fddelete(fcb->dffd, h.links[DA_LNKDPFFIB]);
+        fcb->mdfd->fddelete(fcb->mdfd, -1);
         dafrfcb(fcb, 2);
         return rc;
     }

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "hs/hs.h"
+#include "hs/hsnls.h"
 #include "sda/dafid.h"
 #include "sda/danames.h"
 #include "sda/darc.h"
@@ -203,6 +204,11 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     } else {
         fcb->encoding = 28;
         memset(fcb->locale, ' ', sizeof fcb->locale);
+    }
+    rc = hsnlsgetenv(fcb->encoding, fcb->locale, -1, 0, &fcb->nlsenv);
+    if (rc < 0) {
+        fcb->nlsenv = nullptr;
+        goto fail;
     }
     if (fcb->xoe.semtype == DA_SEMVRTAACL && ostr->semtype != DA_SEMVRTAACL) {
         rc = DA_WRONGKIND;
