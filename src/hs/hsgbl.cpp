@@ -59,6 +59,9 @@ void hstbterm() {
 }
 
 rctype hsgblinit() {
+    // A second thread waits here until the first has finished the block,
+    // rather than going on with a half-built one.
+    MutexGuard hold(&xm_startlock);
     if (HSGCB) return 0;
     auto* h = static_cast<HS_GCB*>(calloc(1, sizeof(HS_GCB)));
     if (!h) return HS_RC_NOMEM;

@@ -66,6 +66,10 @@ struct XMGCB {
 // Start-up constants; xminit rounds them to pagesize.
 extern long xm_pool_isa, xm_pool_osa, xm_pudl_isa, xm_pudl_osa, xm_supv_isa, xm_supv_osa;
 
+// Held while the hs process block or the manager is being started. They
+// start each other, hence one lock for both, and recursive.
+extern mutex_t xm_startlock;
+
 // The manager's own calls.
 void* xmgitem(XMPOOL* pool);
 void xmpitem(XMPOOL* pool, void* elem);

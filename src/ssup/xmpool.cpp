@@ -27,6 +27,7 @@ long xm_pudl_isa = 0x8000;
 long xm_pudl_osa = 0x4000;
 long xm_supv_isa = 0x10000;
 long xm_supv_osa = 0x100000;
+mutex_t xm_startlock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 namespace {
 
@@ -52,9 +53,7 @@ XMGCB* gcbnow() {
 }
 
 // The manager comes up on first use when nobody started it: a layer may
-// allocate before the engine entry has run hsgblinit. Recursive, since
-// hsgblinit started from xminit calls xminit again.
-mutex_t xm_startlock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+// allocate before the engine entry has run hsgblinit.
 XMGCB* gcb() {
     if (XMGCB* g = gcbnow()) return g;
     return xminit();
