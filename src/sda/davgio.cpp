@@ -28,6 +28,13 @@ void resetblk(DA_BLOCK* b) {
 bool beyond(const DA_BKCB* bk, int64_t vbn) { return bk->maxvbn == DA_NOVBN || vbn > bk->maxvbn; }
 
 rctype putblk(DA_FCB* fcb, DA_BKCB* bk, DA_BLOCK* b) {
+    // A new block whose first row starts a partition starts its file first,
+    // so that the rows of the partition before are complete.
+    int64_t pf = fcb->xoe.partfactor;
+    if (pf > 0 && b->vbn > 0 && beyond(bk, b->vbn) && (b->vbn * bk->bf) % pf == 0 && b->numobs > 0) {
+        rctype rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDNEWPART, nullptr);
+        if (rc < 0) return rc;
+    }
     rctype rc = bk->ops->putblock(fcb, b);
     if (rc < 0) return rc;
     if (beyond(bk, b->vbn)) bk->maxvbn = b->vbn;

@@ -3,6 +3,8 @@
 // variable blocks past its first level.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+
 #include <atomic>
 #include <random>
 #include <thread>
@@ -64,7 +66,8 @@ TEST(BlockCursor, EveryExitRoundTripsAppendsUpdatesAndReopens) {
             SCOPED_TRACE(std::string(k.exit) + " grow " + std::to_string(grow));
             vrtatest::TempDir tmp;
             DA_LIB* lp = lifetest::assign(tmp.path());
-            DA_FID* fp = make(lp, "blk", k, 0, 0, grow);
+            // Partitions of a few blocks each.
+            DA_FID* fp = make(lp, "blk", k, 0, 3 * 8192, grow);
             ASSERT_NE(nullptr, fp);
             EXPECT_EQ(k.crypt ? DA_SEMXCFBS : DA_SEMXCVBS, fp->xoehdr->semtype);
             const int bf = fp->xoehdr->blockfactor;
@@ -117,6 +120,13 @@ TEST(BlockCursor, EveryExitRoundTripsAppendsUpdatesAndReopens) {
             fp = reopen(lp, "blk", DA_OMINPUT, k);
             ASSERT_NE(nullptr, fp);
             verify(fp, m, "reopened after updates");
+            // A partition every partfactor rows, each a whole number of blocks.
+            EXPECT_EQ(0, fp->xoehdr->partfactor % bf);
+            int parts = 0;
+            DIR* d = opendir(tmp.path().c_str());
+            while (dirent* e = readdir(d)) parts += strncmp(e->d_name, "blk.dpf", 7) == 0;
+            closedir(d);
+            EXPECT_EQ((fp->xoehdr->numobs - 1) / fp->xoehdr->partfactor + 1, parts);
             if (!k.crypt) {
                 DA_VBHEAD h = vbhead(fp);
                 EXPECT_EQ(1, h.numlevels);
