@@ -103,6 +103,7 @@ rctype puttransfer(DA_BIOCB* c, hs_obsno_t obs, long n, const char* p) {
         if (rc < 0) return rc;
         long off = static_cast<long>(obs - c->iofirstob);
         long k = std::min<long>(n, tf - off);
+        if (fcb->xoe.flags & DA_XOEVSTAT) dalckvars(fcb, p, k);
         memcpy(c->iobuf + off * ol, p, k * ol);
         c->lastnum = std::max<int32_t>(c->lastnum, static_cast<int32_t>(off + k));
         c->ioflags |= 1;

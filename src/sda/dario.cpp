@@ -266,6 +266,8 @@ rctype plainput(DA_FCB* fcb, hs_obsno_t obs, const char* p, long n, DA_SIOCB* c 
                 if (rc < 0) return rc;
             }
         }
+        // Column statistics see the rows as the caller gave them.
+        if (fcb->xoe.flags & DA_XOEVSTAT) dalckvars(fcb, p, chunk);
         da_off_t off = (obs - 1) * reclen;
         const char* w = p;
         if (c && c->encoded) {

@@ -207,7 +207,8 @@ rctype writerange(DA_FIOCB* c, hs_obsno_t obs, long n, const char* p) {
         int64_t vbn = (obs - 1) / bf;
         hs_obsno_t blockobs = vbn * bf + 1;
         long off = static_cast<long>(obs - blockobs);
-        long k;
+        long k = std::min<long>(n, bf - off);
+        if (fcb->xoe.flags & DA_XOEVSTAT) dalckvars(fcb, p, k);
         gen(bk)++;
         if (off == 0 && n >= bf && beyond(bk, vbn) && bk->newblk.numobs == 0 && bk->ioblk.vbn != vbn) {
             // A whole new block from the caller's buffer: converted from there.
@@ -233,7 +234,6 @@ rctype writerange(DA_FIOCB* c, hs_obsno_t obs, long n, const char* p) {
                 rc = DA_INTERNAL;
                 break;
             }
-            k = std::min<long>(n, bf - off);
             memcpy(b->blockbuf + off * ol, p, k * ol);
             b->dirty = 1;
             b->numobs = std::max<int32_t>(b->numobs, static_cast<int32_t>(off + k));
