@@ -138,12 +138,10 @@ rctype ckdir(const std::string& path, bool create, int* perms) {
     std::string parent = p;
     int pperm = 0700;
     for (;;) {
+        // Cut the last level off in place; a relative path ends at ".".
         size_t cut = parent.find_last_of('/');
-        if (cut == std::string::npos) {
-            parent = ".";
-        } else {
-            parent = cut == 0 ? "/" : parent.substr(0, cut);
-        }
+        if (cut == std::string::npos) parent.assign(1, '.');
+        else parent.resize(cut == 0 ? 1 : cut);
         if (stat(parent.c_str(), &st) == 0) {
             if (!S_ISDIR(st.st_mode)) return DA_NOTDIR;
             pperm = st.st_mode & 0777;
