@@ -444,6 +444,11 @@ rctype darclos(DA_FID* f) {
     }
     int disp = 1 | (fp->smode == 2 ? 4 : 0);
     if (fcb) {
+        // A writer that is not the last opener still commits what it wrote.
+        if (fp->mode != DA_OMINPUT && fcb->refCount > 1) {
+            rctype frc = dalforc(fp, 0);
+            if (frc < 0) rc = frc;
+        }
         if (fp->fidflags & DA_FIDNOREV) fcb->flags |= DA_FCBNOREV;
         dalinkdel(&fp->fcblink.link);
         rctype frc = dafrfcb(fcb, disp);

@@ -541,3 +541,39 @@ TEST(TableLife, NamelessTableGetsANameAndSortAndBackupRecordsPersist) {
     ASSERT_EQ(0, darclos(fp));
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+TEST(TableLife, ReaderAndLaterUpdaterOfOneThreadShareRowsAndDeletions) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_FID* w = create(lp, "both");
+    auto r = rows(1, 20);
+    ASSERT_EQ(0, dawrobs(w, 1, r.data(), 20));
+    ASSERT_EQ(0, darclos(w));
+
+    DA_OPNSTR oi = request("both", DA_OMINPUT), ou = request("both", DA_OMUPDATE);
+    DA_FID *rd = nullptr, *up = nullptr;
+    ASSERT_EQ(0, daopen(lp, &oi, &rd));
+    EXPECT_EQ(DA_BADARG, rd->mt->delobs(rd, 1));  // a reader cannot delete
+    // The shared block turns writable for the updater; the reader keeps reading.
+    ASSERT_EQ(0, daopen(lp, &ou, &up));
+    ASSERT_EQ(fcbof(rd), fcbof(up));
+    auto more = rows(21, 5);
+    ASSERT_EQ(0, dawrobs(up, 21, more.data(), 5));
+    ASSERT_EQ(0, up->mt->delobs(up, 22));
+    EXPECT_EQ(25, rd->xoehdr->numobs);
+    EXPECT_EQ(1, rd->xoehdr->numdelete);
+    EXPECT_TRUE(rowsintact(rd));
+    ASSERT_EQ(0, darclos(up));
+    // The reader outlives the updater; what the updater wrote is on disk already.
+    DA_XOEODS disk;
+    ASSERT_EQ(0, dardxoe(fcbof(rd)->mdfio, &disk, fcbof(rd)->dshdr.links[DA_LNKXOE]));
+    EXPECT_EQ(25, disk.numobs);
+    EXPECT_EQ(1, disk.numdelete);
+    EXPECT_TRUE(rowsintact(rd));
+    ASSERT_EQ(0, darclos(rd));
+    ASSERT_EQ(0, daopen(lp, &oi, &rd));
+    EXPECT_EQ(25, rd->xoehdr->numobs);
+    EXPECT_EQ(1, rd->xoehdr->numdelete);
+    ASSERT_EQ(0, darclos(rd));
+    EXPECT_EQ(0, dafrlib(lp));
+}
