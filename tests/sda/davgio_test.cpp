@@ -250,6 +250,51 @@ TEST(BlockCursor, VectorTreeGrowsALevelAndReadsAcrossIt) {
         c->mt->freeiocb(c);
     }
     ASSERT_EQ(0, darclos(fp));
+
+    // Rewrites on both sides of the edge go through the two-level tree.
+    o = lifetest::request("deep", DA_OMUPDATE);
+    o.blockgrow = -1;
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    const hs_obsno_t spots[] = {1, perlevel - 64 + 1, perlevel + 1, total - 10};
+    {
+        DA_IOCB* c = nullptr;
+        ASSERT_EQ(0, getiocb(fp, DA_IOMBYROW | DA_IOMRANDOM | DA_IOMLIVE, &c));
+        std::vector<double> buf(64);
+        DA_IOB iob{buf.data(), nullptr, 64, -1};
+        ASSERT_EQ(0, c->mt->setbuf(c, &iob, 64 * 8));
+        for (hs_obsno_t at : spots) {
+            long n = static_cast<long>(std::min<int64_t>(64, total - at + 1));
+            // Values that do not repeat make each block longer than before.
+            for (long i = 0; i < n; ++i) buf[i] = -static_cast<double>(at + i) * 1.000001;
+            iob.numobs = n;
+            iob.locator = at;
+            ASSERT_EQ(0, c->mt->dawritev(c, 1)) << at;
+        }
+        c->mt->freeiocb(c);
+    }
+    ASSERT_EQ(0, darclos(fp));
+    o = lifetest::request("deep", DA_OMINPUT);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    {
+        DA_IOCB* c = nullptr;
+        ASSERT_EQ(0, getiocb(fp, DA_IOMBYROW | DA_IOMRANDOM, &c));
+        std::vector<double> buf(128);
+        DA_IOB iob{buf.data(), nullptr, 0, -1};
+        ASSERT_EQ(0, c->mt->setbuf(c, &iob, 128 * 8));
+        for (hs_obsno_t at : spots) {
+            iob.locator = at > 32 ? at - 32 : at;
+            ASSERT_EQ(0, c->mt->dareadv(c, 1)) << at;
+            for (long i = 0; i < iob.numobs; ++i) {
+                hs_obsno_t r = iob.locator + i;
+                bool rewritten = false;
+                for (hs_obsno_t s : spots) rewritten = rewritten || (r >= s && r < s + 64);
+                double want = rewritten ? -static_cast<double>(r) * 1.000001 : static_cast<double>(r / 7);
+                ASSERT_EQ(want, buf[i]) << r;
+            }
+        }
+        c->mt->freeiocb(c);
+    }
+    ASSERT_EQ(0, darclos(fp));
     EXPECT_EQ(0, dafrlib(lp));
 }
 
