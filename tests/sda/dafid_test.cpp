@@ -577,3 +577,31 @@ TEST(TableLife, ReaderAndLaterUpdaterOfOneThreadShareRowsAndDeletions) {
     ASSERT_EQ(0, darclos(rd));
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+TEST(TableLife, UtilModeRedefinesColumnsOnlyOfAnEmptyTable) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_FID* fp = create(lp, "redef");
+    ASSERT_EQ(0, darclos(fp));
+    DA_OPNSTR o = request("redef", DA_OMUTIL);
+    o.idxsegsize = 100;
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_EQ(100, fp->xoehdr->idxsegsize);  // an empty table takes a new segment size
+    auto cols = columns();
+    cols[1].nlng = 30;
+    ASSERT_EQ(0, fp->mt->defvars(fp, 2, cols.data()));
+    EXPECT_EQ(38, fp->xoehdr->obslen);
+    std::vector<char> row(38, 'x');
+    ASSERT_EQ(0, dawrobs(fp, 1, row.data(), 1));
+    // With a row in it the columns stay.
+    EXPECT_EQ(DA_BADARG, fp->mt->defvars(fp, 2, cols.data()));
+    ASSERT_EQ(0, darclos(fp));
+    o = request("redef", DA_OMINPUT);
+    ASSERT_EQ(0, daopen(lp, &o, &fp));
+    EXPECT_EQ(38, fp->xoehdr->obslen);
+    EXPECT_EQ(30, fp->vars[1].nlng);
+    EXPECT_STREQ("NAME", fp->vars[1].name);
+    EXPECT_EQ(100, fp->segsize);
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
