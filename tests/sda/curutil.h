@@ -18,12 +18,16 @@ using lifetest::ROWLEN;
 
 // Storage forms a suite runs over.
 struct Kind {
-    const char* exit;   // null: plain rows
+    const char* exit;   // null: rows
     bool crypt;
+    int semtype = 0;            // encoded rows when DA_SEMZCRYPT
+    int32_t transfersize = 0;   // transfer format when > 0
 };
 
 inline DA_OPNSTR kindreq(const char* name, int mode, const Kind& k) {
     DA_OPNSTR o = lifetest::request(name, mode);
+    o.semtype = k.semtype;
+    o.transfersize = k.transfersize;
     if (k.exit) {
         o.flags = k.crypt ? DA_OFENCRYPT : DA_OFCOMPRESS;
         memcpy(o.diskcomp, k.exit, 8);

@@ -17,9 +17,9 @@ namespace {
 // Operations per table kind. Under the sanitizers every block conversion is
 // many times slower, so the counts there are cut to keep the suite short.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr long OPSPLAIN = 80000, OPSCOMP = 40000, OPSCRYPT = 12000;
+constexpr long OPSPLAIN = 80000, OPSCOMP = 40000, OPSCRYPT = 12000, OPSFORM = 30000;
 #else
-constexpr long OPSPLAIN = 300000, OPSCOMP = 300000, OPSCRYPT = 100000;
+constexpr long OPSPLAIN = 300000, OPSCOMP = 300000, OPSCRYPT = 100000, OPSFORM = 200000;
 #endif
 constexpr long BUF = 64;
 
@@ -122,3 +122,5 @@ void runmodel(const Kind& k, uint32_t seed, long ops) {
 TEST(CursorModel, PlainRowsFollowTheModel) { runmodel({nullptr, false}, 11, OPSPLAIN); }
 TEST(CursorModel, CompressedRowsFollowTheModel) { runmodel({"VRTARLC2", false}, 12, OPSCOMP); }
 TEST(CursorModel, EncryptedRowsFollowTheModel) { runmodel({"VRTACRYP", true}, 13, OPSCRYPT); }
+TEST(CursorModel, EncodedRowsFollowTheModel) { runmodel({nullptr, false, DA_SEMZCRYPT}, 14, OPSFORM); }
+TEST(CursorModel, TransferRowsFollowTheModel) { runmodel({nullptr, false, DA_SEMDATA, 1000}, 15, OPSFORM); }
