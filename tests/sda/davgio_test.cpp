@@ -503,8 +503,11 @@ TEST(BlockCursor, DeletedRunsAcrossSegmentAndBlockEdges) {
         std::vector<char> del(301, 0);
         for (int n : {1, 32, 33, 64, 65, 128, 300}) del[n] = 1;
         for (int n = 129; n <= 192; ++n) del[n] = 1;  // a whole segment
-        for (int n = 1; n <= 300; ++n)
-            if (del[n]) ASSERT_EQ(0, fp->mt->delobs(fp, n));
+        for (int n = 1; n <= 300; ++n) {
+            if (del[n]) {
+                ASSERT_EQ(0, fp->mt->delobs(fp, n));
+            }
+        }
         std::vector<hs_obsno_t> live;
         for (int n = 1; n <= 300; ++n)
             if (!del[n]) live.push_back(n);
