@@ -255,6 +255,9 @@ TEST(PlainCursor, MappedReadAndBufferHelpers) {
     fp = reopen(lp, "map", DA_OMINPUT, PLAIN);
     ASSERT_NE(nullptr, fp);
     DA_IOCB* c = nullptr;
+    // Sharing the updater's lock needs an updater.
+    EXPECT_EQ(DA_BADARG, getiocb(fp, DA_IOMSHARELK, &c));
+    EXPECT_EQ(0, fidpof(fp)->iocbCount);
     ASSERT_EQ(0, getiocb(fp, DA_IOMMAPPED, &c));
     EXPECT_TRUE(c->iom & DA_IOMBYROW);
     ASSERT_EQ(0, c->mt->setbuf(c, nullptr, 40 * ROWLEN));
