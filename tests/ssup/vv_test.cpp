@@ -16,7 +16,9 @@ protected:
     static void SetUpTestSuite() {
         setenv("MSGPATH", VRTA_SRC_MSGDIR, 0);
         ASSERT_EQ(0, hsgblinit());
-        if (!vvgcbp()->lcbkey) ASSERT_EQ(0, vvinit());
+        if (!vvgcbp()->lcbkey) {
+            ASSERT_EQ(0, vvinit());
+        }
     }
 };
 

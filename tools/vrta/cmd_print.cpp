@@ -106,11 +106,17 @@ int run(const std::vector<std::string>& args) {
     FILE* out = commandOutput();
     if (csv) {
         std::string line;
-        for (size_t i = 0; i < cols.size(); ++i) line += (i ? "," : "") + csvField(cols[i].name);
+        for (size_t i = 0; i < cols.size(); ++i) {
+            if (i) line += ',';
+            line += csvField(cols[i].name);
+        }
         std::fprintf(out, "%s\n", line.c_str());
         int st = keep([&](const unsigned char* r) {
             line.clear();
-            for (size_t i = 0; i < cols.size(); ++i) line += (i ? "," : "") + csvField(cellText(cols[i], r));
+            for (size_t i = 0; i < cols.size(); ++i) {
+                if (i) line += ',';
+                line += csvField(cellText(cols[i], r));
+            }
             std::fputs(line.c_str(), out);
             std::fputc('\n', out);
         });
