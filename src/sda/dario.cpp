@@ -106,41 +106,27 @@ long daraniobufmin() { return optsize("RANIOBUFMIN", 4096, 0x1000000); }
 rctype dawrdelck(DA_FCB* fcb, int iom, hs_obsno_t obs, hs_obsno_t n) {
     if (fcb->xoe.numdelete <= 0 || !fcb->dmpcb) return 0;
     hs_obsno_t end = std::min<hs_obsno_t>(obs + n - 1, fcb->xoe.numobs);
+    bool reuse = (fcb->xoe.flags & DA_ADDAVAIL) != 0;
+    if ((iom & DA_IOMLIVE) && !reuse) return 0;
     DA_DMPBM* bmp = dadmnewbm(fcb);
     if (!bmp) return DA_NOMEM;
     rctype rc = 0;
-    // Runs of deleted rows inside the range, to clear them afterwards.
-    hs_obsno_t runstart = 0;
-    struct Run {
-        hs_obsno_t s, n;
-    };
-    Run runs[64];
-    int nruns = 0;
-    bool overflow = false;
-    for (hs_obsno_t o = obs; o <= end; ++o) {
-        bool del = dadmisdel(fcb, bmp, o);
-        if (!del && !(iom & DA_IOMLIVE)) {
-            rc = DA_NOTDELETED;
-            break;
-        }
-        if (del && !runstart) runstart = o;
-        if ((!del || o == end) && runstart) {
-            hs_obsno_t last = del ? o : o - 1;
-            if (nruns < 64) runs[nruns++] = {runstart, last - runstart + 1};
-            else overflow = true;
-            runstart = 0;
+    // Nothing changes unless every row may be written.
+    if (!(iom & DA_IOMLIVE)) {
+        for (hs_obsno_t o = obs; o <= end && rc == 0; ++o)
+            if (!dadmisdel(fcb, bmp, o)) rc = DA_NOTDELETED;
+    }
+    // The rows get data now: they are live again where the table allows reuse.
+    hs_obsno_t run = 0;
+    for (hs_obsno_t o = obs; reuse && rc == 0 && o <= end + 1; ++o) {
+        bool del = o <= end && dadmisdel(fcb, bmp, o);
+        if (del && !run) run = o;
+        if (!del && run) {
+            rc = dadmreset(fcb, run, o - run);
+            run = 0;
         }
     }
     dadmfreebm(bmp);
-    if (rc < 0) return rc;
-    // The rows get data now: they are live again where the table allows reuse.
-    if (fcb->xoe.flags & DA_ADDAVAIL) {
-        for (int i = 0; i < nruns && rc == 0; ++i) rc = dadmreset(fcb, runs[i].s, runs[i].n);
-        if (overflow && rc == 0) {
-            for (hs_obsno_t o = runs[63].s + runs[63].n; o <= end && rc == 0; ++o)
-                if (dadmisdel(fcb, &fcb->dmpcb->bmap, o)) rc = dadmreset(fcb, o, 1);
-        }
-    }
     return rc;
 }
 
