@@ -67,11 +67,12 @@ rctype damkiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB**
 // The same with room for each buffer's obsvec.
 rctype damdiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret);
 void dafriob(DA_IOB* iobvec);
-// Address of the row at relobs across the cursor's buffers, null when < 0 or
-// beyond what the buffers hold.
+// Address of the row at relobs across the cursor's buffers (obsperbuf rows
+// each), null when relobs < 0 or no buffers are set. The caller keeps relobs
+// inside the vector it gave setbuf.
 void* daobs2p(DA_IOCB* iocb, long relobs);
 // Copies a row in at relobs, raising numobs of its buffer; returns the
-// buffer number + 1, or 0 when relobs is outside the buffers.
+// buffer number + 1, or 0 when daobs2p gives null.
 int daadobs(DA_IOCB* iocb, const void* obsbuf, long relobs);
 
 // Smallest buffers callers use, from the options.
