@@ -158,8 +158,11 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
         fcb->dffd = nullptr;
     }
     if (fcb->mdfd && (disp & 4)) {
+        // Stamps the FIB: readers in other processes see the close's changes.
         DA_FDSCB scb = {0, 0};
-        fcb->mdfd->fdcntl(fcb->mdfd, DA_FDUNSYNC, &scb);
+        rctype rc = fcb->mdfd->fdcntl(fcb->mdfd, DA_FDUNSYNC, &scb);
+        if (rc < 0) last = rc;
+        rw_unlock(&fcb->shareLock);
     }
     if (fcb->mdfd) {
         rctype rc = fcb->mdfd->fdclose(fcb->mdfd);

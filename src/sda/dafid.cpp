@@ -442,6 +442,23 @@ rctype darclos(DA_FID* f) {
         hsprint("darclos: delete map count not zero: Table=%s Count=%d\n", fcb ? fcb->name : "?", fp->dmpCount);
         rc = DA_INTERNAL;
     }
+    if (fcb && fcb->shareLockInit && fp->lcb) {
+        // A dynamic writer's last flush and revision update are changes like
+        // any other: other processes must not read while they are made. A
+        // reader's hold ends here.
+        bool last = fcb->refCount == 1;
+        rctype src = 0;
+        if (fp->smode == DA_SHRREAD || (fp->smode == DA_SHRUPDATE && !last)) src = dasetshare(fp, DA_SHRCLEAR);
+        if (src >= 0 && fp->mode != DA_OMINPUT && fp->smode == 0) {
+            src = dasetshare(fp, DA_SHRUPDATE);
+            if (src >= 0 && !last) {
+                src = dalforc(fp, 0);
+                rctype crc = dasetshare(fp, DA_SHRCLEAR);
+                if (src >= 0) src = crc;
+            }
+        }
+        if (src < 0) rc = src;
+    }
     int disp = 1 | (fp->smode == 2 ? 4 : 0);
     if (fcb) {
         // A writer that is not the last opener still commits what it wrote.
