@@ -609,3 +609,54 @@ TEST(TableLife, UtilModeRedefinesColumnsOnlyOfAnEmptyTable) {
     ASSERT_EQ(0, darclos(fp));
     EXPECT_EQ(0, dafrlib(lp));
 }
+
+TEST(TableLife, OpenerInAnotherProcessInAConflictingModeIsRefusedAndNothingChanges) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = assign(tmp.path());
+    DA_FID* fp = create(lp, "busy");
+    auto r = rows(1, 30);
+    ASSERT_EQ(0, dawrobs(fp, 1, r.data(), 30));
+    ASSERT_EQ(0, darclos(fp));
+    ASSERT_EQ(0, dafrlib(lp));
+
+    int ready[2], done[2];
+    ASSERT_EQ(0, pipe(ready));
+    ASSERT_EQ(0, pipe(done));
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(ready[0]);
+        close(done[1]);
+        DA_LIB* cl = assign(tmp.path());
+        DA_OPNSTR o = request("busy", DA_OMUPDATE);
+        DA_FID* u = nullptr;
+        if (daopen(cl, &o, &u) < 0) _exit(3);
+        if (write(ready[1], "r", 1) != 1) _exit(4);
+        char c;
+        if (read(done[0], &c, 1) != 1) _exit(5);
+        darclos(u);
+        dafrlib(cl);
+        _exit(0);
+    }
+    close(ready[1]);
+    close(done[0]);
+    char c;
+    ASSERT_EQ(1, read(ready[0], &c, 1));
+    std::string before = mdfbytes(tmp.path(), "busy.");
+    lp = assign(tmp.path());
+    for (int mode : {DA_OMINPUT, DA_OMUPDATE, DA_OMAPPEND}) {
+        DA_OPNSTR o = request("busy", mode);
+        rctype rc = daopen(lp, &o, &fp);
+        EXPECT_TRUE(rc == DA_WRLOCKED || rc == DA_RDLOCKED) << mode << " " << std::hex << rc;
+    }
+    EXPECT_EQ(before, mdfbytes(tmp.path(), "busy."));
+    ASSERT_EQ(1, write(done[1], "d", 1));
+    int st = 0;
+    waitpid(pid, &st, 0);
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st;
+    DA_OPNSTR o = request("busy", DA_OMINPUT);
+    ASSERT_GE(daopen(lp, &o, &fp), 0);
+    EXPECT_EQ(30, fp->xoehdr->numobs);
+    ASSERT_EQ(0, darclos(fp));
+    EXPECT_EQ(0, dafrlib(lp));
+}
