@@ -52,7 +52,14 @@ struct DA_VBCB : DA_BKCB {
 
 struct DA_VIOCB {
     DA_VBVNODE node;         // a cursor's own vector
+    int seq;                 // reads ahead: blocks written in order lie in order
+    char* rabuf;
+    da_off_t raoff;
+    int32_t ralen;
+    uint64_t ragen;          // the table's block generation when read
 };
+
+constexpr int32_t DA_VBREADAHEAD = 256 * 1024;
 
 namespace {
 
@@ -439,6 +446,31 @@ rctype addblock(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, da_off_t boff, int32_t sl
     return DA_INTERNAL;
 }
 
+// A sequential cursor reads the DPF in large pieces: blocks appended in
+// order follow each other, so one read serves many. *src stays null when
+// the block is not served this way.
+rctype readahead(DA_FCB* fcb, DA_VBCB* vb, DA_VIOCB* vc, da_off_t off, int32_t len, const char** src) {
+    if (vc->rabuf && vc->ragen == vb->gen && off >= vc->raoff && off + len <= vc->raoff + vc->ralen) {
+        *src = vc->rabuf + (off - vc->raoff);
+        return 0;
+    }
+    if (len > DA_VBREADAHEAD) return 0;
+    if (!vc->rabuf) vc->rabuf = static_cast<char*>(malloc(DA_VBREADAHEAD));
+    if (!vc->rabuf) return 0;
+    vc->ralen = 0;
+    da_off_t n = std::min<da_off_t>(DA_VBREADAHEAD, *fcb->dffd->filesize - off);
+    if (n < len) return 0;
+    long got = 0;
+    rctype rc = fcb->dffd->fdread(fcb->dffd, vc->rabuf, static_cast<long>(n), off, &got);
+    if (rc < 0) return rc;
+    if (got < len) return 0;
+    vc->raoff = off;
+    vc->ralen = static_cast<int32_t>(got);
+    vc->ragen = vb->gen;
+    *src = vc->rabuf;
+    return 0;
+}
+
 // GetBlock: the block's bytes, raw in the end.
 rctype vgetblock(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom, int32_t* rawlen) {
     DA_VBCB* vb = fcb->vbcb;
@@ -458,12 +490,19 @@ rctype vgetblock(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom
     char* dst = a.compressed ? vb->iobuf : raw;
     int32_t room = a.compressed ? vb->iobufsize : rawroom;
     int32_t total = 0;
-    if (!a.chained) {
+    const char* src = nullptr;
+    auto* vc = static_cast<DA_VIOCB*>(cur);
+    if (!a.chained && a.compressed && vc && vc->seq) {
+        rc = readahead(fcb, vb, vc, a.offset, a.nalloc, &src);
+        if (rc < 0) return rc;
+        total = a.nalloc;
+    }
+    if (!src && !a.chained) {
         if (a.nalloc > room) return DA_INTERNAL;
         rc = dpfread(fcb, dst, a.nalloc, a.offset);
         if (rc < 0) return rc;
         total = a.nalloc;
-    } else {
+    } else if (!src) {
         da_off_t off = a.offset;
         int32_t nalloc = a.nalloc;
         for (int pieces = 0;; ++pieces) {
@@ -489,7 +528,7 @@ rctype vgetblock(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom
     int32_t rl = total;
     if (a.compressed) {
         rl = rawroom;
-        rc = daxcunconvert(fcb->xcext, vbn, vb->iobuf, total, raw, &rl);
+        rc = daxcunconvert(fcb->xcext, vbn, src ? src : vb->iobuf, total, raw, &rl);
         if (rc < 0) return rc;
     }
     if (vb->obslen <= 0 || rl % vb->obslen != 0) {
@@ -703,6 +742,7 @@ rctype loadhead(DA_FCB* fcb, DA_VBCB* vb) {
 void freecur(void* p) {
     auto* c = static_cast<DA_VIOCB*>(p);
     free(c->node.vbvec);
+    free(c->rabuf);
     free(c);
 }
 
@@ -798,6 +838,7 @@ rctype davgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
     auto* cur = static_cast<DA_VIOCB*>(calloc(1, sizeof(DA_VIOCB)));
     if (!cur) return DA_NOMEM;
     dropnode(&cur->node);
+    cur->seq = !(iom & DA_IOMRANDOM);
     rctype rc = dabkgioc(fp, iom, fcb->vbcb, cur, freecur, iocb);
     if (rc < 0) freecur(cur);
     return rc;
