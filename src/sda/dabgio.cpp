@@ -235,8 +235,10 @@ rctype dabsbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
     DA_FID* fp = c->fp;
     int32_t reclen = fp->xoehdr->ioreclen;
     if (fp->blocksize <= 0 || reclen <= 0 || bufsize <= 0 || !iobvec) return DA_BADARG;
-    long unit = byrow(c) ? reclen : fp->blocksize;
-    if (bufsize % unit != 0) return DA_BADARG;
+    // Callers hand a transfer-format cursor their buffer unrounded: it takes
+    // the whole rows that fit.
+    if (bufsize < reclen) return DA_BADARG;
+    if (!byrow(c) && bufsize % fp->blocksize != 0) return DA_BADARG;
     c->iobvec = iobvec;
     c->numbuf = 0x7fffffff;
     c->bufsize = bufsize;

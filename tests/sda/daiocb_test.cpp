@@ -306,8 +306,16 @@ TEST(PlainCursor, EncodedAndTransferRowsRoundTrip) {
         ASSERT_EQ(0, daopen(lp, &o, &fp));
         auto cols = lifetest::columns();
         ASSERT_EQ(0, fp->mt->defvars(fp, 2, cols.data()));
-        if (f.semtype == DA_SEMZCRYPT) EXPECT_EQ((ROWLEN + 5) / 3 * 4, fp->xoehdr->odsreclen);
-        else EXPECT_EQ(12, fp->xoehdr->transferfactor);
+        if (f.semtype == DA_SEMZCRYPT) {
+            EXPECT_EQ((ROWLEN + 5) / 3 * 4, fp->xoehdr->odsreclen);
+        } else {
+            EXPECT_EQ(12, fp->xoehdr->transferfactor);
+            // A buffer not in whole rows is taken for the rows that fit.
+            Cur w(fp, DA_IOMBYROW, 10);
+            EXPECT_EQ(0, w.c->mt->setbuf(w.c, w.iob, 10 * ROWLEN + 7));
+            EXPECT_EQ(10, w.c->obsperbuf);
+            EXPECT_EQ(DA_BADARG, w.c->mt->setbuf(w.c, w.iob, ROWLEN - 1));
+        }
         {
             Cur w(fp, DA_IOMBYROW, 100);
             ASSERT_EQ(0, w.write(1, 5, 0));
