@@ -89,9 +89,10 @@ void pointers(DA_FCB* fcb) {
 
 rctype ensurework(DA_FCB* fcb) {
     if (fcb->mmwork) return 0;
+    if (fcb->xoe.nvar < 0) return DA_INTERNAL;
     size_t total = workoff(fcb, fcb->xoe.nvar);
     fcb->mmwork = static_cast<uint8_t*>(calloc(1, total ? total : 1));
-    fcb->mmstate = static_cast<uint8_t*>(calloc(1, fcb->xoe.nvar));
+    fcb->mmstate = static_cast<uint8_t*>(calloc(1, static_cast<size_t>(fcb->xoe.nvar) + 1));
     return fcb->mmwork && fcb->mmstate ? 0 : DA_NOMEM;
 }
 

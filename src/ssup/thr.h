@@ -63,7 +63,17 @@ inline int mutex_trylock(mutex_t* mp) { return pthread_mutex_trylock(mp); }
 inline int mutex_unlock(mutex_t* mp) { return pthread_mutex_unlock(mp); }
 inline int mutex_destroy(mutex_t* mp) { return pthread_mutex_destroy(mp); }
 
-inline int rwlock_init(rwlock_t* rw, int = USYNC_THREAD, void* = nullptr) { return pthread_rwlock_init(rw, nullptr); }
+// Writers are preferred, as the module's locking was designed for: a steady
+// stream of readers must not starve an updater.
+inline int rwlock_init(rwlock_t* rw, int type = USYNC_THREAD, void* = nullptr) {
+    pthread_rwlockattr_t a;
+    pthread_rwlockattr_init(&a);
+    pthread_rwlockattr_setkind_np(&a, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    if (type & USYNC_PROCESS) pthread_rwlockattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
+    int rc = pthread_rwlock_init(rw, &a);
+    pthread_rwlockattr_destroy(&a);
+    return rc;
+}
 inline int rw_rdlock(rwlock_t* rw) { return pthread_rwlock_rdlock(rw); }
 inline int rw_wrlock(rwlock_t* rw) { return pthread_rwlock_wrlock(rw); }
 inline int rw_tryrdlock(rwlock_t* rw) { return pthread_rwlock_tryrdlock(rw); }
