@@ -501,6 +501,10 @@ rctype dalforc(DA_FID* fp, int flags) {
 rctype datrobs(DA_FID* fp, hs_obsno_t numobs) {
     DA_FCB* fcb = fcbof(fp);
     if (numobs < 0 || numobs > fcb->xoe.numobs) return DA_BADARG;
+    // Only plain and encoded rows sit at numobs x odsreclen in the data file;
+    // a block or transfer-format table cannot be cut by a row count.
+    if (fcb->xoe.semtype == DA_SEMXCVBS || fcb->xoe.semtype == DA_SEMXCFBS || (fcb->xoe.flags & DA_XOEEXPORT))
+        return DA_BADARG;
     rctype rc = fcb->dffd->fdtrunc(fcb->dffd, numobs * fcb->xoe.odsreclen);
     if (rc < 0) return rc;
     fcb->xoe.numobs = numobs;

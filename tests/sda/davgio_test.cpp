@@ -384,6 +384,10 @@ TEST(BlockCursor, RefillUsesWhollyDeletedBlocks) {
     // Block 1 wholly deleted, block 0 only in part.
     for (int i = 0; i < bf; ++i) ASSERT_EQ(0, fp->mt->delobs(fp, bf + 1 + i));
     ASSERT_EQ(0, fp->mt->delobs(fp, 2));
+    // Rows of a block table do not sit at a row count's offset: cutting by
+    // row count is refused and must leave every row in place.
+    EXPECT_EQ(DA_BADARG, fp->mt->truncobs(fp, bf));
+    EXPECT_EQ(3 * bf, fp->xoehdr->numobs);
     ASSERT_EQ(0, darclos(fp));
     fp = reopen(lp, "refill", DA_OMAPPEND, k);
     ASSERT_NE(nullptr, fp);
