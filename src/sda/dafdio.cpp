@@ -251,6 +251,20 @@ rctype dawritp(DA_FD* fd, const void* buf, long size, da_off_t* offp) {
         DA_PCB* p = &fdb->pcbs[pno];
         da_off_t paroff = off - p->minoffset;
         bool rewrite = off < fdb->filesize;
+        if (rewrite && pno == fdb->numpcb - 1 && off + left > fdb->filesize && roomleft(fdp, paroff) >= left) {
+            // A last block that is rewritten and grows goes out in one write: a
+            // process killed between a rewrite and an append would leave it
+            // torn, and an encrypted block then loses rows already committed.
+            // On any failure the two-step way below writes it again.
+            int err = 0;
+            if (writepart(p, in, left, paroff, &err) == left) {
+                off += left;
+                if (off - 1 > p->maxoffset) p->maxoffset = off - 1;
+                fdb->filesize = off;
+                left = 0;
+                break;
+            }
+        }
         long wsize;
         if (rewrite) {
             da_off_t end = (pno == fdb->numpcb - 1) ? fdb->filesize - 1 : p->maxoffset;
