@@ -6,8 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sda/daiocb.h"
-#include "sda/darc.h"
+#include "sda/daiocom.h"
 
 namespace vrta {
 
@@ -26,13 +25,6 @@ struct DA_BIOCB : DA_GIOCB {
 };
 
 int32_t tfactor(const DA_FCB* fcb) { return fcb->xoe.transferfactor > 0 ? fcb->xoe.transferfactor : 1; }
-bool byrow(const DA_IOCB* c) { return (c->iom & DA_IOMBYROW) != 0; }
-int32_t cbf(const DA_IOCB* c) { return c->fp->blockfactor > 0 ? c->fp->blockfactor : 1; }
-void setpos(DA_IOCB* c, hs_obsno_t obs) {
-    c->curobs = obs;
-    c->curblock = (obs - 1) / cbf(c);
-}
-bool updmode(int mode) { return mode == DA_OMUPDATE || mode == DA_OMUTIL; }
 
 rctype writetransfer(DA_BIOCB* c) {
     if (!(c->ioflags & 1)) return 0;
@@ -125,7 +117,7 @@ rctype rdiob(DA_BIOCB* c, DA_IOB* iob) {
     hs_obsno_t numobs = fcb->xoe.numobs;
     const int32_t ol = fcb->xoe.obslen;
     char* out = static_cast<char*>(iob->bufptr);
-    bool skip = fcb->xoe.numdelete > 0 && !(c->iom & DA_IOMDELETED) && fcb->dmpcb;
+    bool skip = daskipdel(fcb, c->iom);
     long filled = 0;
     while (filled < c->obsperbuf) {
         hs_obsno_t runobs = c->curobs, numrun = 0;
@@ -136,7 +128,7 @@ rctype rdiob(DA_BIOCB* c, DA_IOB* iob) {
             numrun = std::min<hs_obsno_t>(c->obsperbuf - filled, numobs - c->curobs + 1);
         }
         if (numrun <= 0) {
-            setpos(c, std::max(c->curobs, numobs + 1));
+            dasetpos(c, std::max(c->curobs, numobs + 1));
             break;
         }
         rctype rc = gettransfer(c, runobs, static_cast<long>(numrun), out + filled * ol);
@@ -144,91 +136,30 @@ rctype rdiob(DA_BIOCB* c, DA_IOB* iob) {
         if (iob->obsvec)
             for (long i = 0; i < numrun; ++i) iob->obsvec[filled + i] = runobs + i;
         filled += static_cast<long>(numrun);
-        setpos(c, runobs + numrun);
+        dasetpos(c, runobs + numrun);
     }
     if (filled == 0) return DA_EOF;
     iob->numobs = filled;
     return 0;
 }
 
-rctype locate(DA_IOCB* c, const DA_IOB* iob, hs_obsno_t limit) {
-    if (iob->locator < 0) return 0;
-    hs_obsno_t pos = byrow(c) ? iob->locator : iob->locator * cbf(c) + 1;
-    if (pos < 1 || pos > limit) return DA_PASTEND;
-    setpos(c, pos);
-    return 0;
-}
-
-struct UpdLock {
-    DA_FCB* fcb;
-    bool held = false;
-    UpdLock(DA_FCB* f, bool write, bool take) : fcb(f) {
-        if (!take || !fcb->updateLockInit) return;
-        held = (write ? rw_wrlock(&fcb->updateLock) : rw_rdlock(&fcb->updateLock)) == 0;
-    }
-    ~UpdLock() {
-        if (held) rw_unlock(&fcb->updateLock);
-    }
-};
-
 rctype dabreadv(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_BIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
-    UpdLock lk(c->fcb, false, updmode(c->mode) && !(c->iom & DA_IOMSHARELK));
+    DA_UPDLK lk(c->fcb, false, daupdmode(c->mode) && !(c->iom & DA_IOMSHARELK));
     // Another cursor may have written since: the held unit is read again.
     if (!(c->ioflags & 1)) c->transnum = -1;
-    rctype rc = 0;
-    int i = 0;
-    bool any = false;
-    for (; i < numbuf; ++i) {
-        DA_IOB* iob = &c->iobvec[i];
-        rc = locate(c, iob, c->fcb->xoe.numobs);
-        if (rc == 0) rc = rdiob(c, iob);
-        if (rc != 0) break;
-        c->bfi = i;
-        any = true;
-    }
-    if (rc == 0) return 0;
-    for (; i < numbuf; ++i) c->iobvec[i].numobs = -1;
-    c->status = rc;
-    if (rc == DA_EOF) return any ? 0 : DA_EOF;
-    return rc;
+    return dareadbufs(c, c->fcb, numbuf, [c](DA_IOB* iob) { return rdiob(c, iob); });
 }
 
 rctype dabwritev(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_BIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
-    bool upd = updmode(c->mode);
-    UpdLock lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
+    DA_UPDLK lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
     c->transnum = -1;
-    rctype rc = 0;
-    for (int i = 0; i < numbuf && rc == 0; ++i) {
-        DA_IOB* iob = &c->iobvec[i];
-        if (upd) rc = locate(c, iob, c->fcb->xoe.numobs + 1);
-        else setpos(c, c->fcb->xoe.numobs + 1);
-        if (rc == 0 && iob->numobs > 0) {
-            if (upd) rc = dawrdelck(c->fcb, c->iom, c->curobs, iob->numobs);
-            if (rc == 0) rc = puttransfer(c, c->curobs, iob->numobs, static_cast<const char*>(iob->bufptr));
-            if (rc == 0) setpos(c, c->curobs + iob->numobs);
-        }
-        if (rc == 0) c->bfi = i;
-    }
-    c->status = rc;
-    return rc;
-}
-
-rctype danoval(DA_IOCB*, int) { return DA_BADARG; }
-
-rctype dabsloc(DA_IOCB* c, hs_obsno_t loc) {
-    if (loc < 0) return DA_BADARG;
-    if (byrow(c)) {
-        if (loc < 1) return DA_BADARG;
-        setpos(c, loc);
-    } else {
-        c->curblock = loc;
-        c->curobs = loc * cbf(c) + 1;
-    }
-    return 0;
+    return dawritebufs(
+        c, c->fcb, c->mode, numbuf, [c](hs_obsno_t obs, long n, const char* p) { return puttransfer(c, obs, n, p); },
+        nullptr);
 }
 
 rctype dabsbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
@@ -238,11 +169,8 @@ rctype dabsbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
     // Callers hand a transfer-format cursor their buffer unrounded: it takes
     // the whole rows that fit.
     if (bufsize < reclen) return DA_BADARG;
-    if (!byrow(c) && bufsize % fp->blocksize != 0) return DA_BADARG;
-    c->iobvec = iobvec;
-    c->numbuf = 0x7fffffff;
-    c->bufsize = bufsize;
-    c->obsperbuf = bufsize / reclen;
+    if (!dabyrow(c) && bufsize % fp->blocksize != 0) return DA_BADARG;
+    dausebufs(c, iobvec, 0x7fffffff, bufsize);
     return 0;
 }
 
@@ -250,17 +178,12 @@ rctype dabfree(DA_IOCB* ic) {
     auto* c = static_cast<DA_BIOCB*>(ic);
     rctype rc = writetransfer(c);
     free(c->iobuf);
-    dadmfreebm(c->bmp);
-    DA_FIDP* f = fidpof(c->fp);
-    mutex_lock(&f->iocbLock);
-    if (f->iocbCount > 0) f->iocbCount--;
-    mutex_unlock(&f->iocbLock);
-    free(c);
+    dadropiocb(c);
     return rc;
 }
 
-const DA_IOCBMT mt_read = {dabfree, dabreadv, danoval, dabsloc, dabsbuf};
-const DA_IOCBMT mt_write = {dabfree, dabreadv, dabwritev, dabsloc, dabsbuf};
+const DA_IOCBMT mt_read = {dabfree, dabreadv, danoval, dasetloc, dabsbuf};
+const DA_IOCBMT mt_write = {dabfree, dabreadv, dabwritev, dasetloc, dabsbuf};
 
 }  // namespace
 
@@ -273,7 +196,7 @@ rctype dabgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
         return DA_INTERNAL;
     iom = danormiom(iom);
     if (iom & DA_IOMMAPPED) return DA_BADARG;
-    if ((iom & DA_IOMSHARELK) && !updmode(f->mode)) return DA_BADARG;
+    if ((iom & DA_IOMSHARELK) && !daupdmode(f->mode)) return DA_BADARG;
     auto* c = static_cast<DA_BIOCB*>(calloc(1, sizeof(DA_BIOCB)));
     if (!c) return DA_NOMEM;
     c->iobuf = static_cast<char*>(malloc(x.transfersize));
@@ -291,8 +214,7 @@ rctype dabgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
     c->bfi = -1;
     c->transnum = -1;
     c->mt = f->mode != DA_OMINPUT ? &mt_write : &mt_read;
-    bool append = f->mode == DA_OMOUTPUT || f->mode == DA_OMAPPEND;
-    setpos(c, append ? x.numobs + 1 : 1);
+    dastartpos(c, f->mode, x.numobs);
     *iocb = c;
     return 0;
 }

@@ -8,8 +8,7 @@
 
 #include "hs/hs.h"
 #include "option/op.h"
-#include "sda/daiocb.h"
-#include "sda/darc.h"
+#include "sda/daiocom.h"
 
 namespace vrta {
 
@@ -153,35 +152,29 @@ struct DA_SIOCB : DA_GIOCB {
     long eiobsize;
 };
 
+// A private buffer of at least need bytes; its old contents are not kept.
+rctype growbuf(char** buf, long* size, long need) {
+    if (*size >= need) return 0;
+    free(*buf);
+    *buf = static_cast<char*>(malloc(need));
+    *size = *buf ? need : 0;
+    return *buf ? 0 : DA_NOMEM;
+}
+
 // Disk bytes of n rows: straight into out, or through eiob and the decoder.
 rctype rdrows(DA_SIOCB* c, char* out, hs_obsno_t obs, long n, long* got) {
     DA_FCB* fcb = c->fcb;
     long reclen = fcb->xoe.odsreclen;
     if (!c->encoded) return fcb->dffd->fdread(fcb->dffd, out, n * reclen, (obs - 1) * reclen, got);
-    if (c->eiobsize < n * reclen) {
-        free(c->eiob);
-        c->eiob = static_cast<char*>(malloc(n * reclen));
-        c->eiobsize = c->eiob ? n * reclen : 0;
-        if (!c->eiob) return DA_NOMEM;
-    }
-    rctype rc = fcb->dffd->fdread(fcb->dffd, c->eiob, n * reclen, (obs - 1) * reclen, got);
+    rctype rc = growbuf(&c->eiob, &c->eiobsize, n * reclen);
+    if (rc < 0) return rc;
+    rc = fcb->dffd->fdread(fcb->dffd, c->eiob, n * reclen, (obs - 1) * reclen, got);
     if (rc < 0) return rc;
     long rows = *got / reclen;
     dadeiob(fcb, obs, c->eiob, out, rows);
     *got = rows * fcb->xoe.obslen;
     return rc;
 }
-
-bool byrow(const DA_IOCB* c) { return (c->iom & DA_IOMBYROW) != 0; }
-
-int32_t cbf(const DA_IOCB* c) { return c->fp->blockfactor > 0 ? c->fp->blockfactor : 1; }
-
-void setpos(DA_IOCB* c, hs_obsno_t obs) {
-    c->curobs = obs;
-    c->curblock = (obs - 1) / cbf(c);
-}
-
-rctype danoval(DA_IOCB*, int) { return DA_BADARG; }
 
 rctype dandrio(DA_SIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
@@ -196,7 +189,7 @@ rctype dandrio(DA_SIOCB* c, DA_IOB* iob) {
     if (iob->obsvec)
         for (long i = 0; i < rows; ++i) iob->obsvec[i] = c->curobs + i;
     iob->numobs = rows;
-    setpos(c, c->curobs + rows);
+    dasetpos(c, c->curobs + rows);
     return 0;
 }
 
@@ -211,7 +204,7 @@ rctype darddmp(DA_SIOCB* c, DA_IOB* iob) {
         rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, &runobs, &numrun);
         if (rc < 0) return rc;
         if (numrun <= 0) {
-            setpos(c, std::max(c->curobs, fcb->xoe.numobs + 1));
+            dasetpos(c, std::max(c->curobs, fcb->xoe.numobs + 1));
             break;
         }
         long got = 0;
@@ -221,7 +214,7 @@ rctype darddmp(DA_SIOCB* c, DA_IOB* iob) {
         if (iob->obsvec)
             for (long i = 0; i < rows; ++i) iob->obsvec[filled + i] = runobs + i;
         filled += rows;
-        setpos(c, runobs + rows);
+        dasetpos(c, runobs + rows);
         if (rows < numrun) break;
     }
     if (filled == 0) return DA_EOF;
@@ -230,7 +223,7 @@ rctype darddmp(DA_SIOCB* c, DA_IOB* iob) {
 }
 
 void pickrd(DA_SIOCB* c) {
-    bool skip = c->fcb->xoe.numdelete > 0 && !(c->iom & DA_IOMDELETED) && c->fcb->dmpcb;
+    bool skip = daskipdel(c->fcb, c->iom);
     c->rdiob = skip ? darddmp : dandrio;
 }
 
@@ -257,12 +250,8 @@ rctype plainput(DA_FCB* fcb, hs_obsno_t obs, const char* p, long n, DA_SIOCB* c 
         da_off_t off = (obs - 1) * reclen;
         const char* w = p;
         if (c && c->encoded) {
-            if (c->eiobsize < chunk * reclen) {
-                free(c->eiob);
-                c->eiob = static_cast<char*>(malloc(chunk * reclen));
-                c->eiobsize = c->eiob ? chunk * reclen : 0;
-                if (!c->eiob) return DA_NOMEM;
-            }
+            rc = growbuf(&c->eiob, &c->eiobsize, chunk * reclen);
+            if (rc < 0) return rc;
             daeniob(fcb, obs, p, c->eiob, chunk);
             w = c->eiob;
         }
@@ -283,7 +272,7 @@ rctype plainput(DA_FCB* fcb, hs_obsno_t obs, const char* p, long n, DA_SIOCB* c 
 rctype dandwio(DA_SIOCB* c, DA_IOB* iob) {
     if (iob->numobs <= 0) return 0;
     rctype rc = plainput(c->fcb, c->curobs, static_cast<const char*>(iob->bufptr), iob->numobs, c);
-    if (rc == 0) setpos(c, c->curobs + iob->numobs);
+    if (rc == 0) dasetpos(c, c->curobs + iob->numobs);
     return rc;
 }
 
@@ -306,7 +295,7 @@ rctype darefill(DA_SIOCB* c, DA_IOB* iob) {
             if (rc < 0) return rc;
             if (c->refrun <= 0) {
                 c->iom &= ~(DA_IOMFILLING | DA_IOMLASTRUN);
-                setpos(c, fcb->xoe.numobs + 1);
+                dasetpos(c, fcb->xoe.numobs + 1);
                 break;
             }
         }
@@ -318,77 +307,39 @@ rctype darefill(DA_SIOCB* c, DA_IOB* iob) {
         c->refrun -= k;
         p += k * reclen;
         n -= k;
-        setpos(c, c->refobs);
+        dasetpos(c, c->refobs);
     }
     if (n <= 0) return 0;
-    setpos(c, fcb->xoe.numobs + 1);
+    dasetpos(c, fcb->xoe.numobs + 1);
     rctype rc = plainput(fcb, c->curobs, p, n, c);
-    if (rc == 0) setpos(c, c->curobs + n);
+    if (rc == 0) dasetpos(c, c->curobs + n);
     return rc;
-}
-
-struct UpdLock {
-    DA_FCB* fcb;
-    bool held = false;
-    UpdLock(DA_FCB* f, bool write, bool take) : fcb(f) {
-        if (!take || !fcb->updateLockInit) return;
-        held = (write ? rw_wrlock(&fcb->updateLock) : rw_rdlock(&fcb->updateLock)) == 0;
-    }
-    ~UpdLock() {
-        if (held) rw_unlock(&fcb->updateLock);
-    }
-};
-
-bool updmode(int mode) { return mode == DA_OMUPDATE || mode == DA_OMUTIL; }
-
-// Where a buffer's locator sends the cursor; DA_PASTEND when beyond limit.
-rctype locate(DA_IOCB* c, const DA_IOB* iob, hs_obsno_t limit) {
-    if (iob->locator < 0) return 0;
-    hs_obsno_t pos = byrow(c) ? iob->locator : iob->locator * cbf(c) + 1;
-    if (pos < 1 || pos > limit) return DA_PASTEND;
-    setpos(c, pos);
-    return 0;
 }
 
 rctype darsrds(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_SIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
-    bool upd = updmode(c->mode);
-    UpdLock lk(c->fcb, false, upd && !(c->iom & DA_IOMSHARELK));
+    bool upd = daupdmode(c->mode);
+    DA_UPDLK lk(c->fcb, false, upd && !(c->iom & DA_IOMSHARELK));
     pickrd(c);
-    rctype rc = 0;
-    int i = 0;
-    bool any = false;
-    for (; i < numbuf; ++i) {
-        DA_IOB* iob = &c->iobvec[i];
-        rc = locate(c, iob, c->fcb->xoe.numobs);
-        if (rc == 0) rc = c->rdiob(c, iob);
-        if (rc != 0) break;
-        c->bfi = i;
-        any = true;
-    }
-    if (rc == 0) return 0;
-    for (; i < numbuf; ++i) c->iobvec[i].numobs = -1;
-    c->status = rc;
-    if (rc == DA_EOF) return any ? 0 : DA_EOF;
-    return rc;
+    return dareadbufs(c, c->fcb, numbuf, [c](DA_IOB* iob) { return c->rdiob(c, iob); });
 }
 
 rctype darswrs(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_SIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
-    bool upd = updmode(c->mode);
-    UpdLock lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
+    bool upd = daupdmode(c->mode);
+    DA_UPDLK lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
     rctype rc = 0;
     for (int i = 0; i < numbuf && rc == 0; ++i) {
         DA_IOB* iob = &c->iobvec[i];
         if (upd) {
-            rc = locate(c, iob, c->fcb->xoe.numobs + 1);
+            rc = dalocate(c, iob, c->fcb->xoe.numobs + 1);
             if (rc == 0) rc = (c->fcb->xoe.numdelete > 0 ? dawrdmp : dandwio)(c, iob);
         } else if (c->iom & DA_IOMFILLING) {
             rc = darefill(c, iob);
         } else {
-            setpos(c, c->fcb->xoe.numobs + 1);
+            dasetpos(c, c->fcb->xoe.numobs + 1);
             rc = dandwio(c, iob);
         }
         if (rc == 0) c->bfi = i;
@@ -428,33 +379,17 @@ rctype darmloc(DA_IOCB* ic, hs_obsno_t loc) {
         c->mapsize = n * reclen;
         c->mapiob.bufptr = addr;
     } else {
-        if (c->privsize < n * reclen) {
-            free(c->privbuf);
-            c->privbuf = static_cast<char*>(malloc(n * reclen));
-            c->privsize = c->privbuf ? n * reclen : 0;
-            if (!c->privbuf) return DA_NOMEM;
-        }
+        rctype rc = growbuf(&c->privbuf, &c->privsize, n * reclen);
+        if (rc < 0) return rc;
         long got = 0;
-        rctype rc = fcb->dffd->fdread(fcb->dffd, c->privbuf, n * reclen, off, &got);
+        rc = fcb->dffd->fdread(fcb->dffd, c->privbuf, n * reclen, off, &got);
         if (rc < 0) return rc;
         n = got / reclen;
         c->mapiob.bufptr = c->privbuf;
     }
     c->mapiob.numobs = n;
-    setpos(c, loc + n);
+    dasetpos(c, loc + n);
     c->bfi = 0;
-    return 0;
-}
-
-rctype darsloc(DA_IOCB* c, hs_obsno_t loc) {
-    if (loc < 0) return DA_BADARG;
-    if (byrow(c)) {
-        if (loc < 1) return DA_BADARG;
-        setpos(c, loc);
-    } else {
-        c->curblock = loc;
-        c->curobs = loc * cbf(c) + 1;
-    }
     return 0;
 }
 
@@ -463,20 +398,14 @@ rctype darsbuf(DA_IOCB* ic, DA_IOB* iobvec, long bufsize) {
     DA_FID* fp = c->fp;
     int32_t reclen = fp->xoehdr->ioreclen;
     if (fp->blocksize <= 0 || reclen <= 0 || bufsize <= 0) return DA_BADARG;
-    long unit = byrow(c) ? reclen : fp->blocksize;
+    long unit = dabyrow(c) ? reclen : fp->blocksize;
     if (bufsize % unit != 0) return DA_BADARG;
     if (c->iom & DA_IOMMAPPED) {
-        c->iobvec = &c->mapiob;
-        c->numbuf = 1;
+        dausebufs(c, &c->mapiob, 1, bufsize);
     } else {
         if (!iobvec) return DA_BADARG;
-        c->iobvec = iobvec;
-        // The caller's vector length is not passed; a cursor serves as many
-        // buffers as a read or write call names.
-        c->numbuf = 0x7fffffff;
+        dausebufs(c, iobvec, 0x7fffffff, bufsize);
     }
-    c->bufsize = bufsize;
-    c->obsperbuf = bufsize / reclen;
     return 0;
 }
 
@@ -485,17 +414,12 @@ rctype darfree(DA_IOCB* ic) {
     unmapc(c);
     free(c->privbuf);
     free(c->eiob);
-    dadmfreebm(c->bmp);
-    DA_FIDP* f = fidpof(c->fp);
-    mutex_lock(&f->iocbLock);
-    if (f->iocbCount > 0) f->iocbCount--;
-    mutex_unlock(&f->iocbLock);
-    free(c);
+    dadropiocb(c);
     return 0;
 }
 
-const DA_IOCBMT mt_read = {darfree, darsrds, danoval, darsloc, darsbuf};
-const DA_IOCBMT mt_write = {darfree, darsrds, darswrs, darsloc, darsbuf};
+const DA_IOCBMT mt_read = {darfree, darsrds, danoval, dasetloc, darsbuf};
+const DA_IOCBMT mt_write = {darfree, darsrds, darswrs, dasetloc, darsbuf};
 const DA_IOCBMT mt_mapped = {darfree, danoval, danoval, darmloc, darsbuf};
 
 }  // namespace
@@ -517,7 +441,7 @@ rctype dasgioc(DA_FID* fp, int iom, bool encoded, DA_IOCB** iocb) {
     iom = danormiom(iom);
     // Encoded rows are not the caller's bytes on disk: nothing to map.
     if (encoded && (iom & DA_IOMMAPPED)) return DA_BADARG;
-    if ((iom & DA_IOMSHARELK) && !updmode(f->mode)) return DA_BADARG;
+    if ((iom & DA_IOMSHARELK) && !daupdmode(f->mode)) return DA_BADARG;
     if ((iom & DA_IOMMAPPED) && f->mode != DA_OMINPUT) return DA_BADARG;
     auto* c = static_cast<DA_SIOCB*>(calloc(1, sizeof(DA_SIOCB)));
     if (!c) return DA_NOMEM;
@@ -534,15 +458,11 @@ rctype dasgioc(DA_FID* fp, int iom, bool encoded, DA_IOCB** iocb) {
     }
     c->mapiob.numobs = -1;
     c->mapiob.locator = -1;
-    if ((iom & DA_IOMREFILL) && (iom & DA_IOMBYROW) && (fcb->xoe.flags & DA_ADDAVAIL) && fcb->xoe.numdelete > 0)
-        c->iom |= DA_IOMFILLING;
-    else
-        c->iom &= ~DA_IOMREFILL;
+    c->iom = darefilliom(fcb, iom);
     bool writer = f->mode != DA_OMINPUT;
     if (iom & DA_IOMMAPPED) c->mt = &mt_mapped;
     else c->mt = writer ? &mt_write : &mt_read;
-    bool append = f->mode == DA_OMOUTPUT || f->mode == DA_OMAPPEND;
-    setpos(c, append ? fcb->xoe.numobs + 1 : 1);
+    dastartpos(c, f->mode, fcb->xoe.numobs);
     *iocb = c;
     return 0;
 }

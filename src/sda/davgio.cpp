@@ -8,8 +8,7 @@
 #include <cstring>
 
 #include "hs/hs.h"
-#include "sda/daiocb.h"
-#include "sda/darc.h"
+#include "sda/daiocom.h"
 
 namespace vrta {
 
@@ -91,15 +90,6 @@ struct DA_FIOCB : DA_GIOCB {
 
 uint64_t& gen(DA_BKCB* bk) { return bk->gen; }
 
-bool byrow(const DA_IOCB* c) { return (c->iom & DA_IOMBYROW) != 0; }
-int32_t cbf(const DA_IOCB* c) { return c->fp->blockfactor > 0 ? c->fp->blockfactor : 1; }
-void setpos(DA_IOCB* c, hs_obsno_t obs) {
-    c->curobs = obs;
-    c->curblock = (obs - 1) / cbf(c);
-}
-
-bool updmode(int mode) { return mode == DA_OMUPDATE || mode == DA_OMUTIL; }
-
 // Rows [obs, obs+n) into out, block by block.
 rctype readrange(DA_FIOCB* c, hs_obsno_t obs, long n, char* out) {
     DA_BKCB* bk = c->bk;
@@ -159,7 +149,7 @@ rctype bkread(DA_FIOCB* c, DA_IOB* iob) {
     hs_obsno_t numobs = fcb->xoe.numobs;
     char* out = static_cast<char*>(iob->bufptr);
     const int32_t ol = c->bk->obslen;
-    bool skip = fcb->xoe.numdelete > 0 && !(c->iom & DA_IOMDELETED) && fcb->dmpcb;
+    bool skip = daskipdel(fcb, c->iom);
     if (!skip) {
         if (c->curobs > numobs) return DA_EOF;
         long n = static_cast<long>(std::min<hs_obsno_t>(c->obsperbuf, numobs - c->curobs + 1));
@@ -168,7 +158,7 @@ rctype bkread(DA_FIOCB* c, DA_IOB* iob) {
         if (iob->obsvec)
             for (long i = 0; i < n; ++i) iob->obsvec[i] = c->curobs + i;
         iob->numobs = n;
-        setpos(c, c->curobs + n);
+        dasetpos(c, c->curobs + n);
         return 0;
     }
     long filled = 0;
@@ -177,7 +167,7 @@ rctype bkread(DA_FIOCB* c, DA_IOB* iob) {
         rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, &runobs, &numrun);
         if (rc < 0) return rc;
         if (numrun <= 0) {
-            setpos(c, std::max(c->curobs, numobs + 1));
+            dasetpos(c, std::max(c->curobs, numobs + 1));
             break;
         }
         rc = readrange(c, runobs, static_cast<long>(numrun), out + filled * ol);
@@ -185,7 +175,7 @@ rctype bkread(DA_FIOCB* c, DA_IOB* iob) {
         if (iob->obsvec)
             for (long i = 0; i < numrun; ++i) iob->obsvec[filled + i] = runobs + i;
         filled += static_cast<long>(numrun);
-        setpos(c, runobs + numrun);
+        dasetpos(c, runobs + numrun);
     }
     if (filled == 0) return DA_EOF;
     iob->numobs = filled;
@@ -301,107 +291,38 @@ rctype writedelete(DA_FIOCB* c, DA_IOB* iob) {
         c->refrun -= k;
         p += k * ol;
         n -= k;
-        setpos(c, c->refobs);
+        dasetpos(c, c->refobs);
     }
     if (n <= 0) return 0;
-    setpos(c, fcb->xoe.numobs + 1);
+    dasetpos(c, fcb->xoe.numobs + 1);
     rctype rc = writerange(c, c->curobs, n, p);
-    if (rc == 0) setpos(c, c->curobs + n);
+    if (rc == 0) dasetpos(c, c->curobs + n);
     return rc;
 }
-
-rctype danoval(DA_IOCB*, int) { return DA_BADARG; }
-
-rctype locate(DA_IOCB* c, const DA_IOB* iob, hs_obsno_t limit) {
-    if (iob->locator < 0) return 0;
-    hs_obsno_t pos = byrow(c) ? iob->locator : iob->locator * cbf(c) + 1;
-    if (pos < 1 || pos > limit) return DA_PASTEND;
-    setpos(c, pos);
-    return 0;
-}
-
-struct UpdLock {
-    DA_FCB* fcb;
-    bool held = false;
-    UpdLock(DA_FCB* f, bool write, bool take) : fcb(f) {
-        if (!take || !fcb->updateLockInit) return;
-        held = (write ? rw_wrlock(&fcb->updateLock) : rw_rdlock(&fcb->updateLock)) == 0;
-    }
-    ~UpdLock() {
-        if (held) rw_unlock(&fcb->updateLock);
-    }
-};
 
 rctype bkreadv(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_FIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
-    UpdLock lk(c->fcb, false, updmode(c->mode) && !(c->iom & DA_IOMSHARELK));
-    rctype rc = 0;
-    int i = 0;
-    bool any = false;
-    for (; i < numbuf; ++i) {
-        DA_IOB* iob = &c->iobvec[i];
-        rc = locate(c, iob, c->fcb->xoe.numobs);
-        if (rc == 0) rc = bkread(c, iob);
-        if (rc != 0) break;
-        c->bfi = i;
-        any = true;
-    }
-    if (rc == 0) return 0;
-    for (; i < numbuf; ++i) c->iobvec[i].numobs = -1;
-    c->status = rc;
-    if (rc == DA_EOF) return any ? 0 : DA_EOF;
-    return rc;
+    DA_UPDLK lk(c->fcb, false, daupdmode(c->mode) && !(c->iom & DA_IOMSHARELK));
+    return dareadbufs(c, c->fcb, numbuf, [c](DA_IOB* iob) { return bkread(c, iob); });
 }
 
 rctype bkwritev(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_FIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
-    bool upd = updmode(c->mode);
-    UpdLock lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
-    rctype rc = 0;
-    for (int i = 0; i < numbuf && rc == 0; ++i) {
-        DA_IOB* iob = &c->iobvec[i];
-        if (!upd && (c->iom & DA_IOMFILLING)) {
-            rc = writedelete(c, iob);
-            if (rc == 0) c->bfi = i;
-            continue;
-        }
-        if (upd) rc = locate(c, iob, c->fcb->xoe.numobs + 1);
-        else setpos(c, c->fcb->xoe.numobs + 1);
-        if (rc == 0 && iob->numobs > 0) {
-            if (upd) rc = dawrdelck(c->fcb, c->iom, c->curobs, iob->numobs);
-            if (rc == 0) rc = writerange(c, c->curobs, iob->numobs, static_cast<const char*>(iob->bufptr));
-            if (rc == 0) setpos(c, c->curobs + iob->numobs);
-        }
-        if (rc == 0) c->bfi = i;
-    }
-    c->status = rc;
-    return rc;
-}
-
-rctype bksloc(DA_IOCB* c, hs_obsno_t loc) {
-    if (loc < 0) return DA_BADARG;
-    if (byrow(c)) {
-        if (loc < 1) return DA_BADARG;
-        setpos(c, loc);
-    } else {
-        c->curblock = loc;
-        c->curobs = loc * cbf(c) + 1;
-    }
-    return 0;
+    DA_UPDLK lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
+    return dawritebufs(
+        c, c->fcb, c->mode, numbuf, [c](hs_obsno_t obs, long n, const char* p) { return writerange(c, obs, n, p); },
+        [c](DA_IOB* iob) { return writedelete(c, iob); });
 }
 
 rctype bksbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
     DA_FID* fp = c->fp;
     int32_t reclen = fp->xoehdr->ioreclen;
     if (fp->blocksize <= 0 || reclen <= 0 || bufsize <= 0 || !iobvec) return DA_BADARG;
-    long unit = byrow(c) ? reclen : fp->blocksize;
+    long unit = dabyrow(c) ? reclen : fp->blocksize;
     if (bufsize % unit != 0) return DA_BADARG;
-    c->iobvec = iobvec;
-    c->numbuf = 0x7fffffff;
-    c->bufsize = bufsize;
-    c->obsperbuf = bufsize / reclen;
+    dausebufs(c, iobvec, 0x7fffffff, bufsize);
     return 0;
 }
 
@@ -413,17 +334,12 @@ rctype bkfree(DA_IOCB* ic) {
         mutex_unlock(&c->bk->lock);
     }
     free(c->blockbuf);
-    dadmfreebm(c->bmp);
-    DA_FIDP* f = fidpof(c->fp);
-    mutex_lock(&f->iocbLock);
-    if (f->iocbCount > 0) f->iocbCount--;
-    mutex_unlock(&f->iocbLock);
-    free(c);
+    dadropiocb(c);
     return 0;
 }
 
-const DA_IOCBMT mt_read = {bkfree, bkreadv, danoval, bksloc, bksbuf};
-const DA_IOCBMT mt_write = {bkfree, bkreadv, bkwritev, bksloc, bksbuf};
+const DA_IOCBMT mt_read = {bkfree, bkreadv, danoval, dasetloc, bksbuf};
+const DA_IOCBMT mt_write = {bkfree, bkreadv, bkwritev, dasetloc, bksbuf};
 
 }  // namespace
 
@@ -484,7 +400,7 @@ rctype dabkgioc(DA_FID* fp, int iom, DA_BKCB* bk, void* cur, void (*freecur)(voi
     iom = danormiom(iom);
     // Blocks are not laid out as rows in the file: nothing to map.
     if (iom & DA_IOMMAPPED) return DA_BADARG;
-    if ((iom & DA_IOMSHARELK) && !updmode(f->mode)) return DA_BADARG;
+    if ((iom & DA_IOMSHARELK) && !daupdmode(f->mode)) return DA_BADARG;
     mutex_lock(&bk->lock);
     rctype rc = bkbufs(fcb, bk);
     mutex_unlock(&bk->lock);
@@ -502,16 +418,11 @@ rctype dabkgioc(DA_FID* fp, int iom, DA_BKCB* bk, void* cur, void (*freecur)(voi
     c->cur = cur;
     c->freecur = freecur;
     c->mode = f->mode;
-    c->iom = iom;
-    if ((iom & DA_IOMREFILL) && (iom & DA_IOMBYROW) && (fcb->xoe.flags & DA_ADDAVAIL) && fcb->xoe.numdelete > 0)
-        c->iom |= DA_IOMFILLING;
-    else
-        c->iom &= ~DA_IOMREFILL;
+    c->iom = darefilliom(fcb, iom);
     c->bfi = -1;
     c->bbvbn = DA_NOVBN;
     c->mt = f->mode != DA_OMINPUT ? &mt_write : &mt_read;
-    bool append = f->mode == DA_OMOUTPUT || f->mode == DA_OMAPPEND;
-    setpos(c, append ? fcb->xoe.numobs + 1 : 1);
+    dastartpos(c, f->mode, fcb->xoe.numobs);
     *iocb = c;
     return 0;
 }
