@@ -36,12 +36,9 @@ std::string modulePath() {
 }
 
 DirectApi* loadApi() {
-    std::string path = modulePath();
-    void* h = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!h) {
-        fail(std::string("cannot load the module: ") + dlerror());
-        return nullptr;
-    }
+    std::string path;
+    void* h = loadModule(&path);
+    if (!h) return nullptr;
     auto* api = new DirectApi;
     bool ok = true;
     auto get = [&](auto& slot, const char* name) {
@@ -65,6 +62,13 @@ DirectApi* loadApi() {
 }
 
 }  // namespace
+
+void* loadModule(std::string* path) {
+    *path = modulePath();
+    void* h = dlopen(path->c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!h) fail(std::string("cannot load the module: ") + dlerror());
+    return h;
+}
 
 std::string DirectApi::text(int rc) const {
     char buf[512];

@@ -37,6 +37,11 @@ struct DirectApi {
     std::string text(int rc) const;
 };
 
+// dlopens libvrta.so as a host does: the file VRTA_LIB names, else the one
+// beside this program, else the one in the build directory. *path gets the
+// file tried; null after printing why it could not be loaded.
+void* loadModule(std::string* path);
+
 // Loads the module once; null after printing why it could not be loaded.
 const DirectApi* directApi();
 

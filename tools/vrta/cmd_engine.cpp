@@ -1,15 +1,14 @@
 // vrta engine: loads the module the way a host does, calls vrtaeng, and shows
 // what it handed back.
 #include <dlfcn.h>
-#include <unistd.h>
 
-#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "apiload.h"
 #include "vrta.h"
 #include "vrta/vrtaeng.h"
 
@@ -66,24 +65,6 @@ struct DbiHeader {
     char release[4];
 };
 
-bool exists(const std::string& p) { return access(p.c_str(), R_OK) == 0; }
-
-// VRTA_LIB wins; then next to the executable (build/tools/vrta beside
-// build/libvrta.so); then the build directory the tool was made in.
-std::string findModule() {
-    if (const char* env = std::getenv("VRTA_LIB"); env && *env) return env;
-    char self[PATH_MAX];
-    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n > 0) {
-        self[n] = 0;
-        std::string dir(self);
-        dir.resize(dir.rfind('/'));
-        for (const char* rel : {"/libvrta.so", "/../libvrta.so", "/../lib/libvrta.so"})
-            if (exists(dir + rel)) return dir + rel;
-    }
-    return std::string(VRTA_LIBDIR) + "/libvrta.so";
-}
-
 void listTable(const char* title, const Slot* slots, int n, const void* base, bool all) {
     int filled = 0;
     for (int i = 0; i < n; ++i) {
@@ -108,9 +89,9 @@ int run(const std::vector<std::string>& args) {
         if (a == "--all") all = true;
         else return fail("engine: unknown argument '" + a + "' (try --help)", 2);
     }
-    std::string path = findModule();
-    void* h = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!h) return fail(std::string("cannot load the module: ") + dlerror());
+    std::string path;
+    void* h = loadModule(&path);
+    if (!h) return 1;
     auto entry = reinterpret_cast<int (*)(int, void**)>(dlsym(h, "vrtaeng"));
     if (!entry) return fail("the module " + path + " has no entry vrtaeng");
 
