@@ -45,14 +45,22 @@ void daupstrph(void* closure, da_off_t newoff) {
     fcb->flags |= DA_FCBDSHDR;
 }
 
-const char* const* pathvec(DA_PATHINFO* p, int n, const char** buf) {
-    for (int i = 0; i < n; ++i) buf[i] = p[i].path;
-    return buf;
-}
-
 }  // namespace
 
 DA_ODSIO damdfio(DA_FCB* fcb) { return DA_ODSIO{fdioread, fdiowrite, fcb->mdfd, fcb->iname}; }
+
+DA_FDSTR dafdname(const DA_FCB* fcb, int kind, DA_PATHINFO* paths, int npath, const char** pbuf, char* namebuf) {
+    DA_FDSTR fs{};
+    fs.namelen = dadsnam(kind, fcb->iname, fcb->inameLen, nullptr, 0, namebuf);
+    fs.name = namebuf;
+    fs.numpath = npath;
+    for (int i = 0; i < npath; ++i) pbuf[i] = paths[i].path;
+    fs.paths = pbuf;
+    fs.perms = -1;
+    fs.minfree = -1;
+    fs.fiboff = -1;
+    return fs;
+}
 
 da_strpmoved_t dastrpmovedcb() { return daupstrph; }
 
@@ -195,17 +203,9 @@ rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     // The files. Any failure from here on discards the table without a flush.
     const char* pbuf[64];
     int nmeta = acl ? 1 : (lp->nummeta > 64 ? 64 : lp->nummeta);
-    DA_FDSTR fs{};
-    fs.name = fcb->iname;
     char mdfname[48];
-    fs.namelen = dadsnam(0, fcb->iname, fcb->inameLen, nullptr, 0, mdfname);
-    fs.name = mdfname;
-    fs.numpath = nmeta;
-    fs.paths = pathvec(lp->meta, nmeta, pbuf);
+    DA_FDSTR fs = dafdname(fcb, 0, lp->meta, nmeta, pbuf, mdfname);
     fs.flags = DA_FDCREATE | DA_FDFORCE1ST | DA_FDEOFERR | DA_FDSHORTERR;
-    fs.perms = -1;
-    fs.minfree = -1;
-    fs.fiboff = -1;
     memcpy(fs.ds_rv_wr, ostr->rv_120, sizeof fs.ds_rv_wr);
     rc = dafdopn(&fs, &fcb->mdfd);
     if (rc < 0) {
@@ -243,12 +243,8 @@ rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     }
     if (rc == 0) {
         int ndata = acl ? 1 : (lp->numdata > 64 ? 64 : lp->numdata);
-        DA_FDSTR ds{};
         char dpfname[48];
-        ds.namelen = dadsnam(1, fcb->iname, fcb->inameLen, nullptr, 0, dpfname);
-        ds.name = dpfname;
-        ds.numpath = ndata;
-        ds.paths = pathvec(acl ? &lp->lib : lp->data, ndata, pbuf);
+        DA_FDSTR ds = dafdname(fcb, 1, acl ? &lp->lib : lp->data, ndata, pbuf, dpfname);
         ds.numstripe = lp->datastripes;
         ds.flags = DA_FDCREATE | DA_FDINDIRECT | DA_FDEOFERR | DA_FDSHORTERR;
         if (x.partsize > 0) {
@@ -259,9 +255,6 @@ rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
             ds.flags |= DA_FDRANDPLACE;
             ds.firstplace = dagetranpath(lp, ndata);
         }
-        ds.perms = -1;
-        ds.minfree = -1;
-        ds.fiboff = -1;
         ds.mdfd = fcb->mdfd;
         memcpy(ds.ds_rv_wr, ostr->rv_120, sizeof ds.ds_rv_wr);
         rc = dafdopn(&ds, &fcb->dffd);

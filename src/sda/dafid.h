@@ -315,6 +315,10 @@ rctype dawrfcbxoe(DA_FCB* fcb);
 
 // Between the files of the table layer.
 DA_ODSIO damdfio(DA_FCB* fcb);
+// Names one of the table's files (kind 0 the MDF, 1 the DPF) and its first
+// npath paths, pbuf and namebuf (48 bytes) holding them; permissions, free
+// space minimum and FIB are left to the file layer's choice.
+DA_FDSTR dafdname(const DA_FCB* fcb, int kind, DA_PATHINFO* paths, int npath, const char** pbuf, char* namebuf);
 da_strpmoved_t dastrpmovedcb();
 DA_FCB* danewfcb(DA_LIBP* lp, const char* name, int namelen, int mode);
 rctype dastv7nam(DA_FCB* fcb, int nvars, DA_NAMESTR* vars);

@@ -34,11 +34,6 @@ bool ismissing(double d) {
     return (u >> 48) == 0xffff;
 }
 
-const char* const* pathvec(DA_PATHINFO* p, int n, const char** buf) {
-    for (int i = 0; i < n; ++i) buf[i] = p[i].path;
-    return buf;
-}
-
 // Reads the table's records into the FCB (header, description, sort, owner).
 rctype rdrecords(DA_FCB* fcb) {
     rctype rc = dardsfh(fcb->mdfio, &fcb->dshdr, fcb->hdrOff);
@@ -177,18 +172,11 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         }
     }
     rctype warn = 0;
-    DA_FDSTR fs{};
     char mdfname[48];
-    fs.namelen = dadsnam(0, fcb->iname, fcb->inameLen, nullptr, 0, mdfname);
-    fs.name = mdfname;
-    fs.numpath = nmeta;
-    fs.paths = pathvec(lp->meta, nmeta, pbuf);
+    DA_FDSTR fs = dafdname(fcb, 0, lp->meta, nmeta, pbuf, mdfname);
     fs.flags = DA_FDCHKREV | DA_FDEOFERR | DA_FDSHORTERR | modebit;
     if (ostr->flags & DA_OFOLDFMT) fs.flags |= DA_FDOLDFMT;
     if (!acl) fs.flags |= DA_FDSHARED;
-    fs.perms = -1;
-    fs.minfree = -1;
-    fs.fiboff = -1;
     rc = dafdopn(&fs, &fcb->mdfd);
     if (rc > 0) warn = rc;
     if (rc < 0) goto fail;
@@ -285,12 +273,8 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     }
     {
         int ndata = acl ? 1 : (lp->numdata > 64 ? 64 : lp->numdata);
-        DA_FDSTR ds{};
         char dpfname[48];
-        ds.namelen = dadsnam(1, fcb->iname, fcb->inameLen, nullptr, 0, dpfname);
-        ds.name = dpfname;
-        ds.numpath = ndata;
-        ds.paths = pathvec(acl ? &lp->lib : lp->data, ndata, pbuf);
+        DA_FDSTR ds = dafdname(fcb, 1, acl ? &lp->lib : lp->data, ndata, pbuf, dpfname);
         ds.flags = DA_FDCHKREV | DA_FDEOFERR | DA_FDSHORTERR | DA_FDINDIRECT | modebit;
         if (dagcb.dpfdirectio) ds.flags |= DA_FDDIRECTIO;
         if (ostr->flags & DA_OFOLDFMT) ds.flags |= DA_FDOLDFMT;
@@ -298,8 +282,6 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
             ds.flags |= DA_FDPARTSIZE;
             ds.maxpar = fcb->xoe.partsize;
         }
-        ds.perms = -1;
-        ds.minfree = -1;
         ds.mdfd = fcb->mdfd;
         ds.fiboff = fcb->dshdr.links[DA_LNKDPFFIB];
         rc = dafdopn(&ds, &fcb->dffd);
