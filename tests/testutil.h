@@ -22,4 +22,12 @@ private:
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& bytes);
 
+// A shell command's standard output and exit status (-1 when it did not
+// exit normally or could not be started).
+struct CmdResult {
+    int status = -1;
+    std::string out;
+};
+CmdResult runCommand(const std::string& cmd);
+
 }  // namespace vrtatest

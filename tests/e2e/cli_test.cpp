@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -24,14 +23,9 @@ Result vrta(const std::string& args) {
     Result r;
     vrtatest::TempDir tmp;
     std::string errf = tmp.file("err");
-    std::string cmd = VRTA_TOOLS_DIR "/vrta " + args + " 2>" + errf;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    vrtatest::CmdResult c = vrtatest::runCommand(VRTA_TOOLS_DIR "/vrta " + args + " 2>" + errf);
+    r.status = c.status;
+    r.out = std::move(c.out);
     r.err = vrtatest::readFile(errf);
     return r;
 }

@@ -1,30 +1,18 @@
 // The command-line host's engine, options and rc commands, run as a user runs them.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <string>
+
+#include "testutil.h"
 
 namespace {
 
-struct Result {
-    int status = -1;
-    std::string out;  // stdout and stderr together
-};
+using Result = vrtatest::CmdResult;  // out has stdout and stderr together
 
 Result vrta(const std::string& args, const std::string& env = "") {
-    Result r;
-    std::string cmd = env + " " VRTA_TOOLS_DIR "/vrta " + args + " 2>&1";
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
+    return vrtatest::runCommand(env + " " VRTA_TOOLS_DIR "/vrta " + args + " 2>&1");
 }
 
 bool has(const Result& r, const std::string& s) { return r.out.find(s) != std::string::npos; }

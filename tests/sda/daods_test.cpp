@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -644,14 +643,9 @@ TEST(Daods, MdfCommandPrintsTableAndFailsCleanlyOnDamage) {
     buildTable(daodspfd(&fd, path.c_str()));
     ::close(fd);
     auto run = [&](const std::string& arg, std::string* out) {
-        std::string cmd = tool + " mdf '" + arg + "' 2>&1";
-        FILE* p = ::popen(cmd.c_str(), "r");
-        char buf[4096];
-        size_t n;
-        out->clear();
-        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out->append(buf, n);
-        int status = ::pclose(p);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        vrtatest::CmdResult r = vrtatest::runCommand(tool + " mdf '" + arg + "' 2>&1");
+        *out = std::move(r.out);
+        return r.status;
     };
     std::string out;
     ASSERT_EQ(run(dir.file("t"), &out), 0) << out;
