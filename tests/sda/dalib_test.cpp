@@ -17,6 +17,7 @@
 #include "sda/danames.h"
 #include "sda/daods.h"
 #include "sda/darc.h"
+#include "fdutil.h"
 #include "testutil.h"
 
 using namespace vrta;
@@ -35,10 +36,7 @@ DA_LIBSTR request(const std::string& path) {
 std::string pathOf(const DA_PATHINFO& p) { return std::string(p.path, p.pathlen); }
 
 void touch(const std::string& path) { vrtatest::writeFile(path, "x"); }
-bool there(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
+using fdtest::there;
 
 }  // namespace
 
@@ -294,20 +292,7 @@ TEST(Library, DeleteRemovesEveryPartitionOfTheMemberAndNothingElse) {
     std::vector<std::string> others = {
         d1 + "/t.dpf._elsewhere.0.0.vrta9",  // another domain sharing the data path
         d1 + "/tt.dpf." + id + ".0.0.vrta9", prim + "/t.catalog.0.0.0.vrta9", prim + "/u.mdf.0.0.0.vrta9"};
-    // A real metadata file, so that the member's component lock has a FIB to lock.
-    const char* mp[] = {lp->meta[0].path};
-    DA_FDSTR fs{};
-    fs.name = "t.mdf";
-    fs.namelen = 5;
-    fs.numpath = 1;
-    fs.paths = mp;
-    fs.flags = DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST;
-    fs.perms = 0644;
-    fs.minfree = -1;
-    fs.fiboff = -1;
-    DA_FD* fd = nullptr;
-    ASSERT_GE(dafdopn(&fs, &fd), 0);
-    fd->fdclose(fd);
+    ASSERT_TRUE(fdtest::makemdf(lp->meta[0].path, "t.mdf"));
     for (size_t i = 1; i < ours.size(); i++) touch(ours[i]);
     ASSERT_TRUE(there(ours[0]));
     for (auto& f : others) touch(f);
@@ -335,24 +320,7 @@ rctype iowrite(void* ctx, const void* buf, long size, da_off_t* off) {
     return fd->fdwrite(fd, buf, size, off);
 }
 
-DA_FD* openfile(const char* name, std::vector<const char*> paths, int flags, DA_FD* mdfd = nullptr,
-                da_off_t* fiboff = nullptr) {
-    DA_FDSTR fs{};
-    fs.name = name;
-    fs.namelen = static_cast<int>(strlen(name));
-    fs.numpath = static_cast<int>(paths.size());
-    fs.paths = paths.data();
-    fs.flags = flags;
-    fs.perms = 0644;
-    fs.minfree = -1;
-    fs.mdfd = mdfd;
-    fs.fiboff = fiboff ? *fiboff : -1;
-    DA_FD* fd = nullptr;
-    rctype rc = dafdopn(&fs, &fd);
-    EXPECT_GE(rc, 0) << name;
-    if (fiboff && rc >= 0) *fiboff = fs.fiboff;
-    return rc < 0 ? nullptr : fd;
-}
+using fdtest::openfile;
 
 std::string pattern(size_t n, int seed) {
     std::string s(n, '\0');
@@ -533,19 +501,7 @@ TEST(Library, UtilityFilesHideTheirHeadAndNamelessOnesGetFreshNames) {
     EXPECT_EQ(0, uf->mt->daufclo(uf));
 
     // A file whose head is missing: a reader refuses it.
-    const char* mp[] = {lp->meta[0].path};
-    DA_FDSTR fs{};
-    fs.name = "bare.catalog";
-    fs.namelen = 12;
-    fs.numpath = 1;
-    fs.paths = mp;
-    fs.flags = DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST;
-    fs.perms = 0644;
-    fs.minfree = -1;
-    fs.fiboff = -1;
-    DA_FD* fd = nullptr;
-    ASSERT_GE(dafdopn(&fs, &fd), 0);
-    fd->fdclose(fd);
+    ASSERT_TRUE(fdtest::makemdf(lp->meta[0].path, "bare.catalog"));
     EXPECT_EQ(DA_BADVERSION, daoputl(lp, "bare", "CATALOG", 0, &uf));
 
     // Nameless files never share a name.

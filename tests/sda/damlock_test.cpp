@@ -14,6 +14,7 @@
 #include "sda/da.h"
 #include "sda/dafd.h"
 #include "sda/darc.h"
+#include "fdutil.h"
 #include "testutil.h"
 
 using namespace vrta;
@@ -35,10 +36,7 @@ struct Lib {
     std::string lockfile(const char* m) const { return tmp.file(std::string(m) + ".data.vrta_lock9"); }
 };
 
-bool there(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
+using fdtest::there;
 
 // A child process that takes a member lock, reports the result over a pipe
 // and then holds it until told to release, or dies holding it.
@@ -320,19 +318,7 @@ TEST(MemberLock, TheTablesFirstBytesGuardItWhenNoLockFileExists) {
     Lib lib;
     thread_t me = thr_self();
     // A real metadata file, whose FIB region takes the component lock.
-    const char* mp[] = {lib.lp->meta[0].path};
-    DA_FDSTR fs{};
-    fs.name = "ct.mdf";
-    fs.namelen = 6;
-    fs.numpath = 1;
-    fs.paths = mp;
-    fs.flags = DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST;
-    fs.perms = 0644;
-    fs.minfree = -1;
-    fs.fiboff = -1;
-    DA_FD* fd = nullptr;
-    ASSERT_GE(dafdopn(&fs, &fd), 0);
-    fd->fdclose(fd);
+    ASSERT_TRUE(fdtest::makemdf(lib.lp->meta[0].path, "ct.mdf"));
 
     DA_LOCK* r = nullptr;
     pid_t owner = 0;
