@@ -141,11 +141,7 @@ rctype darffbcb(DA_FCB* fcb) {
     mutex_lock(&fb->lock);
     setmax(fcb, fb);
     // Blocks held from before another process changed the table are stale.
-    fb->ioblk.vbn = DA_NOVBN;
-    fb->ioblk.numobs = 0;
-    fb->newblk.vbn = DA_NOVBN;
-    fb->newblk.numobs = 0;
-    fb->gen++;
+    dabkstale(fb);
     mutex_unlock(&fb->lock);
     return 0;
 }

@@ -123,6 +123,9 @@ rctype dabkinit(DA_FCB* fcb, DA_BKCB* bk, const DA_BKOPS* ops);
 void dabkfree(DA_BKCB* bk);
 // Writes ioblk then newblk when dirty; the caller holds bk->lock.
 rctype dabkflush(DA_FCB* fcb, DA_BKCB* bk, const char* who);
+// Drops the blocks held and makes cursors drop theirs, after another
+// process changed the table; the caller holds bk->lock.
+void dabkstale(DA_BKCB* bk);
 // Cursor over a block store; cur is the store's per-cursor state handed to getblock.
 rctype dabkgioc(DA_FID* fp, int iom, DA_BKCB* bk, void* cur, void (*freecur)(void*), DA_IOCB** iocb);
 

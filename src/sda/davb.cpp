@@ -135,29 +135,17 @@ rctype geometry(DA_FCB* fcb, DA_VBCB* vb) {
     return 0;
 }
 
-rctype mdfread(DA_FCB* fcb, void* buf, long len, da_off_t off) {
+// All len bytes or DA_SHORTREAD: the vectors and blocks have fixed places.
+rctype readall(DA_FD* fd, void* buf, long len, da_off_t off) {
     long got = 0;
-    rctype rc = fcb->mdfd->fdread(fcb->mdfd, buf, len, off, &got);
+    rctype rc = fd->fdread(fd, buf, len, off, &got);
     if (rc < 0) return rc;
     if (rc == DA_EOF || got != len) return DA_SHORTREAD;
     return 0;
 }
 
-rctype mdfwrite(DA_FCB* fcb, const void* buf, long len, da_off_t* off) {
-    rctype rc = fcb->mdfd->fdwrite(fcb->mdfd, buf, len, off);
-    return rc < 0 ? rc : 0;
-}
-
-rctype dpfread(DA_FCB* fcb, void* buf, long len, da_off_t off) {
-    long got = 0;
-    rctype rc = fcb->dffd->fdread(fcb->dffd, buf, len, off, &got);
-    if (rc < 0) return rc;
-    if (rc == DA_EOF || got != len) return DA_SHORTREAD;
-    return 0;
-}
-
-rctype dpfwrite(DA_FCB* fcb, const void* buf, long len, da_off_t* off) {
-    rctype rc = fcb->dffd->fdwrite(fcb->dffd, buf, len, off);
+rctype writeall(DA_FD* fd, const void* buf, long len, da_off_t* off) {
+    rctype rc = fd->fdwrite(fd, buf, len, off);
     return rc < 0 ? rc : 0;
 }
 
@@ -200,7 +188,7 @@ rctype flushvec(DA_FCB* fcb, DA_VBCB* vb) {
     DA_VBVNODE& n = vb->vbvnode;
     if (!n.dirty) return 0;
     da_off_t off = n.offset;
-    rctype rc = mdfwrite(fcb, n.vbvec, vb->vbhdr.vbvecsize, &off);
+    rctype rc = writeall(fcb->mdfd, n.vbvec, vb->vbhdr.vbvecsize, &off);
     if (rc == 0) n.dirty = 0;
     return rc;
 }
@@ -213,7 +201,7 @@ rctype loadvec(DA_FCB* fcb, DA_VBCB* vb, DA_VBVNODE* n, da_off_t off, int64_t vb
     rctype rc = nodebuf(vb, n);
     if (rc < 0) return rc;
     dropnode(n);
-    rc = mdfread(fcb, n->vbvec, vb->vbhdr.vbvecsize, off);
+    rc = readall(fcb->mdfd, n->vbvec, vb->vbhdr.vbvecsize, off);
     if (rc < 0) return rc;
     n->offset = off;
     n->vbvno = vbvno;
@@ -225,7 +213,7 @@ rctype loaddir(DA_FCB* fcb, DA_VBCB* vb, int level, da_off_t off) {
     DA_VBDNODE& d = vb->vbdnode[level];
     if (d.offset == off) return 0;
     d.offset = -1;
-    rctype rc = mdfread(fcb, &d.dir, sizeof d.dir, off);
+    rctype rc = readall(fcb->mdfd, &d.dir, sizeof d.dir, off);
     if (rc < 0) return rc;
     if (d.dir.level != level || d.dir.nused < 0 || d.dir.nused > DA_VBDIRN) {
         hsprint("GetBlockOffset: Bad level: %d vs. %d\n", d.dir.level, level);
@@ -302,7 +290,7 @@ rctype appenddir(DA_FCB* fcb, int level, da_off_t* off) {
     d.nused = 0;
     for (auto& o : d.offsets) o = -1;
     *off = -1;
-    return mdfwrite(fcb, &d, sizeof d, off);
+    return writeall(fcb->mdfd, &d, sizeof d, off);
 }
 
 rctype addlevel(DA_FCB* fcb, DA_VBCB* vb) {
@@ -314,7 +302,7 @@ rctype addlevel(DA_FCB* fcb, DA_VBCB* vb) {
     for (auto& o : d.offsets) o = -1;
     d.offsets[0] = h.rootOffset;
     da_off_t off = -1;
-    rctype rc = mdfwrite(fcb, &d, sizeof d, &off);
+    rctype rc = writeall(fcb->mdfd, &d, sizeof d, &off);
     if (rc < 0) return rc;
     int32_t oldn = h.numlevels;
     int64_t oldroot = h.rootOffset;
@@ -389,7 +377,7 @@ rctype addblock(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, da_off_t boff, int32_t sl
                 dn.dir.offsets[index] = noff;
                 dn.dir.nused++;
                 da_off_t doff = dn.offset;
-                rc = mdfwrite(fcb, &dn.dir, sizeof dn.dir, &doff);
+                rc = writeall(fcb->mdfd, &dn.dir, sizeof dn.dir, &doff);
                 if (rc < 0) return rc;
             }
             off = dn.dir.offsets[index];
@@ -423,19 +411,19 @@ rctype addblock(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, da_off_t boff, int32_t sl
         memcpy(v + h.vbvecsize - 8, &none, 8);
         setslot(v);
         da_off_t voff = -1;
-        rc = mdfwrite(fcb, v, h.vbvecsize, &voff);
+        rc = writeall(fcb->mdfd, v, h.vbvecsize, &voff);
         if (rc < 0) return rc;
         node.offset = voff;
         node.vbvno = vbvno;
         dn.dir.offsets[index] = voff;
         dn.dir.nused++;
         da_off_t doff = dn.offset;
-        rc = mdfwrite(fcb, &dn.dir, sizeof dn.dir, &doff);
+        rc = writeall(fcb->mdfd, &dn.dir, sizeof dn.dir, &doff);
         if (rc < 0) return rc;
         // The previous vector names this one: a sequential reader needs no walk.
         if (h.numlevels >= 2 && h.lastOffset >= 0) {
             da_off_t loff = h.lastOffset + h.vbvecsize - 8;
-            rc = mdfwrite(fcb, &voff, 8, &loff);
+            rc = writeall(fcb->mdfd, &voff, 8, &loff);
             if (rc < 0) return rc;
         }
         h.lastOffset = voff;
@@ -499,7 +487,7 @@ rctype vgetblock(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom
     }
     if (!src && !a.chained) {
         if (a.nalloc > room) return DA_INTERNAL;
-        rc = dpfread(fcb, dst, a.nalloc, a.offset);
+        rc = readall(fcb->dffd, dst, a.nalloc, a.offset);
         if (rc < 0) return rc;
         total = a.nalloc;
     } else if (!src) {
@@ -507,20 +495,20 @@ rctype vgetblock(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom
         int32_t nalloc = a.nalloc;
         for (int pieces = 0;; ++pieces) {
             DA_VBFIX fx;
-            rc = dpfread(fcb, &fx, sizeof fx, off);
+            rc = readall(fcb->dffd, &fx, sizeof fx, off);
             if (rc < 0) return rc;
             int32_t nu = fx.nused < 0 ? -fx.nused : fx.nused;
             if (nu > nalloc - 16 || total + nu > std::max(im, rawroom) || total + nu > room || pieces > 1 << 20) {
                 hsprint("GetBlock: Bad chain: DS=%s VBN=%lld\n", fcb->name, static_cast<long long>(vbn));
                 return DA_INTERNAL;
             }
-            rc = dpfread(fcb, dst + total, nu, off + 16);
+            rc = readall(fcb->dffd, dst + total, nu, off + 16);
             if (rc < 0) return rc;
             total += nu;
             if (fx.nused < 0 || fx.offset < 0) break;
             off = fx.offset;
             DA_VBFIX nx;
-            rc = dpfread(fcb, &nx, sizeof nx, off);
+            rc = readall(fcb->dffd, &nx, sizeof nx, off);
             if (rc < 0) return rc;
             nalloc = nx.nalloc;
         }
@@ -556,7 +544,7 @@ rctype fixupchain(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, const BlockAddr& a, con
         da_off_t off = a.offset;
         while (off >= 0 && pcs.size() < 4096) {
             DA_VBFIX fx;
-            rctype rc = dpfread(fcb, &fx, sizeof fx, off);
+            rctype rc = readall(fcb->dffd, &fx, sizeof fx, off);
             if (rc < 0) return rc;
             pcs.push_back({off, pcs.empty() ? a.nalloc : fx.nalloc, fx.offset});
             off = fx.offset;
@@ -605,7 +593,7 @@ rctype fixupchain(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, const BlockAddr& a, con
         long wlen = (pcs[i].off == *fcb->dffd->filesize) ? pcs[i].nalloc : 16 + take[i];
         if (wlen > static_cast<long>(buf.size())) buf.resize(wlen, 0);
         da_off_t off = pcs[i].off;
-        rctype rc = dpfwrite(fcb, buf.data(), wlen, &off);
+        rctype rc = writeall(fcb->dffd, buf.data(), wlen, &off);
         if (rc < 0) return rc;
     }
     (void)compressed;
@@ -642,12 +630,12 @@ rctype vputblock(DA_FCB* fcb, DA_BLOCK* blk) {
             DA_VBFIX fx{-1, nalloc, -len};
             memcpy(buf.data(), &fx, 16);
             memcpy(buf.data() + 16, data, len);
-            rctype r = dpfwrite(fcb, buf.data(), nalloc, &off);
+            rctype r = writeall(fcb->dffd, buf.data(), nalloc, &off);
             if (r < 0) return r;
             blk->blockOffset = off;
             return addblock(fcb, vb, blk->vbn, off, sgn(nalloc), true, update);
         }
-        rctype r = dpfwrite(fcb, data, len, &off);
+        rctype r = writeall(fcb->dffd, data, len, &off);
         if (r < 0) return r;
         blk->blockOffset = off;
         return addblock(fcb, vb, blk->vbn, off, sgn(len), false, update);
@@ -661,7 +649,7 @@ rctype vputblock(DA_FCB* fcb, DA_BLOCK* blk) {
     if (rc < 0) return rc;
     if (!a.chained && a.nalloc == len) {
         da_off_t off = a.offset;
-        rc = dpfwrite(fcb, data, len, &off);
+        rc = writeall(fcb->dffd, data, len, &off);
         if (rc < 0) return rc;
         blk->blockOffset = a.offset;
         if (a.compressed != compressed) return addblock(fcb, vb, blk->vbn, a.offset, sgn(len), false, true);
@@ -674,7 +662,7 @@ rctype vputblock(DA_FCB* fcb, DA_BLOCK* blk) {
             if (rc < 0) return rc;
         }
         da_off_t off = a.offset;
-        rc = dpfwrite(fcb, data, len, &off);
+        rc = writeall(fcb->dffd, data, len, &off);
         if (rc < 0) return rc;
         blk->blockOffset = a.offset;
         return addblock(fcb, vb, blk->vbn, a.offset, sgn(len), false, true);
@@ -821,11 +809,7 @@ rctype darfvbcb(DA_FCB* fcb) {
     if (!vb) return 0;
     mutex_lock(&vb->lock);
     dropnode(&vb->vbvnode);
-    vb->ioblk.vbn = DA_NOVBN;
-    vb->ioblk.numobs = 0;
-    vb->newblk.vbn = DA_NOVBN;
-    vb->newblk.numobs = 0;
-    vb->gen++;
+    dabkstale(vb);
     vb->vecgen++;
     rctype rc = loadhead(fcb, vb);
     mutex_unlock(&vb->lock);

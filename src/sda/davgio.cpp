@@ -236,11 +236,7 @@ rctype writerange(DA_FIOCB* c, hs_obsno_t obs, long n, const char* p) {
         obs += k;
         n -= k;
         p += k * ol;
-        // The rows are in a block before numobs covers them.
-        if (obs - 1 > fcb->xoe.numobs) {
-            fcb->xoe.numobs = obs - 1;
-            fcb->flags |= DA_FCBXOE;
-        }
+        dacoverobs(fcb, obs - 1);
     }
     mutex_unlock(&bk->lock);
     return rc;
@@ -373,6 +369,14 @@ void dabkfree(DA_BKCB* bk) {
     free(bk->newblk.blockbuf);
     bk->ioblk.blockbuf = bk->newblk.blockbuf = nullptr;
     mutex_destroy(&bk->lock);
+}
+
+void dabkstale(DA_BKCB* bk) {
+    bk->ioblk.vbn = DA_NOVBN;
+    bk->ioblk.numobs = 0;
+    bk->newblk.vbn = DA_NOVBN;
+    bk->newblk.numobs = 0;
+    bk->gen++;
 }
 
 rctype dabkflush(DA_FCB* fcb, DA_BKCB* bk, const char* who) {
