@@ -104,10 +104,7 @@ rctype puttransfer(DA_BIOCB* c, hs_obsno_t obs, long n, const char* p) {
         p += k * ol;
         obs += k;
         n -= k;
-        if (obs - 1 > fcb->xoe.numobs) {
-            fcb->xoe.numobs = obs - 1;
-            fcb->flags |= DA_FCBXOE;
-        }
+        dacoverobs(fcb, obs - 1);
     }
     return 0;
 }

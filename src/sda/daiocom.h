@@ -39,6 +39,15 @@ inline int darefilliom(const DA_FCB* fcb, int iom) {
     return iom & ~DA_IOMREFILL;
 }
 
+// Rows up to last are written (to the file, or to a block the table
+// holds): numobs may cover them now, never before.
+inline void dacoverobs(DA_FCB* fcb, hs_obsno_t last) {
+    if (last > fcb->xoe.numobs) {
+        fcb->xoe.numobs = last;
+        fcb->flags |= DA_FCBXOE;
+    }
+}
+
 // Where a buffer's locator sends the cursor; DA_PASTEND when beyond limit.
 inline rctype dalocate(DA_IOCB* c, const DA_IOB* iob, hs_obsno_t limit) {
     if (iob->locator < 0) return 0;

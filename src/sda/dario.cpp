@@ -260,11 +260,7 @@ rctype plainput(DA_FCB* fcb, hs_obsno_t obs, const char* p, long n, DA_SIOCB* c 
         obs += chunk;
         p += chunk * inlen;
         n -= chunk;
-        // The rows are in the file before numobs covers them.
-        if (obs - 1 > fcb->xoe.numobs) {
-            fcb->xoe.numobs = obs - 1;
-            fcb->flags |= DA_FCBXOE;
-        }
+        dacoverobs(fcb, obs - 1);
     }
     return 0;
 }
