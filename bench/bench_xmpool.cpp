@@ -21,11 +21,12 @@ std::vector<long> sizes(size_t n, long lo, long hi) {
     return v;
 }
 
-constexpr size_t kLive = 64;  // blocks held at once: a working set, not one block
+constexpr size_t kLive = 64;     // blocks held at once: a working set, not one block
+constexpr size_t kSizes = 4096;  // a power of two, so that picking the next size costs no division
 
 void BM_xmalloc(benchmark::State& state) {
     long lo = state.range(0), hi = state.range(1);
-    auto sz = sizes(4096, lo, hi);
+    auto sz = sizes(kSizes, lo, hi);
     xmpid pool = xmpoolc(0x20000, 0x20000, 0);
     std::vector<void*> live(kLive, nullptr);
     std::vector<long> lens(kLive, 0);
@@ -33,7 +34,7 @@ void BM_xmalloc(benchmark::State& state) {
     for (auto _ : state) {
         size_t slot = i % kLive;
         if (live[slot]) xmfree(pool, live[slot], lens[slot]);
-        lens[slot] = sz[i % sz.size()];
+        lens[slot] = sz[i & (kSizes - 1)];
         live[slot] = xmalloc(pool, lens[slot], 0);
         benchmark::DoNotOptimize(live[slot]);
         ++i;
@@ -44,13 +45,13 @@ void BM_xmalloc(benchmark::State& state) {
 
 void BM_malloc(benchmark::State& state) {
     long lo = state.range(0), hi = state.range(1);
-    auto sz = sizes(4096, lo, hi);
+    auto sz = sizes(kSizes, lo, hi);
     std::vector<void*> live(kLive, nullptr);
     size_t i = 0;
     for (auto _ : state) {
         size_t slot = i % kLive;
         std::free(live[slot]);
-        live[slot] = std::malloc(static_cast<size_t>(sz[i % sz.size()]));
+        live[slot] = std::malloc(static_cast<size_t>(sz[i & (kSizes - 1)]));
         benchmark::DoNotOptimize(live[slot]);
         ++i;
     }
