@@ -42,15 +42,6 @@ bool firstexists(DA_LIB* lp, const std::string& base) {
     return stat((std::string(lp->meta[0].path) + pfn).c_str(), &st) == 0;
 }
 
-rctype fdio_read(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
-    auto* fd = static_cast<DA_FD*>(ctx);
-    return fd->fdread(fd, buf, size, offset, nread);
-}
-rctype fdio_write(void* ctx, const void* buf, long size, da_off_t* off) {
-    auto* fd = static_cast<DA_FD*>(ctx);
-    return fd->fdwrite(fd, buf, size, off);
-}
-
 // Renames one file whose FIB is a record of the metadata file.
 rctype renindirect(DA_LIB* lp, DA_FD* mdf, da_off_t fiboff, int kind, const std::string& from, const std::string& to,
                    const std::string& sfx) {
@@ -99,7 +90,7 @@ rctype rentable(DA_LIB* lp, const std::string& from, const std::string& to) {
         hsprint("darenam: Unable to open %s: Reason=%s\n", mdfn.c_str(), hsstrer(rc));
         return rc;
     }
-    DA_ODSIO io{fdio_read, fdio_write, mdf, mdfn.c_str()};
+    DA_ODSIO io = daodsfd(mdf, mdfn.c_str());
     DA_DSFHEAD hdr;
     memset(&hdr, 0, sizeof hdr);
     rctype first = dardsfh(io, &hdr, mdf->baseoff);

@@ -27,15 +27,6 @@ constexpr int KUTIL = 4;
 constexpr long UTLHEADLEN = 156;
 static_assert(sizeof(DA_UTLHEAD2) == UTLHEADLEN);
 
-rctype fdio_read(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
-    auto* fd = static_cast<DA_FD*>(ctx);
-    return fd->fdread(fd, buf, size, offset, nread);
-}
-rctype fdio_write(void* ctx, const void* buf, long size, da_off_t* off) {
-    auto* fd = static_cast<DA_FD*>(ctx);
-    return fd->fdwrite(fd, buf, size, off);
-}
-
 bool firstexists(const char* dir, const char* base) {
     char pfn[1024];
     if (damkpfn(pfn, DA_PFNOWNFIB, base, 0, "0", 0, sizeof pfn) < 0) return false;
@@ -163,7 +154,7 @@ rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFI
     snprintf(uf->name, sizeof uf->name, "%s", n.c_str());
     uf->dataoff = uf->fd->baseoff + UTLHEADLEN;
 
-    DA_ODSIO io{fdio_read, fdio_write, uf->fd, base};
+    DA_ODSIO io = daodsfd(uf->fd, base);
     DA_UTLHEAD2 head;
     memset(&head, 0, sizeof head);
     if (*uf->fd->filesize <= uf->fd->baseoff) {

@@ -311,15 +311,6 @@ TEST(Library, DeleteRemovesEveryPartitionOfTheMemberAndNothingElse) {
 
 namespace {
 
-rctype ioread(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
-    auto* fd = static_cast<DA_FD*>(ctx);
-    return fd->fdread(fd, buf, size, offset, nread);
-}
-rctype iowrite(void* ctx, const void* buf, long size, da_off_t* off) {
-    auto* fd = static_cast<DA_FD*>(ctx);
-    return fd->fdwrite(fd, buf, size, off);
-}
-
 using fdtest::openfile;
 
 std::string pattern(size_t n, int seed) {
@@ -355,7 +346,7 @@ TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
     // A table of a metadata file, a data file of two partitions and one index.
     DA_FD* mdf = openfile("t.mdf", meta, DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST);
     ASSERT_NE(nullptr, mdf);
-    DA_ODSIO io{ioread, iowrite, mdf, "t.mdf"};
+    DA_ODSIO io = daodsfd(mdf, "t.mdf");
     DA_DSFHEAD h;
     dainitdsfh(&h);
     da_off_t hoff = mdf->baseoff;
@@ -419,7 +410,7 @@ TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
     // Reopened under the new name, every component reads back what was written.
     mdf = openfile("newt.mdf", meta, DA_FDWRITE | DA_FDDIRECT);
     ASSERT_NE(nullptr, mdf);
-    DA_ODSIO io2{ioread, iowrite, mdf, "newt.mdf"};
+    DA_ODSIO io2 = daodsfd(mdf, "newt.mdf");
     DA_DSFHEAD h2;
     ASSERT_GE(dardsfh(io2, &h2, mdf->baseoff), 0);
     da_off_t f2 = h2.links[DA_LNKDPFFIB];
