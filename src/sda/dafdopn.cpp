@@ -894,6 +894,16 @@ rctype dafdclo(DA_FD* fd) {
     return rc;
 }
 
+// The directory made again from the partitions' full names, after their
+// files were renamed; fulls is freed.
+static void redir(DA_FDP* fdp, char (*fulls)[4096], int n) {
+    DA_FIB* fib = fdp->fdb->fib;
+    fib->numpde = fib->topused = fib->botused = 0;
+    memset(reinterpret_cast<char*>(fib) + DA_FIBLEN, 0, fdp->fdb->fibsize - DA_FIBLEN);
+    for (int i = 0; i < n; ++i) daalpde(fdp, fulls[i]);
+    delete[] fulls;
+}
+
 // Renames every partition to a new base name and rewrites the directory.
 rctype dafdren(DA_FD* fd, da_off_t, const char* newname, int newlen) {
     DA_FDP* fdp = fdpof(fd);
@@ -927,11 +937,7 @@ rctype dafdren(DA_FD* fd, da_off_t, const char* newname, int newlen) {
         }
         strcpy(fulls[i], nw);
     }
-    DA_FIB* fib = fdb->fib;
-    fib->numpde = fib->topused = fib->botused = 0;
-    memset(reinterpret_cast<char*>(fib) + DA_FIBLEN, 0, fdb->fibsize - DA_FIBLEN);
-    for (int i = 0; i < n; ++i) daalpde(fdp, fulls[i]);
-    delete[] fulls;
+    redir(fdp, fulls, n);
     fdb->name = nn;
     fdstrfree(oldname);
     fdb->fib->namelen = newlen;
@@ -971,11 +977,7 @@ rctype dafdrev(DA_FD* fd, da_off_t) {
         }
         strcpy(fulls[i], nw);
     }
-    DA_FIB* fib = fdb->fib;
-    fib->numpde = fib->topused = fib->botused = 0;
-    memset(reinterpret_cast<char*>(fib) + DA_FIBLEN, 0, fdb->fibsize - DA_FIBLEN);
-    for (int i = 0; i < n; ++i) daalpde(fdp, fulls[i]);
-    delete[] fulls;
+    redir(fdp, fulls, n);
     fdb->fib->revision = nrev;
     fdb->revision = nrev;
     fd->revision = nrev;
