@@ -339,7 +339,8 @@ rctype addblock(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, da_off_t boff, int32_t sl
         setlen(h, v, ic, slen);
         setbit(h, v, ic, chained);
     };
-    if (node.vbvno == vbvno) {
+    // The slot in the vector held: a new block may not take a used one.
+    auto fillheld = [&]() -> rctype {
         if (!update && getoff(h, node.vbvec, ic) >= 0) {
             hsprint("AddNewBlock: VBVEC slot in use: DS=%s vbn=%lld ic=%d vecic=%d\n", fcb->name,
                     static_cast<long long>(vbn), ic, ic);
@@ -349,7 +350,8 @@ rctype addblock(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, da_off_t boff, int32_t sl
         node.dirty = 1;
         vb->vecgen++;
         return 0;
-    }
+    };
+    if (node.vbvno == vbvno) return fillheld();
     while (vbvno >= vb->maxvbvnlevel) {
         rc = addlevel(fcb, vb);
         if (rc < 0) return rc;
@@ -386,15 +388,7 @@ rctype addblock(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, da_off_t boff, int32_t sl
         if (index < dn.dir.nused) {
             rc = loadvec(fcb, vb, &node, dn.dir.offsets[index], vbvno);
             if (rc < 0) return rc;
-            if (!update && getoff(h, node.vbvec, ic) >= 0) {
-                hsprint("AddNewBlock: VBVEC slot in use: DS=%s vbn=%lld ic=%d vecic=%d\n", fcb->name,
-                        static_cast<long long>(vbn), ic, ic);
-                return DA_INTERNAL;
-            }
-            setslot(node.vbvec);
-            node.dirty = 1;
-            vb->vecgen++;
-            return 0;
+            return fillheld();
         }
         if (ic != 0 || index != dn.dir.nused) {
             hsprint("AddNewBlock: Bad vecic: DS=%s vbn=%lld ic=%d vecic=%d\n", fcb->name, static_cast<long long>(vbn),

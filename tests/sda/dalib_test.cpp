@@ -35,6 +35,17 @@ DA_LIBSTR request(const std::string& path) {
 
 std::string pathOf(const DA_PATHINFO& p) { return std::string(p.path, p.pathlen); }
 
+// A library with its metadata in tmp/meta and its data over tmp/d1 and tmp/d2.
+rctype spreadlib(const vrtatest::TempDir& tmp, DA_LIB** lp) {
+    std::string prim = tmp.file("meta"), d1 = tmp.file("d1"), d2 = tmp.file("d2");
+    for (auto& d : {prim, d1, d2}) mkdir(d.c_str(), 0755);
+    std::string dl = "'" + d1 + "' '" + d2 + "'";
+    DA_LIBSTR ls = request(prim);
+    ls.datapaths = dl.c_str();
+    ls.datapaths_l = static_cast<int>(dl.size());
+    return dagtlib(&ls, lp);
+}
+
 void touch(const std::string& path) { vrtatest::writeFile(path, "x"); }
 using fdtest::there;
 
@@ -275,13 +286,8 @@ TEST(Library, DirectoryListsMembersByTheirFirstPartition) {
 TEST(Library, DeleteRemovesEveryPartitionOfTheMemberAndNothingElse) {
     vrtatest::TempDir tmp;
     std::string prim = tmp.file("meta"), d1 = tmp.file("d1"), d2 = tmp.file("d2");
-    for (auto& d : {prim, d1, d2}) mkdir(d.c_str(), 0755);
-    std::string dl = "'" + d1 + "' '" + d2 + "'";
-    DA_LIBSTR ls = request(prim);
-    ls.datapaths = dl.c_str();
-    ls.datapaths_l = static_cast<int>(dl.size());
     DA_LIB* lp = nullptr;
-    ASSERT_GE(dagtlib(&ls, &lp), 0);
+    ASSERT_GE(spreadlib(tmp, &lp), 0);
     char mpid[1024];
     ASSERT_GT(dagmpid(lp->meta[0].path, lp->meta[0].pathlen, mpid, sizeof mpid), 0);
     std::string id(mpid);
@@ -334,13 +340,8 @@ std::vector<std::string> filesIn(const std::string& dir) {
 TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
     vrtatest::TempDir tmp;
     std::string prim = tmp.file("meta"), d1 = tmp.file("d1"), d2 = tmp.file("d2");
-    for (auto& d : {prim, d1, d2}) mkdir(d.c_str(), 0755);
-    std::string dl = "'" + d1 + "' '" + d2 + "'";
-    DA_LIBSTR ls = request(prim);
-    ls.datapaths = dl.c_str();
-    ls.datapaths_l = static_cast<int>(dl.size());
     DA_LIB* lp = nullptr;
-    ASSERT_GE(dagtlib(&ls, &lp), 0);
+    ASSERT_GE(spreadlib(tmp, &lp), 0);
     std::vector<const char*> meta{lp->meta[0].path}, data{lp->data[0].path, lp->data[1].path};
 
     // A table of a metadata file, a data file of two partitions and one index.
