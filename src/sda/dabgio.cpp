@@ -112,32 +112,12 @@ rctype puttransfer(DA_BIOCB* c, hs_obsno_t obs, long n, const char* p) {
 rctype rdiob(DA_BIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     hs_obsno_t numobs = fcb->xoe.numobs;
-    const int32_t ol = fcb->xoe.obslen;
-    char* out = static_cast<char*>(iob->bufptr);
-    bool skip = daskipdel(fcb, c->iom);
-    long filled = 0;
-    while (filled < c->obsperbuf) {
-        hs_obsno_t runobs = c->curobs, numrun = 0;
-        if (skip) {
-            rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, &runobs, &numrun);
-            if (rc < 0) return rc;
-        } else if (c->curobs <= numobs) {
-            numrun = std::min<hs_obsno_t>(c->obsperbuf - filled, numobs - c->curobs + 1);
-        }
-        if (numrun <= 0) {
-            dasetpos(c, std::max(c->curobs, numobs + 1));
-            break;
-        }
-        rctype rc = gettransfer(c, runobs, static_cast<long>(numrun), out + filled * ol);
-        if (rc < 0) return rc;
-        if (iob->obsvec)
-            for (long i = 0; i < numrun; ++i) iob->obsvec[filled + i] = runobs + i;
-        filled += static_cast<long>(numrun);
-        dasetpos(c, runobs + numrun);
-    }
-    if (filled == 0) return DA_EOF;
-    iob->numobs = filled;
-    return 0;
+    auto rd = [c](hs_obsno_t obs, long n, char* out) { return gettransfer(c, obs, n, out); };
+    if (!daskipdel(fcb, c->iom)) return dareadall(c, iob, numobs, rd);
+    return dareadlive(c, fcb, iob, fcb->xoe.obslen, &numobs, [&rd](hs_obsno_t obs, long n, char* out, long* rows) {
+        *rows = n;
+        return rd(obs, n, out);
+    });
 }
 
 rctype dabreadv(DA_IOCB* ic, int numbuf) {

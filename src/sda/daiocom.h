@@ -4,6 +4,7 @@
 // cursor. Each family keeps only how its rows reach the file.
 #pragma once
 #include <cstddef>
+#include <algorithm>
 #include <cstdlib>
 #include <type_traits>
 
@@ -117,6 +118,51 @@ rctype dareadbufs(DA_IOCB* c, const DA_FCB* fcb, int numbuf, Rd rdiob) {
     c->status = rc;
     if (rc == DA_EOF) return any ? 0 : DA_EOF;
     return rc;
+}
+
+// Fills iob from the cursor's place with every row up to numobs, read by
+// rd(obs, n, out) in one piece.
+template <class Rd>
+rctype dareadall(DA_IOCB* c, DA_IOB* iob, hs_obsno_t numobs, Rd rd) {
+    if (c->curobs > numobs) return DA_EOF;
+    long n = static_cast<long>(std::min<hs_obsno_t>(c->obsperbuf, numobs - c->curobs + 1));
+    rctype rc = rd(c->curobs, n, static_cast<char*>(iob->bufptr));
+    if (rc < 0) return rc;
+    if (iob->obsvec)
+        for (long i = 0; i < n; ++i) iob->obsvec[i] = c->curobs + i;
+    iob->numobs = n;
+    dasetpos(c, c->curobs + n);
+    return 0;
+}
+
+// Fills iob from the cursor's place with live rows, run by run, passing
+// over deleted ones: rdrun(obs, n, out, &rows) reads up to n rows at obs,
+// fewer only at the file's end. When no live row is left the cursor moves
+// past *numobs.
+template <class Rd>
+rctype dareadlive(DA_GIOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, const hs_obsno_t* numobs, Rd rdrun) {
+    char* out = static_cast<char*>(iob->bufptr);
+    long filled = 0;
+    while (filled < c->obsperbuf) {
+        hs_obsno_t runobs = 0, numrun = 0;
+        rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, &runobs, &numrun);
+        if (rc < 0) return rc;
+        if (numrun <= 0) {
+            dasetpos(c, std::max(c->curobs, *numobs + 1));
+            break;
+        }
+        long rows = 0;
+        rc = rdrun(runobs, static_cast<long>(numrun), out + filled * rowlen, &rows);
+        if (rc < 0) return rc;
+        if (iob->obsvec)
+            for (long i = 0; i < rows; ++i) iob->obsvec[filled + i] = runobs + i;
+        filled += rows;
+        dasetpos(c, runobs + rows);
+        if (rows < numrun) break;
+    }
+    if (filled == 0) return DA_EOF;
+    iob->numobs = filled;
+    return 0;
 }
 
 // Writes the first numbuf buffers with put(obs, n, rows): an updater at

@@ -197,29 +197,13 @@ rctype dandrio(DA_SIOCB* c, DA_IOB* iob) {
 rctype darddmp(DA_SIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     long reclen = fcb->xoe.obslen;
-    long filled = 0;
-    char* out = static_cast<char*>(iob->bufptr);
-    while (filled < c->obsperbuf) {
-        hs_obsno_t runobs = 0, numrun = 0;
-        rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, &runobs, &numrun);
-        if (rc < 0) return rc;
-        if (numrun <= 0) {
-            dasetpos(c, std::max(c->curobs, fcb->xoe.numobs + 1));
-            break;
-        }
-        long got = 0;
-        rc = rdrows(c, out + filled * reclen, runobs, static_cast<long>(numrun), &got);
-        if (rc < 0) return rc;
-        long rows = got / reclen;
-        if (iob->obsvec)
-            for (long i = 0; i < rows; ++i) iob->obsvec[filled + i] = runobs + i;
-        filled += rows;
-        dasetpos(c, runobs + rows);
-        if (rows < numrun) break;
-    }
-    if (filled == 0) return DA_EOF;
-    iob->numobs = filled;
-    return 0;
+    return dareadlive(c, fcb, iob, reclen, &fcb->xoe.numobs,
+                      [c, reclen](hs_obsno_t obs, long n, char* out, long* rows) {
+                          long got = 0;
+                          rctype rc = rdrows(c, out, obs, n, &got);
+                          *rows = got / reclen;
+                          return rc;
+                      });
 }
 
 void pickrd(DA_SIOCB* c) {

@@ -147,39 +147,12 @@ rctype readrange(DA_FIOCB* c, hs_obsno_t obs, long n, char* out) {
 rctype bkread(DA_FIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     hs_obsno_t numobs = fcb->xoe.numobs;
-    char* out = static_cast<char*>(iob->bufptr);
-    const int32_t ol = c->bk->obslen;
-    bool skip = daskipdel(fcb, c->iom);
-    if (!skip) {
-        if (c->curobs > numobs) return DA_EOF;
-        long n = static_cast<long>(std::min<hs_obsno_t>(c->obsperbuf, numobs - c->curobs + 1));
-        rctype rc = readrange(c, c->curobs, n, out);
-        if (rc < 0) return rc;
-        if (iob->obsvec)
-            for (long i = 0; i < n; ++i) iob->obsvec[i] = c->curobs + i;
-        iob->numobs = n;
-        dasetpos(c, c->curobs + n);
-        return 0;
-    }
-    long filled = 0;
-    while (filled < c->obsperbuf) {
-        hs_obsno_t runobs = 0, numrun = 0;
-        rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, &runobs, &numrun);
-        if (rc < 0) return rc;
-        if (numrun <= 0) {
-            dasetpos(c, std::max(c->curobs, numobs + 1));
-            break;
-        }
-        rc = readrange(c, runobs, static_cast<long>(numrun), out + filled * ol);
-        if (rc < 0) return rc;
-        if (iob->obsvec)
-            for (long i = 0; i < numrun; ++i) iob->obsvec[filled + i] = runobs + i;
-        filled += static_cast<long>(numrun);
-        dasetpos(c, runobs + numrun);
-    }
-    if (filled == 0) return DA_EOF;
-    iob->numobs = filled;
-    return 0;
+    auto rd = [c](hs_obsno_t obs, long n, char* out) { return readrange(c, obs, n, out); };
+    if (!daskipdel(fcb, c->iom)) return dareadall(c, iob, numobs, rd);
+    return dareadlive(c, fcb, iob, c->bk->obslen, &numobs, [&rd](hs_obsno_t obs, long n, char* out, long* rows) {
+        *rows = n;
+        return rd(obs, n, out);
+    });
 }
 
 // WriteAll: rows at obs (at most numobs + 1) into their blocks.
