@@ -165,6 +165,40 @@ rctype dareadlive(DA_GIOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, const hs_o
     return 0;
 }
 
+// Refill: iob's rows go into runs of deleted rows first, each found by
+// find(&refobs, &refrun) (refrun 0 when none is left, which ends the
+// refill), then after the last row; put(obs, n, rows) writes them.
+template <class Find, class Put>
+rctype darefillrows(DA_IOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, hs_obsno_t* refobs, hs_obsno_t* refrun,
+                    Find find, Put put) {
+    const char* p = static_cast<const char*>(iob->bufptr);
+    long n = iob->numobs;
+    while (n > 0 && (c->iom & DA_IOMFILLING)) {
+        if (*refrun <= 0) {
+            rctype rc = find(refobs, refrun);
+            if (rc < 0) return rc;
+            if (*refrun <= 0) {
+                c->iom &= ~(DA_IOMFILLING | DA_IOMLASTRUN);
+                break;
+            }
+        }
+        long k = static_cast<long>(std::min<hs_obsno_t>(n, *refrun));
+        rctype rc = put(*refobs, k, p);
+        if (rc == 0) rc = dadmreset(fcb, *refobs, k);
+        if (rc < 0) return rc;
+        *refobs += k;
+        *refrun -= k;
+        p += k * rowlen;
+        n -= k;
+        dasetpos(c, *refobs);
+    }
+    if (n <= 0) return 0;
+    dasetpos(c, fcb->xoe.numobs + 1);
+    rctype rc = put(c->curobs, n, p);
+    if (rc == 0) dasetpos(c, c->curobs + n);
+    return rc;
+}
+
 // Writes the first numbuf buffers with put(obs, n, rows): an updater at
 // each buffer's locator, over deleted rows unless DA_IOMLIVE; an adder
 // after the last row, or through fill(iob) while it refills deleted rows.

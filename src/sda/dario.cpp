@@ -266,34 +266,10 @@ rctype dawrdmp(DA_SIOCB* c, DA_IOB* iob) {
 // Refill: rows go into runs of deleted rows first, then to the end.
 rctype darefill(DA_SIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
-    const char* p = static_cast<const char*>(iob->bufptr);
-    long n = iob->numobs;
-    long reclen = fcb->xoe.obslen;
-    while (n > 0 && (c->iom & DA_IOMFILLING)) {
-        if (c->refrun <= 0) {
-            rctype rc = dadmfindbm(fcb, &c->refobs, &c->refrun);
-            if (rc < 0) return rc;
-            if (c->refrun <= 0) {
-                c->iom &= ~(DA_IOMFILLING | DA_IOMLASTRUN);
-                dasetpos(c, fcb->xoe.numobs + 1);
-                break;
-            }
-        }
-        long k = static_cast<long>(std::min<hs_obsno_t>(n, c->refrun));
-        rctype rc = plainput(fcb, c->refobs, p, k, c);
-        if (rc == 0) rc = dadmreset(fcb, c->refobs, k);
-        if (rc < 0) return rc;
-        c->refobs += k;
-        c->refrun -= k;
-        p += k * reclen;
-        n -= k;
-        dasetpos(c, c->refobs);
-    }
-    if (n <= 0) return 0;
-    dasetpos(c, fcb->xoe.numobs + 1);
-    rctype rc = plainput(fcb, c->curobs, p, n, c);
-    if (rc == 0) dasetpos(c, c->curobs + n);
-    return rc;
+    return darefillrows(
+        c, fcb, iob, fcb->xoe.obslen, &c->refobs, &c->refrun,
+        [fcb](hs_obsno_t* refobs, hs_obsno_t* refrun) { return dadmfindbm(fcb, refobs, refrun); },
+        [c, fcb](hs_obsno_t obs, long n, const char* p) { return plainput(fcb, obs, p, n, c); });
 }
 
 rctype darsrds(DA_IOCB* ic, int numbuf) {

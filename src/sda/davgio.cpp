@@ -238,35 +238,16 @@ rctype checkfree(DA_FCB* fcb, int32_t bf, int64_t* found, hs_obsno_t* run) {
 // WriteDelete: rows go into wholly deleted blocks first, then to the end.
 rctype writedelete(DA_FIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
-    const int32_t ol = c->bk->obslen;
-    const char* p = static_cast<const char*>(iob->bufptr);
-    long n = iob->numobs;
-    while (n > 0 && (c->iom & DA_IOMFILLING)) {
-        if (c->refrun <= 0) {
-            int64_t b = DA_NOVBN;
-            rctype rc = checkfree(fcb, c->bk->bf, &b, &c->refrun);
-            if (rc < 0) return rc;
-            if (b == DA_NOVBN) {
-                c->iom &= ~(DA_IOMFILLING | DA_IOMLASTRUN);
-                break;
-            }
-            c->refobs = b * c->bk->bf + 1;
-        }
-        long k = static_cast<long>(std::min<hs_obsno_t>(n, c->refrun));
-        rctype rc = writerange(c, c->refobs, k, p);
-        if (rc == 0) rc = dadmreset(fcb, c->refobs, k);
-        if (rc < 0) return rc;
-        c->refobs += k;
-        c->refrun -= k;
-        p += k * ol;
-        n -= k;
-        dasetpos(c, c->refobs);
-    }
-    if (n <= 0) return 0;
-    dasetpos(c, fcb->xoe.numobs + 1);
-    rctype rc = writerange(c, c->curobs, n, p);
-    if (rc == 0) dasetpos(c, c->curobs + n);
-    return rc;
+    const int32_t bf = c->bk->bf;
+    // checkfree leaves the run 0 when no block is free.
+    auto find = [fcb, bf](hs_obsno_t* refobs, hs_obsno_t* refrun) {
+        int64_t b = DA_NOVBN;
+        rctype rc = checkfree(fcb, bf, &b, refrun);
+        if (rc == 0 && b != DA_NOVBN) *refobs = b * bf + 1;
+        return rc;
+    };
+    return darefillrows(c, fcb, iob, c->bk->obslen, &c->refobs, &c->refrun, find,
+                        [c](hs_obsno_t obs, long n, const char* p) { return writerange(c, obs, n, p); });
 }
 
 rctype bkreadv(DA_IOCB* ic, int numbuf) {
