@@ -14,7 +14,7 @@ void note(void* ap) { seen.push_back(static_cast<int>(reinterpret_cast<intptr_t>
 void* tag(int n) { return reinterpret_cast<void*>(static_cast<intptr_t>(n)); }
 
 void* inthread(void* (*fn)(void*), void* arg) {
-    thread_t tid;
+    thread_t tid{};
     void* result = nullptr;
     EXPECT_EQ(0, thr_create(nullptr, 0, fn, arg, 0, &tid));
     thr_join(tid, &result);

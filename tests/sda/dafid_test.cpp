@@ -419,7 +419,11 @@ TEST(TableLife, ConstraintTextInPiecesSurvivesReopenAndHasLimits) {
     ASSERT_EQ(0, darclos(fp));
     // Three pieces: two whole sections and a tail.
     std::string text;
-    for (int i = 0; text.size() < 2 * 4096 + 100; ++i) text += "x" + std::to_string(i) + " > 0 and ";
+    for (int i = 0; text.size() < 2 * 4096 + 100; ++i) {
+        text += 'x';
+        text += std::to_string(i);
+        text += " > 0 and ";
+    }
     ASSERT_EQ(0, dasetconstraint(lp, "con", text.data(), static_cast<long>(text.size())));
     EXPECT_EQ(DA_HASCONST, dasetconstraint(lp, "con", "a", 1));
     char* got = nullptr;

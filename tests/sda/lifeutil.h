@@ -63,7 +63,7 @@ inline std::vector<DA_NAMESTR> columns() {
 inline void makerow(int64_t n, char* out) {
     double d = static_cast<double>(n);
     memcpy(out, &d, 8);
-    char t[16];
+    char t[32];
     snprintf(t, sizeof t, "row%09lld", static_cast<long long>(n));
     memcpy(out + 8, t, 12);
 }

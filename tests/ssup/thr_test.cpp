@@ -6,7 +6,7 @@ using namespace vrta;
 TEST(ThreadShim, SemaphoreHandsStatusFromChildToCreator) {
     struct Ctx { sema_t done; int status = 0; } ctx;
     ASSERT_EQ(0, sema_init(&ctx.done, 0));
-    thread_t tid;
+    thread_t tid{};
     ASSERT_EQ(0, thr_create(nullptr, 0, [](void* a) -> void* {
         auto* c = static_cast<Ctx*>(a);
         c->status = 42;

@@ -24,7 +24,7 @@ protected:
 
 // Runs fn(arg) in a thread made by vvcthrl and waits for it.
 rctype runlcb(void* (*fn)(void*), void* arg, int lcbflag, void** result = nullptr) {
-    thread_t tid;
+    thread_t tid{};
     rctype rc = vvcthrl(nullptr, 0, fn, arg, 0, &tid, lcbflag);
     if (rc == 0) thr_join(tid, result);
     return rc;
@@ -73,7 +73,7 @@ TEST_F(ControlBlocks, ThreadWithoutLocalBlockHasNoUserAndNoHandlers) {
     vvgetuser(&u, nullptr, nullptr);
     EXPECT_EQ(nullptr, u);
     // A plain thread ends without calling the handler that was never stored.
-    thread_t tid;
+    thread_t tid{};
     ASSERT_EQ(0, thr_create(nullptr, 0, [](void*) -> void* {
         vvaexit([](void*) { ran++; }, nullptr);
         return nullptr;
@@ -239,7 +239,7 @@ TEST_F(ControlBlocks, TermClearsTheTableAndInitMakesItAgain) {
     ASSERT_EQ(0, vvterm());
     EXPECT_EQ(0u, vvgcbp()->lcbkey);
     // Without a key no thread can be made.
-    thread_t tid;
+    thread_t tid{};
     EXPECT_EQ(VV_RC_INTERNAL, vvcthrl(nullptr, 0, [](void*) -> void* { return nullptr; }, nullptr, 0, &tid, 0));
     EXPECT_EQ(VV_RC_INTERNAL, vvthrlexit(nullptr));
     // A host's table is taken over as it stands.
