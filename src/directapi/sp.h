@@ -38,7 +38,7 @@ struct SP_FID {
     HS_NLSENV* tblenv;       // the table's, made here since the table keeps none
     NLS_PIPE* itph;          // table to client
     NLS_PIPE* otph;          // client to table
-    int32_t* tpnvar0;        // columns to transcode
+    int32_t* tpnvar0;        // columns to transcode, by place in the opener's columns from 1
     int ntrans;              // how many
     int32_t datacei;
     int32_t clientcei;

@@ -28,7 +28,7 @@ rctype transrows(SP_FID* s, NLS_PIPE* pipe, bool input, char* obsbuf, long numob
     for (long r = 0; r < numobs; ++r) {
         char* row = obsbuf + r * obslen;
         for (int k = 0; k < s->ntrans; ++k) {
-            const DA_NAMESTR& v = vars[s->tpnvar0[k]];
+            const DA_NAMESTR& v = vars[s->tpnvar0[k] - 1];
             char* val = row + v.npos;
             long len = trimmed(val, v.nlng);
             long wrote = 0;
@@ -94,7 +94,7 @@ rctype spnlsinit(SP_FID* s) {
     }
     for (int i = 0; i < fp->numvar; ++i)
         if (fp->vars[i].type == 2 && !(fp->vars[i].flags & DA_NAMFIXFORM)) {
-            s->tpnvar0[s->ntrans++] = i;
+            s->tpnvar0[s->ntrans++] = i + 1;
             if (fp->vars[i].nlng > widest) widest = fp->vars[i].nlng;
         }
     s->tpbuf = static_cast<char*>(malloc(widest));

@@ -377,6 +377,8 @@ rctype daldefv(DA_FID* f, int nvars, DA_NAMESTR* vars) {
     int64_t obslen = 0;
     for (int i = 0; i < nvars; ++i) {
         if (vars[i].nlng <= 0 || vars[i].npos < 0 || (vars[i].type != 1 && vars[i].type != 2)) return DA_BADARG;
+        // A column's number is its place, from 1; a caller may leave it 0.
+        if (vars[i].nvar0 != 0 && vars[i].nvar0 != i + 1) return DA_BADARG;
         if (vars[i].type == 1 && vars[i].nlng > 8) return DA_BADARG;
         obslen += vars[i].nlng;
     }
@@ -385,7 +387,7 @@ rctype daldefv(DA_FID* f, int nvars, DA_NAMESTR* vars) {
     for (int i = 0; i < nvars; ++i) maxend = std::max<int64_t>(maxend, vars[i].npos + vars[i].nlng);
     if (maxend > obslen) return DA_BADARG;
     if (obslen <= 0 || obslen > 0x7fffffff) return DA_BADARG;
-    for (int i = 0; i < nvars; ++i) vars[i].nvar0 = i;
+    for (int i = 0; i < nvars; ++i) vars[i].nvar0 = i + 1;
 
     rctype rc = 0;
     if (!fcb->phdl) {

@@ -514,7 +514,9 @@ rctype datrobs(DA_FID* fp, hs_obsno_t numobs) {
 rctype darssin(DA_FID* f, const DA_SORTINFO* sinfo) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
-    if (!sinfo) return DA_BADARG;
+    if (!sinfo || sinfo->nvars < 0 || sinfo->nvars > 128 ||
+        dachknvar0(sinfo->nvar0, sinfo->nvars, fcb->xoe.nvar) < 0)
+        return DA_BADARG;
     if (fp->mode == DA_OMINPUT) {
         fp->sortcopy = *sinfo;
         return 0;

@@ -13,7 +13,7 @@ rctype dagetcvb(DA_CVB** cvblist, DA_FID* reffid, int ndrop, const int32_t* dnva
     int32_t nvar = fcb->xoe.nvar;
     if (ndrop <= 0 || ndrop >= nvar || !dnvar0) return DA_BADARG;
     for (int i = 0; i < ndrop; ++i)
-        if (dnvar0[i] < 0 || dnvar0[i] >= nvar) return DA_BADARG;
+        if (dnvar0[i] < 1 || dnvar0[i] > nvar) return DA_BADARG;
     for (DA_CVB* c = *cvblist; c; c = c->next)
         if (c->ndrop == ndrop && memcmp(c->dnvar0, dnvar0, sizeof(int32_t) * ndrop) == 0) {
             c->refcount++;
@@ -26,7 +26,7 @@ rctype dagetcvb(DA_CVB** cvblist, DA_FID* reffid, int ndrop, const int32_t* dnva
         return false;
     };
     int32_t keep = 0;
-    for (int32_t v = 0; v < nvar; ++v)
+    for (int32_t v = 1; v <= nvar; ++v)
         if (!dropped(v)) ++keep;
     if (keep <= 0) return DA_BADARG;
     // One allocation: the block, the dropped numbers, the kept columns.
@@ -44,8 +44,8 @@ rctype dagetcvb(DA_CVB** cvblist, DA_FID* reffid, int ndrop, const int32_t* dnva
     c->refcount = 1;
     c->vars = reinterpret_cast<DA_NAMESTR*>(mem + varoff);
     int32_t k = 0;
-    for (int32_t v = 0; v < nvar; ++v)
-        if (!dropped(v)) c->vars[k++] = fcb->vars[v];  // npos unchanged: rows keep their layout
+    for (int32_t v = 1; v <= nvar; ++v)
+        if (!dropped(v)) c->vars[k++] = fcb->vars[v - 1];  // npos and nvar0 unchanged: rows keep their layout
     c->numvar = keep;
     c->numindex = 0;  // no index of this layer survives a view yet
     c->next = *cvblist;

@@ -225,14 +225,13 @@ rctype dalupdminmax(DA_FID* f, int nvars, const int32_t* nvar0) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     if (fp->mode == DA_OMINPUT || nvars <= 0 || !nvar0) return DA_BADARG;
-    for (int k = 0; k < nvars; ++k)
-        if (nvar0[k] < 0 || nvar0[k] >= fcb->xoe.nvar) return DA_BADARG;
+    if (dachknvar0(nvar0, nvars, fcb->xoe.nvar) < 0) return DA_BADARG;
     rctype rc = daflfcb(fcb);
     for (int k = 0; k < nvars && rc == 0; ++k) {
-        DA_NAMESTR& v = fcb->vars[nvar0[k]];
+        DA_NAMESTR& v = fcb->vars[nvar0[k] - 1];
         if (v.flags & DA_NAMKEEPMM) continue;
         v.flags |= DA_NAMKEEPMM;
-        rc = wrname(fcb, nvar0[k]);
+        rc = wrname(fcb, nvar0[k] - 1);
     }
     if (rc < 0) return rc;
     if (!fcb->vstat) {
@@ -240,7 +239,7 @@ rctype dalupdminmax(DA_FID* f, int nvars, const int32_t* nvar0) {
         fcb->xoe.flags |= DA_XOEVSTAT | DA_XOEMINMAX;
     } else {
         for (int k = 0; k < nvars && rc == 0; ++k)
-            if (!(fcb->vstat->vstat[nvar0[k]].flags & 1)) rc = setvarstat(fcb, nvar0[k]);
+            if (!(fcb->vstat->vstat[nvar0[k] - 1].flags & 1)) rc = setvarstat(fcb, nvar0[k] - 1);
         if (rc == 0) rc = daflstrp(fcb->phdl);
         if (rc == 0) rc = wrvstat(fcb);
         pointers(fcb);

@@ -313,6 +313,21 @@ rctype dardnam7(const DA_ODSIO& io, DA_NAME7ODS* v, int32_t nvar, da_off_t offse
     return readall(io, "dardnam7", v, static_cast<long>(nvar) * sizeof *v, offset);
 }
 
+rctype dachknvar0(const int32_t* nvar0, int32_t n, int32_t nvar) {
+    for (int32_t i = 0; i < n; i++) {
+        int32_t v;
+        std::memcpy(&v, nvar0 + i, sizeof v);  // the numbers of an index record need not be aligned
+        if (v < 1 || v > nvar) return DA_INTERNAL;
+    }
+    return 0;
+}
+
+rctype dachknam7(const DA_NAME7ODS* v, int32_t nvar) {
+    for (int32_t i = 0; i < nvar; i++)
+        if (v[i].nvar0 != i + 1) return DA_INTERNAL;
+    return 0;
+}
+
 // ---------------------------------------------------------------- defaults
 
 namespace {
@@ -721,7 +736,13 @@ rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx
             nvar = x.nvar;
             if ((rc = visit(ctx, DA_MRXOE, w.off, &x, x.ods.length)) != 0) return rc;
         }
-        if ((rc = w.fixed<DA_SINODS>(DA_MRSIN, links[DA_LNKSIN], dardsin)) != 0) return rc;
+        if (links[DA_LNKSIN] != -1) {
+            DA_SINODS si{};
+            if ((rc = w.at(DA_MRSIN, links[DA_LNKSIN])) < 0 || (rc = dardsin(io, &si, w.off)) < 0) return rc;
+            if (dachknvar0(si.sortinfo.nvar0, si.sortinfo.nvars, nvar) < 0)
+                return inconsistent(io, "damdfwalk", w.off, "Sort column number outside the table");
+            if ((rc = visit(ctx, DA_MRSIN, w.off, &si, si.ods.length)) != 0) return rc;
+        }
         if ((rc = w.fixed<DA_OWNODS>(DA_MROWN, links[DA_LNKOWN], dardown)) != 0) return rc;
         if ((rc = w.fixed<DA_BACKUPODS>(DA_MRBACKUP, links[DA_LNKBACKUP], dardbkup)) != 0) return rc;
         if ((rc = w.fixed<DA_VBHEAD>(DA_MRVBH, links[DA_LNKVBH], dardvbh)) != 0) return rc;
@@ -774,6 +795,8 @@ rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx
                     !pidok(n.nformpid, n.nform_l) || !pidok(n.niformpid, n.niform_l))
                     return inconsistent(io, "damdfwalk", w.off, "String pool id outside the pool");
             }
+            if (dachknam7(v.data(), nvar) < 0)
+                return inconsistent(io, "damdfwalk", w.off, "Name vector entry not its own column number");
             if ((rc = visit(ctx, DA_MRNAMES, w.off, v.data(), nvar * static_cast<int>(sizeof(DA_NAME7ODS)))) != 0)
                 return rc;
         }
@@ -788,6 +811,8 @@ rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx
             std::vector<char> buf(std::max<int32_t>(len, sizeof(DA_IDXODS)));
             auto* ip = reinterpret_cast<DA_IDXODS*>(buf.data());
             if ((rc = dardidx(io, ip, len, o)) < 0) return rc;
+            if (dachknvar0(daidxnvar0(ip), ip->nvar, nvar) < 0)
+                return inconsistent(io, "damdfwalk", o, "Index column number outside the table");
             if ((rc = visit(ctx, DA_MRIDX, o, ip, len)) != 0) return rc;
             da_off_t idxfib = ip->idxFibOff, auxfib = ip->auxFibOff, hbxfib = ip->hybFibOff, next = ip->nextOff;
             if ((rc = w.fib(DA_MRIDXFIB, idxfib)) != 0) return rc;

@@ -534,6 +534,12 @@ rctype dardutlh(const DA_ODSIO& io, DA_UTLHEAD2* r, da_off_t offset);
 // The name vector: nvar records of 76 bytes, no head.
 rctype dardnam7(const DA_ODSIO& io, DA_NAME7ODS* v, int32_t nvar, da_off_t offset);
 
+// Column numbers are 1-based wherever a record carries them. dachknvar0 is
+// 0 when each of the n numbers lies in 1..nvar; dachknam7 when the i-th entry
+// of a name vector is column i + 1. Otherwise the damaged-file code.
+rctype dachknvar0(const int32_t* nvar0, int32_t n, int32_t nvar);
+rctype dachknam7(const DA_NAME7ODS* v, int32_t nvar);
+
 // Accessors of variable-length records.
 inline int64_t* dastrpoffs(DA_STRPHEAD* h) { return reinterpret_cast<int64_t*>(reinterpret_cast<char*>(h) + sizeof(DA_STRPHEAD)); }
 inline DA_IDXKST* daidxkst(DA_IDXODS* r) { return reinterpret_cast<DA_IDXKST*>(reinterpret_cast<char*>(r) + r->valueOff); }

@@ -145,6 +145,11 @@ rctype daldv7ns(DA_FCB* fcb) {
     auto* v = static_cast<DA_NAME7ODS*>(calloc(nvar, sizeof(DA_NAME7ODS)));
     if (!v) return DA_NOMEM;
     rctype rc = dardnam7(fcb->mdfio, v, nvar, fcb->dshdr.links[DA_LNKNAMES]);
+    if (rc == 0 && dachknam7(v, nvar) < 0) {
+        hsprint("daldv7ns: Name vector entry not its own column number: Table=%s Reason=%s\n", fcb->name,
+                hsstrer(DA_INTERNAL));
+        rc = DA_INTERNAL;
+    }
     if (rc == 0) rc = dabldvars(fcb, nvar, v);
     free(v);
     return rc;
@@ -204,6 +209,11 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     }
     if (fcb->dshdr.links[DA_LNKSIN] >= 0) rc = dardsin(fcb->mdfio, &fcb->sort, fcb->dshdr.links[DA_LNKSIN]);
     else dainitsin(&fcb->sort);
+    if (rc == 0 && dachknvar0(fcb->sort.sortinfo.nvar0, fcb->sort.sortinfo.nvars, fcb->xoe.nvar) < 0) {
+        hsprint("daopfcb: Sort column number outside the table: Table=%s Reason=%s\n", fcb->name,
+                hsstrer(DA_INTERNAL));
+        rc = DA_INTERNAL;
+    }
     if (rc == 0 && fcb->dshdr.links[DA_LNKOWN] >= 0) rc = dardown(fcb->mdfio, &fcb->owner, fcb->dshdr.links[DA_LNKOWN]);
     if (rc < 0) goto fail;
 

@@ -340,8 +340,10 @@ TEST_F(Api, InformationSelectorsAndColumnDescriptions) {
     EXPECT_EQ(2, np->n7.type);
     EXPECT_EQ(8, np->n7.npos);
     EXPECT_EQ(12, np->n7.nlng);
+    EXPECT_EQ(2, np->n7.nvar0);
     ASSERT_EQ(0, vrtagetnpp(fid, 1, &np));
     EXPECT_EQ(std::string("ID"), std::string(np->name, np->n7.name_l));
+    EXPECT_EQ(1, np->n7.nvar0);
 
     char path[1024];
     int64_t size = -1;

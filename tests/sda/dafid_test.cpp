@@ -492,7 +492,7 @@ TEST(TableLife, MinAndMaxFollowRowsWrittenAcrossFlushesAndReopen) {
     EXPECT_EQ(14.0, mx);
     EXPECT_EQ(nullptr, fp->vars[1].minptr);
     // The name column starts keeping them now; older rows are not counted.
-    int32_t which = 1;
+    int32_t which = 2;
     ASSERT_EQ(0, dalupdminmax(fp, 1, &which));
     auto r3 = rows(100, 3);
     ASSERT_EQ(0, dawrobs(fp, 9, r3.data(), 3));
@@ -529,6 +529,7 @@ TEST(TableLife, NamelessTableGetsANameAndSortAndBackupRecordsPersist) {
     DA_SORTINFO si{};
     memcpy(si.collate, "LINGUIST", 8);
     si.nvars = 1;
+    si.nvar0[0] = 2;
     EXPECT_EQ(DA_SORTLOST, fp->mt->setsortinfo(fp, &si));
     ASSERT_NE(nullptr, fp->backup);
     DA_BACKUPINFO bi{};

@@ -219,6 +219,13 @@ rctype show(void* ctx, int kind, da_off_t off, const void* rec, int len) {
         std::printf("  numvals %" PRId64 " nummiss %" PRId64 " next %" PRId64 "\n",
                     static_cast<int64_t>(k->numvals), static_cast<int64_t>(k->nummiss),
                     static_cast<int64_t>(x->nextOff));
+        std::printf("  variables:");
+        for (int i = 0; i < x->nvar; i++) {
+            int32_t nv;
+            std::memcpy(&nv, static_cast<const char*>(rec) + x->nvar0Off + 4 * i, sizeof nv);
+            std::printf(" %d", nv);
+        }
+        std::printf("\n");
         break;
     }
     case DA_MRDMPH: {
