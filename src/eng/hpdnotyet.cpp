@@ -12,8 +12,7 @@ rctype hpdnotyet(const char* entry) {
     const int len = static_cast<int>(std::strlen(entry));
     xrmksub(1, entry, len);
     // The same text the code stands for, in the log, with the entry's name.
-    const auto u = static_cast<uint32_t>(XP_RC_NOTYET);
-    xpmlog(static_cast<int>(rcgroup(XP_RC_NOTYET)), static_cast<int>(((u >> 8) & 0xff) * 200 + (u & 0xff)), entry);
+    xpmlog(static_cast<int>(rcgroup(XP_RC_NOTYET)), static_cast<int>(rcnumber(XP_RC_NOTYET)), entry);
     return XP_RC_NOTYET;
 }
 

@@ -125,7 +125,7 @@ const char* hsstrer(rctype code) {
     if (code == 0) return UnknownError(code);
     uint32_t u = static_cast<uint32_t>(code);
     int group = static_cast<int>((u >> 16) & 0xff);
-    int number = static_cast<int>(((u >> 8) & 0xff) * 200 + (u & 0xff));
+    int number = static_cast<int>(rcnumber(code));
     const char* text = nullptr;
     int len = 0;
     rctype rc = xkread(group, number, &text, &len);

@@ -21,6 +21,9 @@ constexpr rctype rcmake(bool error, unsigned group, unsigned number) {
     return static_cast<rctype>((error ? 0x80000000u : 0u) | ((group & 0xffu) << 16) | (number & 0xffffu));
 }
 constexpr unsigned rcgroup(rctype rc) { return (static_cast<uint32_t>(rc) >> 16) & 0xffu; }
-constexpr unsigned rcnumber(rctype rc) { return static_cast<uint32_t>(rc) & 0xffffu; }
+// The number within the group, as message files count it: 200 per high byte.
+constexpr unsigned rcnumber(rctype rc) {
+    return ((static_cast<uint32_t>(rc) >> 8) & 0xffu) * 200 + (static_cast<uint32_t>(rc) & 0xffu);
+}
 
 }  // namespace vrta

@@ -29,18 +29,6 @@ constexpr int XK_MAXMSG = 511;  // longest message text
 
 std::mutex xklock;
 
-// The search list when MSGPATH is unset: the installed files, then the ones
-// in the source tree (a module run from its build directory).
-const char* xkdefpath() {
-#if defined(VRTA_MSGDIR) && defined(VRTA_SRC_MSGDIR)
-    return VRTA_MSGDIR ":" VRTA_SRC_MSGDIR;
-#elif defined(VRTA_SRC_MSGDIR)
-    return VRTA_SRC_MSGDIR;
-#else
-    return nullptr;
-#endif
-}
-
 FILE* OpenMsgFile(const char* path, const char* name) {
     int err = ENOENT;
     if (path) {
@@ -190,8 +178,9 @@ void* xkinit() {
     auto* gcb = static_cast<YPMSG_GCB*>(calloc(1, sizeof(YPMSG_GCB)));
     if (!gcb) return nullptr;
     gcb->msgtbl = xkgrpnames;
+    // Unset, it is an empty list: no file opens and every group stays
+    // without texts. A host that wants texts points it at its files.
     const char* path = getenv("MSGPATH");
-    if (!path) path = xkdefpath();
     for (int i = 0; i < XK_NGROUPS; ++i) {
         FILE* f = OpenMsgFile(path, xkgrpnames[i].name);
         if (!f) continue;

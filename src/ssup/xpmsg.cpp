@@ -100,7 +100,7 @@ void xpri(YPGCBSTR* g, rctype rc, int mode) {
     uint32_t u = static_cast<uint32_t>(rc);
     if (!(u & 0x40000000u)) {
         int group = static_cast<int>((u >> 16) & 0xff);
-        int number = group == 0 ? static_cast<int>(((u >> 8) & 0xff) * 200 + (u & 0xff)) : static_cast<int>(u & 0xff);
+        int number = group == 0 ? static_cast<int>(rcnumber(rc)) : static_cast<int>(u & 0xff);
         g->grpno = group;
         g->msgno = number;
         if (mode && g->grpno > -1) g->msgid = 1;
@@ -116,10 +116,9 @@ void xpri(YPGCBSTR* g, rctype rc, int mode) {
             va_end(ap);
             return ok;
         };
-        bool found = call(group, number, subs[0], subs[1], subs[2], subs[3], subs[4], subs[5], subs[6], subs[7], subs[8], subs[9]);
+        // A code without a text leaves the prefix alone on the line.
+        call(group, number, subs[0], subs[1], subs[2], subs[3], subs[4], subs[5], subs[6], subs[7], subs[8], subs[9]);
         xrholds(0);
-        // A code without a text still says which code it was.
-        if (!found) xpsfv(g, "No error text. Code=%d(0x%X)", rc, u);
     } else {
         int type = (u & 0x80000000u) ? 6 : (u & 0x20000000u) ? 8 : 7;
         xpsfv(g, "%*h%.*s", type, lens[0], subs[0]);

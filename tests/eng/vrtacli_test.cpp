@@ -54,6 +54,12 @@ TEST(VrtaCli, RcReadsHexAndDecimalAndRefusesWhatDoesNotFit) {
         EXPECT_TRUE(has(b, "is not a 32-bit code")) << bad << ": " << b.out;
     }
     EXPECT_EQ(vrta("rc").status, 2);
+    // The number within the group counts 200 per high byte, and with MSGPATH
+    // unset the tool finds its own message files.
+    Result own = vrta("rc 0x80000407", "env -u MSGPATH");
+    ASSERT_EQ(own.status, 0) << own.out;
+    EXPECT_TRUE(has(own, "0x80000407 (-2147482617) error, group 0, number 807")) << own.out;
+    EXPECT_TRUE(has(own, "  Out of memory.")) << own.out;
 }
 
 TEST(VrtaCli, OptionsListsAtTheAskedLevel) {

@@ -199,3 +199,18 @@ TEST(MsgFilesShipped, EveryGroupLoadsAndTheEngineCodesHaveTexts) {
 }
 
 }  // namespace
+
+// Without MSGPATH the list is empty: nothing opens, the loader still
+// succeeds, and every lookup says its file was not found.
+TEST_F(MsgFiles, UnsetPathIsAnEmptyList) {
+    write("vrtamsg.m", "# 1 %1zThe operation failed.\n");
+    unsetenv("MSGPATH");
+    xkreset();
+    void* gcb = nullptr;
+    std::string out = load(&gcb);
+    ASSERT_NE(nullptr, gcb);
+    EXPECT_NE(std::string::npos, out.find("Message file vrtamsg.m open failed")) << out;
+    rctype rc;
+    EXPECT_EQ("***MESSAGE NOT FOUND***", read(0, 1, &rc));
+    EXPECT_EQ(-1, rc);
+}

@@ -304,10 +304,13 @@ TEST_F(Printer, ReturnCodesWithSubstitutions) {
 
     xprelog(nullptr, nullptr, static_cast<rctype>(0x80010007u));
     xprlog(0);
-    xprlog(static_cast<rctype>(0x80010063u));  // no such message: the code is shown
+    xprlog(static_cast<rctype>(0x80010063u));  // no such message: the prefix alone
     ASSERT_EQ(2u, lines_.size());
     EXPECT_EQ("VRTA_ERROR 7-1: Plain seven.", lines_[0].text);
-    EXPECT_EQ("VRTA_ERROR: No error text. Code=-2147418013(0x80010063)", lines_[1].text);
+    EXPECT_EQ("VRTA_ERROR:", lines_[1].text);
+    n = xprstr(buf, static_cast<rctype>(0x00010063u), sizeof buf);
+    EXPECT_EQ("VRTA_WARNING: ", std::string(buf, n));
+    EXPECT_EQ(0, xprstr(buf, static_cast<rctype>(0x80000299u), sizeof buf));  // group 0 has no prefix
 }
 
 TEST_F(Printer, NumberedMessages) {

@@ -20,18 +20,24 @@ namespace {
 
 bool readable(const std::string& p) { return access(p.c_str(), R_OK) == 0; }
 
+// The directory this program was started from, empty when unknown.
+std::string programDir() {
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0) return "";
+    self[n] = 0;
+    std::string dir(self);
+    dir.resize(dir.rfind('/'));
+    return dir;
+}
+
 // VRTA_LIB wins; then beside the program; then the build directory.
 std::string modulePath() {
     if (const char* env = std::getenv("VRTA_LIB"); env && *env) return env;
-    char self[PATH_MAX];
-    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n > 0) {
-        self[n] = 0;
-        std::string dir(self);
-        dir.resize(dir.rfind('/'));
+    std::string dir = programDir();
+    if (!dir.empty())
         for (const char* rel : {"/libvrta.so", "/../libvrta.so", "/../lib/libvrta.so"})
             if (readable(dir + rel)) return dir + rel;
-    }
     return std::string(VRTA_LIBDIR) + "/libvrta.so";
 }
 
@@ -62,6 +68,19 @@ DirectApi* loadApi() {
 }
 
 }  // namespace
+
+void setMessagePath() {
+    if (std::getenv("MSGPATH")) return;
+    std::string dir = programDir();
+    std::vector<std::string> tries;
+    if (!dir.empty()) tries.push_back(dir + "/../share/vrta/msg");
+    tries.push_back(VRTA_SRC_MSGDIR);
+    for (const auto& t : tries)
+        if (readable(t + "/vrtamsg.m")) {
+            setenv("MSGPATH", t.c_str(), 1);
+            return;
+        }
+}
 
 void* loadModule(std::string* path) {
     *path = modulePath();

@@ -42,6 +42,11 @@ struct DirectApi {
 // file tried; null after printing why it could not be loaded.
 void* loadModule(std::string* path);
 
+// The module takes its message files from MSGPATH only; when the user has
+// not set it, it is pointed at the files installed beside this program (or,
+// run from a build, at the source tree's).
+void setMessagePath();
+
 // Loads the module once; null after printing why it could not be loaded.
 const DirectApi* directApi();
 

@@ -52,9 +52,10 @@ int run(const std::vector<std::string>& args) {
 Register reg({"rc", "show the meaning of a return code",
               "usage: vrta rc CODE...\n"
               "\n"
-              "Prints each code's kind, message group and number, and its text from the\n"
-              "message files (found through MSGPATH). A code is hex with 0x (0x80040001)\n"
-              "or decimal (-2147221503, 518).\n",
+              "Prints each code's kind, message group and number within the group (200\n"
+              "per high byte: 0x80000407 is number 807), and its text from the message\n"
+              "files: those MSGPATH names, or when it is unset the ones installed with\n"
+              "vrta. A code is hex with 0x (0x80040001) or decimal (-2147221503, 518).\n",
               run});
 
 }  // namespace

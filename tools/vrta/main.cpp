@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "apiload.h"
 #include "vrta.h"
 
 namespace vrtacli {
@@ -34,6 +35,7 @@ static void listCommands(FILE* out) {
 
 int main(int argc, char** argv) {
     using namespace vrtacli;
+    setMessagePath();
     if (argc < 2) {
         listCommands(stderr);
         return 2;
