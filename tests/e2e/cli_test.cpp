@@ -176,6 +176,39 @@ TEST(CliTables, BadInputGivesItsLineAndLeavesNoTable) {
     EXPECT_EQ("a\n1\n", vrta("print " + dom + " t --csv").out);
 }
 
+// A column is a number only when a number keeps each value exactly; a
+// column forced to num stops at the first value it would change.
+TEST(CliTables, LoadNeverChangesAValueSilently) {
+    vrtatest::TempDir tmp;
+    std::string dom = tmp.path();
+    const char* csv =
+        "zip,big,odd,price,small,n\n"
+        "01234,12345678901234567890,9007199254740993,1.50,0.30000000000000004,7\n"
+        "99,1,2,2,0.1,-8\n";
+    vrtatest::writeFile(tmp.file("v.csv"), csv);
+    Result r = vrta("load " + dom + " v " + tmp.file("v.csv"));
+    ASSERT_EQ(0, r.status) << r.err;
+    r = vrta("describe " + dom + " v");
+    for (const char* col : {"zip    char(5)", "big    char(20)", "odd    char(16)", "price  num", "small  num", "n      num"})
+        EXPECT_TRUE(has(r.out, col)) << col << "\n" << r.out;
+    r = vrta("print " + dom + " v --csv");
+    EXPECT_EQ("zip,big,odd,price,small,n\n"
+              "01234,12345678901234567890,9007199254740993,1.5,0.30000000000000004,7\n"
+              "99,1,2,2,0.1,-8\n",
+              r.out);
+
+    for (const char* forced : {"zip", "big", "odd"}) {
+        r = vrta("load " + dom + " f " + tmp.file("v.csv") + " --types " + forced + ":num");
+        EXPECT_EQ(1, r.status) << forced;
+        EXPECT_TRUE(has(r.err, "v.csv:2: '")) << r.err;
+        EXPECT_TRUE(has(r.err, "' in column '" + std::string(forced) + "' cannot be kept exactly as a number")) << r.err;
+        EXPECT_TRUE(files(dom, "f.").empty()) << forced;
+    }
+    EXPECT_TRUE(has(vrta("load " + dom + " f " + tmp.file("v.csv") + " --types odd:num").err, "'9007199254740993'"));
+    r = vrta("load --help");
+    EXPECT_TRUE(has(r.out, "trailing\nblanks of a value are padding")) << r.out;
+}
+
 TEST(CliTables, CompressedAndEncryptedTablesPrintLikeThePlainOne) {
     vrtatest::TempDir tmp;
     std::string dom = tmp.path(), csv = "id,word\n";

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -67,6 +68,62 @@ bool parseNumber(const std::string& text, double* v) {
     if (!std::isfinite(d)) return false;
     *v = d;
     return true;
+}
+
+// A decimal value as sign, significant digits and power of ten; zero has no
+// digits. Two texts stand for the same number exactly when these agree.
+struct Decimal {
+    bool neg = false;
+    std::string digits;
+    long long exp = 0;
+    bool operator==(const Decimal& o) const {
+        return digits == o.digits && (digits.empty() || (neg == o.neg && exp == o.exp));
+    }
+};
+
+// Of text already accepted by parseNumber (or written by to_chars).
+Decimal decimalOf(const std::string& s) {
+    Decimal d;
+    size_t i = 0, n = s.size();
+    if (i < n && (s[i] == '+' || s[i] == '-')) d.neg = s[i++] == '-';
+    long long frac = 0;
+    bool point = false;
+    for (; i < n && (std::isdigit(static_cast<unsigned char>(s[i])) || s[i] == '.'); ++i) {
+        if (s[i] == '.') {
+            point = true;
+            continue;
+        }
+        d.digits.push_back(s[i]);
+        if (point) ++frac;
+    }
+    long long e = 0;
+    if (i < n && (s[i] == 'e' || s[i] == 'E')) {
+        bool eneg = s[++i] == '-';
+        if (s[i] == '+' || s[i] == '-') ++i;
+        // Exponents this long only matter for a zero, whose digits are none.
+        for (; i < n; ++i) e = std::min<long long>(e * 10 + (s[i] - '0'), 1LL << 40);
+        if (eneg) e = -e;
+    }
+    size_t lead = d.digits.find_first_not_of('0');
+    if (lead == std::string::npos) return Decimal{d.neg, "", 0};
+    d.digits.erase(0, lead);
+    size_t tail = d.digits.find_last_not_of('0');
+    long long dropped = static_cast<long long>(d.digits.size() - tail - 1);
+    d.digits.resize(tail + 1);
+    d.exp = e - frac + dropped;
+    return d;
+}
+
+// A number the column can keep exactly: the double holds the very decimal
+// value written, and the text has no leading zero that reading it back
+// would lose (01234 is an identifier, not 1234).
+bool exactNumber(const std::string& text, double v) {
+    std::string s = trimmed(text);
+    size_t i = (s[0] == '+' || s[0] == '-') ? 1 : 0;
+    if (i + 1 < s.size() && s[i] == '0' && std::isdigit(static_cast<unsigned char>(s[i + 1]))) return false;
+    char buf[64];
+    auto r = std::to_chars(buf, buf + sizeof buf, v);
+    return decimalOf(s) == decimalOf(std::string(buf, r.ptr));
 }
 
 // "id:num,name:char(20),note:char" into the columns named.
@@ -247,7 +304,7 @@ int run(const std::vector<std::string>& args) {
                 double d;
                 if (!trimmed(v).empty()) {
                     c.anyvalue = true;
-                    if (c.numeric && !parseNumber(v, &d)) c.numeric = false;
+                    if (c.numeric && !(parseNumber(v, &d) && exactNumber(v, d))) c.numeric = false;
                 }
             }
             if ((++rows & 0xfff) == 0) bar.show(csv.consumed(), rows);
@@ -314,9 +371,16 @@ int run(const std::vector<std::string>& args) {
             const std::string& v = fields[i];
             if (cols[i].type == 1) {
                 double d;
-                if (trimmed(v).empty()) putMissing(p);
-                else if (parseNumber(v, &d)) std::memcpy(p, &d, 8);
-                else err = where(file, csv.line()) + "'" + v + "' in column '" + cols[i].name + "' is not a number";
+                if (trimmed(v).empty()) {
+                    putMissing(p);
+                } else if (!parseNumber(v, &d)) {
+                    err = where(file, csv.line()) + "'" + v + "' in column '" + cols[i].name + "' is not a number";
+                } else if (!exactNumber(v, d)) {
+                    err = where(file, csv.line()) + "'" + v + "' in column '" + cols[i].name +
+                          "' cannot be kept exactly as a number (load the column as char)";
+                } else {
+                    std::memcpy(p, &d, 8);
+                }
             } else {
                 if (v.size() > static_cast<size_t>(cols[i].length))
                     err = where(file, csv.line()) + "the value in column '" + cols[i].name + "' is longer than " +
@@ -360,9 +424,14 @@ Register reg({"load", "make a table from a CSV file",
               "                 [--types LIST]\n"
               "\n"
               "Makes the table TABLE in the domain directory (made when missing) from a CSV file\n"
-              "whose first line names the columns. A column whose values are all numbers becomes\n"
-              "a number; any other column becomes characters as wide as its widest value. Empty\n"
-              "numbers are missing values; empty lines are skipped.\n"
+              "whose first line names the columns. A column becomes a number only when a number\n"
+              "keeps every value in it exactly as written: a leading zero (01234) or more digits\n"
+              "than a number holds (9007199254740993) keep the column as characters, which are\n"
+              "as wide as its widest value. A value forced to num by --types that cannot be kept\n"
+              "exactly stops the load. Empty numbers are missing values; empty lines are skipped.\n"
+              "\n"
+              "Characters are stored at the column's fixed width, padded with blanks: trailing\n"
+              "blanks of a value are padding and do not come back (\"ab  \" prints as \"ab\").\n"
               "\n"
               "  --types LIST     types of some or all columns: id:num,name:char(20),note:char\n"
               "  --compress NAME  compress the table's blocks with the exit NAME (VRTARLC2, VRTARLLC,\n"
