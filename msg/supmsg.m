@@ -8,6 +8,8 @@
 #        20 The row could not be read.
 #        21 %s %s is in use: %s.
 #        22 A column description arrived out of sequence.
+#        30 The %s message does not fit its length at %s.
+#        31 The %s message cannot be built: %s is wrong.
 #       101 The option %s is malformed.
 #       102 %s is not an option of this engine.
 #       126 Out of memory for a function result.
