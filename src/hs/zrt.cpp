@@ -11,34 +11,26 @@ namespace {
 constexpr uint64_t TOP16 = 0xffff000000000000ull;
 constexpr uint64_t MANT = (1ull << 52) - 1;
 
-constexpr double missof(char c) {
-    return std::bit_cast<double>(TOP16 | (static_cast<uint64_t>(static_cast<uint8_t>(~c)) << 40));
+// Missing values: top 16 bits all ones, the rank's negation in byte 5. Ranks
+// run from "_" (1) over "." (2) to "A" to "Z" (3 to 28).
+constexpr uint64_t missbits(int rank) { return TOP16 | (static_cast<uint64_t>(0x100 - rank) << 40); }
+
+int missrank(int c) {
+    if (c == '_') return 1;
+    if (c == '.') return 2;
+    if (c >= 'A' && c <= 'Z') return c - 'A' + 3;
+    return 0;
+}
+
+// The character of a missing value; "." for a rank of no character.
+int misschar(uint64_t bits) {
+    int rank = -static_cast<int8_t>(bits >> 40);
+    if (rank == 1) return '_';
+    if (rank >= 3 && rank <= 28) return 'A' + rank - 3;
+    return '.';
 }
 
 }  // namespace
-
-const double missing_tbl[HS_NMISSING] = {
-    missof('_'), missof('.'), missof('A'), missof('B'), missof('C'), missof('D'), missof('E'),
-    missof('F'), missof('G'), missof('H'), missof('I'), missof('J'), missof('K'), missof('L'),
-    missof('M'), missof('N'), missof('O'), missof('P'), missof('Q'), missof('R'), missof('S'),
-    missof('T'), missof('U'), missof('V'), missof('W'), missof('X'), missof('Y'), missof('Z')};
-
-int hsmissix(int c) {
-    if (c == '_') return 0;
-    if (c == '.') return 1;
-    if (c >= 'A' && c <= 'Z') return c - 'A' + 2;
-    return -1;
-}
-
-double hsmissing() { return missing_tbl[1]; }
-
-bool hsismiss(double v) { return (std::bit_cast<uint64_t>(v) & TOP16) == TOP16; }
-
-int hsmisschar(double v) {
-    if (!hsismiss(v)) return 0;
-    int c = static_cast<uint8_t>(~(std::bit_cast<uint64_t>(v) >> 40));
-    return hsmissix(c) >= 0 ? c : '.';
-}
 
 int64_t zrtint(const void* source, int len) {
     if (len < 1 || len > 8) return 0;
@@ -77,8 +69,7 @@ double zrtdbl(const void* source, int len) {
     uint64_t frac = 0;
     for (int i = 1; i < 8; i++) frac = (frac << 8) | b[i];
     if (frac == 0) {
-        int mi = hsmissix(b[0]);
-        if (mi >= 0) return missing_tbl[mi];
+        if (int rank = missrank(b[0])) return std::bit_cast<double>(missbits(rank));
         return (b[0] & 0x80) ? -0.0 : 0.0;
     }
     int hexp = b[0] & 0x7f;
@@ -99,10 +90,9 @@ void zctdbl(double value, void* dest, int len) {
     if (len > 8) len = 8;
     uint8_t b[8] = {};
     uint64_t bits = std::bit_cast<uint64_t>(value);
-    if (hsismiss(value) || std::isnan(value)) {
+    if ((bits & TOP16) == TOP16 || std::isnan(value)) {
         // A NaN that is not one of ours has no other form: it travels as ".".
-        int c = hsmisschar(value);
-        b[0] = static_cast<uint8_t>(c ? c : '.');
+        b[0] = static_cast<uint8_t>((bits & TOP16) == TOP16 ? misschar(bits) : '.');
         std::memcpy(dest, b, len);
         return;
     }

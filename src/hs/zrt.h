@@ -1,7 +1,6 @@
 // Transport numbers: big-endian integers, floating numbers in IBM
-// hexadecimal form, and text, as they travel in wire bodies. The table of
-// special missing values lives here too, since the transport form of a
-// double is where they are named.
+// hexadecimal form, and text, as they travel in wire bodies. A missing value
+// travels as its character ('.', '_', 'A' to 'Z') followed by zero bytes.
 #pragma once
 #include <cstdint>
 
@@ -23,19 +22,5 @@ void zctdbl(double value, void* dest, int len);
 // Text is carried as it stands.
 void zrtchr(const void* source, char* dest, int len);
 void zctchr(const char* source, void* dest, int len);
-
-// Special missing values: "_", "." and "A" to "Z", in that order. A double is
-// missing when its top 16 bits are all ones; its rank is the negated signed
-// value of byte 5 (low byte first), here the complement of its character.
-constexpr int HS_NMISSING = 28;
-extern const double missing_tbl[HS_NMISSING];
-// The entry of c ('.', '_', 'A' to 'Z'), or -1.
-int hsmissix(int c);
-// The standard missing value ".".
-double hsmissing();
-bool hsismiss(double v);
-// The character of a missing value ('.' for one not in the table), 0 when v is
-// not missing.
-int hsmisschar(double v);
 
 }  // namespace vrta
