@@ -114,7 +114,7 @@ rctype rdiob(DA_BIOCB* c, DA_IOB* iob) {
     hs_obsno_t numobs = fcb->xoe.numobs;
     auto rd = [c](hs_obsno_t obs, long n, char* out) { return gettransfer(c, obs, n, out); };
     if (!daskipdel(fcb, c->iom)) return dareadall(c, iob, numobs, rd);
-    return dareadlive(c, fcb, iob, fcb->xoe.obslen, &numobs, [&rd](hs_obsno_t obs, long n, char* out, long* rows) {
+    return dareadlive(c, fcb, iob, fcb->xoe.obslen, numobs, [&rd](hs_obsno_t obs, long n, char* out, long* rows) {
         *rows = n;
         return rd(obs, n, out);
     });

@@ -282,9 +282,8 @@ bool dadmisdel(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t obsno) {
     return bitset(bmp->bitmap, obsno - segobs);
 }
 
-rctype dadmrunbm(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t curobs, hs_obsno_t remain, hs_obsno_t* runobs,
-                 hs_obsno_t* numrun) {
-    hs_obsno_t numobs = fcb->xoe.numobs;
+rctype dadmrunbm(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t curobs, hs_obsno_t remain, hs_obsno_t numobs,
+                 hs_obsno_t* runobs, hs_obsno_t* numrun) {
     *numrun = 0;
     *runobs = curobs;
     if (curobs < 1 || curobs > numobs || remain <= 0) return 0;

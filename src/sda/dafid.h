@@ -429,9 +429,10 @@ rctype danewbm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp);
 DA_DMPBM* dadmnewbm(DA_FCB* fcb);
 void dadmfreebm(DA_DMPBM* bmp);
 // From curobs: skip deleted rows, then count live ones up to remain (a run
-// may cross segments). *runobs is the run's first row, *numrun 0 past numobs.
-rctype dadmrunbm(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t curobs, hs_obsno_t remain, hs_obsno_t* runobs,
-                 hs_obsno_t* numrun);
+// may cross segments), looking no further than row numobs. *runobs is the
+// run's first row, *numrun 0 past numobs.
+rctype dadmrunbm(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t curobs, hs_obsno_t remain, hs_obsno_t numobs,
+                 hs_obsno_t* runobs, hs_obsno_t* numrun);
 rctype dadmdelrun(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t* delrun);
 rctype dadmfindbm(DA_FCB* fcb, hs_obsno_t* delobs, hs_obsno_t* delrun);
 rctype dadmreset(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t numobs);

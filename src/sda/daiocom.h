@@ -137,18 +137,19 @@ rctype dareadall(DA_IOCB* c, DA_IOB* iob, hs_obsno_t numobs, Rd rd) {
 
 // Fills iob from the cursor's place with live rows, run by run, passing
 // over deleted ones: rdrun(obs, n, out, &rows) reads up to n rows at obs,
-// fewer only at the file's end. When no live row is left the cursor moves
-// past *numobs.
+// fewer only at the file's end. numobs is the row count taken when the
+// buffer started: rows another opener appends meanwhile wait for the next
+// buffer, and when no live row is left the cursor moves just past numobs.
 template <class Rd>
-rctype dareadlive(DA_GIOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, const hs_obsno_t* numobs, Rd rdrun) {
+rctype dareadlive(DA_GIOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, hs_obsno_t numobs, Rd rdrun) {
     char* out = static_cast<char*>(iob->bufptr);
     long filled = 0;
     while (filled < c->obsperbuf) {
         hs_obsno_t runobs = 0, numrun = 0;
-        rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, &runobs, &numrun);
+        rctype rc = dadmrunbm(fcb, c->bmp, c->curobs, c->obsperbuf - filled, numobs, &runobs, &numrun);
         if (rc < 0) return rc;
         if (numrun <= 0) {
-            dasetpos(c, std::max(c->curobs, *numobs + 1));
+            dasetpos(c, std::max(c->curobs, numobs + 1));
             break;
         }
         long rows = 0;

@@ -197,7 +197,7 @@ rctype dandrio(DA_SIOCB* c, DA_IOB* iob) {
 rctype darddmp(DA_SIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     long reclen = fcb->xoe.obslen;
-    return dareadlive(c, fcb, iob, reclen, &fcb->xoe.numobs,
+    return dareadlive(c, fcb, iob, reclen, fcb->xoe.numobs,
                       [c, reclen](hs_obsno_t obs, long n, char* out, long* rows) {
                           long got = 0;
                           rctype rc = rdrows(c, out, obs, n, &got);

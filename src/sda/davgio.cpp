@@ -149,7 +149,7 @@ rctype bkread(DA_FIOCB* c, DA_IOB* iob) {
     hs_obsno_t numobs = fcb->xoe.numobs;
     auto rd = [c](hs_obsno_t obs, long n, char* out) { return readrange(c, obs, n, out); };
     if (!daskipdel(fcb, c->iom)) return dareadall(c, iob, numobs, rd);
-    return dareadlive(c, fcb, iob, c->bk->obslen, &numobs, [&rd](hs_obsno_t obs, long n, char* out, long* rows) {
+    return dareadlive(c, fcb, iob, c->bk->obslen, numobs, [&rd](hs_obsno_t obs, long n, char* out, long* rows) {
         *rows = n;
         return rd(obs, n, out);
     });

@@ -23,7 +23,7 @@ void checkruns(DA_FCB* fcb, const std::set<hs_obsno_t>& del, hs_obsno_t remain) 
     std::vector<hs_obsno_t> seen;
     for (;;) {
         hs_obsno_t runobs = 0, numrun = 0;
-        ASSERT_EQ(0, dadmrunbm(fcb, bm, cur, remain, &runobs, &numrun));
+        ASSERT_EQ(0, dadmrunbm(fcb, bm, cur, remain, n, &runobs, &numrun));
         if (numrun == 0) break;
         ASSERT_LE(numrun, remain);
         for (hs_obsno_t i = 0; i < numrun; ++i) seen.push_back(runobs + i);

@@ -4,6 +4,11 @@
 
 #include <dirent.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
 #include "curutil.h"
 #include "testutil.h"
 
@@ -360,5 +365,93 @@ TEST(PlainCursor, EncodedAndTransferRowsRoundTrip) {
         }
         ASSERT_EQ(0, darclos(fp));
     }
+    EXPECT_EQ(0, dafrlib(lp));
+}
+
+// Readers that pass over deleted rows while another opener appends: each
+// buffer stops at the row count it started with, so no appended row is
+// jumped over, and every row read holds what was written there.
+TEST(PlainCursor, ReadersOfDeletedRunsMissNoRowAppendedDuringTheRead) {
+    vrtatest::TempDir tmp;
+    DA_LIB* lp = lifetest::assign(tmp.path());
+    DA_FID* fp = make(lp, "race", PLAIN);
+    ASSERT_NE(nullptr, fp);
+    constexpr int64_t FIRST = 60, LAST = 600;
+    {
+        Cur w(fp, DA_IOMBYROW, FIRST);
+        ASSERT_EQ(0, w.write(1, FIRST, 0));
+    }
+    ASSERT_EQ(0, darclos(fp));
+    // The readers' handles are opened by this task, then the writer's, and
+    // each is used by a thread of its own, as scan threads use theirs.
+    DA_FID* rds[2] = {reopen(lp, "race", DA_OMINPUT, PLAIN), reopen(lp, "race", DA_OMINPUT, PLAIN)};
+    ASSERT_TRUE(rds[0] && rds[1]);
+    DA_FID* wr = reopen(lp, "race", DA_OMUPDATE, PLAIN);
+    ASSERT_NE(nullptr, wr);
+    const std::vector<int64_t> deleted = {5, 6, 7, 31, 59, 60};
+    for (int64_t n : deleted) ASSERT_EQ(0, wr->mt->delobs(wr, n));
+
+    std::atomic<bool> done{false};
+    struct Seen {
+        std::vector<int64_t> rows;
+        std::string fault;
+        std::atomic<long> eofs{0};  // reads that found no row
+    };
+    std::vector<Seen> seen(2);
+    auto reader = [&](Seen* s, DA_FID* rd) {
+        {
+            Cur r(rd, DA_IOMBYROW | DA_IOMREAD | DA_IOMSEQ, 5);
+            auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+            for (;;) {
+                bool last = done.load();
+                rctype rc = r.read();
+                if (rc < 0 && rc != DA_EOF) {
+                    s->fault = "read rc " + std::to_string(rc);
+                    break;
+                }
+                for (long i = 0; rc == 0 && i < r.iob[0].numobs; ++i) {
+                    int64_t n = r.iob[0].obsvec[i];
+                    if (!rowis(r.row(0, i), n, 0)) s->fault = "row " + std::to_string(n) + " not as written";
+                    s->rows.push_back(n);
+                }
+                if ((rc == DA_EOF && last) || !s->fault.empty()) break;
+                if (rc == DA_EOF) s->eofs++;
+                if (std::chrono::steady_clock::now() > deadline) {
+                    s->fault = "no end within the deadline";
+                    break;
+                }
+            }
+        }
+    };
+    std::thread t1(reader, &seen[0], rds[0]), t2(reader, &seen[1], rds[1]);
+    char rows[3 * ROWLEN];
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    int64_t written = FIRST;
+    for (int64_t n = FIRST + 1; n + 2 <= LAST; n += 3) {
+        // Each batch lands while both readers stand at the end, where a
+        // reader that looks at the row count twice would jump past it.
+        long e0 = seen[0].eofs, e1 = seen[1].eofs;
+        while ((seen[0].eofs == e0 || seen[1].eofs == e1) && seen[0].fault.empty() && seen[1].fault.empty() &&
+               std::chrono::steady_clock::now() < until)
+            std::this_thread::yield();
+        for (int i = 0; i < 3; ++i) makerow(n + i, 0, rows + i * ROWLEN);
+        ASSERT_EQ(0, dawrobs(wr, n, rows, 3));
+        written = n + 2;
+    }
+    done = true;
+    t1.join();
+    t2.join();
+    for (DA_FID* rd : rds) ASSERT_EQ(0, darclos(rd));
+    std::vector<int64_t> live;
+    for (int64_t n = 1; n <= written; ++n)
+        if (std::find(deleted.begin(), deleted.end(), n) == deleted.end()) live.push_back(n);
+    for (const Seen& s : seen) {
+        EXPECT_EQ("", s.fault);
+        auto miss = std::mismatch(live.begin(), live.end(), s.rows.begin(), s.rows.end());
+        EXPECT_TRUE(miss.first == live.end() && miss.second == s.rows.end())
+            << "expected row " << (miss.first == live.end() ? -1 : *miss.first) << ", read "
+            << (miss.second == s.rows.end() ? -1 : *miss.second);
+    }
+    ASSERT_EQ(0, darclos(wr));
     EXPECT_EQ(0, dafrlib(lp));
 }
