@@ -324,6 +324,10 @@ DA_FCB* danewfcb(DA_LIBP* lp, const char* name, int namelen, int mode);
 rctype dastv7nam(DA_FCB* fcb, int nvars, DA_NAMESTR* vars);
 rctype dabldvars(DA_FCB* fcb, int nvars, const DA_NAME7ODS* v);
 rctype daldv7ns(DA_FCB* fcb);
+// The table's header and description, and its columns, checked against each
+// other and the MDF's size: 0x80000216 with the file and field named.
+rctype dachkxoe(DA_FCB* fcb, const DA_DSFHEAD& h, const DA_XOEODS& x);
+rctype dachkvars(DA_FCB* fcb, const DA_NAME7ODS* v, int32_t nvar);
 
 // The method tables, filled at dainit.
 rctype dafidmtini(DA_GCB* gcb);

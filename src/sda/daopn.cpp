@@ -42,7 +42,7 @@ rctype rdrecords(DA_FCB* fcb) {
     rc = dardxoe(fcb->mdfio, &fcb->xoe, fcb->dshdr.links[DA_LNKXOE]);
     if (rc < 0) return rc;
     if (fcb->xoe.semtype < 0 || fcb->xoe.semtype >= DA_SEMMAX) return DA_BADSEMTYPE;
-    return 0;
+    return dachkxoe(fcb, fcb->dshdr, fcb->xoe);
 }
 
 // A revision update renames a data file's partitions before it rewrites the
@@ -150,6 +150,7 @@ rctype daldv7ns(DA_FCB* fcb) {
                 hsstrer(DA_INTERNAL));
         rc = DA_INTERNAL;
     }
+    if (rc == 0) rc = dachkvars(fcb, v, nvar);
     if (rc == 0) rc = dabldvars(fcb, nvar, v);
     free(v);
     return rc;
@@ -381,7 +382,12 @@ rctype darfmdf(DA_FCB* fcb) {
     if (rc < 0) return rc;
     DA_XOEODS x;
     rc = dardxoe(fcb->mdfio, &x, h.links[DA_LNKXOE]);
+    if (rc == 0) rc = dachkxoe(fcb, h, x);
     if (rc < 0) return rc;
+    // Another writer adds rows and records; the row's shape never changes.
+    if (fcb->xoe.nvar > 0 && (x.nvar != fcb->xoe.nvar || x.obslen != fcb->xoe.obslen || x.blockfactor != fcb->xoe.blockfactor ||
+        h.links[DA_LNKNAMES] != fcb->dshdr.links[DA_LNKNAMES]))
+        return DA_INTERNAL;
     fcb->dshdr = h;
     fcb->xoe = x;
     if (fcb->vbcb && darfvbcb) rc = darfvbcb(fcb);

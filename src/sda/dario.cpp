@@ -161,14 +161,29 @@ rctype growbuf(char** buf, long* size, long need) {
     return *buf ? 0 : DA_NOMEM;
 }
 
+// Rows up to numobs are committed: a data file that ends before them has
+// lost rows, and handing out fewer would pass for a shorter table.
+rctype shortrows(DA_FCB* fcb, hs_obsno_t obs, long want, long got) {
+    long reclen = fcb->xoe.odsreclen;
+    if (got >= want * reclen) return 0;
+    hsprint("dardrows: Data file shorter than numobs: Member=%s numobs=%lld Rows=%lld Reason=%s\n", fcb->name,
+            static_cast<long long>(fcb->xoe.numobs), static_cast<long long>(obs - 1 + got / reclen),
+            hsstrer(DA_SHORTREAD));
+    return DA_SHORTREAD;
+}
+
 // Disk bytes of n rows: straight into out, or through eiob and the decoder.
 rctype rdrows(DA_SIOCB* c, char* out, hs_obsno_t obs, long n, long* got) {
     DA_FCB* fcb = c->fcb;
     long reclen = fcb->xoe.odsreclen;
-    if (!c->encoded) return fcb->dffd->fdread(fcb->dffd, out, n * reclen, (obs - 1) * reclen, got);
+    if (!c->encoded) {
+        rctype rc = fcb->dffd->fdread(fcb->dffd, out, n * reclen, (obs - 1) * reclen, got);
+        return rc < 0 ? rc : shortrows(fcb, obs, n, *got);
+    }
     rctype rc = growbuf(&c->eiob, &c->eiobsize, n * reclen);
     if (rc < 0) return rc;
     rc = fcb->dffd->fdread(fcb->dffd, c->eiob, n * reclen, (obs - 1) * reclen, got);
+    if (rc == 0) rc = shortrows(fcb, obs, n, *got);
     if (rc < 0) return rc;
     long rows = *got / reclen;
     dadeiob(fcb, obs, c->eiob, out, rows);
@@ -339,8 +354,8 @@ rctype darmloc(DA_IOCB* ic, hs_obsno_t loc) {
         if (rc < 0) return rc;
         long got = 0;
         rc = fcb->dffd->fdread(fcb->dffd, c->privbuf, n * reclen, off, &got);
+        if (rc == 0) rc = shortrows(fcb, loc, n, got);
         if (rc < 0) return rc;
-        n = got / reclen;
         c->mapiob.bufptr = c->privbuf;
     }
     c->mapiob.numobs = n;

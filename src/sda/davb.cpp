@@ -193,6 +193,35 @@ rctype flushvec(DA_FCB* fcb, DA_VBCB* vb) {
     return rc;
 }
 
+// The blocks of a vector lie inside the DPF and apart from each other. A
+// damaged offset could otherwise land on another block's bytes, which an
+// exit may well decode to rows of the right length.
+rctype chkvec(DA_FCB* fcb, const DA_VBHEAD& h, char* v, int64_t vbvno) {
+    std::vector<std::pair<int64_t, int64_t>> used;
+    da_off_t fsize = *fcb->dffd->filesize;
+    for (int ic = 0; ic < h.vbvspan; ++ic) {
+        int64_t o = getoff(h, v, ic);
+        if (o == -1) continue;
+        int64_t len = getlen(h, v, ic);
+        if (len < 0) len = -len;
+        if (o < 0 || len == 0 || o > fsize - len) {
+            hsprint("GetBlockOffset: Bad block offset: DS=%s vbn=%lld offset=%lld length=%lld filesize=%lld\n",
+                    fcb->name, static_cast<long long>(vbvno * h.vbvspan + ic), static_cast<long long>(o),
+                    static_cast<long long>(len), static_cast<long long>(fsize));
+            return DA_INTERNAL;
+        }
+        used.emplace_back(o, o + len);
+    }
+    std::sort(used.begin(), used.end());
+    for (size_t i = 1; i < used.size(); ++i)
+        if (used[i].first < used[i - 1].second) {
+            hsprint("GetBlockOffset: Blocks overlap: DS=%s vector=%lld offset=%lld\n", fcb->name,
+                    static_cast<long long>(vbvno), static_cast<long long>(used[i].first));
+            return DA_INTERNAL;
+        }
+    return 0;
+}
+
 rctype loadvec(DA_FCB* fcb, DA_VBCB* vb, DA_VBVNODE* n, da_off_t off, int64_t vbvno) {
     if (n == &vb->vbvnode) {
         rctype rc = flushvec(fcb, vb);
@@ -202,6 +231,8 @@ rctype loadvec(DA_FCB* fcb, DA_VBCB* vb, DA_VBVNODE* n, da_off_t off, int64_t vb
     if (rc < 0) return rc;
     dropnode(n);
     rc = readall(fcb->mdfd, n->vbvec, vb->vbhdr.vbvecsize, off);
+    if (rc < 0) return rc;
+    rc = chkvec(fcb, vb->vbhdr, n->vbvec, vbvno);
     if (rc < 0) return rc;
     n->offset = off;
     n->vbvno = vbvno;

@@ -41,6 +41,26 @@ rctype putblk(DA_FCB* fcb, DA_BKCB* bk, DA_BLOCK* b) {
     return 0;
 }
 
+// A stored block decodes to whole rows: all bf of them but in the last block,
+// and at least those of its rows that numobs counts. Anything else is a
+// damaged offset or block whose bytes would be handed out as rows.
+rctype getblk(DA_FCB* fcb, DA_BKCB* bk, void* cur, int64_t vbn, char* out, int32_t* rawlen) {
+    rctype rc = bk->ops->getblock(fcb, cur, vbn, out, bk->bf * bk->obslen, rawlen);
+    if (rc != 0) return rc;
+    int64_t rows = *rawlen / bk->obslen;
+    int64_t first = vbn * bk->bf;
+    int64_t want = std::min<int64_t>(bk->bf, std::max<int64_t>(0, fcb->xoe.numobs - first));
+    bool last = first + bk->bf >= fcb->xoe.numobs;
+    if (*rawlen % bk->obslen != 0 || rows < want || rows > bk->bf || (!last && rows != bk->bf)) {
+        hsprint("GetBlock: Block does not decode to its rows: Member=%s VBN=%lld Rows=%lld Expected=%lld "
+                "numobs=%lld Reason=%s\n",
+                fcb->name, static_cast<long long>(vbn), static_cast<long long>(rows), static_cast<long long>(want),
+                static_cast<long long>(fcb->xoe.numobs), hsstrer(DA_INTERNAL));
+        return DA_INTERNAL;
+    }
+    return 0;
+}
+
 // The table's block holding vbn for writing; loads it or starts it.
 rctype blockswap(DA_FCB* fcb, DA_BKCB* bk, int64_t vbn, DA_BLOCK** out) {
     if (bk->ioblk.vbn == vbn) {
@@ -65,7 +85,7 @@ rctype blockswap(DA_FCB* fcb, DA_BKCB* bk, int64_t vbn, DA_BLOCK** out) {
     if (rc < 0) return rc;
     resetblk(&bk->ioblk);
     int32_t rawlen = 0;
-    rc = bk->ops->getblock(fcb, nullptr, vbn, bk->ioblk.blockbuf, bk->bf * bk->obslen, &rawlen);
+    rc = getblk(fcb, bk, nullptr, vbn, bk->ioblk.blockbuf, &rawlen);
     if (rc != 0) return rc == DA_EOF ? DA_INTERNAL : rc;
     bk->ioblk.vbn = vbn;
     bk->ioblk.blockobs = vbn * bk->bf + 1;
@@ -113,13 +133,13 @@ rctype readrange(DA_FIOCB* c, hs_obsno_t obs, long n, char* out) {
         } else if (off == 0 && n >= bf) {
             // The caller takes the whole block: unconvert straight into its buffer.
             int32_t rawlen = 0;
-            rc = bk->ops->getblock(fcb, c->cur, vbn, out, bf * ol, &rawlen);
+            rc = getblk(fcb, bk, c->cur, vbn, out, &rawlen);
             k = std::min<long>(n, rawlen / ol);
         } else {
             if (!c->blockbuf) c->blockbuf = static_cast<char*>(malloc(static_cast<size_t>(bf) * ol + 16));
             if (!c->blockbuf) rc = DA_NOMEM;
             int32_t rawlen = 0;
-            if (rc == 0) rc = bk->ops->getblock(fcb, c->cur, vbn, c->blockbuf, bf * ol, &rawlen);
+            if (rc == 0) rc = getblk(fcb, bk, c->cur, vbn, c->blockbuf, &rawlen);
             if (rc == 0) {
                 c->bbvbn = vbn;
                 c->bbnum = rawlen / ol;
