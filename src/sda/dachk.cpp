@@ -6,6 +6,8 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "hs/hs.h"
 #include "sda/dafid.h"
@@ -86,6 +88,7 @@ rctype dachkxoe(DA_FCB* fcb, const DA_DSFHEAD& h, const DA_XOEODS& x) {
     if (x.partfactor < 0 || (x.partsize > 0 && x.partfactor > x.partsize / x.odsreclen))
         return bad(c, "DA_XOEODS", 0, "partfactor", x.partfactor);
     if (x.dsorg != DA_ORGREAD && x.dsorg != DA_ORGUPDATE) return bad(c, "DA_XOEODS", 0, "dsorg", x.dsorg);
+    if (x.blockgrow < 0 || x.blockgrow > MAXMULTIBLOCK) return bad(c, "DA_XOEODS", 0, "blockgrow", x.blockgrow);
     if (x.label_l < 0 || x.label_l > MAXLABELLEN) return bad(c, "DA_XOEODS", 0, "label_l", x.label_l);
     bool stored = x.semtype == DA_SEMXCVBS || x.semtype == DA_SEMXCFBS;
     if (exit != stored) return bad(c, "DA_XOEODS", 0, "semtype", x.semtype);
@@ -133,6 +136,15 @@ rctype dachkvars(DA_FCB* fcb, const DA_NAME7ODS* v, int32_t nvar) {
         for (int32_t i = 0; i < nvar; ++i)
             if (v[i].npos == 0 && v[i].type == 1 && v[i].nlng == 8) sum = (sum + 7) & ~7LL;
     if (sum != x.obslen) return bad(c, "DA_XOEODS", 0, "obslen", x.obslen);
+    // Columns share no byte: one moved onto another would show its bytes as
+    // two values.
+    std::vector<std::pair<int32_t, int32_t>> at(nvar);
+    for (int32_t i = 0; i < nvar; ++i) at[i] = {v[i].npos, i};
+    std::sort(at.begin(), at.end());
+    for (int32_t k = 1; k < nvar; ++k) {
+        const DA_NAME7ODS& prev = v[at[k - 1].second];
+        if (at[k].first < prev.npos + prev.nlng) return bad(c, "DA_NAME7ODS", at[k].second + 1, "npos", at[k].first);
+    }
     return 0;
 }
 
