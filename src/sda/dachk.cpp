@@ -74,7 +74,9 @@ rctype dachkxoe(DA_FCB* fcb, const DA_DSFHEAD& h, const DA_XOEODS& x) {
         return bad(c, "DA_XOEODS", 0, "nvar", x.nvar);
     if (x.obslen <= 0 || x.obslen > static_cast<int64_t>(x.nvar) * MAXCHARLEN)
         return bad(c, "DA_XOEODS", 0, "obslen", x.obslen);
-    if (x.ioreclen != x.obslen) return bad(c, "DA_XOEODS", 0, "ioreclen", x.ioreclen);
+    // The two row lengths agree in every table we write; when they do not,
+    // the row length is what a reader would trust.
+    if (x.ioreclen != x.obslen) return bad(c, "DA_XOEODS", 0, "obslen", x.obslen);
     bool exit = (x.flags & (DA_XOECOMP | DA_XOECRYPT)) != 0;
     int32_t ods = (exit || x.semtype == DA_SEMDATA) ? x.obslen : static_cast<int32_t>((x.obslen + 5LL) / 3 * 4);
     if (x.odsreclen != ods) return bad(c, "DA_XOEODS", 0, "odsreclen", x.odsreclen);

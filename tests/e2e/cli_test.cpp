@@ -9,39 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "testutil.h"
+#include "cliutil.h"
 
 namespace {
 
-struct Result {
-    int status = -1;
-    std::string out, err;
-};
-
-// Runs vrta with args; stdout and stderr kept apart.
-Result vrta(const std::string& args) {
-    Result r;
-    vrtatest::TempDir tmp;
-    std::string errf = tmp.file("err");
-    vrtatest::CmdResult c = vrtatest::runCommand(VRTA_TOOLS_DIR "/vrta " + args + " 2>" + errf);
-    r.status = c.status;
-    r.out = std::move(c.out);
-    r.err = vrtatest::readFile(errf);
-    return r;
-}
-
-bool has(const std::string& s, const std::string& what) { return s.find(what) != std::string::npos; }
-
-// Files of the domain directory whose names start with prefix.
-std::vector<std::string> files(const std::string& dir, const std::string& prefix) {
-    std::vector<std::string> v;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d))
-            if (std::string(e->d_name).rfind(prefix, 0) == 0) v.push_back(e->d_name);
-        closedir(d);
-    }
-    return v;
-}
+using vrtatest::files;
+using vrtatest::has;
+using vrtatest::Result;
+using vrtatest::vrta;
 
 // The words of the output line that starts with first, without the last (a size).
 std::vector<std::string> words(const std::string& out, const std::string& first) {
