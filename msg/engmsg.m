@@ -39,6 +39,7 @@
 #       121 %1zIndex %s could not be read.
 #       122 %3zThe table was repaired.
 #       123 %1zThe host %s is not known.
+#       124 %1zThe service %s is not known.
 #       125 The list of ACL resources is empty.
 #       126 A physical name may not begin with "(".
 #       127 The table is in use by %s.
