@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "eng/hpd.h"
+#include "eng/hpdc.h"
 #include "eng/yxsoc.h"
 #include "hs/hs.h"
 #include "option/op.h"
@@ -101,12 +102,7 @@ extern "C" rctype hpdterm(void* engid) {
     // first is the host's part of the calling order.
     for (HPDSERV* s = ecb->serv; s;) {
         HPDSERV* next = s->next;
-        if (s->sopen) {
-            yxsclos(s->sopen);
-            yxsterm(s->sopen->gcb);
-            xmfree(XM_THREADPOOL, s->sopen, sizeof(YXSOCK_OPEN));
-            xmfree(XM_THREADPOOL, s, sizeof(HPDSERV));
-        }
+        if (s->sopen) hpdsfree(s);
         s = next;
     }
     if (HPDGCB == ecb) HPDGCB = nullptr;

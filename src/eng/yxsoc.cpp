@@ -146,8 +146,6 @@ rctype yxsfail(YXSOCK_OPEN* so, int s, rctype rc) {
     return rc;
 }
 
-int yxsfd(const YXSOCK_OPEN* so) { return so->cs ? so->cs : so->s; }
-
 bool fdbit(const YXSOCK_FDS* f, int fd) {
     return fd >= 0 && fd / 8 < f->fdslen && (f->fdss[fd / 8] >> (fd % 8) & 1);
 }

@@ -114,6 +114,9 @@ rctype yxssuop(YXSOCK_OPEN* sopen, const char* path, int pathl);
 // record layer.
 rctype yxsadopt(YXSOCK_OPEN* sopen, int fd);
 
+// The descriptor reads and writes go to: the accepted client, else the socket.
+inline int yxsfd(const YXSOCK_OPEN* so) { return so->cs ? so->cs : so->s; }
+
 // Helpers other parts of the wire layer use.
 rctype yxshost(YXSOCK_OPEN* sopen);
 rctype yxsserv(YXSOCK_OPEN* sopen, int len, int* port);
