@@ -1,0 +1,42 @@
+// The parts of vrtaserv: its settings, the password file, the login and
+// the requests of a logged-in connection.
+#pragma once
+#include <string>
+#include <vector>
+
+#include "eng/yxsoc.h"
+
+namespace vrtaserv {
+
+struct Config {
+    std::string passwords;
+    char prot[4] = {'4', '.', '5', '0'};
+    char osname[8] = {'L', 'N', 'X', ' ', ' ', ' ', ' ', ' '};
+    int tsm = 0;  // maintenance number sent with the version
+};
+
+// The password change outcomes the engine knows (rcode of the reply).
+constexpr int PW_OK = 0;
+constexpr int PW_INVALID = 1;   // empty, or a character the file cannot hold
+constexpr int PW_REUSED = 2;    // the same as the old one
+constexpr int PW_SHORT = 3;     // under PW_MINLEN
+constexpr int PW_RULES = 4;     // the user's own name
+constexpr size_t PW_MINLEN = 6;
+
+// Password file: "USER:HASH:FLAGS" a line, FLAGS empty or "expired".
+bool checkpasswords(const std::string& file);
+// 1 the password is right (*expired tells whether it must change), 0 not.
+int pwcheck(const std::string& file, const std::string& user, const std::string& pass, bool* expired);
+// Checks a new password against the rules, and stores it: PW_*.
+int pwchange(const std::string& file, const std::string& user, const std::string& oldpass,
+             const std::string& newpass);
+// "vrtaserv passwd FILE USER [--expired]".
+int passwdcmd(const std::vector<std::string>& args);
+
+// One connection: login, then requests until the client leaves.
+void conversation(vrta::YXSOCK_OPEN* so, long conn, void* ctx);
+
+// Answers requests on a logged-in connection.
+void requests(vrta::YXSOCK_OPEN* so, long conn, const Config& cfg, const std::string& user);
+
+}  // namespace vrtaserv
