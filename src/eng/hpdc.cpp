@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "eng/hpdlmsg.h"
+#include "eng/hpdmsg.h"
 #include "eng/hpdutl.h"
 #include "ssup/xm.h"
 #include "ssup/xp.h"
@@ -25,6 +25,11 @@ int flen(const char* p, int cap) {
     int n = static_cast<int>(strnlen(p, cap));
     while (n > 0 && p[n - 1] == ' ') --n;
     return n;
+}
+
+// Copies a field parsed from the wire; an empty one may have no pointer.
+void cpy(void* to, const void* from, long n) {
+    if (n > 0) std::memcpy(to, from, n);
 }
 
 // A socket record as every opener makes it: counted reads, both ways, the
@@ -115,7 +120,7 @@ rctype loginreply(YXSOCK_OPEN* so, DS_HDR_REPLY* h, DS_SERVER_INIT_REPLY* r, con
     if (rctype rc = hpdclass(*h, body, so->recl, HPD_LEVEL_LOGIN, nullptr); rc) return rc;
     *r = DS_SERVER_INIT_REPLY{};
     if (so->recl == 0) return 0;  // an empty body: nothing to parse
-    if (dsparse(r, body, so->recl) != 0) {
+    if (dsparse(*r, HPD_LEVEL_LOGIN, body, so->recl) != 0) {
         so->eof = 1;
         return loginlost(user);
     }
@@ -225,7 +230,7 @@ rctype init_conn(YXSOCK_OPEN** sopena, hpdopt opt) {
     m.namemagic = opt->name_magic;
     m.recordlock = (opt->debug & HPD_DBG_LOCKING) ? 1 : 0;
     std::memcpy(m.osuser, osuser, 8);
-    if (hpdsendx(so, DS_ID_SERVER_INIT, dspack_server_init, &m) != 0) return loginlost(user);
+    if (hpdsendx(so, DSM_SERVER_INIT, HPD_LEVEL_LOGIN, &DS_SERVER_INIT_D, &m) != 0) return loginlost(user);
 
     DS_HDR_REPLY h;
     DS_SERVER_INIT_REPLY r;
@@ -236,11 +241,11 @@ rctype init_conn(YXSOCK_OPEN** sopena, hpdopt opt) {
     }
     // Kept before the reply buffer is reused by a password change.
     char aclgrp[9] = {};
-    std::memcpy(aclgrp, r.aclgrp, std::min(std::max(r.aclgrpl, 0), 8));
+    cpy(aclgrp, r.aclgrp, std::min(std::max(r.aclgrpl, 0), 8));
     int lockport = r.lockport;
     char token[256];
     int tokenl = std::min(std::max(r.tokenl, 0), static_cast<int>(sizeof token));
-    std::memcpy(token, r.token, tokenl);
+    cpy(token, r.token, tokenl);
 
     if (r.expire != 0) {
         if (!(opt->debug & HPD_DBG_PROMPT)) {
@@ -253,7 +258,7 @@ rctype init_conn(YXSOCK_OPEN** sopena, hpdopt opt) {
         p.userl = m.userl;
         p.pass = opt->npass;
         p.passl = flen(opt->npass, 129);
-        if (hpdsendx(so, DS_ID_PASSWORD, dspack_password, &p) != 0) return loginlost(user);
+        if (hpdsendx(so, DSM_PASSWORD, HPD_LEVEL_LOGIN, &DS_PASSWORD_D, &p) != 0) return loginlost(user);
         // The old password is of no use any more: it must not linger.
         std::memset(opt->pass, 0, sizeof opt->pass);
         if (hpdrecvx(so, &h) != 0) return loginlost(user);
@@ -290,13 +295,13 @@ rctype init_conn_oper(YXSOCK_OPEN* so, hpdopt opt, int* magicp, int* lport) {
     m.special = (opt->debug & HPD_DBG_ACLSPECIAL) ? 1 : 0;
     m.aclgrp = opt->aclgrp;
     m.aclgrpl = flen(opt->aclgrp, 9);
-    if (hpdsendx(so, DS_ID_SERVER_O_I, dspack_server_o_i, &m) != 0) return hpderrtxt(MSGGRP, 136);
+    if (hpdsendx(so, DSM_SERVER_O_I, HPD_LEVEL_LOGIN, &DS_SERVER_O_I_D, &m) != 0) return hpderrtxt(MSGGRP, 136);
     DS_HDR_REPLY h;
     if (hpdrecvx(so, &h) != 0) return hpderrtxt(MSGGRP, 136);
     const auto* body = static_cast<const unsigned char*>(so->reca);
     if (rctype rc = hpdclass(h, body, so->recl, HPD_LEVEL_LOGIN, nullptr); rc) return rc;
     DS_SERVER_O_I_REPLY r{};
-    if (dsparse(&r, body, so->recl) != 0) return hpderrtxt(MSGGRP, 136);
+    if (dsparse(r, HPD_LEVEL_LOGIN, body, so->recl) != 0) return hpderrtxt(MSGGRP, 136);
     hpdrmsg(h.rclass, r.msg, r.msglen);
     *magicp = magic;
     *lport = r.logno;
@@ -318,12 +323,13 @@ rctype init_conn_name(YXSOCK_OPEN* so, hpdopt opt, hpdnptr ni) {
     q.passlen = flen(opt->pass, 129);
     q.node = so->localname;
     q.nodelen = static_cast<int32_t>(strnlen(so->localname, sizeof so->localname));
-    if (hpdsendx(so, DS_ID_LIBNAME_INFO8, dspack_libname_info8, &q) != 0) return hpderrtxt(MSGGRP, 86);
+    if (hpdsendx(so, DSM_LIBNAME_INFO8, HPD_LEVEL_NAME, &DS_LIBNAME_INFO8_D, &q) != 0) return hpderrtxt(MSGGRP, 86);
     DS_HDR_REPLY h;
     if (hpdrecvx(so, &h) != 0) return hpderrtxt(MSGGRP, 86);
     if (h.rcode == 1) return hpderrtxt(MSGGRP, 85);
     DS_LIB_INFO_REPLY r{};
-    if (dsparse(&r, so->reca, so->recl, HPD_LEVEL_NAME) != 0) return hpderrtxt(MSGGRP, 86);
+    if (dsparse(r, HPD_LEVEL_NAME, static_cast<const unsigned char*>(so->reca), so->recl) != 0)
+        return hpderrtxt(MSGGRP, 86);
     if (h.rcode < 2) return hpderrtxt(MSGGRP, 278);
     // An answer that does not fit is refused, never cut.
     int projl = flen(opt->projdir, sizeof opt->projdir);
@@ -332,7 +338,7 @@ rctype init_conn_name(YXSOCK_OPEN* so, hpdopt opt, hpdnptr ni) {
     if (need >= static_cast<int>(sizeof ni->pn) || r.nodelen > 128 || r.optl >= static_cast<int>(sizeof ni->option) ||
         r.roptl >= static_cast<int>(sizeof ni->roption))
         return hpderrtxt(MSGGRP, 86);
-    std::memcpy(ni->pn, r.pn, r.pnl);
+    cpy(ni->pn, r.pn, r.pnl);
     ni->pnl = r.pnl;
     if (pub) {
         if (ni->pnl > 0 && ni->pn[ni->pnl - 1] != '/' && opt->projdir[0] != '/') ni->pn[ni->pnl++] = '/';
@@ -342,12 +348,12 @@ rctype init_conn_name(YXSOCK_OPEN* so, hpdopt opt, hpdnptr ni) {
         xpslog("%3z-PROJDIR option ignored, domain is not marked PUBLIC");
     }
     ni->pn[ni->pnl] = 0;
-    std::memcpy(ni->node, r.node, r.nodelen);
+    cpy(ni->node, r.node, r.nodelen);
     ni->node[r.nodelen] = 0;
     ni->port = r.port;
-    std::memcpy(ni->option, r.option, r.optl);
+    cpy(ni->option, r.option, r.optl);
     ni->optl = r.optl;
-    std::memcpy(ni->roption, r.roption, r.roptl);
+    cpy(ni->roption, r.roption, r.roptl);
     ni->roptl = r.roptl;
     ni->name_magic = r.namemagic;
     std::memcpy(ni->owner, r.owner, 8);

@@ -19,6 +19,18 @@ constexpr int HPD_LEVEL_NAME = 11;
 // Smallest record buffer of a login connection: one enciphered block of 2048.
 constexpr long HPD_MINRECL = 2736;
 
+// The greeting a data server sends after a login, plain and as it stands.
+struct PROXY_ACK {
+    char prot[4];
+    char proxy[4];
+    char osname[8];
+    char flag[4];
+    char comp[8];
+    char gcbid[4];
+    unsigned char filler[7][4];  // big-endian: [0] maintenance, [1] hot-fix number
+};
+static_assert(sizeof(PROXY_ACK) == 60);
+
 // Opens a data-server connection and logs in: the new HPDSERV comes back in
 // *s with its socket, level, tag and version filled; the caller links it.
 rctype hpdcsrv(hpdptr hpd, hpdopt opt, HPDSERV** s);

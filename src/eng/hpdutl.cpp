@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "eng/hpdmsg.h"
 #include "hs/zcrypt.h"
 #include "ssup/xm.h"
 #include "ssup/xp.h"
@@ -84,8 +85,11 @@ rctype readn(YXSOCK_OPEN* so, long n) {
 
 // Frames a header of hl bytes (already in place) plus the body and writes
 // them at once; size then fill.
-rctype sendbody(YXSOCK_OPEN* so, long hl, long bodyl, int level, hpdpackfn pack, const void* msg) {
-    if (pack) pack(msg, level, static_cast<unsigned char*>(so->recouta) + hl);
+rctype sendbody(YXSOCK_OPEN* so, long hl, long bodyl, int level, const DS_RECDESC* d, const void* rec) {
+    long n = 0;
+    if (d && bodyl > 0) {
+        if (rctype rc = dsfill(d, rec, level, static_cast<unsigned char*>(so->recouta) + hl, &n); rc) return rc;
+    }
     so->recoutl = hl + bodyl;
     if (rctype rc = yxswrit(so); rc) {
         so->eof = 1;
@@ -94,7 +98,13 @@ rctype sendbody(YXSOCK_OPEN* so, long hl, long bodyl, int level, hpdpackfn pack,
     return 0;
 }
 
-long bodylen(int level, hpdpackfn pack, const void* msg) { return pack ? pack(msg, level, nullptr) : 0; }
+// The body's length, or a failure code below zero.
+long bodylen(int level, const DS_RECDESC* d, const void* rec) {
+    long n = 0;
+    if (!d) return 0;
+    rctype rc = dssize(d, rec, level, &n);
+    return rc ? rc : n;
+}
 
 // The header of a framed message read plain and in either order; the body
 // then follows in reca. enc: the body is enciphered.
@@ -187,26 +197,28 @@ rctype hpdgrow(YXSOCK_OPEN* so, long n) {
     return 0;
 }
 
-rctype hpdsend(YXSOCK_OPEN* so, int id, int native, int level, hpdpackfn pack, const void* msg) {
-    long bl = bodylen(level, pack, msg);
+rctype hpdsend(YXSOCK_OPEN* so, int id, int native, int level, const DS_RECDESC* d, const void* rec) {
+    long bl = bodylen(level, d, rec);
     constexpr long hl = sizeof(DS_HDR_METHOD);
-    if (bl < 0 || bl > HPD_MAXMSG) return toolong(so, bl);
+    if (bl < 0) return bl;
+    if (bl > HPD_MAXMSG) return toolong(so, bl);
     if (rctype rc = hpdgrow(so, hl + bl); rc) return rc;
     DS_HDR_METHOD h{id, static_cast<int32_t>(hl + bl), {'M', 'E', 'T', 'H'}};
     puthdr(static_cast<unsigned char*>(so->recouta), h, native);
-    return sendbody(so, hl, bl, level, pack, msg);
+    return sendbody(so, hl, bl, level, d, rec);
 }
 
-rctype hpdsendr(YXSOCK_OPEN* so, const DS_HDR_REPLY& hr, int native, int level, hpdpackfn pack, const void* msg) {
-    long bl = bodylen(level, pack, msg);
+rctype hpdsendr(YXSOCK_OPEN* so, const DS_HDR_REPLY& hr, int native, int level, const DS_RECDESC* d, const void* rec) {
+    long bl = bodylen(level, d, rec);
     constexpr long hl = sizeof(DS_HDR_REPLY);
-    if (bl < 0 || bl > HPD_MAXMSG) return toolong(so, bl);
+    if (bl < 0) return bl;
+    if (bl > HPD_MAXMSG) return toolong(so, bl);
     if (rctype rc = hpdgrow(so, hl + bl); rc) return rc;
     DS_HDR_REPLY h = hr;
     h.len = static_cast<int32_t>(hl + bl);
     std::memcpy(h.type, "RPLY", 4);
     puthdr(static_cast<unsigned char*>(so->recouta), h, native);
-    return sendbody(so, hl, bl, level, pack, msg);
+    return sendbody(so, hl, bl, level, d, rec);
 }
 
 rctype hpdrecv(YXSOCK_OPEN* so, int native, DS_HDR_REPLY* h) {
@@ -224,31 +236,39 @@ rctype hpdrecvm(YXSOCK_OPEN* so, int native, DS_HDR_METHOD* h) {
     return rc;
 }
 
-rctype hpdsendx(YXSOCK_OPEN* so, int id, hpdpackfn pack, const void* msg) {
-    long bl = bodylen(0, pack, msg);
+rctype hpdsendx(YXSOCK_OPEN* so, int id, int level, const DS_RECDESC* d, const void* rec) {
+    long bl = bodylen(level, d, rec);
     constexpr long hl = sizeof(DS_HDR_METHOD);
-    if (bl < 0 || bl > HPD_MAXMSG) return toolong(so, bl);
+    if (bl < 0) return bl;
+    if (bl > HPD_MAXMSG) return toolong(so, bl);
     // The header goes first and alone: it is plain, the body is not.
     if (rctype rc = hpdgrow(so, zcryptlen(bl) + hl); rc) return rc;
     DS_HDR_METHOD h{id, static_cast<int32_t>(hl + bl), {'M', 'E', 'T', 'H'}};
     puthdr(static_cast<unsigned char*>(so->recouta), h, 0);
     if (rctype rc = sendbody(so, hl, 0, 0, nullptr, nullptr); rc) return rc;
-    if (pack) pack(msg, 0, static_cast<unsigned char*>(so->recouta));
+    long n = 0;
+    if (d && bl > 0) {
+        if (rctype rc = dsfill(d, rec, level, static_cast<unsigned char*>(so->recouta), &n); rc) return rc;
+    }
     so->recoutl = bl;
     return mywrite(so);
 }
 
-rctype hpdsendxr(YXSOCK_OPEN* so, const DS_HDR_REPLY& hr, hpdpackfn pack, const void* msg) {
-    long bl = bodylen(0, pack, msg);
+rctype hpdsendxr(YXSOCK_OPEN* so, const DS_HDR_REPLY& hr, int level, const DS_RECDESC* d, const void* rec) {
+    long bl = bodylen(level, d, rec);
     constexpr long hl = sizeof(DS_HDR_REPLY);
-    if (bl < 0 || bl > HPD_MAXMSG) return toolong(so, bl);
+    if (bl < 0) return bl;
+    if (bl > HPD_MAXMSG) return toolong(so, bl);
     if (rctype rc = hpdgrow(so, zcryptlen(bl) + hl); rc) return rc;
     DS_HDR_REPLY h = hr;
     h.len = static_cast<int32_t>(hl + bl);
     std::memcpy(h.type, "RPLY", 4);
     puthdr(static_cast<unsigned char*>(so->recouta), h, 0);
     if (rctype rc = sendbody(so, hl, 0, 0, nullptr, nullptr); rc) return rc;
-    if (pack) pack(msg, 0, static_cast<unsigned char*>(so->recouta));
+    long n = 0;
+    if (d && bl > 0) {
+        if (rctype rc = dsfill(d, rec, level, static_cast<unsigned char*>(so->recouta), &n); rc) return rc;
+    }
     so->recoutl = bl;
     return mywrite(so);
 }

@@ -56,18 +56,18 @@ const HPD_OSTAG* hpdostag(const char* osname8);
 // The tag our servers send, and the order their headers go in.
 inline constexpr char HPD_OSNAME[9] = "LNX     ";
 
-// Packs a body: with out null it only counts; returns the body's length.
-// One function per message serves both passes, so the count is the fill.
-using hpdpackfn = long (*)(const void* msg, int level, unsigned char* out);
+struct DS_RECDESC;
 
 // Grows reca and recouta (both) to hold n bytes; buffers only grow.
 rctype hpdgrow(YXSOCK_OPEN* so, long n);
 
-// Sends header and body with one write. native: header in this machine's
-// order. A failed write marks the socket dead.
-rctype hpdsend(YXSOCK_OPEN* so, int id, int native, int level, hpdpackfn pack, const void* msg);
+// Sends header and body (record rec of the catalogue's description d, null
+// for none) with one write: sized, then filled. native: header in this
+// machine's order. A failed write marks the socket dead.
+rctype hpdsend(YXSOCK_OPEN* so, int id, int native, int level, const DS_RECDESC* d, const void* rec);
 // The same for a reply (our servers).
-rctype hpdsendr(YXSOCK_OPEN* so, const DS_HDR_REPLY& h, int native, int level, hpdpackfn pack, const void* msg);
+rctype hpdsendr(YXSOCK_OPEN* so, const DS_HDR_REPLY& h, int native, int level, const DS_RECDESC* d,
+                const void* rec);
 
 // Reads a reply: header into *h, body (len - 20 bytes) into reca. A failure
 // marks the socket dead and logs 2/75.
@@ -91,8 +91,8 @@ void hpdrmsg(int rclass, const char* msg, long msgl);
 
 // The logins and the name server's question: header big-endian and plain,
 // body enciphered (zncrypt). Both directions.
-rctype hpdsendx(YXSOCK_OPEN* so, int id, hpdpackfn pack, const void* msg);
-rctype hpdsendxr(YXSOCK_OPEN* so, const DS_HDR_REPLY& h, hpdpackfn pack, const void* msg);
+rctype hpdsendx(YXSOCK_OPEN* so, int id, int level, const DS_RECDESC* d, const void* rec);
+rctype hpdsendxr(YXSOCK_OPEN* so, const DS_HDR_REPLY& h, int level, const DS_RECDESC* d, const void* rec);
 // Reads the 20-byte header and the enciphered body, deciphered into reca.
 rctype hpdrecvx(YXSOCK_OPEN* so, DS_HDR_REPLY* h);
 rctype hpdrecvxm(YXSOCK_OPEN* so, DS_HDR_METHOD* h);

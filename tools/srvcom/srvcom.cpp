@@ -51,7 +51,7 @@ struct Conn {
     Handler h;
     void* ctx;
     int waitms;
-    thread_t tid;
+    vrta::thread_t tid;
     std::atomic<bool> done{false};
 };
 
@@ -218,7 +218,7 @@ int serve(const Listen& l, Handler h, void* ctx) {
         // Finished connections give back their threads as they go.
         for (size_t k = 0; k < conns.size();) {
             if (conns[k]->done.load()) {
-                thr_join(conns[k]->tid, nullptr);
+                vrta::thr_join(conns[k]->tid, nullptr);
                 delete conns[k];
                 conns[k] = conns.back();
                 conns.pop_back();
@@ -261,7 +261,7 @@ int serve(const Listen& l, Handler h, void* ctx) {
             if (c->fd >= 0 && !c->done.load()) shutdown(c->fd, SHUT_RD);
     }
     for (Conn* c : conns) {
-        thr_join(c->tid, nullptr);
+        vrta::thr_join(c->tid, nullptr);
         delete c;
     }
     vrta::yxsclos(&tcp);

@@ -18,8 +18,9 @@
 
 #include "../srvcom/srvcom.h"
 #include "eng/hpdc.h"
-#include "eng/hpdlmsg.h"
+#include "eng/hpdmsg.h"
 #include "eng/hpdutl.h"
+#include "ssup/xp.h"
 
 using namespace vrta;
 using vrtasrv::srvlog;
@@ -128,7 +129,8 @@ void answer(YXSOCK_OPEN* so, long conn, void* ctx) {
         return;
     }
     DS_LIBNAME_INFO8 q{};
-    if (h.id != DS_ID_LIBNAME_INFO8 || dsparse(&q, so->reca, so->recl) != 0 || q.magic != magic) {
+    if (h.id != DSM_LIBNAME_INFO8 ||
+        dsparse(q, HPD_LEVEL_NAME, static_cast<const unsigned char*>(so->reca), so->recl) != 0 || q.magic != magic) {
         srvlog("connection %ld: method %d refused: not a well-formed domain question", conn, h.id);
         return;
     }
@@ -137,7 +139,7 @@ void answer(YXSOCK_OPEN* so, long conn, void* ctx) {
     const Domain* d = nullptr;
     for (const Domain& o : map)
         if (o.name == want) d = &o;
-    DS_HDR_REPLY r{DS_ID_LIBNAME_INFO8, 0, {}, d ? NS_FULL : NS_UNKNOWN, 0};
+    DS_HDR_REPLY r{DSM_LIBNAME_INFO8, 0, {}, d ? NS_FULL : NS_UNKNOWN, 0};
     DS_LIB_INFO_REPLY a{};
     std::memset(a.owner, ' ', 8);
     if (d) {
@@ -150,10 +152,7 @@ void answer(YXSOCK_OPEN* so, long conn, void* ctx) {
         a.flag = d->flags;
         a.backup = 1;
     }
-    rc = d ? hpdsendxr(so, r, [](const void* m, int, unsigned char* o) {
-                 return dspack_lib_info_reply(m, HPD_LEVEL_NAME, o);
-             }, &a)
-           : hpdsendxr(so, r, nullptr, nullptr);
+    rc = d ? hpdsendxr(so, r, HPD_LEVEL_NAME, &DS_LIB_INFO_REPLY_D, &a) : hpdsendxr(so, r, HPD_LEVEL_NAME, nullptr, nullptr);
     srvlog("connection %ld: user %.*s asked for domain %s: %s%s", conn, q.usrlen, q.user, want.c_str(),
            d ? "at " : "unknown", d ? (d->host + " port " + std::to_string(d->port)).c_str() : "");
     if (rc) srvlog("connection %ld: the answer could not be sent", conn);
