@@ -39,7 +39,9 @@ void givebk(T*& p, long len) {
 constexpr int MSGGRP = 2;
 
 void copytext(char (&to)[128], const char* from) {
-    std::snprintf(to, sizeof to, "%s", from);
+    size_t n = strnlen(from, sizeof to - 1);
+    std::memcpy(to, from, n);
+    to[n] = 0;
 }
 
 // gethostbyname on a name of at most len bytes; the reentrant form, so that

@@ -70,7 +70,9 @@ bool store(const std::string& file, const std::vector<Entry>& es, std::string* w
         return false;
     }
     std::string text;
-    for (const Entry& e : es) text += e.user + ":" + e.hash + ":" + e.flags + "\n";
+    for (const Entry& e : es) {
+        text.append(e.user).append(1, ':').append(e.hash).append(1, ':').append(e.flags).append(1, '\n');
+    }
     bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && fsync(fd) == 0;
     if (close(fd) != 0) ok = false;
     if (!ok || rename(tmp.c_str(), file.c_str()) != 0) {
@@ -79,8 +81,8 @@ bool store(const std::string& file, const std::vector<Entry>& es, std::string* w
         return false;
     }
     // The rename itself must reach the disk before the change is reported.
-    std::string dir = file.find('/') == std::string::npos ? "." : file.substr(0, file.rfind('/'));
-    if (dir.empty()) dir = "/";
+    size_t slash = file.rfind('/');
+    std::string dir = slash == std::string::npos ? std::string(".") : file.substr(0, slash ? slash : 1);
     int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dfd >= 0) {
         fsync(dfd);
