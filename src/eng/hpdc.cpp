@@ -107,6 +107,20 @@ rctype pwoutcome(int rcode, const int* errs) {
     return 0;
 }
 
+// The fields both logins carry alike.
+template <class M>
+void logincommon(M* m, const YXSOCK_OPEN* so, hpdopt opt, const char* user, int32_t userl, int32_t magic) {
+    m->user = user;
+    m->userl = userl;
+    m->pass = opt->pass;
+    m->passl = flen(opt->pass, 129);
+    m->aclgrp = opt->aclgrp;
+    m->aclgrpl = flen(opt->aclgrp, 9);
+    m->node = so->localname;
+    m->nodel = static_cast<int32_t>(strnlen(so->localname, sizeof so->localname));
+    m->magic = m->m1 = magic;
+}
+
 // The failure of step 6 of a login: message 2/91 with the user.
 rctype loginlost(const char* user) {
     xpmlog(MSGGRP, 91, user);
@@ -216,17 +230,9 @@ rctype init_conn(YXSOCK_OPEN** sopena, hpdopt opt) {
     } else if (opt->debug & HPD_DBG_TRUST) {
         m.special = -2;
     }
-    m.user = user;
-    m.userl = static_cast<int32_t>(std::strlen(user));
-    m.pass = opt->pass;
-    m.passl = flen(opt->pass, 129);
+    logincommon(&m, so, opt, user, static_cast<int32_t>(std::strlen(user)), magic);
     m.npass = opt->npass;
     m.npassl = flen(opt->npass, 129);
-    m.aclgrp = opt->aclgrp;
-    m.aclgrpl = flen(opt->aclgrp, 9);
-    m.node = so->localname;
-    m.nodel = static_cast<int32_t>(strnlen(so->localname, sizeof so->localname));
-    m.magic = m.m1 = magic;
     m.namemagic = opt->name_magic;
     m.recordlock = (opt->debug & HPD_DBG_LOCKING) ? 1 : 0;
     std::memcpy(m.osuser, osuser, 8);
@@ -284,17 +290,9 @@ rctype init_conn_oper(YXSOCK_OPEN* so, hpdopt opt, int* magicp, int* lport) {
     int32_t magic;
     if (rctype rc = readmagic(so, &magic); rc) return rc;
     DS_SERVER_O_I m{};
-    m.user = opt->user;
-    m.userl = flen(opt->user, 129);
-    m.pass = opt->pass;
-    m.passl = flen(opt->pass, 129);
-    m.node = so->localname;
-    m.nodel = static_cast<int32_t>(strnlen(so->localname, sizeof so->localname));
-    m.magic = m.m1 = magic;
+    logincommon(&m, so, opt, opt->user, flen(opt->user, 129), magic);
     m.m = 0x20000;
     m.special = (opt->debug & HPD_DBG_ACLSPECIAL) ? 1 : 0;
-    m.aclgrp = opt->aclgrp;
-    m.aclgrpl = flen(opt->aclgrp, 9);
     if (hpdsendx(so, DSM_SERVER_O_I, HPD_LEVEL_LOGIN, &DS_SERVER_O_I_D, &m) != 0) return hpderrtxt(MSGGRP, 136);
     DS_HDR_REPLY h;
     if (hpdrecvx(so, &h) != 0) return hpderrtxt(MSGGRP, 136);

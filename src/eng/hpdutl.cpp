@@ -83,27 +83,47 @@ rctype readn(YXSOCK_OPEN* so, long n) {
     return 0;
 }
 
-// Frames a header of hl bytes (already in place) plus the body and writes
-// them at once; size then fill.
-rctype sendbody(YXSOCK_OPEN* so, long hl, long bodyl, int level, const DS_RECDESC* d, const void* rec) {
-    long n = 0;
-    if (d && bodyl > 0) {
-        if (rctype rc = dsfill(d, rec, level, static_cast<unsigned char*>(so->recouta) + hl, &n); rc) return rc;
-    }
-    so->recoutl = hl + bodyl;
-    if (rctype rc = yxswrit(so); rc) {
-        so->eof = 1;
-        return rc;
-    }
-    return 0;
-}
-
 // The body's length, or a failure code below zero.
 long bodylen(int level, const DS_RECDESC* d, const void* rec) {
     long n = 0;
     if (!d) return 0;
     rctype rc = dssize(d, rec, level, &n);
     return rc ? rc : n;
+}
+
+// Frames header and body: sized, then filled. Plain, both go in one write;
+// enciphered (logins), the plain header goes alone, then the body.
+template <class H>
+rctype sendframe(YXSOCK_OPEN* so, H h, int native, bool enc, int level, const DS_RECDESC* d, const void* rec) {
+    constexpr long hl = sizeof(H);
+    long bl = bodylen(level, d, rec);
+    if (bl < 0) return bl;
+    if (bl > HPD_MAXMSG) return toolong(so, bl);
+    if (rctype rc = hpdgrow(so, hl + (enc ? zcryptlen(bl) : bl)); rc) return rc;
+    h.len = static_cast<int32_t>(hl + bl);
+    if constexpr (sizeof(H) == sizeof(DS_HDR_REPLY)) std::memcpy(h.type, "RPLY", 4);
+    auto* out = static_cast<unsigned char*>(so->recouta);
+    puthdr(out, h, native);
+    long at = hl;
+    if (enc) {
+        so->recoutl = hl;
+        if (rctype rc = yxswrit(so); rc) {
+            so->eof = 1;
+            return rc;
+        }
+        at = 0;
+    }
+    long n = 0;
+    if (d && bl > 0) {
+        if (rctype rc = dsfill(d, rec, level, out + at, &n); rc) return rc;
+    }
+    so->recoutl = at + bl;
+    if (enc) return mywrite(so);
+    if (rctype rc = yxswrit(so); rc) {
+        so->eof = 1;
+        return rc;
+    }
+    return 0;
 }
 
 // The header of a framed message read plain and in either order; the body
@@ -198,27 +218,11 @@ rctype hpdgrow(YXSOCK_OPEN* so, long n) {
 }
 
 rctype hpdsend(YXSOCK_OPEN* so, int id, int native, int level, const DS_RECDESC* d, const void* rec) {
-    long bl = bodylen(level, d, rec);
-    constexpr long hl = sizeof(DS_HDR_METHOD);
-    if (bl < 0) return bl;
-    if (bl > HPD_MAXMSG) return toolong(so, bl);
-    if (rctype rc = hpdgrow(so, hl + bl); rc) return rc;
-    DS_HDR_METHOD h{id, static_cast<int32_t>(hl + bl), {'M', 'E', 'T', 'H'}};
-    puthdr(static_cast<unsigned char*>(so->recouta), h, native);
-    return sendbody(so, hl, bl, level, d, rec);
+    return sendframe(so, DS_HDR_METHOD{id, 0, {'M', 'E', 'T', 'H'}}, native, false, level, d, rec);
 }
 
-rctype hpdsendr(YXSOCK_OPEN* so, const DS_HDR_REPLY& hr, int native, int level, const DS_RECDESC* d, const void* rec) {
-    long bl = bodylen(level, d, rec);
-    constexpr long hl = sizeof(DS_HDR_REPLY);
-    if (bl < 0) return bl;
-    if (bl > HPD_MAXMSG) return toolong(so, bl);
-    if (rctype rc = hpdgrow(so, hl + bl); rc) return rc;
-    DS_HDR_REPLY h = hr;
-    h.len = static_cast<int32_t>(hl + bl);
-    std::memcpy(h.type, "RPLY", 4);
-    puthdr(static_cast<unsigned char*>(so->recouta), h, native);
-    return sendbody(so, hl, bl, level, d, rec);
+rctype hpdsendr(YXSOCK_OPEN* so, const DS_HDR_REPLY& h, int native, int level, const DS_RECDESC* d, const void* rec) {
+    return sendframe(so, h, native, false, level, d, rec);
 }
 
 rctype hpdrecv(YXSOCK_OPEN* so, int native, DS_HDR_REPLY* h) {
@@ -237,40 +241,11 @@ rctype hpdrecvm(YXSOCK_OPEN* so, int native, DS_HDR_METHOD* h) {
 }
 
 rctype hpdsendx(YXSOCK_OPEN* so, int id, int level, const DS_RECDESC* d, const void* rec) {
-    long bl = bodylen(level, d, rec);
-    constexpr long hl = sizeof(DS_HDR_METHOD);
-    if (bl < 0) return bl;
-    if (bl > HPD_MAXMSG) return toolong(so, bl);
-    // The header goes first and alone: it is plain, the body is not.
-    if (rctype rc = hpdgrow(so, zcryptlen(bl) + hl); rc) return rc;
-    DS_HDR_METHOD h{id, static_cast<int32_t>(hl + bl), {'M', 'E', 'T', 'H'}};
-    puthdr(static_cast<unsigned char*>(so->recouta), h, 0);
-    if (rctype rc = sendbody(so, hl, 0, 0, nullptr, nullptr); rc) return rc;
-    long n = 0;
-    if (d && bl > 0) {
-        if (rctype rc = dsfill(d, rec, level, static_cast<unsigned char*>(so->recouta), &n); rc) return rc;
-    }
-    so->recoutl = bl;
-    return mywrite(so);
+    return sendframe(so, DS_HDR_METHOD{id, 0, {'M', 'E', 'T', 'H'}}, 0, true, level, d, rec);
 }
 
-rctype hpdsendxr(YXSOCK_OPEN* so, const DS_HDR_REPLY& hr, int level, const DS_RECDESC* d, const void* rec) {
-    long bl = bodylen(level, d, rec);
-    constexpr long hl = sizeof(DS_HDR_REPLY);
-    if (bl < 0) return bl;
-    if (bl > HPD_MAXMSG) return toolong(so, bl);
-    if (rctype rc = hpdgrow(so, zcryptlen(bl) + hl); rc) return rc;
-    DS_HDR_REPLY h = hr;
-    h.len = static_cast<int32_t>(hl + bl);
-    std::memcpy(h.type, "RPLY", 4);
-    puthdr(static_cast<unsigned char*>(so->recouta), h, 0);
-    if (rctype rc = sendbody(so, hl, 0, 0, nullptr, nullptr); rc) return rc;
-    long n = 0;
-    if (d && bl > 0) {
-        if (rctype rc = dsfill(d, rec, level, static_cast<unsigned char*>(so->recouta), &n); rc) return rc;
-    }
-    so->recoutl = bl;
-    return mywrite(so);
+rctype hpdsendxr(YXSOCK_OPEN* so, const DS_HDR_REPLY& h, int level, const DS_RECDESC* d, const void* rec) {
+    return sendframe(so, h, 0, true, level, d, rec);
 }
 
 rctype hpdrecvx(YXSOCK_OPEN* so, DS_HDR_REPLY* h) {

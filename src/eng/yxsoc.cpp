@@ -165,6 +165,27 @@ void take(YXSOCK_OPEN* so, long n, bool* cut) {
     so->totcnt += n;
 }
 
+// The address of a UNIX-domain path: zeroed, then the path's bytes.
+rctype unaddr(sockaddr_un* un, const char* path, int pathl) {
+    if (pathl <= 0 || pathl > static_cast<int>(sizeof un->sun_path) - 1) {
+        xrmksub(1, "UNIX socket path empty or too long", -1);
+        return YXS_RC_FAIL;
+    }
+    std::memset(un, 0, sizeof *un);
+    un->sun_family = AF_UNIX;
+    std::memcpy(un->sun_path, path, pathl);
+    return 0;
+}
+
+// Last step of a UNIX-domain open: the path stands as the peer's name.
+rctype unopened(YXSOCK_OPEN* so, int s, const char* path, int pathl) {
+    int n = std::min(pathl, 127);
+    std::memcpy(so->ip, path, n);
+    so->ip[n] = 0;
+    if (rctype rc = yxsbufs(so, s); rc) return yxsfail(so, s, rc);
+    return 0;
+}
+
 // Accepts one client of the listening socket s; ipc names it (the path, for
 // a UNIX-domain listener).
 rctype acceptone(YXSOCK_OPEN* so, int* c) {
@@ -607,13 +628,7 @@ rctype yxscopn(YXSOCK_OPEN* so) {
 rctype yxscuop(YXSOCK_OPEN* so, const char* path, int pathl) {
     yxslocal(so);
     sockaddr_un un;
-    if (pathl <= 0 || pathl > static_cast<int>(sizeof un.sun_path) - 1) {
-        xrmksub(1, "UNIX socket path empty or too long", -1);
-        return YXS_RC_FAIL;
-    }
-    std::memset(&un, 0, sizeof un);
-    un.sun_family = AF_UNIX;
-    std::memcpy(un.sun_path, path, pathl);
+    if (rctype rc = unaddr(&un, path, pathl); rc) return rc;
     int s = socket(AF_UNIX, SOCK_STREAM, 0);
     if (s < 0) return yxtzsub(errno);
     sock_option(s, 0, so->obufl, so->ibufl);
@@ -626,11 +641,7 @@ rctype yxscuop(YXSOCK_OPEN* so, const char* path, int pathl) {
         close(s);
         return rc;
     }
-    int n = std::min(pathl, 127);
-    std::memcpy(so->ip, path, n);
-    so->ip[n] = 0;
-    if (rctype rc = yxsbufs(so, s); rc) return yxsfail(so, s, rc);
-    return 0;
+    return unopened(so, s, path, pathl);
 }
 
 namespace {
@@ -707,13 +718,7 @@ rctype yxslisn(YXSOCK_OPEN* so) {
 
 rctype yxssuop(YXSOCK_OPEN* so, const char* path, int pathl) {
     sockaddr_un un;
-    if (pathl <= 0 || pathl > static_cast<int>(sizeof un.sun_path) - 1) {
-        xrmksub(1, "UNIX socket path empty or too long", -1);
-        return YXS_RC_FAIL;
-    }
-    std::memset(&un, 0, sizeof un);
-    un.sun_family = AF_UNIX;
-    std::memcpy(un.sun_path, path, pathl);
+    if (rctype rc = unaddr(&un, path, pathl); rc) return rc;
     // Only a stale socket file is replaced, never a file of another kind.
     struct stat st;
     if (lstat(un.sun_path, &st) == 0) {
@@ -727,10 +732,7 @@ rctype yxssuop(YXSOCK_OPEN* so, const char* path, int pathl) {
         close(s);
         return rc;
     }
-    int n = std::min(pathl, 127);
-    std::memcpy(so->ip, path, n);
-    so->ip[n] = 0;
-    if (rctype rc = yxsbufs(so, s); rc) return yxsfail(so, s, rc);
+    if (rctype rc = unopened(so, s, path, pathl); rc) return rc;
     so->flag = 1;
     return 0;
 }

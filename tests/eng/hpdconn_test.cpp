@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "eng/hpdc.h"
 #include "eng/hpdmsg.h"
@@ -362,4 +363,76 @@ TEST_F(Conn, TwoDataServersBehindOneNameServer) {
     hpdsofree(so);
     EXPECT_EQ(two->stop(), 0) << two->log();
     EXPECT_NE(two->log().find("on the UNIX socket"), std::string::npos);
+}
+
+TEST_F(Conn, BufferSizesAndDerivedPorts) {
+    auto sv = serv();
+    // The record buffer is the larger of RPCSIZE and one enciphered block;
+    // the same number as block size only ever shrinks the 8192 blocks.
+    for (auto [bufsize, lrecl] : {std::pair{1000, 2736L}, {100000, 100000L}}) {
+        HPDOPT o = opt(sv->portText(), "alice", "secret1");
+        o.bufsize = bufsize;
+        HPDSERV* s = nullptr;
+        ASSERT_EQ(hpdcsrv(&hpd, &o, &s), 0) << wiretest::subst();
+        EXPECT_EQ(s->sopen->lrecl, lrecl);
+        EXPECT_EQ(s->sopen->ibufl, std::min<long>(lrecl, YXS_BLOCK));
+        EXPECT_EQ(hpd.brk, -1);  // every open sets the break word
+        EXPECT_EQ(s->sopen->brk, &hpd.brk);
+        hpdsfree(s);
+    }
+
+    // A port derived from a connection: same host, a one-byte greeting,
+    // then (for the record-lock server) the token; the old socket is replaced.
+    char host[] = "127.0.0.1";
+    YXSOCK_OPEN lk{};
+    lk.host = host;
+    lk.hlen = 9;
+    lk.mode = 3;
+    lk.type = YXS_COUNTED;
+    char zero[] = "0";
+    lk.service = zero;
+    ASSERT_EQ(yxssopn(&lk), 0);
+    std::string token;
+    std::thread peer([&] {
+        if (yxsacc(&lk) != 0) return;
+        char g = 'G';
+        ASSERT_EQ(hpcwrit(lk.cs, &g, 1, nullptr), 0);
+        lk.nread = 5;
+        if (yxsread(&lk) == 0) token.assign(static_cast<char*>(lk.reca), lk.recl);
+    });
+    HPDOPT o = opt(sv->portText(), "alice", "secret1");
+    HPDSERV* s = nullptr;
+    ASSERT_EQ(hpdcsrv(&hpd, &o, &s), 0) << wiretest::subst();
+    YXSOCK_OPEN* before = s->sopen;
+    ASSERT_EQ(hporsrv(&s->sopen, lk.portno, "TOKEN", 5), 0) << wiretest::subst();
+    peer.join();
+    EXPECT_EQ(token, "TOKEN");
+    EXPECT_NE(s->sopen, before);
+    EXPECT_STREQ(s->sopen->ip, "127.0.0.1");
+    hpdsfree(s);
+    yxsclos(&lk);
+
+    // Nobody greets: 2/97, and the socket is given back.
+    YXSOCK_OPEN mute{};
+    mute.host = host;
+    mute.hlen = 9;
+    mute.mode = 3;
+    mute.type = YXS_COUNTED;
+    mute.service = zero;
+    ASSERT_EQ(yxssopn(&mute), 0);
+    std::thread closer([&] {
+        if (yxsacc(&mute) == 0) {
+            close(mute.cs);
+            mute.cs = 0;
+        }
+    });
+    YXSOCK_OPEN from{};
+    std::memcpy(from.ip, "127.0.0.1", 10);
+    YXSOCK_OPEN* out = nullptr;
+    LogCatch log;
+    EXPECT_EQ(hpdport(&from, mute.portno, nullptr, 0, 512, 1, 82, &out), HPD_RC_FAIL);
+    closer.join();
+    EXPECT_EQ(out, nullptr);
+    EXPECT_TRUE(log.has("The server did not greet the connection.")) << log.text();
+    yxsclos(&mute);
 }

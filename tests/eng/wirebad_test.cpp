@@ -72,9 +72,7 @@ protected:
         pw = dir.file("pw");
         ASSERT_TRUE(wiretest::addUser(pw, "alice", "secret1"));
     }
-    // A real login still works: the server is unharmed.
-    void loginWorks(int port) {
-        HPDECB hpd{};
+    static HPDOPT alice(int port) {
         HPDOPT o{};
         std::memcpy(o.servname, "127.0.0.1", 9);
         o.servlen = 9;
@@ -83,6 +81,12 @@ protected:
         o.applen = static_cast<int>(p.size());
         std::memcpy(o.user, "alice", 5);
         std::memcpy(o.pass, "secret1", 7);
+        return o;
+    }
+    // A real login still works: the server is unharmed.
+    void loginWorks(int port) {
+        HPDECB hpd{};
+        HPDOPT o = alice(port);
         HPDSERV* s = nullptr;
         ASSERT_EQ(hpdcsrv(&hpd, &o, &s), 0) << wiretest::subst();
         hpdsfree(s);
@@ -140,14 +144,7 @@ TEST_F(ServerInput, BadRequestsAfterTheLoginAreRefusedOrEndTheConnection) {
     Server sv("vrtaserv", {"--port", "0", "--passwords", pw, "--timeout", "5"}, dir.file("serv.log"));
     ASSERT_GT(sv.port(), 0);
     HPDECB hpd{};
-    HPDOPT o{};
-    std::memcpy(o.servname, "127.0.0.1", 9);
-    o.servlen = 9;
-    std::string p = sv.portText();
-    std::memcpy(o.appname, p.data(), p.size());
-    o.applen = static_cast<int>(p.size());
-    std::memcpy(o.user, "alice", 5);
-    std::memcpy(o.pass, "secret1", 7);
+    HPDOPT o = alice(sv.port());
     HPDSERV* s = nullptr;
     ASSERT_EQ(hpdcsrv(&hpd, &o, &s), 0) << wiretest::subst();
     YXSOCK_OPEN* so = s->sopen;
