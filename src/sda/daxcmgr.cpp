@@ -470,6 +470,12 @@ rctype daxcconvert(DA_XCEXT* xcext, int64_t vbn, const void* raw, int rawlen, vo
     if (rc == 1 && allowraw) return 1;
     if (rc != 0) return DA_CONVFAIL;
     if (len < 0 || len > xcext->iomaxbuf) return DA_CONVBIG;
+    // No rows fit in no bytes: storing such a block would lose them.
+    if (len == 0 && rawlen > 0) {
+        hsprint("daxcconvert: Exit %.8s converted %d bytes to none: VBN=%lld Reason=%s\n", x->name, rawlen,
+                static_cast<long long>(vbn), hsstrer(DA_CONVFAIL));
+        return DA_CONVFAIL;
+    }
     *iolen = len;
     return 0;
 }

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "apiload.h"
@@ -22,7 +23,10 @@ namespace vrtacli {
 namespace {
 
 constexpr int MAXCHAR = 32767;
+// Rows go to the table a buffer at a time: up to this many rows, and no more
+// bytes than a megabyte holds unless one row is wider.
 constexpr long ROWS_PER_WRITE = 4096;
+constexpr long BYTES_PER_WRITE = 1 << 20;
 
 struct Column {
     std::string name;
@@ -246,6 +250,13 @@ int run(const std::vector<std::string>& args) {
     if (!encrypt.empty() && !haskey) return fail("load: --encrypt needs --key", 2);
     if (haskey && encrypt.empty()) return fail("load: --key is only for --encrypt", 2);
     if (haskey && (key.empty() || key.size() > 12)) return fail("load: the key must be 1 to 12 characters", 2);
+    // The exit pads a key with blanks: an all-blank one would be no key at all.
+    if (haskey && key.find_first_not_of(' ') == std::string::npos)
+        return fail("load: the key is blank; give 1 to 12 characters that are not all blanks", 2);
+    for (const std::string* x : {&compress, &encrypt})
+        if (!x->empty() && (*x)[0] == '.')
+            return fail("load: the exit '" + *x + "' cannot be chosen: names starting with a point are kept for the system",
+                        2);
     if (!compress.empty() && !encrypt.empty() && upper(compress) != upper(encrypt))
         return fail("load: a table takes one exit; --compress and --encrypt name different ones", 2);
 
@@ -266,15 +277,18 @@ int run(const std::vector<std::string>& args) {
         return fail("load: " + file + " is empty: it needs a header line");
     }
     std::vector<Column> cols;
+    std::unordered_set<std::string> seen;
     for (size_t i = 0; i < fields.size(); ++i) {
         std::string n = trimmed(fields[i]);
         if (n.empty()) return fail(where(file, csv.line()) + "column " + std::to_string(i + 1) + " has no name");
-        if (n.size() > 32) return fail(where(file, csv.line()) + "the column name '" + n + "' is longer than 32");
+        if (n.size() > 32)
+            return fail(where(file, csv.line()) + "the column name '" + n.substr(0, 64) + (n.size() > 64 ? "..." : "") +
+                        "' is longer than 32");
         for (char c : n)
             if (static_cast<unsigned char>(c) < 0x20)
                 return fail(where(file, csv.line()) + "the column name '" + n + "' holds a control character");
-        for (const Column& c : cols)
-            if (upper(c.name) == upper(n)) return fail(where(file, csv.line()) + "the column '" + n + "' is there twice");
+        if (!seen.insert(upper(n)).second)
+            return fail(where(file, csv.line()) + "the column '" + n + "' is there twice");
         Column c;
         c.name = n;
         cols.push_back(c);
@@ -348,7 +362,8 @@ int run(const std::vector<std::string>& args) {
     int rc = api->vrtacreate(dom.lib, table.c_str(), static_cast<int>(table.size()), &cr, &fid);
     if (rc < 0) return fail("load: cannot make the table '" + table + "': " + api->text(rc));
 
-    std::vector<unsigned char> buf(static_cast<size_t>(ROWS_PER_WRITE) * obslen);
+    const long perwrite = std::max(1L, std::min(ROWS_PER_WRITE, BYTES_PER_WRITE / obslen));
+    std::vector<unsigned char> buf(static_cast<size_t>(perwrite) * obslen);
     void* io = nullptr;
     std::string err;
     rc = api->spnewwr(fid, static_cast<long>(buf.size()), buf.data(), 0, &io);
@@ -392,7 +407,7 @@ int run(const std::vector<std::string>& args) {
             }
         }
         if (!err.empty()) break;
-        if (++inbuf == ROWS_PER_WRITE) {
+        if (++inbuf == perwrite) {
             rc = api->spwritev(io, inbuf);
             if (rc < 0) err = "load: writing rows failed: " + api->text(rc);
             inbuf = 0;

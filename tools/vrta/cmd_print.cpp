@@ -115,7 +115,10 @@ int run(const std::vector<std::string>& args) {
             line.clear();
             for (size_t i = 0; i < cols.size(); ++i) {
                 if (i) line += ',';
-                line += csvField(cellText(cols[i], r));
+                // An empty text is written "", so that a row of one empty
+                // value is a line that load reads back, not an empty one.
+                std::string v = cellText(cols[i], r);
+                line += (v.empty() && cols[i].type == 2) ? std::string("\"\"") : csvField(v);
             }
             std::fputs(line.c_str(), out);
             std::fputc('\n', out);

@@ -58,6 +58,16 @@ bool CsvReader::next(std::vector<std::string>& fields) {
         std::string cur;
         bool quoted = false, wasquoted = false;
         for (;;) {
+            // A NUL would cut the value short wherever it is read as text.
+            if (c == 0) {
+                err_ = "column " + std::to_string(fields.size() + 1) + " holds a NUL byte";
+                return false;
+            }
+            if (cur.size() >= MAXFIELD) {
+                err_ = "column " + std::to_string(fields.size() + 1) + " is longer than " + std::to_string(MAXFIELD) +
+                       " bytes";
+                return false;
+            }
             if (quoted) {
                 if (c == EOF) {
                     err_ = "a quoted field is not closed";

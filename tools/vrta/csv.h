@@ -1,5 +1,6 @@
 // A reader of comma-separated files: quoted fields may hold commas, doubled
 // quotes and line ends; CRLF ends a line as LF does; empty lines are skipped.
+// A NUL byte or a field longer than MAXFIELD is an error with its line.
 #pragma once
 #include <cstdint>
 #include <cstdio>
@@ -10,6 +11,8 @@ namespace vrtacli {
 
 class CsvReader {
 public:
+    // No field is longer: a file with no line ends must not fill the memory.
+    static constexpr size_t MAXFIELD = 1 << 20;
     explicit CsvReader(FILE* f) : f_(f) {}
     // The next record into fields; false at the end of the file or on an
     // error (then error() is not empty).

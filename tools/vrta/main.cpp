@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "apiload.h"
 #include "vrta.h"
@@ -52,7 +53,12 @@ int main(int argc, char** argv) {
             std::fputs(c.usage, stdout);
             return 0;
         }
-        return c.run(args);
+        // Memory runs out as a message and a plain failure, never an abort.
+        try {
+            return c.run(args);
+        } catch (const std::bad_alloc&) {
+            return fail(std::string(c.name) + ": out of memory");
+        }
     }
     std::fprintf(stderr, "vrta: unknown command '%s'\n", name.c_str());
     listCommands(stderr);
