@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cctype>
 #include <cstdio>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -195,6 +196,11 @@ int splasgn(const char* physpath, void** newlib) {
     char nm[16];
     snprintf(nm, sizeof nm, "DAPI%4.4X", libcounter.fetch_add(1) & 0xffff);
     memcpy(ls.name, nm, 8);
+    // Partition names carry an id made from the domain's path: "dom",
+    // "./dom" and "/home/u/dom" must give the same one, or a later drop or
+    // load under another spelling would not know the table's own files.
+    char canon[PATH_MAX];
+    if (physpath[0] != '(' && realpath(physpath, canon)) physpath = canon;
     ls.libpath = physpath;
     ls.libpath_l = static_cast<int>(strlen(physpath));
     ls.flags = DA_LSNOCREATE;

@@ -8,6 +8,7 @@
 #include <climits>
 #include <ctime>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <sys/resource.h>
 #include <mutex>
@@ -276,13 +277,23 @@ rctype daopenf(const char* fileName, int flags, int perms, int* newfd) {
     else if (flags & 1) of = O_RDWR | ((flags & 0x1000) ? O_CREAT : 0);
     else if (flags & 8) of = O_WRONLY | O_APPEND | ((flags & 0x1000) ? O_CREAT : 0);
     else return DA_BADARG;
-    of |= O_CLOEXEC;
+    // Not blocking: a FIFO or device under a table's name must not stop the
+    // caller in open; it is refused below.
+    of |= O_CLOEXEC | O_NONBLOCK;
     mode_t mode = perms > 0 ? static_cast<mode_t>(perms) : 0666;
     int fd;
     do {
         fd = _UIODT->open(fileName, of, mode);
     } while (fd < 0 && (errno == EINTR || errno == EAGAIN));
     if (fd < 0) return daerrno(errno);
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        hsprint("daopenf: %s is not a regular file: not used\n", fileName);
+        _UIODT->close(fd);
+        return DA_NOTFOUND;
+    }
+    int fl = fcntl(fd, F_GETFL);
+    if (fl >= 0) fcntl(fd, F_SETFL, fl & ~O_NONBLOCK);
     // Direct I/O: Linux has no per-descriptor advisory switch; the partition
     // layer keeps an O_DIRECT twin for aligned transfers, here we only advise.
     if (flags & 0x20000) {

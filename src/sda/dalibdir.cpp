@@ -128,6 +128,14 @@ rctype daopdir(DA_LIB* lp, int flags, DA_DIRH** dh) {
             std::string sfx(pp.sfx, pp.sfx_l);
             if (type == "lmt") continue;
             if (!(sfx == "vrta9" || (sfx == "vrta" && (flags & DA_DIROLDFMT)))) continue;
+            // Only regular files are tables: reading a FIFO would wait forever.
+            struct stat st;
+            std::string full = dir + fn;
+            if (stat(full.c_str(), &st) != 0) continue;
+            if (!S_ISREG(st.st_mode)) {
+                hsprint("daopdir: %s is not a regular file: skipped\n", full.c_str());
+                continue;
+            }
             DA_DIRENT ent{};
             ent.namelen = pp.name_l;
             for (int i = 0; i < pp.name_l; i++) ent.name[i] = static_cast<char>(toupper(static_cast<unsigned char>(pp.name[i])));

@@ -1,6 +1,7 @@
 #include "apiload.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <cctype>
 
+#include "sda/daods.h"
 #include "vrta.h"
 
 namespace vrtacli {
@@ -128,6 +130,7 @@ int Domain::assign(const std::string& dir) {
     struct stat st;
     if (stat(dir.c_str(), &st) != 0) return fail("domain directory '" + dir + "' does not exist");
     if (!S_ISDIR(st.st_mode)) return fail("'" + dir + "' is not a directory");
+    this->dir = dir;
     int rc = api->splasgn(dir.c_str(), &lib);
     if (rc < 0) {
         lib = nullptr;
@@ -169,6 +172,7 @@ int OpenTable::open(const Domain& d, const std::string& name, const std::string&
         fid = nullptr;
         return fail("cannot open the table '" + name + "': " + api->text(rc));
     }
+    warnUnfinished(d.dir, name);
     return 0;
 }
 
@@ -205,6 +209,55 @@ std::string cellText(const ColInfo& c, const unsigned char* row) {
     double d;
     std::memcpy(&d, b, 8);
     return formatNumber(d);
+}
+
+namespace {
+
+// The header flags and the description flags of a table, read from its
+// first metadata file as they stand, without the engine: 0 for both when
+// the file cannot be read.
+struct RawHead {
+    int32_t dsflags = 0, xoeflags = 0;
+};
+
+RawHead rawHead(const std::string& dir, const std::string& name) {
+    std::string lower = name;
+    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    std::string path = dir + "/" + lower + ".mdf.0.0.0.vrta9";
+    RawHead r;
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return r;
+    struct stat st;
+    vrta::DA_FIB fib;
+    vrta::DA_DSFHEAD h;
+    off_t base = 0;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+        pread(fd, &fib, vrta::DA_FIBDIRECTLEN, 0) == vrta::DA_FIBDIRECTLEN && fib.pdesize > 0 &&
+        pread(fd, &h, sizeof h, base = static_cast<off_t>(fib.pdesize) + vrta::DA_FIBLEN) ==
+            static_cast<ssize_t>(sizeof h)) {
+        r.dsflags = h.flags;
+        int64_t x = h.links[vrta::DA_LNKXOE];
+        if (x > 0 && pread(fd, &r.xoeflags, 4, x + offsetof(vrta::DA_XOEODS, flags)) != 4) r.xoeflags = 0;
+    }
+    ::close(fd);
+    return r;
+}
+
+}  // namespace
+
+bool unfinished(const std::string& dir, const std::string& name) { return rawHead(dir, name).dsflags & 1; }
+
+bool encrypted(const std::string& dir, const std::string& name) {
+    return rawHead(dir, name).xoeflags & vrta::DA_XOECRYPT;
+}
+
+bool warnUnfinished(const std::string& dir, const std::string& name) {
+    if (!unfinished(dir, name)) return false;
+    std::fprintf(stderr,
+                 "vrta: warning: the table '%s' is incomplete: its creator never finished it (a load that was "
+                 "killed, or one still running); load it again to replace it\n",
+                 name.c_str());
+    return true;
 }
 
 bool validName(const std::string& name) {

@@ -59,6 +59,7 @@ FILE* commandOutput();
 struct Domain {
     const DirectApi* api = nullptr;
     void* lib = nullptr;
+    std::string dir;
     ~Domain();
     // 0, or the exit status after printing what went wrong.
     int assign(const std::string& dir);
@@ -86,6 +87,14 @@ std::vector<ColInfo> columns(const OpenTable& t);
 // Characters without their trailing blanks; a number's shortest text, or
 // nothing when missing.
 std::string cellText(const ColInfo& c, const unsigned char* row);
+
+// True when the table's creator never finished it (a load killed midway):
+// the header flag that create sets and only a clean close clears.
+bool unfinished(const std::string& dir, const std::string& name);
+// True when the table's description says it is encrypted.
+bool encrypted(const std::string& dir, const std::string& name);
+// Warns on standard error when the table is unfinished; true when it is.
+bool warnUnfinished(const std::string& dir, const std::string& name);
 
 // Table names: 1 to 32 letters, digits and underscores, not starting with a digit.
 bool validName(const std::string& name);

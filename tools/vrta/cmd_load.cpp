@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
@@ -338,10 +339,28 @@ int run(const std::vector<std::string>& args) {
     }
 
     if (int e = mkdirs(dir)) return fail("load: cannot make the domain directory '" + dir + "': " + std::strerror(e));
+    // Data partitions are named after the domain's whole path, with room for
+    // five digits of partition and four of revision.
+    if (char real[PATH_MAX]; realpath(dir.c_str(), real)) {
+        size_t id = 0;
+        for (const char* p = real; *p; ++p)
+            if (*p != '/' || (p[1] && p[1] != '/')) ++id;
+        size_t need = table.size() + std::strlen(".dpf.") + id + std::strlen(".99999.9999.vrta9");
+        if (need > NAME_MAX)
+            return fail("load: the domain path '" + std::string(real) + "' is too long: its data file names would be " +
+                        std::to_string(need) + " characters, above the limit of " + std::to_string(NAME_MAX));
+    }
     Domain dom;
     if (int st = dom.assign(dir)) return st;
     const DirectApi* api = dom.api;
-    if (hasTable(dom, table)) return fail("load: the table '" + table + "' already exists in " + dir);
+    if (hasTable(dom, table)) {
+        if (!unfinished(dir, table)) return fail("load: the table '" + table + "' already exists in " + dir);
+        // What a killed load left is no table: it goes, and this load takes its place.
+        std::fprintf(stderr, "vrta: load: the table '%s' in %s was never finished; replacing it\n", table.c_str(),
+                     dir.c_str());
+        int drc = api->spdelete(dom.lib, table.c_str(), static_cast<int>(table.size()));
+        if (drc < 0) return fail("load: cannot remove the unfinished table '" + table + "': " + api->text(drc));
+    }
 
     std::vector<VRTACOLDEF> defs(ncol);
     std::vector<int> posn(ncol);

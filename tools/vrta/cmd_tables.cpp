@@ -26,18 +26,23 @@ int run(const std::vector<std::string>& args) {
     std::vector<std::string> names = tableNames(dom);
     std::sort(names.begin(), names.end());
     struct Line {
-        std::string name, rows, size;
+        std::string name, rows, size, state;
     };
     std::vector<Line> lines;
     for (const std::string& n : names) {
         // Member names are case-blind; their files are lower case, and so is the list.
         std::string lower = n;
         for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        Line l{lower, "?", "?"};
+        Line l{lower, "?", "?", ""};
         void* fid = nullptr;
-        // An encrypted table opens only with its key: it is listed without figures.
-        if (api->vrtaopen(dom.lib, n.c_str(), static_cast<int>(n.size()), nullptr, 0, key.empty() ? nullptr : key.c_str(),
-                          0, nullptr, -1, 0, &fid) >= 0) {
+        // An encrypted table opens only with its key: it is listed without
+        // figures, and so is one that does not open at all, with why.
+        int orc = api->vrtaopen(dom.lib, n.c_str(), static_cast<int>(n.size()), nullptr, 0,
+                                key.empty() ? nullptr : key.c_str(), 0, nullptr, -1, 0, &fid);
+        if (orc < 0 && encrypted(dom.dir, n)) l.state = key.empty() ? "encrypted" : "encrypted, key does not fit";
+        else if (orc < 0) l.state = "cannot be read: " + api->text(orc);
+        if (unfinished(dom.dir, n)) l.state = "incomplete: never finished by its creator";
+        if (orc >= 0) {
             int64_t rows = 0;
             if (api->vrtainfo(fid, VRTAINFO_NUMOBS, &rows) == 0) l.rows = std::to_string(rows);
             int64_t total = 0;
@@ -65,9 +70,16 @@ int run(const std::vector<std::string>& args) {
     }
     std::fprintf(out, "%-*s  %*s  %*s\n", static_cast<int>(wn), "TABLE", static_cast<int>(wr), "ROWS",
                  static_cast<int>(ws), "BYTES");
-    for (const Line& l : lines)
-        std::fprintf(out, "%-*s  %*s  %*s\n", static_cast<int>(wn), l.name.c_str(), static_cast<int>(wr),
-                     l.rows.c_str(), static_cast<int>(ws), l.size.c_str());
+    for (const Line& l : lines) {
+        std::string line(l.name);
+        line.resize(wn, ' ');
+        char figs[96];
+        std::snprintf(figs, sizeof figs, "  %*s  %*s", static_cast<int>(wr), l.rows.c_str(), static_cast<int>(ws),
+                      l.size.c_str());
+        line += figs;
+        if (!l.state.empty()) line += "  (" + l.state + ")";
+        std::fprintf(out, "%s\n", line.c_str());
+    }
     std::fflush(out);
     return 0;
 }
@@ -76,7 +88,8 @@ Register reg({"tables", "list the tables of a domain with rows and size",
               "usage: vrta tables DOMAIN_DIR [--key KEY]\n"
               "\n"
               "Lists the domain's tables, their rows and the bytes of all their files.\n"
-              "An encrypted table shows '?' unless KEY opens it.\n",
+              "An encrypted table shows '?' unless KEY opens it; a table that cannot be read,\n"
+              "or that its creator never finished, shows '?' and says why.\n",
               run});
 
 }  // namespace
