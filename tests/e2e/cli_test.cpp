@@ -48,7 +48,7 @@ const char* SAMPLE_CSV =
     "id,name,score,city\n"
     "1,alice,3.5,Oslo\n"
     "2,\"bob, jr\",,Rome\n"
-    "3,\"say \"\"hi\"\"\",-7000,\n"
+    "3,\"say \"\"hi\"\"\",-7000,\"\"\n"
     "4,dora,0.25,New York\n"
     "5,eve,1000,Lima\n";
 
