@@ -9,7 +9,6 @@ namespace vrta {
 struct YXSOCK_OPEN;
 struct HPDLIB;
 using hpdlib = HPDLIB*;
-struct HPD_ACL;
 
 // Header common to every engine a host drives; the host may read it.
 struct DBIGCB {
@@ -55,71 +54,6 @@ struct HPDSERV {
     int protocol_mismatch;
 };
 using hpdserv = HPDSERV*;
-
-// Paths of a domain, each with its length, and the free space the server saw.
-struct HPDPATH {
-    char* metapath;
-    int metalen;
-    char* indxpath;
-    int indxlen;
-    char* datapath;
-    int datalen;
-    double size;
-    char* workpath;
-    int workpathl;
-};
-
-// Options of one assign statement: made by the first hpdpars of the
-// statement, freed by hphbfr.
-struct HPDOPT {
-    char servname[128];
-    int servlen;
-    char appname[128];
-    int applen;
-    HPDPATH path;
-    int bufsize;  // "RPCSIZE"
-    int debug;    // flag word: HPD_DBG_* below
-    char user[129];
-    char pass[129];
-    char group[100];
-    char* acllist;
-    int acllen;
-    int acldef;
-    HPD_ACL* aclres;
-    int name_magic;
-    char owner[8];
-    char domain[60];
-    char npass[129];
-    int64_t startobs, endobs;
-    int ltype, ubufsize, ubufno, wheresize;
-    char aclgrp[9];
-    int level;
-    char version[4];
-    int user_prompt;
-    int perf;
-    char defeng[8];
-    char* defopt;
-    int defoptl;
-    int backup;
-    int fmtlib;
-    int encoding_cei;
-    char locale[32];
-    char tempdir[256], projdir[256];
-    int projdirl;
-    int truncwarn, dynlock, libaclinherit, hfnumber;
-};
-using hpdopt = HPDOPT*;
-
-// Bits of HPDOPT.debug that the connection layer reads.
-constexpr int HPD_DBG_PROMPT = 0x1;
-constexpr int HPD_DBG_ACLSPECIAL = 0x8;
-constexpr int HPD_DBG_FASTOPTNO = 0x20000;
-constexpr int HPD_DBG_DISCONNECT = 0x2000;
-constexpr int HPD_DBG_TRUST = 0x4000000;
-constexpr int HPD_DBG_LOCKING = 0x8000000;
-constexpr int HPD_DBG_DEBUG = 0x20000000;
-constexpr int HPD_DBG_CORE = 0x40000000;
-constexpr int HPD_DBG_ALTPATH = static_cast<int>(0x80000000u);
 
 // The name server's answer about one domain.
 struct HPDSNAME_INFO {

@@ -215,26 +215,26 @@ rctype init_conn(YXSOCK_OPEN** sopena, hpdopt opt) {
     char user[130];
     std::snprintf(user, sizeof user, "%.*s", flen(opt->user, 129), opt->user);
     m.m = 0x20000;
-    if (opt->debug & HPD_DBG_DEBUG) m.m |= 1;
-    if (opt->debug & HPD_DBG_CORE) m.m |= 4;
-    if (opt->debug & HPD_DBG_ALTPATH) {
+    if (opt->debug & HPD_DEBUG) m.m |= 1;
+    if (opt->debug & HPD_DEBUGCORE) m.m |= 4;
+    if (opt->debug & HPD_ALTPATH) {
         m.m |= 2;
         xpslog("%3zVRTABASE will be loaded from ALTBINPATH");
     }
-    if (opt->debug & HPD_DBG_ACLSPECIAL) {
+    if (opt->debug & HPD_ACLSPECIAL) {
         m.special = 1;
-        if (!user[0] && (VRTA_BACKUP == getpid() || (opt->debug & HPD_DBG_TRUST))) {
+        if (!user[0] && (VRTA_BACKUP == getpid() || (opt->debug & HPD_TRUST))) {
             std::snprintf(user, sizeof user, "%.129s", full);
             m.special = -1;
         }
-    } else if (opt->debug & HPD_DBG_TRUST) {
+    } else if (opt->debug & HPD_TRUST) {
         m.special = -2;
     }
     logincommon(&m, so, opt, user, static_cast<int32_t>(std::strlen(user)), magic);
     m.npass = opt->npass;
     m.npassl = flen(opt->npass, 129);
     m.namemagic = opt->name_magic;
-    m.recordlock = (opt->debug & HPD_DBG_LOCKING) ? 1 : 0;
+    m.recordlock = (opt->debug & HPD_LOCKING) ? 1 : 0;
     std::memcpy(m.osuser, osuser, 8);
     if (hpdsendx(so, DSM_SERVER_INIT, HPD_LEVEL_LOGIN, &DS_SERVER_INIT_D, &m) != 0) return loginlost(user);
 
@@ -254,7 +254,7 @@ rctype init_conn(YXSOCK_OPEN** sopena, hpdopt opt) {
     cpy(token, r.token, tokenl);
 
     if (r.expire != 0) {
-        if (!(opt->debug & HPD_DBG_PROMPT)) {
+        if (!(opt->debug & HPD_PROMPT)) {
             xpmlog(MSGGRP, 102);
             return loginlost(user);
         }
@@ -292,7 +292,7 @@ rctype init_conn_oper(YXSOCK_OPEN* so, hpdopt opt, int* magicp, int* lport) {
     DS_SERVER_O_I m{};
     logincommon(&m, so, opt, opt->user, flen(opt->user, 129), magic);
     m.m = 0x20000;
-    m.special = (opt->debug & HPD_DBG_ACLSPECIAL) ? 1 : 0;
+    m.special = (opt->debug & HPD_ACLSPECIAL) ? 1 : 0;
     if (hpdsendx(so, DSM_SERVER_O_I, HPD_LEVEL_LOGIN, &DS_SERVER_O_I_D, &m) != 0) return hpderrtxt(MSGGRP, 136);
     DS_HDR_REPLY h;
     if (hpdrecvx(so, &h) != 0) return hpderrtxt(MSGGRP, 136);
@@ -426,7 +426,7 @@ rctype hpdcsrv(hpdptr hpd, hpdopt opt, HPDSERV** sp) {
     std::memcpy(s->appname, opt->appname, sizeof s->appname);
     s->applen = opt->applen;
     std::memcpy(s->optaclgrp, opt->aclgrp, sizeof s->optaclgrp);
-    s->locking = (opt->debug & HPD_DBG_LOCKING) ? 1 : 0;
+    s->locking = (opt->debug & HPD_LOCKING) ? 1 : 0;
     *sp = s;
     return 0;
 }
@@ -485,8 +485,8 @@ void hpdpurge(hpdptr hpd) {
 
 HPDSERV* hpdfind(hpdptr hpd, hpdopt opt) {
     int ul = flen(opt->user, 129);
-    int special = (opt->debug & HPD_DBG_ACLSPECIAL) ? 1 : 0;
-    int locking = (opt->debug & HPD_DBG_LOCKING) ? 1 : 0;
+    int special = (opt->debug & HPD_ACLSPECIAL) ? 1 : 0;
+    int locking = (opt->debug & HPD_LOCKING) ? 1 : 0;
     for (HPDSERV* s = hpd->serv; s; s = s->next) {
         if (!s->sopen || s->sopen->eof) continue;
         if (s->servlen != opt->servlen || std::memcmp(s->servname, opt->servname, s->servlen) != 0) continue;
@@ -510,8 +510,8 @@ rctype hpdgetserv(hpdptr hpd, hpdopt opt, HPDSERV** sp) {
     if (hpd->serv) hpd->serv->prev = s;
     hpd->serv = s;
     std::memcpy(s->user, opt->user, sizeof s->user);
-    s->special = (opt->debug & HPD_DBG_ACLSPECIAL) ? 1 : 0;
-    s->free = (opt->debug & HPD_DBG_DISCONNECT) ? 1 : 0;
+    s->special = (opt->debug & HPD_ACLSPECIAL) ? 1 : 0;
+    s->free = (opt->debug & HPD_DISCONNECT) ? 1 : 0;
     std::memcpy(s->aclgrp, opt->aclgrp, sizeof s->aclgrp);
     s->user_prompt = opt->user_prompt;
     if (!s->protocol_mismatch) {

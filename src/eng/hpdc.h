@@ -3,6 +3,7 @@
 // of an engine.
 #pragma once
 #include "eng/hpd.h"
+#include "eng/hpdopt.h"
 #include "eng/yxsoc.h"
 
 namespace vrta {

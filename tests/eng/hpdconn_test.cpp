@@ -188,7 +188,7 @@ TEST_F(Conn, PasswordChangesAndExpiredPasswords) {
     {
         LogCatch log;
         HPDOPT o = opt(sv->portText(), "bob", "oldpass1");
-        o.debug |= HPD_DBG_PROMPT;
+        o.debug |= HPD_PROMPT;
         std::snprintf(o.npass, sizeof o.npass, "newpass22");
         // A new password in the login request itself is checked first: it is
         // accepted here, which also ends the expiry.
@@ -212,7 +212,7 @@ TEST_F(Conn, PasswordChangesAndExpiredPasswords) {
     {
         LogCatch log;
         HPDOPT o = opt(sv->portText(), "carol", "carolpw1");
-        o.debug |= HPD_DBG_PROMPT;
+        o.debug |= HPD_PROMPT;
         HPDSERV* s = nullptr;
         // No new password named: the change is refused as not valid.
         EXPECT_EQ(hpdgetserv(&hpd, &o, &s), HPD_RC_FAIL);
