@@ -741,7 +741,15 @@ rctype loadhead(DA_FCB* fcb, DA_VBCB* vb) {
     if (rc < 0) return rc;
     DA_VBHEAD& h = vb->vbhdr;
     if (h.numlevels < 1 || h.numlevels > DA_VBMAXLEVEL) return DA_INTERNAL;
-    if (h.vbvecsize > 0 && h.vbvecsize != vecsize(h.vbvspan, h.vbvtype)) return DA_INTERNAL;
+    // The vector's size follows from its span and type; a table with rows
+    // has it. Anything else would index vectors past their buffer.
+    bool geom = h.vbvecsize > 0 || fcb->xoe.numobs > 0;
+    if ((h.vbvtype != DA_VBVSHORT && h.vbvtype != DA_VBVINT32) || h.vbvspan < 32 || h.vbvspan > 2048 ||
+        h.vbvspan % 32 != 0 || (geom && h.vbvecsize != vecsize(h.vbvspan, h.vbvtype))) {
+        hsprint("dalvbcb: Damaged block vector head: DS=%s vbvspan=%d vbvtype=%d vbvecsize=%d Reason=%s\n", fcb->name,
+                h.vbvspan, h.vbvtype, h.vbvecsize, hsstrer(DA_INTERNAL));
+        return DA_INTERNAL;
+    }
     vb->maxvbvnlevel = 1;
     for (int i = 0; i < h.numlevels; ++i) vb->maxvbvnlevel *= DA_VBDIRN;
     for (auto& d : vb->vbdnode) d.offset = -1;
