@@ -131,6 +131,9 @@
 #      1210 %1zThe request does not fit the WHERE plan.
 #      1211 %1zA set in the WHERE clause holds other than constants.
 #      1212 %1zThe WHERE clause cannot be used as a range.
+#      1220 %1zThe WHERE clause has a syntax error.
+#      1221 %1zAn operand of the WHERE clause has the wrong type.
+#      1222 %1zThe WHERE clause is nested too deeply.
 *
 * Functions
 #      1401 %1zFormat %s not found.

@@ -119,7 +119,9 @@ void zctdbl(double value, void* dest, int len) {
             hexp = 0;
         }
     }
-    // Subnormal doubles lie far below the form's range and become 0.
+    // Subnormal doubles lie far below the form's range and become 0; a zero
+    // keeps its sign.
+    b[0] = sign;
     if (frac != 0) {
         b[0] = static_cast<uint8_t>(sign | hexp);
         for (int i = 7; i >= 1; i--) {

@@ -47,7 +47,8 @@ TEST(Zrt, DoublesHaveTheirHexadecimalForm) {
     EXPECT_EQ(ibm(-118.625), (Bytes{0xc2, 0x76, 0xa0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(ibm(0.1), (Bytes{0x40, 0x19, 0x99, 0x99, 0x99, 0x99, 0x99, 0x9a}));
     EXPECT_EQ(ibm(0.0), Bytes(8, 0));
-    EXPECT_EQ(ibm(-0.0), Bytes(8, 0));
+    EXPECT_EQ(ibm(-0.0), (Bytes{0x80, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_TRUE(std::signbit(zrtdbl(ibm(-0.0).data(), 8)));
     // A short number is the high bytes.
     EXPECT_EQ(ibm(-118.625, 4), (Bytes{0xc2, 0x76, 0xa0, 0}));
     const uint8_t one[] = {0x41, 0x10, 0, 0};
@@ -59,6 +60,7 @@ TEST(Zrt, DoublesHaveTheirHexadecimalForm) {
     EXPECT_EQ(ibm(1e300)[0], 0x7f);
     EXPECT_EQ(ibm(-INFINITY)[0], 0xff);
     EXPECT_EQ(ibm(1e-300), Bytes(8, 0));
+    EXPECT_EQ(ibm(-1e-300), (Bytes{0x80, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST(Zrt, DoublesInRangeRoundTripExactly) {
