@@ -4,31 +4,14 @@
 #include <cmath>
 #include <cstring>
 
+#include "ssubs/vz.h"
+
 namespace vrta {
 
 namespace {
 
 constexpr uint64_t TOP16 = 0xffff000000000000ull;
 constexpr uint64_t MANT = (1ull << 52) - 1;
-
-// Missing values: top 16 bits all ones, the rank's negation in byte 5. Ranks
-// run from "_" (1) over "." (2) to "A" to "Z" (3 to 28).
-constexpr uint64_t missbits(int rank) { return TOP16 | (static_cast<uint64_t>(0x100 - rank) << 40); }
-
-int missrank(int c) {
-    if (c == '_') return 1;
-    if (c == '.') return 2;
-    if (c >= 'A' && c <= 'Z') return c - 'A' + 3;
-    return 0;
-}
-
-// The character of a missing value; "." for a rank of no character.
-int misschar(uint64_t bits) {
-    int rank = -static_cast<int8_t>(bits >> 40);
-    if (rank == 1) return '_';
-    if (rank >= 3 && rank <= 28) return 'A' + rank - 3;
-    return '.';
-}
 
 }  // namespace
 
@@ -69,7 +52,7 @@ double zrtdbl(const void* source, int len) {
     uint64_t frac = 0;
     for (int i = 1; i < 8; i++) frac = (frac << 8) | b[i];
     if (frac == 0) {
-        if (int rank = missrank(b[0])) return std::bit_cast<double>(missbits(rank));
+        if (b[0] == '.' || b[0] == '_' || (b[0] >= 'A' && b[0] <= 'Z')) return vzmissof(static_cast<char>(b[0]));
         return (b[0] & 0x80) ? -0.0 : 0.0;
     }
     int hexp = b[0] & 0x7f;
@@ -90,9 +73,9 @@ void zctdbl(double value, void* dest, int len) {
     if (len > 8) len = 8;
     uint8_t b[8] = {};
     uint64_t bits = std::bit_cast<uint64_t>(value);
-    if ((bits & TOP16) == TOP16 || std::isnan(value)) {
+    if (vzismiss(value) || std::isnan(value)) {
         // A NaN that is not one of ours has no other form: it travels as ".".
-        b[0] = static_cast<uint8_t>((bits & TOP16) == TOP16 ? misschar(bits) : '.');
+        b[0] = static_cast<uint8_t>(vzismiss(value) ? vzmisschar(value) : '.');
         std::memcpy(dest, b, len);
         return;
     }

@@ -2,8 +2,6 @@
 // reader of the wire form, the renderer back to a clause, the debug printer,
 // and the parser of the WHERE language people type.
 #pragma once
-#include <bit>
-#include <cstdint>
 #include <cstdio>
 #include "ssup/vrtadef.h"
 
@@ -72,9 +70,6 @@ constexpr short WH_NF_TMPLAND = 0x0800;    // temporary LAND made for evaluation
 constexpr short WH_NF_COPY = 0x1000;       // this tree is a private copy
 constexpr short WH_NF_MUSTCOPY = 0x2000;   // copy the tree for each thread
 constexpr short WH_NF_COPYTESTED = 0x4000; // the copy test has been done
-
-// A number is missing when its top 16 bits are all ones.
-inline bool whismiss(double v) { return (std::bit_cast<uint64_t>(v) >> 48) == 0xffff; }
 
 // datetype of a numeric literal.
 constexpr int WH_DT_PLAIN = 0, WH_DT_DATE = 1, WH_DT_TIME = 2, WH_DT_DATETIME = 3;

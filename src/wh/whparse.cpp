@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "ssubs/hscsdbl.h"
+#include "ssubs/vz.h"
 #include "wh/wh.h"
 #include "wh/whfunc.h"
 
@@ -116,14 +117,6 @@ constexpr const char* SYMBOLS[] = {"<=:", ">=:", "^=:", "~=:", "!=:", "**", "||"
                                    "<>", "^=", "~=", "!=", "=*", "=", "<", ">", "+", "-", "*", "/", "(",
                                    ")", ","};
 
-// Missing values by their letter: top 16 bits all ones, the negated rank in
-// byte 5; "_" ranks 1, "." 2, "A" to "Z" 3 to 28.
-double missof(char c) {
-    int rank = c == '_' ? 1 : c == '.' ? 2 : c - 'A' + 3;
-    return std::bit_cast<double>(0xffff000000000000ull | (static_cast<uint64_t>(0x100 - rank) << 40));
-}
-int missrank(double v) { return -static_cast<int8_t>(std::bit_cast<uint64_t>(v) >> 40); }
-
 struct Parser {
     const char* src;
     int len;
@@ -211,7 +204,7 @@ struct Parser {
                 j++;
             }
             tok.kind = T_MISS;
-            tok.num = missof(m);
+            tok.num = vzmissof(m);
         } else if (wordch(c)) {
             while (j < len && wordch(src[j])) j++;
             tok.kind = T_WORD;
@@ -526,8 +519,8 @@ struct Parser {
             // Numbers are searched on the assumption that they ascend.
             std::stable_sort(elems.begin(), elems.end(), [](const Tree& a, const Tree& b) {
                 double x = a.n->u.nleaf.nbr, y = b.n->u.nleaf.nbr;
-                bool mx = whismiss(x), my = whismiss(y);
-                if (mx || my) return mx && my ? missrank(x) < missrank(y) : mx;
+                bool mx = vzismiss(x), my = vzismiss(y);
+                if (mx || my) return mx && my ? vzmrank(x) < vzmrank(y) : mx;
                 return x < y;
             });
         } else if (elems.size() > 1) {
@@ -601,7 +594,7 @@ struct Parser {
         if (a.n->code == OP_LITN) {
             // A missing value stays missing; a number changes sign.
             double v = a.n->u.nleaf.nbr;
-            return litn(whismiss(v) ? v : -v, pos);
+            return litn(vzismiss(v) ? v : -v, pos);
         }
         std::vector<Tree> k;
         k.push_back(std::move(a));
@@ -736,8 +729,7 @@ struct Parser {
         if (node(OP_FUNC, fi.restype, &f.n)) return Tree{};
         SQLOP_FUNC& fn = f.n->u.func;
         std::memcpy(fn.name, name.data(), name.size());
-        for (size_t i = 0; i < name.size(); i++)
-            if (fn.name[i] >= 'a' && fn.name[i] <= 'z') fn.name[i] = static_cast<char>(fn.name[i] - 'a' + 'A');
+        vzMP(fn.name, static_cast<int>(name.size()));
         fn.namelen = static_cast<short>(name.size());
         fn.code = fi.code;
         fn.type = fi.functype;

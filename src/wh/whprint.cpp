@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "ssup/thr.h"
+#include "ssubs/vz.h"
 #include "wh/wh.h"
 
 namespace vrta {
@@ -66,7 +67,7 @@ void printlitc(FILE* fp, const char* s, int n) {
 }
 
 void printnum(FILE* fp, double v, bool close) {
-    if (whismiss(v)) std::fprintf(fp, "[.");
+    if (vzismiss(v)) std::fprintf(fp, "[.");
     else std::fprintf(fp, "[%g", v);
     if (close) std::fprintf(fp, "]");
 }

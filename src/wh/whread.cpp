@@ -8,6 +8,7 @@
 #include "hs/hsnls.h"
 #include "hs/zrt.h"
 #include "ssubs/hscsdbl.h"
+#include "ssubs/vz.h"
 #include "wh/wh.h"
 
 namespace vrta {
@@ -61,11 +62,6 @@ struct Reader {
         return true;
     }
 };
-
-void upcase(char* s, int n) {
-    for (int i = 0; i < n; i++)
-        if (s[i] >= 'a' && s[i] <= 'z') s[i] = static_cast<char>(s[i] - 'a' + 'A');
-}
 
 // Strings compare as the target environment collates them, else byte by byte
 // with the shorter one taken as blank padded.
@@ -195,7 +191,7 @@ rctype readleaf(Reader& r, SQLOP* n, SQLOP* parent, int32_t narg, bool f9) {
     case OP_XNAM:
         if (f9 && !r.skipcounted()) return WH_RC_BADWIRE;
         if (!r.name(v.name, sizeof v.name, &v.namelen)) return WH_RC_BADWIRE;
-        if (f9 && n->code == OP_FNAM) upcase(v.name, v.namelen);
+        if (f9 && n->code == OP_FNAM) vzMP(v.name, v.namelen);
         return 0;
     case OP_LITN:
         return readlitn(r, n);
@@ -230,7 +226,7 @@ rctype readleaf(Reader& r, SQLOP* n, SQLOP* parent, int32_t narg, bool f9) {
     case OP_FUNC: {
         SQLOP_FUNC& f = n->u.func;
         if (r.lin->format < 4 || !r.name(f.name, sizeof f.name, &f.namelen)) return WH_RC_BADWIRE;
-        upcase(f.name, f.namelen);
+        vzMP(f.name, f.namelen);
         return 0;
     }
     case OP_SETN:

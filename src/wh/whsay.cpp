@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ssubs/vz.h"
 #include "wh/wh.h"
 
 namespace vrta {
@@ -79,11 +80,6 @@ rctype putit(WHSAY* s, const char* p, int n) {
 
 rctype puts_(WHSAY* s, const char* p) { return putit(s, p, static_cast<int>(std::strlen(p))); }
 
-int stripped(const char* name, int len) {
-    while (len > 0 && name[len - 1] == ' ') len--;
-    return len;
-}
-
 // The quote is chosen by the first byte alone: a text that starts with a
 // single quote goes in double quotes, any other in single quotes. Quotes
 // inside are written as they are.
@@ -103,7 +99,7 @@ rctype saychar(WHSAY* s, const char* text, int len) {
 }
 
 rctype saynum(WHSAY* s, double v) {
-    if (whismiss(v)) return puts_(s, ".");
+    if (vzismiss(v)) return puts_(s, ".");
     char b[64];
     std::snprintf(b, sizeof b, "%g", v);
     return puts_(s, b);
@@ -146,7 +142,7 @@ rctype sayleaf(WHSAY* s, const SQLOP* n, bool* unknown) {
         return puts_(s, "USER");
     case OP_FMT: {
         const SQLOP_FMT& f = n->u.fmt;
-        int nl = stripped(f.name, f.namelen);
+        int nl = vzstrip(f.name, f.namelen);
         rctype rc = nl > 0 ? putit(s, f.name, nl) : puts_(s, "F");
         char b[32];
         if (!rc && f.wid > 0) {
@@ -161,12 +157,12 @@ rctype sayleaf(WHSAY* s, const SQLOP* n, bool* unknown) {
         return rc;
     }
     case OP_FUNC:
-        return putit(s, n->u.func.name, stripped(n->u.func.name, n->u.func.namelen));
+        return putit(s, n->u.func.name, vzstrip(n->u.func.name, n->u.func.namelen));
     case OP_NAME:
     case OP_FNAM:
     case OP_WNAM:
     case OP_ANAM:
-        return putit(s, n->u.vleaf.name, stripped(n->u.vleaf.name, n->u.vleaf.namelen));
+        return putit(s, n->u.vleaf.name, vzstrip(n->u.vleaf.name, n->u.vleaf.namelen));
     case OP_SETN:
     case OP_SETC:
         return sayset(s, n);
@@ -210,7 +206,7 @@ rctype saybetw(WHSAY* s, const SQLOP* n, const SAYOP* op, int depth, bool* unkno
 
 rctype sayfunc(WHSAY* s, const SQLOP* n, int depth, bool* unknown) {
     const SQLOP* f = get_child(n, 0);
-    rctype rc = f && f->code == OP_FUNC ? putit(s, f->u.func.name, stripped(f->u.func.name, f->u.func.namelen))
+    rctype rc = f && f->code == OP_FUNC ? putit(s, f->u.func.name, vzstrip(f->u.func.name, f->u.func.namelen))
                                         : sayit(s, f, depth + 1, unknown);
     if (!rc) rc = puts_(s, "(");
     if (!rc) rc = saylist(s, n, 1, ", ", depth, unknown);

@@ -248,7 +248,9 @@ struct Gen {
             static const char* cols[] = {"a", "B", "qty"};
             return pick(2) ? std::string(cols[pick(3)]) : number();
         }
-        switch (pick(5)) {
+        switch (pick(7)) {
+        case 5: return pick(2) ? "abs(" + num(d - 1) + ")" : "length(" + chr(d - 1) + ")";
+        case 6: return "mean(" + num(d - 1) + "," + sp() + num(d - 1) + ")";
         case 0: return num(d - 1) + sp() + "+-*/"[pick(4)] + sp() + num(d - 1);
         case 1: return "-" + num(d - 1);
         case 2: return num(d - 1) + sp() + "**" + sp() + num(d - 1);
@@ -258,7 +260,12 @@ struct Gen {
     }
     std::string chr(int d) {
         if (d <= 0 || pick(2)) return pick(2) ? (pick(2) ? "s" : "City") : string();
-        return chr(d - 1) + sp() + "||" + sp() + chr(d - 1);
+        switch (pick(4)) {
+        case 0: return "upcase(" + chr(d - 1) + ")";
+        case 1: return "substr(" + chr(d - 1) + ", " + num(d - 1) + (pick(2) ? ", 2)" : ")");
+        case 2: return "trim(" + chr(d - 1) + ")";
+        default: return chr(d - 1) + sp() + "||" + sp() + chr(d - 1);
+        }
     }
     std::string list(bool numeric) {
         std::string l = "(";

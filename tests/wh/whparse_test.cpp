@@ -180,6 +180,44 @@ TEST(WhParse, BadClausesSayWhereAndWhy) {
     EXPECT_EQ(whparse("a", 1, COLS, NCOLS, nullptr, nullptr), WH_RC_NULLARG);
 }
 
+TEST(WhParse, FunctionCallsAreCheckedAgainstTheLibrary) {
+    Parsed p;
+    parse("upcase(substr(code,1,2)) = 'AB' and abs(a) > length(city)", &p);
+    ASSERT_EQ(p.rc, 0) << p.err.text;
+    EXPECT_EQ(say(p.t), "((UPCASE(SUBSTR(CODE, 1, 2))='AB') and (ABS(A)>LENGTH(CITY)))");
+    SQLOP* up = get_child(get_child(p.t, 0), 0);
+    ASSERT_EQ(up->code, OP_FLST);
+    SQLOP* f = get_child(up, 0);
+    EXPECT_EQ(std::string(f->u.func.name, f->u.func.namelen), "UPCASE");
+    EXPECT_EQ(f->u.func.type, 2);
+    EXPECT_EQ(f->u.func.code & 0x7ff00000, 0x20000000);
+    // A string function as long as its first argument: SUBSTR of a 6-byte column.
+    EXPECT_EQ(up->type, 6);
+    EXPECT_EQ(f->type, 6);
+    SQLOP* abs = get_child(get_child(p.t, 1), 0);
+    EXPECT_EQ(abs->type, -8);
+    EXPECT_EQ(get_child(abs, 0)->u.func.type, 1);
+    EXPECT_NE(get_child(abs, 0)->u.func.code, get_child(up, 0)->u.func.code);
+
+    const Bad cases[] = {
+        {"upcase(a) = 'x'", WH_RC_FNCWANTC, 8, "argument 1 of upcase must be a character value"},
+        {"substr(code, 'x') = 'a'", WH_RC_FNCWANTN, 14, "argument 2 of substr must be a number"},
+        {"substr(code) = 'a'", WH_RC_FNCFEW, 1, "substr takes at least 2 arguments"},
+        {"abs(a, 1) > 0", WH_RC_FNCMANY, 1, "abs takes at most 1 argument"},
+        {"lag(a) > 0", WH_RC_FNCREFUSED, 1, "the function lag cannot be used in a WHERE clause"},
+        {"nosuch(1) = 1", WH_RC_NOFUNC, 1, "there is no function nosuch"},
+        {"substring(code, 1) = 'a'", WH_RC_NOFUNC, 1, "there is no function substring"},
+        {"length(code) = 'x'", WH_RC_TYPES, 16, "'=' compares a number with a character value"},
+        {"abs(a > 1) = 1", WH_RC_SYNTAX, 7, "expected ',' or ')' of the call, found '>'"},
+    };
+    for (const Bad& b : cases) {
+        Parsed q;
+        parse(b.in, &q);
+        EXPECT_EQ(q.rc, b.rc) << b.in << ": " << q.err.text;
+        EXPECT_EQ(std::string(q.err.text), "at column " + std::to_string(b.col) + ": " + b.text) << b.in;
+    }
+}
+
 TEST(WhParse, NestingAndLengthHaveLimits) {
     auto nested = [](int n) { return std::string(n, '(') + "a" + std::string(n, ')') + " = 1"; };
     Parsed ok;
