@@ -10,6 +10,8 @@
 #        22 A column description arrived out of sequence.
 #        30 The %s message does not fit its length at %s.
 #        31 The %s message cannot be built: %s is wrong.
+#        32 A quoted string is not closed: %s
+#        33 A word is longer than 1023 bytes: %s
 #       101 The option %s is malformed.
 #       102 %s is not an option of this engine.
 #       126 Out of memory for a function result.

@@ -116,6 +116,43 @@ VRTA_STATIC_ASSERT(offsetof(XHEATTR, locale) == 80 && sizeof(XHEATTR) == 116, "X
 #undef VRTA_SLOT
 #undef VRTA_STATIC_ASSERT
 
+/* The host's open request, as far as the table options need it. */
+typedef struct XOPNSTR {
+    void* peng_lib;              /* the domain's block, from the assign */
+    void* peng_op;               /* table options: made by the first yoepars of the open */
+    const unsigned char* mactbl; /* macro table: 20-byte records, ended by one starting with a blank */
+} XOPNSTR;
+
+/* Token tracks: the stream of tokens the option parsers read (the
+ * sourcetrack of yhelpar and yoepars). A host makes a track, pushes the text
+ * of a statement's options onto it, hands it to the parser one option at a
+ * time, and moves on by the count the parser reports. A token the parser
+ * found at fault carries bit 1 in flags, so that the host can point at it. */
+typedef struct YTTOKEN {
+    int type;     /* 1 end of input, 2 name (upper case), 3 quoted string (quotes kept),
+                     4 number, 0 a special character */
+    int subtype;  /* non-zero: counts as a name whatever its form */
+    int flags;    /* bit 1: found at fault by a parser */
+    int rc;       /* non-zero: the text is not a token (a quote left open, too long) */
+    int pos;      /* offset of its first byte in the text pushed */
+    int len;      /* bytes in text */
+    char* text;   /* zero terminated */
+} YTTOKEN;
+
+/* A new empty track, or null without memory. */
+void* ytrakcp(void);
+/* Pushing text: begin, add bytes (any number of times), end. The text is
+ * read after whatever the track holds already. */
+int yttpshi(void* track);
+int yttpshb(void* track, const char* buf, int len);
+int yttpshe(void* track);
+/* The next token, consumed unless peek is non-zero. */
+int yttknx(void* track, int peek, YTTOKEN** tok);
+/* The token after tokens past the next one, not consumed (0 is the next). */
+int yttkpk(void* track, int after, YTTOKEN** tok);
+/* Frees a track and its tokens. */
+void ytrakdp(void* track);
+
 /* argv slots of vrtaeng. */
 enum {
     VRTAENG_ENGTBL = 0, /* out: HPD_ENGTBL* */

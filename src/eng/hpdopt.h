@@ -108,4 +108,91 @@ struct HPDOPT {
 };
 using hpdopt = HPDOPT*;
 
+// One name of a list option, blank-padded.
+struct HPBIT {
+    HPBIT* next;
+    char keyname[32];
+};
+
+// Bits of HPOOPT.debug, by option.
+constexpr int HPO_ASYNCINDEX = 0x1;
+constexpr int HPO_QUICKSORT = 0x2;
+constexpr int HPO_UNIXDOMAIN = 0x4;
+constexpr int HPO_ACLREAD = 0x8;
+constexpr int HPO_ACLWRITE = 0x10;
+constexpr int HPO_ACLALTER = 0x20;
+constexpr int HPO_ACLREADNO = 0x40;
+constexpr int HPO_ACLWRITENO = 0x80;
+constexpr int HPO_ACLALTERNO = 0x100;
+constexpr int HPO_ACLCONTROLNO = 0x200;
+constexpr int HPO_ACLCONTROL = 0x400;
+constexpr int HPO_VERBOSE = 0x800;
+constexpr int HPO_BYSORT = 0x1000;
+constexpr int HPO_RANKLINEAR = 0x2000;
+constexpr int HPO_SYNCADD = 0x4000;
+constexpr int HPO_UNIQUESAVE = 0x8000;
+constexpr int HPO_NOMISS = 0x10000;
+constexpr int HPO_CNTLREC = 0x20000;
+constexpr int HPO_CNTLMEM = 0x40000;
+
+// The options of one table open: made by its first hpopars and anchored in
+// peng_op of the open request; freed by hpohbfr.
+struct HPOOPT {
+    int blocksize;        // "NETPACKSIZE"
+    int ioblocksize;
+    int bufno;
+    int segsize;
+    int numbuf;           // "BUFFERCACHE"
+    int debug;            // HPO_* bits
+    char user[8];
+    HPBIT* bit;           // "BITINDEX"
+    HPBIT* bitr;          // "NOSEGINDEX"
+    HPBIT* bitw;          // "WHERENOINDEX"
+    char compress[8];     // an algorithm's name, blank-padded; blanks for the default
+    int comp;
+    int memmap;           // -1 default and "YES", 0 "NO"
+    char* acllist;
+    int acllen;
+    int noindex, noequal;
+    int64_t startobs, endobs;
+    int numw;
+    int partsize, thrcnt;
+    char ekey[40];        // "PW", "READ"; zero-padded
+    char label[256];      // zero terminated
+    char type[8];         // blank-padded
+    int gennum, genmax;
+    double gendate;       // a date: days from 1 January 1960
+    int64_t sortsize;
+    HPBIT* minmax;
+    int numminmax;
+    int encoding_cei;
+};
+using hpoopt = HPOOPT*;
+
+// The macro table: records of 20 bytes, the last starting with a blank.
+constexpr int HP_MACRECL = 20;
+constexpr int HP_MACINT = 1;
+constexpr int HP_MACBOOL = 2;
+constexpr int HP_MACUNSET = 8;
+
+// Loops over hpdpars until the end of the track; the last failure is the
+// result. bag holds the block made by the first option.
+rctype hpdpopt(void* track, HPDOPT** bag, hpdptr hpd, yhlibref* libref);
+// The same on a text of the engine's own (the SQL pass-through's connection
+// text): the track is made and freed here.
+rctype hpdpstr(hpdptr hpd, const char* text, int len, HPDOPT** bag);
+// Frees the table options of an open and clears the anchor.
+rctype hpohbfr(XOPNSTR* open);
+// A macro variable as text: 0 found, 1 not.
+int hpogmac(const unsigned char* mactbl, const char* name, char* out, int outmax, int* outlen);
+// The date value of a text in the form "MMDDYY": mm/dd/yy, mmddyyyy and the
+// like. 0, or -1 when it is no date.
+int hpmdy(const char* text, int len, double* date);
+
 }  // namespace vrta
+
+extern "C" {
+rctype hpdpars(void* engid, vrta::yhlibref* libref, void* sourcetrack, int* scanned, void** hostbag);
+rctype hphbfr(void* peng_op);
+rctype hpopars(void* engid, int env, void* sourcetrack, int* scanned, XOPNSTR* open);
+}

@@ -52,6 +52,8 @@ TEST(Module, ExportsOnlyTheEntryAndTheDirectApi) {
         // The direct access API is the other host-facing surface: its calls
         // are plain C names, so an internal name would show up mangled.
         if (s.rfind("sp", 0) == 0 || s.rfind("vrta", 0) == 0 || s == "MakeError") continue;
+        // So are the token tracks a host hands the option parsers.
+        if (s.rfind("yt", 0) == 0) continue;
         ADD_FAILURE() << "exported: " << s;
     }
 }
