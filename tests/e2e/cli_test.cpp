@@ -216,3 +216,44 @@ TEST(CliTables, CompressedAndEncryptedTablesPrintLikeThePlainOne) {
 }
 
 }  // namespace
+
+namespace {
+
+// Table options in the host's form go through the engine's parser; an option
+// a command cannot honour is refused, never dropped.
+TEST(CliTables, TableOptionsInTheHostsForm) {
+    vrtatest::TempDir tmp;
+    const std::string dom = tmp.file("dom");
+    vrtatest::writeFile(tmp.file("n.csv"), "n\n1\n2\n3\n4\n5\n");
+    Result r = vrta("load " + dom + " t " + tmp.file("n.csv") + " --opt \"COMPRESS=VRTARLC2 LABEL='Five rows'\"");
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = vrta("describe " + dom + " t");
+    EXPECT_TRUE(has(r.out, "label:         Five rows")) << r.out;
+    EXPECT_TRUE(has(r.out, "compression:   VRTARLC2")) << r.out;
+
+    EXPECT_EQ(vrta("print " + dom + " t --csv --opt \"STARTOBS=2 ENDOBS=4\"").out, "n\n2\n3\n4\n");
+    EXPECT_EQ(vrta("print " + dom + " t --csv --opt \"STARTOBS=4\"").out, "n\n4\n5\n");
+    EXPECT_EQ(vrta("print " + dom + " t --csv --first 1 --opt \"STARTOBS=3\"").out, "n\n3\n");
+    EXPECT_EQ(vrta("print " + dom + " t --csv --opt \"ENDOBS=9\"").out, "n\n1\n2\n3\n4\n5\n");
+
+    for (const char* bad : {"STARTOBS=4 ENDOBS=2", "NUMGEN=1", "STARTOBS=0", "SERVER=x"}) {
+        r = vrta("print " + dom + " t --opt \"" + bad + "\"");
+        EXPECT_EQ(r.status, 2) << bad;
+        EXPECT_EQ(r.out, "") << bad;
+    }
+    EXPECT_EQ(vrta("print " + dom + " t --last 1 --opt \"STARTOBS=2\"").status, 2);
+
+    // The key of an encrypted table as PW: in quotes it keeps its case.
+    ASSERT_EQ(vrta("load " + dom + " s " + tmp.file("n.csv") + " --encrypt VRTACRYP --key Secret").status, 0);
+    EXPECT_EQ(vrta("print " + dom + " s --csv --opt \"PW='Secret' ENDOBS=1\"").out, "n\n1\n");
+    EXPECT_TRUE(has(vrta("describe " + dom + " s --opt \"READ='Secret'\"").out, "rows:          5"));
+    EXPECT_NE(vrta("print " + dom + " s --opt \"PW=Secret\"").status, 0);
+    EXPECT_EQ(vrta("print " + dom + " s --key Secret --opt \"PW='Secret'\"").status, 2);
+    r = vrta("load " + dom + " u " + tmp.file("n.csv") + " --opt \"COMPRESS=YES\"");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(files(dom, "u.").empty());
+    EXPECT_EQ(vrta("load " + dom + " u " + tmp.file("n.csv") + " --compress VRTALZWC --opt \"COMPRESS=VRTARLC2\"").status,
+              2);
+}
+
+}  // namespace

@@ -74,3 +74,26 @@ TEST(VrtaCli, OptionsListsAtTheAskedLevel) {
     EXPECT_EQ(h.status, 0);
     EXPECT_TRUE(has(h, "usage: vrta options [--level N]")) << h.out;
 }
+
+TEST(VrtaCli, OptionsParsesAHostTextThroughTheEngine) {
+    const std::string msg = "MSGPATH=" VRTA_SRC_MSGDIR;
+    Result r = vrta("options --opt \"SERVER=db.5010 USER='ann' BITINDEX=(age Name) NUMGEN=-2 DEBUG=CORE\"", msg);
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_TRUE(has(r, "servname     'DB'")) << r.out;
+    EXPECT_TRUE(has(r, "appname      '5010'")) << r.out;
+    EXPECT_TRUE(has(r, "user         'ann'")) << r.out;
+    EXPECT_TRUE(has(r, "debug        0x60084000 BYSORT VRTAWHERE DEBUG DEBUG=CORE")) << r.out;
+    EXPECT_TRUE(has(r, "bit          AGE NAME")) << r.out;
+    EXPECT_TRUE(has(r, "gennum       -2")) << r.out;
+
+    // A fault is shown under the word at fault, with the engine's text.
+    r = vrta("options --opt \"STARTOBS=5 RPCSIZE=abc\"", msg);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(has(r, "  STARTOBS=5 RPCSIZE=abc\n                     ^^^\n  The option ABC is malformed.")) << r.out;
+    // Each parser alone knows only its own keywords.
+    r = vrta("options --table \"SERVER=x\"", msg);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(has(r, "SERVER is not an option of this engine.")) << r.out;
+    EXPECT_EQ(vrta("options --domain \"NUMGEN=1\"", msg).status, 2);
+    EXPECT_EQ(vrta("options --opt").status, 2);
+}

@@ -1,10 +1,12 @@
 // vrta describe: what a table is made of.
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "apiload.h"
+#include "engopts.h"
 #include "vrta.h"
 
 namespace vrtacli {
@@ -17,14 +19,25 @@ std::string exitName(const char* n) {
 }
 
 int run(const std::vector<std::string>& args) {
-    std::string key;
+    std::string key, opt;
+    bool hasopt = false;
     std::vector<std::string> pos;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--key" && i + 1 < args.size()) key = args[++i];
+        else if (args[i] == "--opt" && i + 1 < args.size() && !hasopt) opt = args[++i], hasopt = true;
         else if (args[i].size() > 1 && args[i][0] == '-') return fail("describe: unknown option '" + args[i] + "'", 2);
         else pos.push_back(args[i]);
     }
     if (pos.size() != 2) return fail("describe: needs DOMAIN_DIR TABLE (try --help)", 2);
+    if (hasopt) {
+        EngineOptions o;
+        if (int st = engineOptions("describe", opt, OptKind::Table, &o)) return st;
+        if (int st = onlyOptions("describe", o, {"PW", "READ"})) return st;
+        if (o.table && o.table->ekey[0]) {
+            if (!key.empty()) return fail("describe: give the key once, with --key or PW=", 2);
+            key.assign(o.table->ekey, strnlen(o.table->ekey, sizeof o.table->ekey));
+        }
+    }
     Domain dom;
     if (int st = dom.assign(pos[0])) return st;
     OpenTable t;
@@ -91,11 +104,12 @@ int run(const std::vector<std::string>& args) {
 }
 
 Register reg({"describe", "show a table's columns, rows, blocks, partitions, files and exits",
-              "usage: vrta describe DOMAIN_DIR TABLE [--key KEY]\n"
+              "usage: vrta describe DOMAIN_DIR TABLE [--key KEY] [--opt 'TABLE OPTIONS']\n"
               "\n"
               "Shows the table's rows and deleted rows, row length, block size and factor,\n"
               "partitioning, encoding, compression and encryption exits, its columns, and\n"
-              "every file with its size. An encrypted table needs its KEY.\n",
+              "every file with its size. An encrypted table needs its KEY, given with --key\n"
+              "or as the table option PW='key' (in quotes to keep its case).\n",
               run});
 
 }  // namespace

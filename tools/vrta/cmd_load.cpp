@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "apiload.h"
+#include "engopts.h"
 #include "csv.h"
 #include "vrta.h"
 
@@ -218,8 +219,8 @@ std::string where(const std::string& file, long line) { return file + ":" + std:
 
 int run(const std::vector<std::string>& args) {
     std::vector<std::string> pos;
-    std::string compress, encrypt, key, types;
-    bool haskey = false;
+    std::string compress, encrypt, key, types, opt, label;
+    bool haskey = false, hasopt = false;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         auto value = [&](std::string& out) {
@@ -227,7 +228,11 @@ int run(const std::vector<std::string>& args) {
             out = args[++i];
             return true;
         };
-        if (a == "--compress") {
+        if (a == "--opt") {
+            if (i + 1 >= args.size() || hasopt) return fail("load: give --opt once, with a text of options", 2);
+            opt = args[++i];
+            hasopt = true;
+        } else if (a == "--compress") {
             if (!value(compress)) return fail("load: --compress needs an exit name", 2);
         } else if (a == "--encrypt") {
             if (!value(encrypt)) return fail("load: --encrypt needs an exit name", 2);
@@ -244,6 +249,23 @@ int run(const std::vector<std::string>& args) {
     }
     if (pos.size() != 3) return fail("load: needs DOMAIN_DIR TABLE FILE.csv (try --help)", 2);
     const std::string &dir = pos[0], &table = pos[1], &file = pos[2];
+    if (hasopt) {
+        // Table options: the compression exit and the label.
+        EngineOptions o;
+        if (int st = engineOptions("load", opt, OptKind::Table, &o)) return st;
+        if (int st = onlyOptions("load", o, {"COMPRESS", "LABEL"})) return st;
+        if (const vrta::HPOOPT* t = o.table) {
+            std::string name(t->compress, sizeof t->compress);
+            while (!name.empty() && name.back() == ' ') name.pop_back();
+            const bool given = std::find(o.keys.begin(), o.keys.end(), "COMPRESS") != o.keys.end();
+            if (given && t->comp && name.empty())
+                return fail("load: COMPRESS=YES leaves the exit open; name it, as in COMPRESS=VRTARLC2", 2);
+            if (given && !compress.empty() && (!t->comp || upper(name) != upper(compress)))
+                return fail("load: --compress and COMPRESS= say different things", 2);
+            if (given && t->comp) compress = name;
+            label.assign(t->label, strnlen(t->label, sizeof t->label));
+        }
+    }
     if (!validName(table)) return fail("load: '" + table + "' is not a table name (1 to 32 letters, digits or _)", 2);
     for (const std::string* x : {&compress, &encrypt})
         if (!x->empty() && (x->size() > 8 || x->find('/') != std::string::npos))
@@ -377,6 +399,7 @@ int run(const std::vector<std::string>& args) {
     cr.compress = compress.empty() ? nullptr : compress.c_str();
     cr.encrypt = encrypt.empty() ? nullptr : encrypt.c_str();
     cr.ekey = haskey ? key.c_str() : nullptr;
+    cr.label = label.empty() ? nullptr : label.c_str();
     void* fid = nullptr;
     int rc = api->vrtacreate(dom.lib, table.c_str(), static_cast<int>(table.size()), &cr, &fid);
     if (rc < 0) return fail("load: cannot make the table '" + table + "': " + api->text(rc));
@@ -455,7 +478,7 @@ int run(const std::vector<std::string>& args) {
 
 Register reg({"load", "make a table from a CSV file",
               "usage: vrta load DOMAIN_DIR TABLE FILE.csv [--compress NAME] [--encrypt NAME --key KEY]\n"
-              "                 [--types LIST]\n"
+              "                 [--types LIST] [--opt 'TABLE OPTIONS']\n"
               "\n"
               "Makes the table TABLE in the domain directory (made when missing) from a CSV file\n"
               "whose first line names the columns. A column becomes a number only when a number\n"
@@ -472,6 +495,8 @@ Register reg({"load", "make a table from a CSV file",
               "                   VRTALZWC, or a module on VRTA_LIBRARY_PATH)\n"
               "  --encrypt NAME   encrypt with the exit NAME (VRTACRYP) and the key KEY (1 to 12\n"
               "                   characters); the table then opens only with --key KEY\n"
+              "  --opt TEXT       table options in the host's form: COMPRESS=NAME (or NO) and\n"
+              "                   LABEL='text'\n"
               "\n"
               "A bad line stops the load with its line number, and no table is left.\n",
               run});

@@ -2,12 +2,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <string>
 #include <vector>
 
 #include "apiload.h"
 #include "csv.h"
+#include "engopts.h"
 #include "vrta.h"
 
 namespace vrtacli {
@@ -23,9 +25,10 @@ bool count(const std::string& s, int64_t* n) {
     return true;
 }
 
-// Calls each(row) for every live row from row `from`, at most `limit` rows.
+// Calls each(row) for every live row from row `from` up to row `until`, at
+// most `limit` rows.
 template <class F>
-int scan(const OpenTable& t, int obslen, int64_t from, int64_t limit, F each) {
+int scan(const OpenTable& t, int obslen, int64_t from, int64_t limit, int64_t until, F each) {
     const DirectApi* api = t.api;
     std::vector<unsigned char> buf(static_cast<size_t>(BUFROWS) * obslen);
     void* io = nullptr;
@@ -36,30 +39,46 @@ int scan(const OpenTable& t, int obslen, int64_t from, int64_t limit, F each) {
         return fail("print: cannot position the table: " + api->text(rc));
     }
     int64_t done = 0;
-    while (done < limit) {
+    // Row numbers: as the cursor reports them when rows are deleted, else
+    // counted on from `from`.
+    int64_t next = from;
+    bool past = false;
+    while (done < limit && !past) {
         long n = 0;
         void* p = nullptr;
-        rc = api->spreadv(io, &n, &p, nullptr);
+        int64_t* obs = nullptr;
+        rc = api->spreadv(io, &n, &p, &obs);
         if (rc < 0) {
             api->spfreerd(io);
             return fail("print: reading rows failed: " + api->text(rc));
         }
         if (n <= 0) break;
-        for (long i = 0; i < n && done < limit; ++i, ++done) each(static_cast<unsigned char*>(p) + i * obslen);
+        for (long i = 0; i < n && done < limit; ++i, ++done) {
+            if ((obs ? obs[i] : next + i) > until) {
+                past = true;
+                break;
+            }
+            each(static_cast<unsigned char*>(p) + i * obslen);
+        }
+        next += n;
     }
     api->spfreerd(io);
     return 0;
 }
 
 int run(const std::vector<std::string>& args) {
-    std::string key;
-    bool csv = false;
+    std::string key, opt;
+    bool csv = false, hasopt = false;
     int64_t first = -1, last = -1;
     std::vector<std::string> pos;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (a == "--csv") {
             csv = true;
+        } else if (a == "--opt") {
+            if (i + 1 >= args.size() || hasopt) return fail("print: give --opt once, with a text of options", 2);
+            opt = args[++i];
+            hasopt = true;
         } else if (a == "--key") {
             if (i + 1 >= args.size()) return fail("print: --key needs a value", 2);
             key = args[++i];
@@ -76,6 +95,23 @@ int run(const std::vector<std::string>& args) {
     }
     if (pos.size() != 2) return fail("print: needs DOMAIN_DIR TABLE (try --help)", 2);
     if (first >= 0 && last >= 0) return fail("print: give --first or --last, not both", 2);
+    // Table options: the key, and the rows by number.
+    int64_t startobs = 1, endobs = INT64_MAX;
+    if (hasopt) {
+        EngineOptions o;
+        if (int st = engineOptions("print", opt, OptKind::Table, &o)) return st;
+        if (int st = onlyOptions("print", o, {"PW", "READ", "STARTOBS", "ENDOBS"})) return st;
+        const vrta::HPOOPT* t = o.table;
+        if (t && t->ekey[0]) {
+            if (!key.empty()) return fail("print: give the key once, with --key or PW=", 2);
+            key.assign(t->ekey, strnlen(t->ekey, sizeof t->ekey));
+        }
+        if (t && t->startobs > 0) startobs = t->startobs;
+        if (t && t->endobs > 0) endobs = t->endobs;
+        if (startobs > endobs) return fail("print: STARTOBS is above ENDOBS", 2);
+        if (last >= 0 && (startobs > 1 || endobs < INT64_MAX))
+            return fail("print: give --last or STARTOBS and ENDOBS, not both", 2);
+    }
     Domain dom;
     if (int st = dom.assign(pos[0])) return st;
     OpenTable t;
@@ -87,13 +123,13 @@ int run(const std::vector<std::string>& args) {
 
     // The rows wanted: the first N from row 1, or the last N, found from a
     // row early enough that deleted rows cannot leave fewer than N behind it.
-    int64_t from = 1, limit = INT64_MAX;
+    int64_t from = startobs, limit = INT64_MAX;
     if (first >= 0) limit = first;
     if (last >= 0) from = std::max<int64_t>(1, vi.numobs - last - vi.numdelete + 1);
     auto keep = [&](auto each) -> int {
-        if (last < 0) return scan(t, vi.obslen, from, limit, each);
+        if (last < 0) return scan(t, vi.obslen, from, limit, endobs, each);
         std::deque<std::vector<unsigned char>> tail;
-        int st = scan(t, vi.obslen, from, limit, [&](const unsigned char* r) {
+        int st = scan(t, vi.obslen, from, limit, endobs, [&](const unsigned char* r) {
             if (last == 0) return;
             tail.emplace_back(r, r + vi.obslen);
             if (static_cast<int64_t>(tail.size()) > last) tail.pop_front();
@@ -161,6 +197,7 @@ int run(const std::vector<std::string>& args) {
 
 Register reg({"print", "print a table's rows, aligned or as CSV",
               "usage: vrta print DOMAIN_DIR TABLE [--csv] [--first N] [--last N] [--key KEY]\n"
+              "                  [--opt 'TABLE OPTIONS']\n"
               "\n"
               "Prints the rows as an aligned table, numbers to the right, or with --csv as\n"
               "CSV with a header line, which vrta load reads back into the same rows.\n"
@@ -168,7 +205,9 @@ Register reg({"print", "print a table's rows, aligned or as CSV",
               "\n"
               "  --first N   only the first N rows\n"
               "  --last N    only the last N rows\n"
-              "  --key KEY   the key of an encrypted table\n",
+              "  --key KEY   the key of an encrypted table\n"
+              "  --opt TEXT  table options in the host's form: STARTOBS=n and ENDOBS=n (rows by\n"
+              "              their number), PW='key' or READ='key' (in quotes to keep its case)\n",
               run});
 
 }  // namespace
