@@ -13,7 +13,9 @@ namespace vrta {
 
 namespace {
 
-// fflags of a block whose state holds a malloc'ed LAG queue.
+// fflags of a block whose state holds a malloc'ed LAG queue. A block serves
+// one call site, so this never meets the -1 or 1 of RANUNI: the flag is
+// compared whole.
 constexpr int XF_FS_QUEUE = 0x100;
 
 // The uniform generator: x <- 397204094 x mod (2^31 - 1), giving x / (2^31 - 1).
@@ -54,7 +56,7 @@ char* entry(LagQ* q, int i) {
 }
 
 LagQ* queue(FNCPAR* p, int depth, int slot) {
-    if (p->fstate.fflags & XF_FS_QUEUE) {
+    if (p->fstate.fflags == XF_FS_QUEUE) {
         LagQ* q = static_cast<LagQ*>(p->fstate.u.p);
         if (q->depth == depth && q->slot >= slot) return q;
         xfpfree(p);
@@ -65,7 +67,7 @@ LagQ* queue(FNCPAR* p, int depth, int slot) {
     q->depth = depth;
     q->slot = slot;
     p->fstate.u.p = q;
-    p->fstate.fflags |= XF_FS_QUEUE;
+    p->fstate.fflags = XF_FS_QUEUE;
     return q;
 }
 
@@ -125,10 +127,10 @@ int describe(FNCPAR* p, void* r) {
 }  // namespace
 
 void xfpfree(FNCPAR* p) {
-    if (p && (p->fstate.fflags & XF_FS_QUEUE)) {
+    if (p && p->fstate.fflags == XF_FS_QUEUE) {
         free(p->fstate.u.p);
         p->fstate.u.p = nullptr;
-        p->fstate.fflags &= ~XF_FS_QUEUE;
+        p->fstate.fflags = 0;
     }
 }
 
