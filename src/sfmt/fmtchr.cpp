@@ -297,14 +297,16 @@ int inpdate(const FMTTBL_ENT* e, const char* in, int len, int, double* out) {
     std::string s = trimmed(in, len);
     if (s.empty() || s == ".") return result(true, VZ_MISSING, out);
     double v = 0;
-    return result(readdate(e->arg, s, &v), v, out);
+    bool ok = readdate(e->arg, s, &v);
+    return result(ok, v, out);
 }
 
 int inptime(const FMTTBL_ENT*, const char* in, int len, int, double* out) {
     std::string s = trimmed(in, len);
     if (s.empty() || s == ".") return result(true, VZ_MISSING, out);
     double v = 0;
-    return result(readtime(s, &v), v, out);
+    bool ok = readtime(s, &v);
+    return result(ok, v, out);
 }
 
 // ddMONyy[yy] then a time, after a colon, a blank or a "T".

@@ -1,5 +1,6 @@
 // Date, time and datetime formats. A date outside the supported years is
 // starred. Formats that have several forms use the longest that fits.
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cmath>
@@ -20,9 +21,9 @@ struct Ymd {
     long date;
 };
 
-// The day of a date (arg below 100) or of a datetime (arg 100 and up).
-bool ymd(const FMTTBL_ENT* e, double v, Ymd* out) {
-    double day = e->arg >= 100 ? std::floor(v / 86400) : std::floor(v);
+// The day of a date, or of a datetime.
+bool ymd(double v, bool datetime, Ymd* out) {
+    double day = datetime ? std::floor(v / 86400) : std::floor(v);
     if (!xfd::inrange(day)) return false;
     out->date = static_cast<long>(day);
     xfd::civil(out->date, &out->y, &out->m, &out->d);
@@ -65,14 +66,19 @@ struct Hms {
     double s;
 };
 
-// Splits a count of seconds, rounded first to d decimals so that 59.9996
-// seconds shown with 3 decimals becomes the next minute.
+// Cuts a count of seconds to d decimals, as a clock does: 23:59:59.9 is
+// still the same day. A value a hair below a decimal (2.3 held as
+// 2.29999...) is taken as that decimal.
+double cut(double a, int d) {
+    double scale = std::pow(10.0, d), q = a * scale;
+    return std::floor(q + 1e-9 * std::max(1.0, std::fabs(q))) / scale;
+}
+
+// Splits a count of seconds, cut first to d decimals.
 Hms hms(double secs, int d) {
     Hms t{};
     t.neg = secs < 0;
-    double a = std::fabs(secs);
-    double scale = std::pow(10.0, d);
-    a = std::round(a * scale) / scale;
+    double a = cut(std::fabs(secs), d);
     t.h = static_cast<long>(std::floor(a / 3600));
     a -= static_cast<double>(t.h) * 3600;
     t.m = static_cast<int>(std::floor(a / 60));
@@ -98,7 +104,7 @@ std::string clock(const Hms& t, int d, bool withsecs, int hdigits = 1) {
 // DATE (arg 0) and DTDATE (arg 100).
 int fmtdate(const FMTTBL_ENT* e, double v, int w, int, char* out) {
     Ymd t;
-    if (!ymd(e, v, &t)) return starred(w, out);
+    if (!ymd(v, e->arg >= 100, &t)) return starred(w, out);
     std::string full = ddmonyy(t, true);
     std::string dashed = num(t.d, 2) + "-" + mon3(t.m) + "-" + num(t.y, 4);
     return firstfit({dashed, full, ddmonyy(t, false), num(t.d, 2) + mon3(t.m)}, w, out);
@@ -108,7 +114,7 @@ int fmtdate(const FMTTBL_ENT* e, double v, int w, int, char* out) {
 // and, from bit 8, the separator (0 for none).
 int fmtdmy(const FMTTBL_ENT* e, double v, int w, int, char* out) {
     Ymd t;
-    if (!ymd(e, v, &t)) return starred(w, out);
+    if (!ymd(v, false, &t)) return starred(w, out);
     char order = static_cast<char>(e->arg & 0xff);
     char sep = static_cast<char>((e->arg >> 8) & 0xff);
     auto parts = [&](bool fullyear) {
@@ -139,7 +145,7 @@ int fmtdmy(const FMTTBL_ENT* e, double v, int w, int, char* out) {
 // YYMM 14, JULIAN 15; 100 more for a datetime.
 int fmtdpart(const FMTTBL_ENT* e, double v, int w, int, char* out) {
     Ymd t;
-    if (!ymd(e, v, &t)) return starred(w, out);
+    if (!ymd(v, e->arg >= 100, &t)) return starred(w, out);
     static const char* const roman[] = {"I", "II", "III", "IV"};
     int q = (t.m - 1) / 3 + 1;
     long doy = t.date - xfd::days(t.y, 1, 1) + 1;
@@ -168,7 +174,7 @@ int fmtdpart(const FMTTBL_ENT* e, double v, int w, int, char* out) {
 // for a datetime.
 int fmtdword(const FMTTBL_ENT* e, double v, int w, int, char* out) {
     Ymd t;
-    if (!ymd(e, v, &t)) return starred(w, out);
+    if (!ymd(v, e->arg >= 100, &t)) return starred(w, out);
     std::string day = fmt::kDays[xfd::weekday(t.date) - 1], month = fmt::kMonths[t.m - 1];
     std::string dy3 = day.substr(0, 3), mo3 = month.substr(0, 3);
     std::string d = std::to_string(t.d), y4 = std::to_string(t.y), y2 = num(t.y % 100, 2);
@@ -189,8 +195,7 @@ int fmtdword(const FMTTBL_ENT* e, double v, int w, int, char* out) {
 
 // DATETIME (arg 0) and DATEAMPM (arg 1).
 int fmtdatetime(const FMTTBL_ENT* e, double v, int w, int d, char* out) {
-    double scale = std::pow(10.0, d);
-    double r = std::round(v * scale) / scale;
+    double r = v < 0 ? -cut(-v, d) : cut(v, d);
     double day = std::floor(r / 86400);
     if (!xfd::inrange(day)) return starred(w, out);
     Ymd t;
@@ -267,8 +272,7 @@ int fmtiso(const FMTTBL_ENT* e, double v, int w, int d, char* out) {
         if (!date(std::floor(v), e->arg == 1, &s)) return starred(w, out);
         return firstfit({s}, w, out);
     case 2: {
-        double scale = std::pow(10.0, d);
-        double r = std::round(v * scale) / scale;
+        double r = v < 0 ? -cut(-v, d) : cut(v, d);
         double day = std::floor(r / 86400);
         if (!date(day, true, &s)) return starred(w, out);
         Hms t = hms(r - day * 86400, d);
