@@ -391,3 +391,58 @@ TEST(FncGeography, FipsPostalAndZipCodes) {
     zf.sets(1, "34012");
     EXPECT_TRUE(vzismiss(num("ZIPFIPS", zf)));
 }
+
+namespace {
+
+double intnx(const char* iv, double start, double n, const char* align = nullptr) {
+    Args a;
+    a.s(iv).n(start).n(n);
+    if (align) a.s(align);
+    return num("INTNX", a);
+}
+
+double intck(const char* iv, double from, double to) {
+    Args a;
+    a.s(iv).n(from).n(to);
+    return num("INTCK", a);
+}
+
+}  // namespace
+
+// Intervals the calendar table does not reach: weekdays, ten-day and
+// half-year periods, multipliers and shifts, times, and alignments.
+TEST(FncIntervals, KindsMultipliersShiftsAndAlignment) {
+    // 1 January 1960 was a Friday.
+    EXPECT_EQ(intnx("WEEKDAY", 0, 1), 3);
+    EXPECT_EQ(intnx("WEEKDAY", 1, 0), 0);
+    EXPECT_EQ(intnx("WEEKDAY", 2, 1), 3);
+    EXPECT_EQ(intck("WEEKDAY", 0, 3), 1);
+    EXPECT_EQ(intck("WEEKDAY", 0, 7), 5);
+    EXPECT_EQ(intnx("WEEKDAY1W", 0, 1), 1);
+    EXPECT_EQ(intnx("WEEKDAY67W", 0, 1), 2);  // Friday and Saturday off
+    EXPECT_EQ(intnx("TENDAY", 14, 1), 20);
+    EXPECT_EQ(intnx("TENDAY", 24, 1), 31);
+    EXPECT_EQ(intnx("SEMIYEAR", 220, 0), 182);
+    EXPECT_EQ(intnx("MONTH2", 40, 0), 0);
+    EXPECT_EQ(intnx("MONTH2", 60, 0), 60);
+    EXPECT_EQ(intnx("MONTH2.2", 14, 0), -31);
+    EXPECT_EQ(intnx("WEEK.2", 0, 0), -4);  // weeks from Monday
+    EXPECT_EQ(intnx("HOUR", 3723, 1), 7200);
+    EXPECT_EQ(intnx("MINUTE2", 3723, 0), 3720);
+    EXPECT_EQ(intnx("SECOND", 3723.5, 0), 3723);
+    EXPECT_EQ(intck("HOUR", 3599, 3600), 1);
+    EXPECT_EQ(intck("DTHOUR", 3600, 3599), -1);
+    EXPECT_EQ(intnx("DTMONTH", 14 * 86400.0 + 43200, 1, "E"), 60 * 86400.0 - 1);
+    EXPECT_EQ(intnx("MONTH", 0, 0, "M"), 15);
+    EXPECT_EQ(intnx("MONTH", 0, 0, "middle"), 15);
+    EXPECT_EQ(intnx("YEAR", 14669, 1, "S"), 14669 + 365);
+    EXPECT_EQ(intnx("MONTH", 30, 1, "same"), 59);  // 31 January to 29 February
+    EXPECT_EQ(intnx("DTDAY", 3723.5, 1, "S"), 86400 + 3723.5);
+    EXPECT_EQ(intnx(" qtr ", 100, 1, " b "), 182);
+    EXPECT_EQ(intnx("year", 0, 2.9), intnx("YEAR", 0, 2));
+    for (const char* bad : {"", "DT", "MONTH0", "WEEK.8", "QTR.4", "DAY.2", "WEEKDAY1234567W", "MONTH.", "HOURS"})
+        EXPECT_TRUE(vzismiss(intnx(bad, 0, 1))) << bad;
+    EXPECT_TRUE(vzismiss(intnx("YEAR", 0, 1e12)));
+    EXPECT_TRUE(vzismiss(intnx("YEAR", 0, 20000)));
+    EXPECT_TRUE(vzismiss(intck("MONTH", M, 3)));
+}
