@@ -9,6 +9,8 @@ namespace vrta {
 struct YXSOCK_OPEN;
 struct HPDLIB;
 using hpdlib = HPDLIB*;
+struct HPDECB;
+using hpdptr = HPDECB*;
 
 // Header common to every engine a host drives; the host may read it.
 struct DBIGCB {
@@ -54,6 +56,63 @@ struct HPDSERV {
     int protocol_mismatch;
 };
 using hpdserv = HPDSERV*;
+
+// One assigned domain. Lives from hpdlasg to hpdldas in the engine's list.
+struct HPDLIB {
+    HPDLIB* next;
+    HPDLIB* prev;
+    char id[4];  // "HPDL"
+    char name[8];
+    hpdserv server;
+    char* pn;  // shown to the host: server host, ":", server pid, path
+    int pnl;
+    void* infomem;
+    int libid;
+    // Paths as the server gave them (own copies), and its free space in KB.
+    char* metapath;
+    int metalen;
+    char* indxpath;
+    int indxlen;
+    char* datapath;
+    int datalen;
+    double size;
+    int access;
+    YXSOCK_OPEN* sopen;  // the server's socket, or the domain's own
+    int nocomp;
+    void* handle;        // direct path, from splasgn; null when off
+    hpdptr hpd;
+    int alias;
+    int bysort;
+    int unixs;
+    int64_t startobs, endobs;
+    int korsort;
+    int ltype;
+    int bitmap, where;
+    int ubufsize, ubufno;
+    int wheresize;
+    int physl;
+    char* phys;
+    int usertokl;
+    char* usertok;
+    void* catlib;
+    int nocatlock, nocatopen;
+    int level;
+    XHEATTR* attr;
+    int expmsg;
+    int perf;
+    int temp;
+    int async;
+    int delrec;
+    int backup;
+    char nhost[128], nserv[128], nserver[128];
+    int nservport;
+    int lock;
+    int oport;
+    char domain[32];
+    int fmtlib;
+    int truncwarn, dynlock;
+    int samebox;
+};
 
 // The name server's answer about one domain.
 struct HPDSNAME_INFO {
@@ -159,7 +218,7 @@ rctype hpdlxsp(void* engid);
 rctype hpvallv(void* fid);
 
 #define VRTA_HPD_NOTYET(X)                                                                              \
-    X(hpdlasg) X(hpdldas) X(hpctrnc) X(hpddel) X(hpdrnm) X(hpddopn) X(hpddrd)                           \
+    X(hpctrnc) X(hpddel) X(hpdrnm) X(hpddopn) X(hpddrd)                                                 \
     X(hpdcls) X(hpdexis) X(hpoopen) X(hpoclos) X(hporopn) X(hpofix) X(hpvprji) X(hpvprjl)               \
     X(hpvprje) X(hpodefv) X(hpcdnot) X(hpvnamu) X(hpoaddl) X(hpoinfo) X(hpoload) X(hpgetnc) X(hpogetr)  \
     X(hpoadd) X(hpoupd) X(hpodel) X(hponote) X(hpopnt) X(hpon2rd) X(hpord2n) X(hpoforc) X(hpowset)      \
@@ -167,8 +226,8 @@ rctype hpvallv(void* fid);
     X(hpcforc) X(hpiedef) X(hpidrop) X(hpiobtn) X(hpistat) X(hpieset) X(hpipnt) X(hpieget) X(hpcdpnt)   \
     X(hplopen) X(hplclos) X(hplmopn) X(hplmcls) X(hplmrd) X(hplmwrt) X(hpldopn) X(hpldcls) X(hpldrd)    \
     X(hpldlst) X(hpldpnt) X(hpldnt) X(hplmnt) X(hplmpt) X(hplminf) X(hplinf) X(hplmdel) X(hplmren)      \
-    X(hplmset) X(hplmops) X(hplmfd) X(hplmopg) X(hpldinf) X(hplmskp) X(hplals) X(hplname) X(hpdlins)    \
-    X(hpdlinr) X(hpoinfr) X(hpcinfs) X(hpdtest) X(hplinfs) X(hplinfr) X(hpclock) X(hpssgrp) X(hpssget)  \
+    X(hplmset) X(hplmops) X(hplmfd) X(hplmopg) X(hpldinf) X(hplmskp) X(hplals) X(hplname) \
+    X(hpoinfr) X(hpcinfs) X(hpdtest) X(hplinfs) X(hplinfr) X(hpclock) X(hpssgrp) X(hpssget)  \
     X(hposth) X(hpdlasgn) X(hpokeep)                                                                    \
     X(hpeopen) X(hpeclos) X(hpesacl) X(hpelacl) X(hpeaacl) X(hpemacl) X(hpeuacl) X(hpedacl) X(hpepopr)  \
     X(hpepcls) X(hpeplba) X(hpelusr) X(hpeplbl) X(hpeplbd) X(hpeplbm) X(hpeplbc) X(hpepdba) X(hpepdbd)  \
