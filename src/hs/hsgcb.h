@@ -51,6 +51,11 @@ struct HS_GCB {
     XMGCB* xmgcb;            // the memory manager
     void* kortbgcb;          // table lock block (one mutex), hstbinit
     void* hsmemgcb;          // high-memory block, hsmeminit
+    // The rest of the vector: the calls that change or settle a file's
+    // contents beyond the first twelve, so that a host sees every one.
+    int (*xxftruncate)(int, off_t);
+    int (*xxfsync)(int);
+    int (*xxfdatasync)(int);
 };
 
 // Makes a thread key that is never 0, so that 0 can mean "no key".

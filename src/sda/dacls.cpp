@@ -18,11 +18,32 @@ rctype daflicb(DA_FCB*) __attribute__((weak));
 rctype darevidx(DA_FCB*) __attribute__((weak));
 rctype dafridx(DA_FCB*, int) __attribute__((weak));
 rctype daffbcb(DA_FCB*) __attribute__((weak));
+rctype dasyncidx(DA_FCB*) __attribute__((weak));
+
+rctype dasyncfcb(DA_FCB* fcb) {
+    rctype rc = 0;
+    if (dasyncidx) rc = dasyncidx(fcb);
+    if (rc >= 0 && fcb->dffd) rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDDATASYNC, nullptr);
+    // The MDF last: it holds the data file's directory.
+    if (rc >= 0 && fcb->mdfd) rc = fcb->mdfd->fdcntl(fcb->mdfd, DA_FDDATASYNC, nullptr);
+    if (rc < 0) hsprint("dasyncfcb: Data sync failed on %s: Reason=%s\n", fcb->name, hsstrer(rc));
+    return rc < 0 ? rc : 0;
+}
 
 rctype dawrfcbxoe(DA_FCB* fcb) {
+    // Only a description that counts more (or other) rows or columns needs
+    // them on disk first; a deletion's count is rewritten without a sync.
+    if (fcb->xoe.numobs != fcb->pubobs || fcb->xoe.nvar != fcb->pubnvar) {
+        rctype rc = dasyncfcb(fcb);
+        if (rc < 0) return rc;
+    }
     if (da_writehook) da_writehook("xoe");
     rctype rc = dawrxoe(fcb->mdfio, &fcb->xoe, fcb->dshdr.links[DA_LNKXOE]);
-    if (rc == 0) fcb->flags &= ~DA_FCBXOE;
+    if (rc == 0) {
+        fcb->flags &= ~DA_FCBXOE;
+        fcb->pubobs = fcb->xoe.numobs;
+        fcb->pubnvar = fcb->xoe.nvar;
+    }
     return rc;
 }
 
@@ -52,6 +73,9 @@ rctype daflfcb(DA_FCB* fcb) {
         if (rc < 0) return rc;
     }
     if (fcb->flags & DA_FCBDSHDR) {
+        // The records the links name are on disk before the links are.
+        rc = dasyncfcb(fcb);
+        if (rc < 0) return rc;
         da_off_t off = fcb->hdrOff;
         rc = dawrods(fcb->mdfio, &fcb->dshdr, &off);
         if (rc < 0) return rc;
@@ -146,6 +170,11 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
     if (fcb->mdfd && (disp & 1) && !(fcb->flags & DA_FCBNOREV) && !acl &&
         (fcb->mode == DA_OMUPDATE || fcb->mode == DA_OMUTIL)) {
         rctype rc = dauprev(fcb);
+        if (rc < 0) last = rc;
+    }
+    // What the close wrote lasts through a power loss once it returns.
+    if ((disp & 1) && writes) {
+        rctype rc = dasyncfcb(fcb);
         if (rc < 0) last = rc;
     }
     // The data file is revised with the MDF, so it stays open until then.

@@ -122,6 +122,8 @@ rctype danewdm(DA_FCB* fcb) {
         d->hdroff = -1;
         rc = wrods(fcb, &d->dmphdr, &d->hdroff);
     }
+    // The map's records are on disk before the header links them.
+    if (rc == 0) rc = dasyncfcb(fcb);
     if (rc == 0) {
         fcb->dshdr.links[DA_LNKDMP] = d->hdroff;
         da_off_t h = fcb->hdrOff;
@@ -194,11 +196,14 @@ rctype dalocdm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp) {
 rctype danewbm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp) {
     DA_DMPCB* d = fcb->dmpcb;
     rctype rc;
+    // Each new record is on disk before anything links it: a power loss may
+    // lose the link, never leave one that leads past the file's end.
     if (d->dirblk.nument == d->dirblk.numalloc) {
         DA_DMPDIR nd;
         dainitdmpd(&nd);
         da_off_t noff = -1;
         rc = wrods(fcb, &nd, &noff);
+        if (rc == 0) rc = dasyncfcb(fcb);
         if (rc < 0) return rc;
         d->dirblk.nextOff = noff;
         da_off_t old = d->diroff;
@@ -214,11 +219,13 @@ rctype danewbm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp) {
     da_off_t boff = -1;
     rc = wrraw(fcb, zero, bs, &boff);
     free(zero);
+    if (rc == 0) rc = dasyncfcb(fcb);
     if (rc < 0) return rc;
     DA_DMPENT e{boff, segobs};
     d->dirblk.ents[d->dirblk.nument++] = e;
     da_off_t doff = d->diroff;
     rc = wrods(fcb, &d->dirblk, &doff);
+    if (rc == 0) rc = dasyncfcb(fcb);
     if (rc < 0) return rc;
     hashadd(d, e);
     d->dmphdr.numbmap++;

@@ -55,6 +55,7 @@ enum da_fdcntl_t : int {
     DA_FDNEWPART   = 9,   // arg unused
     DA_FDGROW      = 10,  // arg da_off_t* new size
     DA_FDSYNCREV   = 11,  // arg unused
+    DA_FDDATASYNC  = 12,  // arg unused: what was written since the last one reaches stable storage
     DA_FDSYNCRD    = 16,  // arg DA_FDSCB*
     DA_FDSYNCWR    = 32,  // arg DA_FDSCB*
 };
@@ -177,6 +178,8 @@ struct DA_UIODT {
     int (*statvfs)(const char* path, struct statvfs* st);
     char* (*realpath)(const char* path, char* resolved);
     int (*ftruncate)(int fd, off_t len);
+    int (*fsync)(int fd);
+    int (*fdatasync)(int fd);
 };
 extern const DA_UIODT* _UIODT;
 
@@ -212,6 +215,10 @@ rctype dastvfs(const char* path, struct statvfs* st);
 rctype dadelef(const char* fileName);
 rctype darenmf(const char* from, const char* to);
 rctype datrncf(int fd, da_off_t size);
+// Stable storage: a file's data (with the size needed to read it back), and
+// a directory's entries (files made, renamed or removed in it).
+rctype dasyncf(int fd);
+rctype dasyncd(const char* dir);
 rctype dafulln(const char* dir, const char* name, char* buf, int buflen);
 rctype daqylko(int fd, int flags, pid_t* owner);   // whole file
 // Directories: 0 when path is a directory we can use, else DA_NOTDIR,

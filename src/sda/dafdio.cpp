@@ -44,10 +44,12 @@ ssize_t readpart(const DA_PCB* p, void* buf, size_t n, da_off_t off, int* err) {
     return static_cast<ssize_t>(done);
 }
 
-// pwrite until n bytes or an error; -1 only when nothing went.
-ssize_t writepart(const DA_PCB* p, const void* buf, size_t n, da_off_t off, int* err) {
+// pwrite until n bytes or an error; -1 only when nothing went. The
+// partition is due a data sync from here on.
+ssize_t writepart(DA_PCB* p, const void* buf, size_t n, da_off_t off, int* err) {
     size_t done = 0;
     *err = 0;
+    p->flags |= DA_PCBDIRTY;
     while (done < n) {
         const char* b = static_cast<const char*>(buf) + done;
         ssize_t r = _UIODT->pwrite(pickfd(p, b, n - done, off + done), b, n - done, off + done);
@@ -185,6 +187,15 @@ da_off_t roomleft(DA_FDP* fdp, da_off_t paroff) {
 void wrdiag(DA_FDP* fdp, const char* fmt, bool rewrite, da_off_t off, long size, da_off_t paroff, long wsize, int err) {
     hsprint(fmt, rewrite ? 1 : 0, static_cast<long>(daiogcb.filemax), static_cast<long>(fdp->fdb->filesize),
             static_cast<long>(off), static_cast<int>(size), static_cast<long>(paroff), wsize, err);
+}
+
+// Cuts a partition back to where a failed append began: what a partial
+// write left behind would otherwise count as the file's bytes at the next open.
+rctype cutback(DA_FDP* fdp, DA_PCB* p, da_off_t paroff, da_off_t off) {
+    p->flags |= DA_PCBDIRTY;
+    rctype rc = datrncf(p->pfd, paroff);
+    if (rc < 0) IOError(fdp, "dawritp", "Truncate after a failed write failed", errno, off);
+    return rc;
 }
 
 // Moves an append on to a new partition; skip as for dafnewp.
@@ -331,7 +342,7 @@ rctype dawritp(DA_FD* fd, const void* buf, long size, da_off_t* offp) {
             if (err == ENOSPC) {
                 wrdiag(fdp, "dawritp: HSENOSPC rewrite=%d filemax=%ld filesize=%ld offset=%ld size=%d paroff=%ld wsize=%ld errno=%d\n",
                        rewrite, off, size, paroff, wsize, err);
-                if (!rewrite) datrncf(p->pfd, paroff);
+                if (!rewrite && cutback(fdp, p, paroff, off) < 0) return DA_WRITEFAIL;
                 ++ntry;
             } else if (paroff == 0) {
                 ++ntry;  // a partition that can take nothing at all: do not make them forever
@@ -349,7 +360,7 @@ rctype dawritp(DA_FD* fd, const void* buf, long size, da_off_t* offp) {
             if (err == ENOSPC)
                 wrdiag(fdp, "dawritp: HSENOSPC rewrite=%d filemax=%ld filesize=%ld offset=%ld size=%d paroff=%ld wsize=%ld errno=%d\n",
                        rewrite, off, size, paroff, wsize, err);
-            datrncf(p->pfd, paroff);
+            if (cutback(fdp, p, paroff, off) < 0) return DA_WRITEFAIL;
             if (n == 0) ++ntry;
         }
         rctype rc = nextpart(fdp, pno, wsize, &ntry, off, size, paroff);
@@ -414,6 +425,7 @@ rctype datrncp(DA_FD* fd, da_off_t endoff) {
         if (rc < 0) break;
     }
     DA_PCB* p = &fdb->pcbs[fdb->numpcb - 1];
+    p->flags |= DA_PCBDIRTY;
     rctype rc = datrncf(p->pfd, endoff - p->minoffset);
     if (rc < 0) {
         IOError(fdp, "datrncp", "Truncate failed", errno, endoff);
@@ -535,6 +547,23 @@ bool damapok(da_off_t size) {
         if (static_cast<da_off_t>(rl.rlim_cur) - used - size < daiogcb.mmaplowmem) return false;
     }
     return true;
+}
+
+// ---------------------------------------------------------------- data sync
+
+rctype dasyncparts(DA_FDP* fdp) {
+    DA_FDB* fdb = fdp->fdb;
+    for (int i = 0; i < fdb->numpcb; ++i) {
+        DA_PCB* p = &fdb->pcbs[i];
+        if (!(p->flags & DA_PCBDIRTY) || p->pfd < 0) continue;
+        rctype rc = dasyncf(p->pfd);
+        if (rc < 0) {
+            IOError(fdp, "dasyncparts", "Data sync failed", errno, p->minoffset);
+            return rc;
+        }
+        p->flags &= ~DA_PCBDIRTY;
+    }
+    return 0;
 }
 
 }  // namespace vrta

@@ -1,6 +1,7 @@
 // Open, create and close of a logical file; its FIB and partition directory;
 // new partitions and the choice of their path.
 #include <algorithm>
+#include <vector>
 #include <cerrno>
 #include <new>
 #include <cstdio>
@@ -334,6 +335,7 @@ rctype dawrfibp(DA_FDP* fdp) {
     }
     if (fdb->numpcb < 1) return DA_INTERNAL;
     int pfd = fdb->pcbs[0].pfd;
+    fdb->pcbs[0].flags |= DA_PCBDIRTY;
     const char* b = reinterpret_cast<const char*>(fdb->fib);
     rctype rc = pwriteall(pfd, b, DA_FIBDIRECTLEN, 0);
     if (rc == 0) rc = pwriteall(pfd, b + DA_FIBLEN, fdb->fibsize - DA_FIBLEN, DA_FIBLEN);
@@ -518,7 +520,10 @@ rctype dafnewp(DA_FDP* fdp, int updateFib, int skipFlag) {
         p->pdi = pi;
         p->minoffset = fdb->filesize;
         p->maxoffset = fdb->filesize - 1;
-        rc = daalpde(fdp, full);
+        // The file's entry is on stable storage before any directory names
+        // it: a power loss must not leave a name without its file.
+        rc = dasyncpath(fdp, pi);
+        if (rc == 0) rc = daalpde(fdp, full);
         if (rc == 0) {
             fib = fdb->fib;
             fib->hipath = pi;
@@ -538,6 +543,14 @@ rctype dafnewp(DA_FDP* fdp, int updateFib, int skipFlag) {
         return 0;
     }
     return DA_NOSPACE;
+}
+
+rctype dasyncpath(DA_FDP* fdp, int pi) {
+    if (pi < 0 || pi >= fdp->numpath) return DA_INTERNAL;
+    rctype rc = dasyncd(fdp->paths[pi]);
+    if (rc < 0) hsprint("dasyncpath: Directory sync failed: path=%s file=%s Reason=%s\n", fdp->paths[pi],
+                        fdp->fdb->name, hsstrer(rc));
+    return rc;
 }
 
 // Closes and deletes partition pno (the last) with its directory entry.
@@ -895,13 +908,30 @@ rctype dafdclo(DA_FD* fd) {
 }
 
 // The directory made again from the partitions' full names, after their
-// files were renamed; fulls is freed.
-static void redir(DA_FDP* fdp, char (*fulls)[4096], int n) {
-    DA_FIB* fib = fdp->fdb->fib;
+// files were renamed: the renames reach stable storage first, so that a
+// directory on disk never names files that a power loss took back.
+static rctype redir(DA_FDP* fdp, char (*fulls)[4096], int n) {
+    DA_FDB* fdb = fdp->fdb;
+    rctype rc = 0;
+    std::vector<bool> synced(fdp->numpath, false);
+    for (int i = 0; i < n && i < fdb->numpcb && rc == 0; ++i) {
+        int pi = fdb->pcbs[i].pdi;
+        if (pi < 0 || pi >= fdp->numpath || synced[pi]) continue;
+        synced[pi] = true;
+        rc = dasyncpath(fdp, pi);
+    }
+    if (rc < 0) return rc;
+    DA_FIB* fib = fdb->fib;
     fib->numpde = fib->topused = fib->botused = 0;
-    memset(reinterpret_cast<char*>(fib) + DA_FIBLEN, 0, fdp->fdb->fibsize - DA_FIBLEN);
-    for (int i = 0; i < n; ++i) daalpde(fdp, fulls[i]);
-    delete[] fulls;
+    memset(reinterpret_cast<char*>(fib) + DA_FIBLEN, 0, fdb->fibsize - DA_FIBLEN);
+    for (int i = 0; i < n && rc == 0; ++i) rc = daalpde(fdp, fulls[i]);
+    if (rc < 0) {
+        // The files are renamed but the directory in memory is not whole:
+        // the file can only be closed now.
+        hsprint("redir: Partition directory of %s cannot be rebuilt: Reason=%s\n", fdb->name, hsstrer(rc));
+        fdb->state |= DA_FDSLOST;
+    }
+    return rc;
 }
 
 // Renames every partition to a new base name and rewrites the directory.
@@ -922,7 +952,12 @@ rctype dafdren(DA_FD* fd, da_off_t, const char* newname, int newlen) {
     rctype first = 0;
     for (int i = 0; i < n; ++i) {
         char old[4096];
-        dafdpfull(fdp, i, old, sizeof old);
+        rctype prc = dafdpfull(fdp, i, old, sizeof old);
+        if (prc < 0) {
+            delete[] fulls;
+            fdfree(nn, newlen + 1);
+            return prc;
+        }
         strcpy(fulls[i], old);
         const char* slash = strrchr(old, '/');
         size_t dl = slash ? static_cast<size_t>(slash - old) + 1 : 0;
@@ -937,14 +972,17 @@ rctype dafdren(DA_FD* fd, da_off_t, const char* newname, int newlen) {
         }
         strcpy(fulls[i], nw);
     }
-    redir(fdp, fulls, n);
+    rctype rc = redir(fdp, fulls, n);
+    delete[] fulls;
     fdb->name = nn;
     fdstrfree(oldname);
     fdb->fib->namelen = newlen;
-    if (fdb->flags & DA_FDSHARED) fdblock();
-    setkey(fdp);
-    if (fdb->flags & DA_FDSHARED) fdbunlock();
-    rctype rc = dawrfibp(fdp);
+    if (rc == 0) {
+        if (fdb->flags & DA_FDSHARED) fdblock();
+        rc = setkey(fdp);
+        if (fdb->flags & DA_FDSHARED) fdbunlock();
+    }
+    if (rc == 0) rc = dawrfibp(fdp);
     return first ? first : rc;
 }
 
@@ -957,9 +995,14 @@ rctype dafdrev(DA_FD* fd, da_off_t) {
     int n = fdb->fib->numpde;
     char (*fulls)[4096] = new (std::nothrow) char[n > 0 ? n : 1][4096];
     if (!fulls) return DA_NOMEM;
+    rctype first = 0;
     for (int i = 0; i < n; ++i) {
         char old[4096];
-        dafdpfull(fdp, i, old, sizeof old);
+        rctype prc = dafdpfull(fdp, i, old, sizeof old);
+        if (prc < 0) {
+            delete[] fulls;
+            return prc;
+        }
         strcpy(fulls[i], old);
         if (i == 0 && (fdp->flags & DA_FDOWNFIB)) continue;
         // Cut "<rev>.<suffix>" off the tail and put the new number in.
@@ -972,16 +1015,22 @@ rctype dafdrev(DA_FD* fd, da_off_t) {
         char nw[4096];
         snprintf(nw, sizeof nw, "%.*s.%d%s", static_cast<int>(dot1 - old), old, nrev, dot2);
         if (_UIODT->rename(old, nw) < 0) {
+            // The partition keeps its name and the directory says so; the
+            // caller learns that the revision is not whole.
             hsprint("dafdrev: Error revising %s to %s: Reason=%s\n", old, nw, strerror(errno));
+            if (!first) first = daerrno(errno);
             continue;
         }
         strcpy(fulls[i], nw);
     }
-    redir(fdp, fulls, n);
+    rctype rc = redir(fdp, fulls, n);
+    delete[] fulls;
+    if (rc < 0) return rc;
     fdb->fib->revision = nrev;
     fdb->revision = nrev;
     fd->revision = nrev;
-    return dawrfibp(fdp);
+    rc = dawrfibp(fdp);
+    return first ? first : rc;
 }
 
 rctype dafdckrev(DA_FD* fd, int flags, da_off_t, da_off_t* fsize) {

@@ -14,8 +14,9 @@ struct DA_PCB {
     int pdi;             // path index
     int pfd;             // descriptor, -1 when closed
     int dfd;             // O_DIRECT twin for aligned transfers, -1 when none
-    int flags;
+    int flags;           // DA_PCBDIRTY
 };
+constexpr int DA_PCBDIRTY = 1;  // written since the last data sync
 
 // A file's shared state; one per opener, or one per process with DA_FDSHARED.
 struct DA_FDB {
@@ -108,6 +109,10 @@ void dafdsmt(DA_FDP* fdp);
 rctype OpenParts(DA_FDP* fdp, int from);
 void RecalcSizes(DA_FDP* fdp);
 rctype GrowFile(DA_FDP* fdp, da_off_t newsize);
+// Data sync of every partition written since the last one.
+rctype dasyncparts(DA_FDP* fdp);
+// Sync of the directory of partition path index pi.
+rctype dasyncpath(DA_FDP* fdp, int pi);
 
 // Methods.
 rctype dareadp(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread);

@@ -196,6 +196,7 @@ rctype UnlockFIB(DA_FDP* fdp, bool abort) {
             rc = m->fd.fdwrite(&m->fd, fib, DA_FIBLEN, &off);
         } else {
             ssize_t n;
+            fdb->pcbs[0].flags |= DA_PCBDIRTY;
             do {
                 n = _UIODT->pwrite(fdb->pcbs[0].pfd, fib, DA_FIBDIRECTLEN, 0);
             } while (n < 0 && errno == EINTR);
@@ -331,6 +332,8 @@ rctype dafdcntl(DA_FD* fd, int cmd, void* arg) {
         return GrowFile(fdp, *static_cast<da_off_t*>(arg));
     case DA_FDSYNCREV:
         return UpdateRev(fdp);
+    case DA_FDDATASYNC:
+        return dasyncparts(fdp);
     default:
         return DA_BADCNTL;
     }

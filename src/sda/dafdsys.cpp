@@ -75,9 +75,23 @@ char* sysrealpath(const char* p, char* r) {
     return ::realpath(p, r);
 }
 
+int sysftruncate(int fd, off_t len) {
+    if (HSGCB && HSGCB->xxftruncate) return HSGCB->xxftruncate(fd, len);
+    return ::ftruncate(fd, len);
+}
+int sysfsync(int fd) {
+    if (HSGCB && HSGCB->xxfsync) return HSGCB->xxfsync(fd);
+    return ::fsync(fd);
+}
+int sysfdatasync(int fd) {
+    if (HSGCB && HSGCB->xxfdatasync) return HSGCB->xxfdatasync(fd);
+    return ::fdatasync(fd);
+}
+
 const DA_UIODT plainiot = {
     sysopen, syspread, syspwrite, sysclose, syslseek, sysstat, sysfstat,
-    sysunlink, sysfcntl, sysrename, sysstatvfs, sysrealpath, ::ftruncate,
+    sysunlink, sysfcntl, sysrename, sysstatvfs, sysrealpath, sysftruncate,
+    sysfsync, sysfdatasync,
 };
 
 // Tracing twins: each call and its outcome on one line.
@@ -166,9 +180,23 @@ char* TRrealpath(const char* p, char* r) {
     return rc;
 }
 int TRftruncate(int fd, off_t len) {
-    int rc = ::ftruncate(fd, len);
+    int rc = sysftruncate(fd, len);
     int e = errno;
     hsprint("TRftruncate: fd=%d size=%ld rc=%d errno=%d\n", fd, (long)len, rc, rc < 0 ? e : 0);
+    errno = e;
+    return rc;
+}
+int TRfsync(int fd) {
+    int rc = sysfsync(fd);
+    int e = errno;
+    hsprint("TRfsync: fd=%d rc=%d errno=%d\n", fd, rc, rc < 0 ? e : 0);
+    errno = e;
+    return rc;
+}
+int TRfdatasync(int fd) {
+    int rc = sysfdatasync(fd);
+    int e = errno;
+    hsprint("TRfdatasync: fd=%d rc=%d errno=%d\n", fd, rc, rc < 0 ? e : 0);
     errno = e;
     return rc;
 }
@@ -176,6 +204,7 @@ int TRftruncate(int fd, off_t len) {
 const DA_UIODT traceiot = {
     TRopen, TRpread, TRpwrite, TRclose, TRlseek, TRstat, TRfstat,
     TRunlink, TRfcntl, TRrename, TRstatvfs, TRrealpath, TRftruncate,
+    TRfsync, TRfdatasync,
 };
 
 std::once_flag iniflag;
@@ -469,6 +498,31 @@ rctype datrncf(int fd, da_off_t size) {
         rc = _UIODT->ftruncate(fd, size);
     } while (rc < 0 && errno == EINTR);
     return rc < 0 ? daerrno(errno) : 0;
+}
+
+rctype dasyncf(int fd) {
+    int rc;
+    do {
+        rc = _UIODT->fdatasync(fd);
+    } while (rc < 0 && errno == EINTR);
+    return rc < 0 ? (errno == ENOSPC || errno == EDQUOT ? DA_NOSPACE : DA_WRITEFAIL) : 0;
+}
+
+rctype dasyncd(const char* dir) {
+    int fd;
+    do {
+        fd = _UIODT->open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) return daerrno(errno);
+    int rc;
+    do {
+        rc = _UIODT->fsync(fd);
+    } while (rc < 0 && errno == EINTR);
+    int e = errno;
+    _UIODT->close(fd);
+    // A file system that cannot sync a directory keeps its entries in order anyway.
+    if (rc < 0 && (e == EINVAL || e == ENOTSUP)) return 0;
+    return rc < 0 ? DA_WRITEFAIL : 0;
 }
 
 rctype dafulln(const char* dir, const char* name, char* buf, int buflen) {

@@ -72,9 +72,14 @@ rctype fputblock(DA_FCB* fcb, DA_BLOCK* blk) {
         rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDGROW, &ns);
         if (rc < 0) return rc;
     }
+    da_off_t end = *fcb->dffd->filesize;
     rc = fcb->dffd->fdwrite(fcb->dffd, fb->iobuf, iolen, &off);
     if (rc < 0) return rc;
     blk->blockOffset = off;
+    // A short last block that grew is read whole up to the next block: it
+    // must reach the disk before any block behind it can, or a power loss
+    // could leave its old bytes followed by a gap, read as one block.
+    if (off < end && off + iolen > end) return fcb->dffd->fdcntl(fcb->dffd, DA_FDDATASYNC, nullptr);
     return 0;
 }
 

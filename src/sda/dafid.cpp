@@ -483,7 +483,10 @@ rctype darclos(DA_FID* f) {
     return rc;
 }
 
-rctype darfix(DA_FID* fp, int) { return daflfcb(fcbof(fp)); }
+rctype darfix(DA_FID* fp, int) {
+    rctype rc = daflfcb(fcbof(fp));
+    return rc < 0 ? rc : dasyncfcb(fcbof(fp));
+}
 
 rctype dalforc(DA_FID* fp, int flags) {
     DA_FCB* fcb = fcbof(fp);
@@ -495,7 +498,9 @@ rctype dalforc(DA_FID* fp, int flags) {
     if (fcb->vbcb && daflvbcb) brc = daflvbcb(fcb);
     else if (fcb->fbcb && daflfbcb) brc = daflfbcb(fcb);
     if (brc < 0) return brc;
-    return daflfcb(fcb);
+    rctype rc = daflfcb(fcb);
+    // A force is a commit: it lasts through a power loss once it returns.
+    return rc < 0 ? rc : dasyncfcb(fcb);
 }
 
 rctype datrobs(DA_FID* fp, hs_obsno_t numobs) {
@@ -613,6 +618,7 @@ rctype dasetshare(DA_FID* f, int smode) {
     // What a writer changed is on disk before the FIB is stamped.
     if (fp->smode == DA_SHRUPDATE) {
         rc = daflfcb(fcb);
+        if (rc >= 0) rc = dasyncfcb(fcb);
         if (rc < 0) hsprint("dasetshare(SHRCLEAR): flush failed for Table=%.*s\n", nl, fcb->iname);
     }
     rctype lrc = dalkdyn(fp->lcb, 0);

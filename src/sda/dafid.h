@@ -256,6 +256,8 @@ struct DA_FCB {
     DA_LINK fids;             // openers, for fidmt_f
     xmpid pool;               // the FCB's own pool
     DA_ODSIO mdfio;           // record reads and writes in the MDF
+    hs_obsno_t pubobs;        // numobs and nvar of the XOE last written or read:
+    int32_t pubnvar;          // what the file publishes
 };
 
 inline DA_FCB* fcbof(DA_FID* fp) { return fidpof(fp)->fcb; }
@@ -310,8 +312,12 @@ rctype daflfcb(DA_FCB* fcb);
 rctype darofcb(DA_FCB* fcb, int mode, int oflags);
 rctype dauprev(DA_FCB* fcb);
 rctype darfmdf(DA_FCB* fcb);
-// The XOE written now: the commit of numobs.
+// The XOE written now: the commit of numobs. Rows it newly counts, and
+// every record they need, reach stable storage first.
 rctype dawrfcbxoe(DA_FCB* fcb);
+// Stable storage for all the table's files have been given since the last
+// time: what makes a flush or close last through a power loss.
+rctype dasyncfcb(DA_FCB* fcb);
 
 // Between the files of the table layer.
 DA_ODSIO damdfio(DA_FCB* fcb);
@@ -383,6 +389,8 @@ rctype daflicb(DA_FCB* fcb);
 rctype darevidx(DA_FCB* fcb);
 rctype dareopidx(DA_FCB* fcb, int fdflags);
 rctype dafridx(DA_FCB* fcb, int disp);
+// Data sync of the index files, part of every dasyncfcb.
+rctype dasyncidx(DA_FCB* fcb);
 
 // ---------------------------------------------------------------- delete map
 

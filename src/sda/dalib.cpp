@@ -169,7 +169,7 @@ std::string libfname(DA_LIB* lp) { return std::string(lp->lib.path) + LIBFILE; }
 rctype preadall(int fd, void* buf, long len, off_t off) {
     long got = 0;
     while (got < len) {
-        ssize_t n = pread(fd, static_cast<char*>(buf) + got, len - got, off + got);
+        ssize_t n = _UIODT->pread(fd, static_cast<char*>(buf) + got, len - got, off + got);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) return DA_READFAIL;
         if (n == 0) return DA_LIBSHORT;
@@ -181,7 +181,7 @@ rctype preadall(int fd, void* buf, long len, off_t off) {
 rctype pwriteall(int fd, const void* buf, long len, off_t off) {
     long put = 0;
     while (put < len) {
-        ssize_t n = pwrite(fd, static_cast<const char*>(buf) + put, len - put, off + put);
+        ssize_t n = _UIODT->pwrite(fd, static_cast<const char*>(buf) + put, len - put, off + put);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return n < 0 ? daerrno(errno) : DA_WRITEFAIL;
         put += n;
@@ -271,7 +271,7 @@ rctype writelib(DA_LIBP* lp, int pm_data, int pm_idx, bool owner) {
     }
     rc = pwriteall(fd, body.data(), static_cast<long>(body.size()), LIBHEADLEN);
     if (rc < 0) return rc;
-    if (ftruncate(fd, LIBHEADLEN + static_cast<off_t>(body.size())) != 0) return daerrno(errno);
+    if (_UIODT->ftruncate(fd, LIBHEADLEN + static_cast<off_t>(body.size())) != 0) return daerrno(errno);
     return pwriteall(fd, &h, sizeof h, 0);
 }
 
@@ -406,16 +406,16 @@ rctype daopenlib(DA_LIB* lib, int flags, int dirmode) {
         int fd = -1, opn = 0;
         bool created = false;
         if (lp->perm == DA_PERMRDWR) {
-            fd = open(fname.c_str(), O_RDWR | O_CLOEXEC);
+            fd = _UIODT->open(fname.c_str(), O_RDWR | O_CLOEXEC, 0);
             if (fd < 0 && errno == ENOENT && (flags & 1)) {
-                fd = open(fname.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, dirmode & 0666);
+                fd = _UIODT->open(fname.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, dirmode & 0666);
                 if (fd >= 0) created = true;
-                else if (errno == EEXIST) fd = open(fname.c_str(), O_RDWR | O_CLOEXEC);
+                else if (errno == EEXIST) fd = _UIODT->open(fname.c_str(), O_RDWR | O_CLOEXEC, 0);
             }
             if (fd >= 0) opn = 1;
         }
         if (fd < 0 && (lp->perm != DA_PERMRDWR || errno == EACCES || errno == EROFS)) {
-            fd = open(fname.c_str(), O_RDONLY | O_CLOEXEC);
+            fd = _UIODT->open(fname.c_str(), O_RDONLY | O_CLOEXEC, 0);
             if (fd >= 0) opn = 2;
         }
         if (fd < 0) {
@@ -423,7 +423,7 @@ rctype daopenlib(DA_LIB* lib, int flags, int dirmode) {
         } else {
             h = static_cast<DA_LFH*>(xmalloc(dagcb.pool, sizeof(DA_LFH), XM_ZERO));
             if (!h) {
-                close(fd);
+                _UIODT->close(fd);
                 rc = DA_NOMEM;
             } else {
                 rwlock_init(&h->shareLock);
@@ -458,7 +458,7 @@ rctype dacloselib(DA_LIB* lib) {
                 *pp = h->next;
                 break;
             }
-        if (close(h->fd) != 0) rc = DA_SYSERR;
+        if (_UIODT->close(h->fd) != 0) rc = DA_SYSERR;
         rwlock_destroy(&h->shareLock);
         mutex_destroy(&h->readLock);
         xmfree(dagcb.pool, h->fname, h->fname_l + 1);
@@ -522,7 +522,7 @@ rctype dastatlib(DA_LIB* lib) {
 
 rctype dadellib(const char* path, int plen) {
     std::string fname = stdir(path, plen) + LIBFILE;
-    if (unlink(fname.c_str()) != 0 && errno != ENOENT) return daerrno(errno);
+    if (_UIODT->unlink(fname.c_str()) != 0 && errno != ENOENT) return daerrno(errno);
     return 0;
 }
 

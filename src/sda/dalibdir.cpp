@@ -260,7 +260,7 @@ rctype dadelet(DA_LIB* lp, const char* name, const char* type) {
     });
     rctype first = 0;
     for (const Victim& v : victims) {
-        if (unlink(v.path.c_str()) != 0 && errno != ENOENT) {
+        if (_UIODT->unlink(v.path.c_str()) != 0 && errno != ENOENT) {
             rctype urc = daerrno(errno);
             hsprint("dadelet: Unable to delete file %s: Reason=%s\n", v.path.c_str(), hsstrer(urc));
             if (!first) first = urc;

@@ -49,8 +49,8 @@ void SafeUnlock(DA_LOCK* lcb) {
     // Whoever can turn the presence range into a write lock is the last
     // holder; it alone removes the file, and newcomers blocked on the range
     // see it gone and start again.
-    if ((lcb->flags & DA_LCKPRESENCE) && dalockr(lcb->lockfd, 32, RPRESENCE, RLEN) == 0) unlink(lcb->fullpath);
-    close(lcb->lockfd);
+    if ((lcb->flags & DA_LCKPRESENCE) && dalockr(lcb->lockfd, 32, RPRESENCE, RLEN) == 0) _UIODT->unlink(lcb->fullpath);
+    _UIODT->close(lcb->lockfd);
     lcb->lockfd = -1;
     lcb->lockOpen = 0;
     lcb->lockHeld = 0;
@@ -65,12 +65,13 @@ rctype SafeLock(DA_LOCK* lcb, int omode, int level, int dynflag, pid_t* ownpid) 
     for (int ntries = 0;; ntries++) {
         int fd;
         if (create) {
-            fd = open(lcb->fullpath, O_RDWR | O_CREAT | O_CLOEXEC, lcb->perms & 0666);
+            fd = _UIODT->open(lcb->fullpath, O_RDWR | O_CREAT | O_CLOEXEC, lcb->perms & 0666);
         } else {
             // A reader asks for write access too when it may have it, so that
             // as last holder it can remove the file; it never creates one.
-            fd = open(lcb->fullpath, O_RDWR | O_CLOEXEC);
-            if (fd < 0 && (errno == EACCES || errno == EROFS) && !dyn) fd = open(lcb->fullpath, O_RDONLY | O_CLOEXEC);
+            fd = _UIODT->open(lcb->fullpath, O_RDWR | O_CLOEXEC, 0);
+            if (fd < 0 && (errno == EACCES || errno == EROFS) && !dyn)
+                fd = _UIODT->open(lcb->fullpath, O_RDONLY | O_CLOEXEC, 0);
         }
         if (fd < 0) {
             if (errno == ENOENT && !create && !dyn) return 0;  // no file: no writer can exist
@@ -86,13 +87,13 @@ rctype SafeLock(DA_LOCK* lcb, int omode, int level, int dynflag, pid_t* ownpid) 
         rctype rc = dalockr(fd, 16, RPRESENCE, RLEN);
         if (rc < 0) {
             if (!conflict(rc)) {
-                close(fd);
+                _UIODT->close(fd);
                 return rc;
             }
             // The last holder is deleting the file: wait for it, then start
             // over; the next open may create a new file.
             rctype wrc = dalockr(fd, 16 | 0x800, RPRESENCE, RLEN);
-            if (close(fd) != 0 || wrc < 0)
+            if (_UIODT->close(fd) != 0 || wrc < 0)
                 hsprint("+--ntries=%d file=%s fd=%d reason=%s errno=%d\n", ntries, lcb->fullpath, fd,
                         hsstrer(wrc < 0 ? wrc : DA_SYSERR), errno);
             continue;
@@ -100,7 +101,7 @@ rctype SafeLock(DA_LOCK* lcb, int omode, int level, int dynflag, pid_t* ownpid) 
         // The file may have been removed between our open and our lock.
         struct stat a, b;
         if (fstat(fd, &a) != 0 || stat(lcb->fullpath, &b) != 0 || a.st_ino != b.st_ino || a.st_dev != b.st_dev) {
-            close(fd);
+            _UIODT->close(fd);
             continue;
         }
         lcb->lockfd = fd;

@@ -42,6 +42,8 @@ rctype rdrecords(DA_FCB* fcb) {
     rc = dardxoe(fcb->mdfio, &fcb->xoe, fcb->dshdr.links[DA_LNKXOE]);
     if (rc < 0) return rc;
     if (fcb->xoe.semtype < 0 || fcb->xoe.semtype >= DA_SEMMAX) return DA_BADSEMTYPE;
+    fcb->pubobs = fcb->xoe.numobs;
+    fcb->pubnvar = fcb->xoe.nvar;
     return dachkxoe(fcb, fcb->dshdr, fcb->xoe);
 }
 
@@ -64,7 +66,7 @@ bool darecovrev(DA_FCB* fcb, DA_LIBP* lp, int fdflags) {
             char full[4096], moved[4096];
             if (dapdefn(fib, i, mdpath, static_cast<int32_t>(strlen(mdpath)), full, sizeof full) < 0) continue;
             struct stat st;
-            if (stat(full, &st) == 0) continue;
+            if (_UIODT->stat(full, &st) == 0) continue;
             // "<...>.<rev>.<suffix>": the same name with the next revision.
             char* sfx = strrchr(full, '.');
             if (!sfx) continue;
@@ -73,7 +75,7 @@ bool darecovrev(DA_FCB* fcb, DA_LIBP* lp, int fdflags) {
             *sfx = '.';
             if (!rev || atoi(rev + 1) != fib->revision) continue;
             snprintf(moved, sizeof moved, "%.*s.%d%s", static_cast<int>(rev - full), full, next, sfx);
-            if (stat(moved, &st) == 0 && rename(moved, full) == 0) {
+            if (_UIODT->stat(moved, &st) == 0 && _UIODT->rename(moved, full) == 0) {
                 hsprint("daopfcb: Partition %s of an interrupted revision update renamed back\n", full);
                 any = true;
             }
@@ -115,7 +117,7 @@ void darmorphan(DA_FCB* fcb, DA_LIBP* lp, int fdflags, int ndata) {
                     if (dapdefn(fib, i, mdpath, static_cast<int32_t>(strlen(mdpath)), have, sizeof have) == 0)
                         known = strcmp(have, full) == 0;
                 }
-                if (!known && unlink(full) == 0)
+                if (!known && _UIODT->unlink(full) == 0)
                     hsprint("daopfcb: Partition %s unknown to the table removed\n", full);
             }
             closedir(dir);
@@ -390,6 +392,8 @@ rctype darfmdf(DA_FCB* fcb) {
         return DA_INTERNAL;
     fcb->dshdr = h;
     fcb->xoe = x;
+    fcb->pubobs = x.numobs;
+    fcb->pubnvar = x.nvar;
     if (fcb->vbcb && darfvbcb) rc = darfvbcb(fcb);
     else if (fcb->fbcb && darffbcb) rc = darffbcb(fcb);
     if (rc < 0) return rc;

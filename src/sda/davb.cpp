@@ -150,8 +150,11 @@ rctype writeall(DA_FD* fd, const void* buf, long len, da_off_t* off) {
 }
 
 rctype wrhead(DA_FCB* fcb, DA_VBCB* vb) {
+    // The tree and vectors the head leads to are on disk before it is.
+    rctype rc = dasyncfcb(fcb);
+    if (rc < 0) return rc;
     da_off_t off = fcb->dshdr.links[DA_LNKVBH];
-    rctype rc = dawrods(fcb->mdfio, &vb->vbhdr, &off);
+    rc = dawrods(fcb->mdfio, &vb->vbhdr, &off);
     if (rc < 0) return rc;
     if (fcb->dshdr.links[DA_LNKVBH] != off) {
         fcb->dshdr.links[DA_LNKVBH] = off;
@@ -187,8 +190,12 @@ void dropnode(DA_VBVNODE* n) {
 rctype flushvec(DA_FCB* fcb, DA_VBCB* vb) {
     DA_VBVNODE& n = vb->vbvnode;
     if (!n.dirty) return 0;
+    // A vector that sends a block elsewhere must not reach the disk before
+    // the block does: the old place still holds its committed rows.
+    rctype rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDDATASYNC, nullptr);
+    if (rc < 0) return rc;
     da_off_t off = n.offset;
-    rctype rc = writeall(fcb->mdfd, n.vbvec, vb->vbhdr.vbvecsize, &off);
+    rc = writeall(fcb->mdfd, n.vbvec, vb->vbhdr.vbvecsize, &off);
     if (rc == 0) n.dirty = 0;
     return rc;
 }
@@ -553,81 +560,6 @@ rctype vgetblock(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom
     return 0;
 }
 
-struct Piece {
-    da_off_t off;
-    int32_t nalloc;
-    int64_t next;
-};
-
-// FixupChain: fits len bytes into the block's pieces, adding one at the end
-// of the DPF when they are too small. Pieces not needed stay linked behind
-// the last one used, for a later growth.
-rctype fixupchain(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, const BlockAddr& a, const char* data, int32_t len,
-                  bool compressed, int* rnchain, int* rnfixup) {
-    std::vector<Piece> pcs;
-    if (a.chained) {
-        da_off_t off = a.offset;
-        while (off >= 0 && pcs.size() < 4096) {
-            DA_VBFIX fx;
-            rctype rc = readall(fcb->dffd, &fx, sizeof fx, off);
-            if (rc < 0) return rc;
-            pcs.push_back({off, pcs.empty() ? a.nalloc : fx.nalloc, fx.offset});
-            off = fx.offset;
-        }
-    } else {
-        pcs.push_back({a.offset, a.nalloc, -1});
-    }
-    int32_t remain = len;
-    size_t used = 0;
-    std::vector<int32_t> take;
-    for (size_t i = 0; i < pcs.size() && remain > 0; ++i) {
-        int32_t cap = pcs[i].nalloc - 16;
-        int32_t t = cap > 0 ? std::min(cap, remain) : 0;
-        take.push_back(t);
-        remain -= t;
-        used = i + 1;
-    }
-    if (remain > 0) {
-        // A new piece at the end, with room to grow.
-        int32_t grow = std::max(0, fcb->xoe.blockgrow);
-        int32_t nalloc = remain + grow + 16;
-        Piece np{*fcb->dffd->filesize, nalloc, -1};
-        // It goes behind the last piece: keep any surplus pieces linked after it.
-        pcs.insert(pcs.begin() + used, np);
-        if (used < pcs.size() - 1) pcs[used].next = pcs[used + 1].off;
-        take.push_back(remain);
-        used++;
-        remain = 0;
-        DA_VBVSTAT& st = vb->vbhdr.stat;
-        st.numoverflow++;
-        st.minovflsize = std::min(st.minovflsize, nalloc);
-        st.maxovflsize = std::max(st.maxovflsize, nalloc);
-        vb->flags |= VBHDIRTY;
-    }
-    const char* p = data;
-    for (size_t i = 0; i < used; ++i) {
-        DA_VBFIX fx;
-        fx.offset = i + 1 < pcs.size() ? pcs[i + 1].off : -1;
-        fx.nalloc = pcs[i].nalloc;
-        fx.nused = i + 1 == used ? -take[i] : take[i];
-        std::vector<char> buf(16 + take[i]);
-        memcpy(buf.data(), &fx, 16);
-        memcpy(buf.data() + 16, p, take[i]);
-        p += take[i];
-        // A fresh piece is written whole, so its slack is part of the file.
-        long wlen = (pcs[i].off == *fcb->dffd->filesize) ? pcs[i].nalloc : 16 + take[i];
-        if (wlen > static_cast<long>(buf.size())) buf.resize(wlen, 0);
-        da_off_t off = pcs[i].off;
-        rctype rc = writeall(fcb->dffd, buf.data(), wlen, &off);
-        if (rc < 0) return rc;
-    }
-    (void)compressed;
-    (void)vbn;
-    *rnchain = static_cast<int>(used);
-    *rnfixup = static_cast<int>(used);
-    return 0;
-}
-
 // PutBlock: converts and writes a block, recording where it went.
 rctype vputblock(DA_FCB* fcb, DA_BLOCK* blk) {
     DA_VBCB* vb = fcb->vbcb;
@@ -672,41 +604,35 @@ rctype vputblock(DA_FCB* fcb, DA_BLOCK* blk) {
     rc = blockoffset(fcb, vb, &vb->vbvnode, blk->vbn, &a);
     if (rc == DA_EOF) return tonew(false);
     if (rc < 0) return rc;
-    if (!a.chained && a.nalloc == len) {
+    // A block may hold rows already committed, so it is rewritten where it
+    // is only by one write that leaves its vector entry as it stands: a
+    // power loss then keeps either the old block or the new one, each whole
+    // and read the same way. Anything else (another length, another form,
+    // a chain of pieces) goes to a new place; the vector names it only once
+    // the block is on disk, and until then the old place stays readable.
+    if (a.compressed == compressed && !a.chained && a.nalloc == len) {
         da_off_t off = a.offset;
         rc = writeall(fcb->dffd, data, len, &off);
         if (rc < 0) return rc;
         blk->blockOffset = a.offset;
-        if (a.compressed != compressed) return addblock(fcb, vb, blk->vbn, a.offset, sgn(len), false, true);
         return 0;
     }
-    if (!a.chained && a.offset + a.nalloc == *fcb->dffd->filesize) {
-        // Last in the file: it can grow or shrink where it is.
-        if (len < a.nalloc) {
-            rc = fcb->dffd->fdtrunc(fcb->dffd, a.offset + len);
+    if (a.compressed == compressed && a.chained && len + 16 <= a.nalloc) {
+        DA_VBFIX head;
+        rc = readall(fcb->dffd, &head, sizeof head, a.offset);
+        if (rc < 0) return rc;
+        if (head.offset < 0) {
+            std::vector<char> buf(16 + len);
+            DA_VBFIX fx{-1, a.nalloc, -len};
+            memcpy(buf.data(), &fx, 16);
+            memcpy(buf.data() + 16, data, len);
+            da_off_t off = a.offset;
+            rc = writeall(fcb->dffd, buf.data(), static_cast<long>(buf.size()), &off);
             if (rc < 0) return rc;
+            blk->blockOffset = a.offset;
+            return 0;
         }
-        da_off_t off = a.offset;
-        rc = writeall(fcb->dffd, data, len, &off);
-        if (rc < 0) return rc;
-        blk->blockOffset = a.offset;
-        return addblock(fcb, vb, blk->vbn, a.offset, sgn(len), false, true);
     }
-    if (a.nalloc > 16) {
-        int nchain = 0, nfix = 0;
-        rc = fixupchain(fcb, vb, blk->vbn, a, data, len, compressed, &nchain, &nfix);
-        if (rc < 0) return rc;
-        blk->blockOffset = a.offset;
-        DA_VBVSTAT& st = vb->vbhdr.stat;
-        if (nchain > st.maxchain) {
-            st.maxchain = nchain;
-            st.maxchainvbn = static_cast<int32_t>(blk->vbn);
-            vb->flags |= VBHDIRTY;
-        }
-        if (a.chained && a.compressed == compressed) return 0;
-        return addblock(fcb, vb, blk->vbn, a.offset, sgn(a.nalloc), true, true);
-    }
-    // Too small to hold a head: the block moves to the end, its old bytes lost.
     return tonew(true);
 }
 
