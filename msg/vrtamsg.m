@@ -72,9 +72,10 @@
 #       739 %1zA read/write lock request failed.
 *
 * Runtime: key blocks, sort, national language layer
-#       806 %1zA key column has a type that cannot be keyed.
+#       801 %2zThe sort merge was interrupted.
+#       806 %1zA key column has a type that cannot be keyed, or a sort record count or length is wrong.
 #       807 %1zOut of memory.
-#       808 %1zNo resources for a thread or thread key.
+#       808 %1zNo resources for a thread or thread key, or a read in the sort merge failed.
 #       809 %1zInvalid sort algorithm.
 #       810 %1zThe sort in memory failed.
 #       811 %1zA sort spill file could not be written.
