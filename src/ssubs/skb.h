@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "hs/hsnls.h"
+#include "ssubs/hscsdbl.h"
 #include "ssup/vrtadef.h"
 
 namespace vrta {
@@ -101,10 +102,6 @@ rctype skb_destroy(SKB_KEY* skb);
 rctype skb_memdestroy(SKB_KEY* skb);
 rctype skb_invalid();
 
-// A double of len stored bytes (its high bytes) made sortable in place, and back.
-void hscsdbl(void* value, int len);
-void hsrsdbl(void* value, int len);
-void vvzstrev(void* value, int len);
 // A number of len bytes widened to a double: the stored bytes are its high ones.
 void vzrftrc(const void* source, int len, void* target);
 // len bytes of src through a translation table into dst (which may be src).

@@ -60,42 +60,6 @@ rctype makekey_stub(SKB_KEY*, const void*, hs_obsno_t, void*, long*, int*) { ret
 
 }  // namespace
 
-void vvzstrev(void* value, int len) {
-    auto* p = static_cast<unsigned char*>(value);
-    for (int i = 0, j = len - 1; i < j; ++i, --j) {
-        unsigned char t = p[i];
-        p[i] = p[j];
-        p[j] = t;
-    }
-}
-
-void hscsdbl(void* value, int len) {
-    auto* p = static_cast<unsigned char*>(value);
-    if (len <= 0) return;
-    unsigned char& top = p[len - 1];
-    if (top & 0x80) {
-        bool negzero = top == 0x80;
-        for (int i = 0; negzero && i < len - 1; ++i) negzero = p[i] == 0;
-        if (negzero) {
-            // Negative zero keys as positive zero: the sign bit stays, nothing flips.
-        } else {
-            invert(p, len);
-        }
-    } else {
-        top |= 0x80;
-    }
-    vvzstrev(p, len);
-}
-
-void hsrsdbl(void* value, int len) {
-    auto* p = static_cast<unsigned char*>(value);
-    if (len <= 0) return;
-    vvzstrev(p, len);
-    unsigned char& top = p[len - 1];
-    if (top > 127) top &= 0x7f;
-    else invert(p, len);
-}
-
 void vzrftrc(const void* source, int len, void* target) {
     if (len > 8) len = 8;
     if (len < 0) len = 0;
