@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "hs/hs.h"
+#include "sfnc/xf.h"
 #include "ssup/thr.h"
 #include "wh/wh.h"
 
@@ -144,11 +145,20 @@ rctype free_node(SQLOP* node, int* rflags) {
     case OP_SETC:
         std::free(node->u.setleaf.p);
         break;
-    case OP_FUNC:
-        // The parameter block is built by evaluation of the call.
-        if (node->u.func.par) wh_assertion_failure(__FILE__, __LINE__);
-        std::free(node->u.func.str);
+    case OP_FUNC: {
+        SQLOP_FUNC& f = node->u.func;
+        if (auto* par = static_cast<FNCPAR*>(f.par)) {
+            // A stream seeded from the clock cannot be drawn again: the
+            // caller learns that its rows came from one.
+            if (f.namelen == 6 && std::memcmp(f.name, "RANUNI", 6) == 0 && par->fstate.fflags < 0 && rflags)
+                *rflags |= 1;
+            for (long i = 1; i <= par->par[0].loc.n; i++) std::free(par->par[i].loc.p);
+            xfpfree(par);
+            std::free(par);
+        }
+        std::free(f.str);
         break;
+    }
     default:
         break;
     }
@@ -156,7 +166,6 @@ rctype free_node(SQLOP* node, int* rflags) {
     node->next = free_nodes;
     free_nodes = node;
     poisonfree(node);
-    (void)rflags;
     return 0;
 }
 

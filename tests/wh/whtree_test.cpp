@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "sfnc/xf.h"
 #include "whwire.h"
 
 using namespace vrta;
@@ -102,6 +103,34 @@ TEST(WhTree, NodesComeZeroedWithTheirRecordAndAreSharedSafelyByThreads) {
         });
     for (auto& th : ts) th.join();
     EXPECT_FALSE(bad);
+}
+
+// What evaluation hangs on a function leaf goes with it; a clock-seeded
+// random stream is reported to the caller.
+TEST(WhTree, FunctionLeavesReleaseTheirBlocksAndReportAClockSeededStream) {
+    for (int fflags : {-1, 1}) {
+        for (const char* name : {"RANUNI", "RANUNI$", "ABS"}) {
+            SQLOP* f = node(OP_FUNC);
+            f->u.func.namelen = static_cast<short>(std::strlen(name));
+            std::memcpy(f->u.func.name, name, f->u.func.namelen);
+            auto* par = static_cast<FNCPAR*>(calloc(1, xfparsize(2)));
+            par->par[0].loc.n = 2;
+            par->par[1].type = XF_NUM;
+            par->par[1].loc.dp = static_cast<double*>(malloc(8));
+            par->par[2].type = XF_STR;
+            par->par[2].loc.xs = static_cast<X_STRING*>(malloc(sizeof(X_STRING) + 4));
+            par->fstate.fflags = fflags;
+            f->u.func.par = par;
+            f->u.func.str = malloc(32);
+            int rflags = 0;
+            EXPECT_EQ(free_node(f, &rflags), 0);
+            EXPECT_EQ(rflags, fflags < 0 && std::strcmp(name, "RANUNI") == 0 ? 1 : 0) << name << fflags;
+        }
+    }
+    SQLOP* f = node(OP_FUNC);
+    std::memcpy(f->u.func.name, "RANUNI", 6);
+    f->u.func.namelen = 6;
+    EXPECT_EQ(free_node(f, nullptr), 0);
 }
 
 TEST(WhTree, HandlesAreMadeAndReleased) {
