@@ -263,15 +263,6 @@ struct Parser {
     }
     bool issym(const char* s) const { return tok.kind == T_SYM && tok.text == s; }
     bool isword(const char* w) const { return tok.kind == T_WORD && ieq(tok.text, w); }
-    // The word after the current token, without moving.
-    bool peekword(const char* w) {
-        Token save = tok;
-        int savenext = next;
-        bool ok = lex() && isword(w);
-        tok = save;
-        next = savenext;
-        return ok;
-    }
 
     // ------------------------------------------------------------ nodes
     rctype node(short code, short type, SQLOP** out) {

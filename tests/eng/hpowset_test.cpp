@@ -89,14 +89,7 @@ TEST(XowWrite, TreesHaveTheBytesWorkedOutByHand) {
     d[0] = 1.0;
     d[1] = -118.625;
     sn->u.setleaf.p = d;
-    SQLOP* fmt = node(OP_FMT);
-    std::memcpy(fmt->u.fmt.name, "BEST", 4);
-    fmt->u.fmt.namelen = 4;
-    fmt->u.fmt.wid = 12;
-    SQLOP* fn = node(OP_FUNC, 20);
-    std::memcpy(fn->u.func.name, "PUT", 3);
-    fn->u.func.namelen = 3;
-    Owned mix{op(OP_LAND, {sn, op(OP_FLST, {fn, fmt}, 20)})};
+    Owned mix{op(OP_LAND, {sn, op(OP_FLST, {funcn("PUT", 20), fmtn("BEST", 12, 0)}, 20)})};
     ASSERT_EQ(wire(mix.t, &b), 0);
     want = std::string("00000085 ") + HEAD +
            "| 000000dd 00000002 00000000"
@@ -104,6 +97,35 @@ TEST(XowWrite, TreesHaveTheBytesWorkedOutByHand) {
            "| 00000140 00000002 00000014"
            "| 00000015 00000000 00000014 00000003 505554"
            "| 00000013 00000000 00000000 00000004 42455354 0000000c 00000000 " +
+           TAIL;
+    EXPECT_EQ(b, unhex(want));
+
+    // Leaves of the full form that only the writer knows.
+    SQLOP* tabl = node(OP_TABL);
+    tabl->extra = 3;
+    std::memcpy(tabl->u.tleaf.lib, "MYLIB   ", 8);
+    std::memcpy(tabl->u.tleaf.mem, "MEM", 3);
+    tabl->u.tleaf.memlen = 3;
+    char opt[] = "abc";
+    tabl->u.tleaf.opt = opt;
+    tabl->u.tleaf.optlen = 3;
+    tabl->u.tleaf.ds = 7;
+    SQLOP* jtag = node(OP_JTAG);
+    jtag->u.jtag.jds = 9;
+    SQLOP* sobt = node(OP_SOBT);
+    std::memcpy(sobt->u.sob.mem, "M1", 2);
+    sobt->u.sob.memlen = 2;
+    sobt->u.sob.alias[0] = 'A';
+    sobt->u.sob.aliaslen = 1;
+    sobt->u.sob.dsnum = 5;
+    Owned full{op(OP_LAND, {tabl, jtag, sobt, node(OP_BYNM)})};
+    ASSERT_EQ(wire(full.t, &b), 0);
+    want = std::string("0000007f ") + HEAD +
+           "| 000000dd 00000004 00000000"
+           "| 00000007 00000003 00000000 4d594c4942000000 00000003 4d454d 616263 00000007"
+           "| 00000010 00000000 00000000 00000009"
+           "| 00000017 00000000 00000000 00000002 4d31 00000001 41 00000005"
+           "| 0000000f 00000000 00000000 " +
            TAIL;
     EXPECT_EQ(b, unhex(want));
 }

@@ -131,6 +131,17 @@ struct Bad {
     const char* text;
 };
 
+template <size_t N>
+void refused(const Bad (&cases)[N]) {
+    for (const Bad& b : cases) {
+        Parsed p;
+        parse(b.in, &p);
+        EXPECT_EQ(p.rc, b.rc) << b.in << ": " << p.err.text;
+        EXPECT_EQ(p.err.col, b.col) << b.in;
+        EXPECT_EQ(std::string(p.err.text), "at column " + std::to_string(b.col) + ": " + b.text) << b.in;
+    }
+}
+
 TEST(WhParse, BadClausesSayWhereAndWhy) {
     const Bad cases[] = {
         {"a >", WH_RC_SYNTAX, 4, "expected a value, found the end of the clause"},
@@ -164,14 +175,7 @@ TEST(WhParse, BadClausesSayWhereAndWhy) {
         {"a = 1 =", WH_RC_SYNTAX, 7, "expected 'and', 'or' or the end of the clause, found '='"},
         {"s = 'a' || 1", WH_RC_TYPES, 12, "an operand of '||' must be a character value, not a number"},
     };
-    for (const Bad& b : cases) {
-        Parsed p;
-        parse(b.in, &p);
-        EXPECT_EQ(p.rc, b.rc) << b.in << ": " << p.err.text;
-        EXPECT_EQ(p.err.col, b.col) << b.in << ": " << p.err.text;
-        std::string want = "at column " + std::to_string(b.col) + ": " + b.text;
-        EXPECT_EQ(std::string(p.err.text), want) << b.in;
-    }
+    refused(cases);
     // Bytes that are not text, and NUL inside the clause.
     Parsed nul;
     parse(std::string("a = 1\0", 6), &nul);
@@ -210,12 +214,7 @@ TEST(WhParse, FunctionCallsAreCheckedAgainstTheLibrary) {
         {"length(code) = 'x'", WH_RC_TYPES, 16, "'=' compares a number with a character value"},
         {"abs(a > 1) = 1", WH_RC_SYNTAX, 7, "expected ',' or ')' of the call, found '>'"},
     };
-    for (const Bad& b : cases) {
-        Parsed q;
-        parse(b.in, &q);
-        EXPECT_EQ(q.rc, b.rc) << b.in << ": " << q.err.text;
-        EXPECT_EQ(std::string(q.err.text), "at column " + std::to_string(b.col) + ": " + b.text) << b.in;
-    }
+    refused(cases);
 }
 
 TEST(WhParse, NestingAndLengthHaveLimits) {

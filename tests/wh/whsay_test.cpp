@@ -100,15 +100,7 @@ TEST(WhSay, EachOperatorHasItsTextStyleAndBrackets) {
     };
     for (const Case& c : cases) EXPECT_EQ(sayown(c.t), c.want);
     // The function call and a format leaf.
-    SQLOP* f = node(OP_FUNC, 5);
-    std::memcpy(f->u.func.name, "UPCASE  ", 8);
-    f->u.func.namelen = 8;
-    SQLOP* fmt = node(OP_FMT);
-    std::memcpy(fmt->u.fmt.name, "DOLLAR", 6);
-    fmt->u.fmt.namelen = 6;
-    fmt->u.fmt.wid = 10;
-    fmt->u.fmt.ndec = 2;
-    EXPECT_EQ(sayown(op(OP_FLST, {f, B(), fmt})), "UPCASE(B, DOLLAR10.2)");
+    EXPECT_EQ(sayown(op(OP_FLST, {funcn("UPCASE  ", 5), B(), fmtn("DOLLAR", 10, 2)})), "UPCASE(B, DOLLAR10.2)");
     SQLOP* bare = node(OP_FMT);
     EXPECT_EQ(sayown(bare), "F.");
     EXPECT_EQ(sayown(op(OP_FLST, {litn(1)})), "1()");
@@ -152,14 +144,7 @@ TEST(WhPrint, TheTreeLiesSidewaysTenColumnsALevel) {
 TEST(WhPrint, LeavesShowTheirValuesAndDeepBranchesStop) {
     SQLOP* d = litn(22000);
     d->u.nleaf.datetype = WH_DT_DATETIME;
-    SQLOP* f = node(OP_FUNC);
-    std::memcpy(f->u.func.name, "ABS", 3);
-    f->u.func.namelen = 3;
-    SQLOP* fmt = node(OP_FMT);
-    std::memcpy(fmt->u.fmt.name, "BEST", 4);
-    fmt->u.fmt.namelen = 4;
-    fmt->u.fmt.wid = 12;
-    Owned o{op(OP_LAND, {d, op(OP_FLST, {f, fmt}), setof(OP_SETN, 27, 8), setof(OP_SETC, 2, 3),
+    Owned o{op(OP_LAND, {d, op(OP_FLST, {funcn("ABS"), fmtn("BEST", 12, 0)}), setof(OP_SETN, 27, 8), setof(OP_SETC, 2, 3),
                          litn(std::bit_cast<double>(0xfffffe0000000000ull))})};
     std::string p = printed(nullptr, o.t);
     EXPECT_NE(p.find("LITN[22000 DATETIME]"), std::string::npos) << p;

@@ -90,6 +90,20 @@ inline vrta::SQLOP* litc(const std::string& t) {
     vrta::wh_setlitc(n, t.data(), static_cast<int>(t.size()));
     return n;
 }
+inline vrta::SQLOP* funcn(const char* name, short type = 0) {
+    vrta::SQLOP* n = node(vrta::OP_FUNC, type);
+    n->u.func.namelen = static_cast<short>(std::strlen(name));
+    std::memcpy(n->u.func.name, name, n->u.func.namelen);
+    return n;
+}
+inline vrta::SQLOP* fmtn(const char* name, short wid, short ndec) {
+    vrta::SQLOP* n = node(vrta::OP_FMT);
+    n->u.fmt.namelen = static_cast<short>(std::strlen(name));
+    std::memcpy(n->u.fmt.name, name, n->u.fmt.namelen);
+    n->u.fmt.wid = wid;
+    n->u.fmt.ndec = ndec;
+    return n;
+}
 inline std::string say(const vrta::SQLOP* t) {
     char* s = nullptr;
     if (vrta::whsayit(t, &s) != 0) return "<failed>";
