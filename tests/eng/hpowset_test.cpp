@@ -187,7 +187,7 @@ TEST(XowWrite, PiecesFillLinksOfFiveHundredBytesAndBigOnesGoAlone) {
 // ------------------------------------------------------------ round trips
 
 // The reader's tree against the writer's: the same in all but what the wire
-// is specified to change.
+// form itself moves (the column's words, the unordered mark).
 void sametree(const SQLOP* h, const SQLOP* e, const std::string& where) {
     ASSERT_EQ(h == nullptr, e == nullptr) << where;
     if (!h) return;
