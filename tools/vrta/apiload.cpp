@@ -44,25 +44,16 @@ std::string modulePath() {
 }
 
 DirectApi* loadApi() {
-    std::string path;
-    void* h = loadModule(&path);
-    if (!h) return nullptr;
+    ModuleEntries m;
+    if (!m.ok) return nullptr;
     auto* api = new DirectApi;
-    bool ok = true;
-    auto get = [&](auto& slot, const char* name) {
-        slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(dlsym(h, name));
-        if (!slot) {
-            fail("the module " + path + " has no entry " + name);
-            ok = false;
-        }
-    };
-#define VRTA_GET(n) get(api->n, #n);
+#define VRTA_GET(n) m.get(api->n, #n);
     VRTA_GET(splasgn) VRTA_GET(spldeasgn) VRTA_GET(vrtaopen) VRTA_GET(vrtaclose) VRTA_GET(vrtainfo)
     VRTA_GET(vrtagetnpp) VRTA_GET(vrtacreate) VRTA_GET(vrtapartinfo) VRTA_GET(spdelete) VRTA_GET(spopendir)
     VRTA_GET(spreaddir) VRTA_GET(spclosedir) VRTA_GET(spnewrd) VRTA_GET(spnewwr) VRTA_GET(spfreerd)
     VRTA_GET(spfreeio) VRTA_GET(spsetloc) VRTA_GET(spreadv) VRTA_GET(spwritev) VRTA_GET(vrtaerrtext)
 #undef VRTA_GET
-    if (!ok) {
+    if (!m.ok) {
         delete api;
         return nullptr;
     }
@@ -82,6 +73,20 @@ void setMessagePath() {
             setenv("MSGPATH", t.c_str(), 1);
             return;
         }
+}
+
+ModuleEntries::ModuleEntries() {
+    handle = loadModule(&path);
+    ok = handle != nullptr;
+}
+
+void* ModuleEntries::lookup(const char* name) {
+    void* p = handle ? dlsym(handle, name) : nullptr;
+    if (!p) {
+        if (handle) fail("the module " + path + " has no entry " + name);
+        ok = false;
+    }
+    return p;
 }
 
 void* loadModule(std::string* path) {

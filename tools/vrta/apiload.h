@@ -47,6 +47,20 @@ void* loadModule(std::string* path);
 // run from a build, at the source tree's).
 void setMessagePath();
 
+// Entries of the module found by name, as a host finds them: ok stays true
+// while every lookup succeeds; a missing one is said on the way.
+struct ModuleEntries {
+    std::string path;
+    void* handle = nullptr;
+    bool ok = false;
+    ModuleEntries();  // loads the module; ok false after saying why it could not
+    void* lookup(const char* name);
+    template <class F>
+    void get(F& slot, const char* name) {
+        slot = reinterpret_cast<F>(lookup(name));
+    }
+};
+
 // Loads the module once; null after printing why it could not be loaded.
 const DirectApi* directApi();
 

@@ -1,7 +1,5 @@
 #include "engopts.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <cstdio>
 
@@ -32,27 +30,19 @@ struct Engine {
 
 const Engine* engine() {
     static const Engine* e = [] () -> const Engine* {
-        std::string path;
-        void* h = loadModule(&path);
-        if (!h) return nullptr;
+        ModuleEntries m;
+        if (!m.ok) return nullptr;
         auto* eng = new Engine;
-        bool ok = true;
-        auto get = [&](auto& slot, const char* name) {
-            slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(dlsym(h, name));
-            if (!slot) {
-                fail("the module " + path + " has no entry " + name);
-                ok = false;
-            }
-        };
         int (*vrtaeng)(int, void**) = nullptr;
-        get(vrtaeng, "vrtaeng");
-        get(eng->ytrakcp, "ytrakcp");
-        get(eng->yttpshi, "yttpshi");
-        get(eng->yttpshb, "yttpshb");
-        get(eng->yttpshe, "yttpshe");
-        get(eng->yttknx, "yttknx");
-        get(eng->yttkpk, "yttkpk");
-        get(eng->ytrakdp, "ytrakdp");
+        m.get(vrtaeng, "vrtaeng");
+        m.get(eng->ytrakcp, "ytrakcp");
+        m.get(eng->yttpshi, "yttpshi");
+        m.get(eng->yttpshb, "yttpshb");
+        m.get(eng->yttpshe, "yttpshe");
+        m.get(eng->yttknx, "yttknx");
+        m.get(eng->yttkpk, "yttkpk");
+        m.get(eng->ytrakdp, "ytrakdp");
+        bool ok = m.ok;
         if (ok) {
             int rc = -1;
             void* argv[5] = {nullptr, nullptr, nullptr, &rc, nullptr};
