@@ -185,9 +185,6 @@ rctype hpdpstr(hpdptr hpd, const char* text, int len, HPDOPT** bag);
 rctype hpohbfr(XOPNSTR* open);
 // A macro variable as text: 0 found, 1 not.
 int hpogmac(const unsigned char* mactbl, const char* name, char* out, int outmax, int* outlen);
-// The date value of a text in the form "MMDDYY": mm/dd/yy, mmddyyyy and the
-// like. 0, or -1 when it is no date.
-int hpmdy(const char* text, int len, double* date);
 
 }  // namespace vrta
 

@@ -9,6 +9,8 @@
 #include "eng/hpdopt.h"
 #include "eng/hpdparse.h"
 #include "hs/zrt.h"
+#include "sfmt/fmt.h"
+#include "ssubs/vz.h"
 #include "ssup/xm.h"
 #include "ssup/xp.h"
 
@@ -85,8 +87,15 @@ rctype gendate(OptParse& p, void* b) {
     char buf[TK_BUFLEN];
     int len = 0;
     if (rctype rc = p.str(buf, sizeof buf, TK_BUFLEN - 1, false, &len); rc) return rc;
-    double d;
-    if (hpmdy(buf, len, &d) != 0) return p.bad(2);
+    // Read with the informat MMDDYY of the format library.
+    FMTSTR attr{};
+    long code = 0;
+    if (fmtfind("MMDDYY", 6, 'I', &attr, &code) != 0) return p.bad(2);
+    const FMTTBL_ENT* row = fmtrow(code);
+    double d = 0;
+    // A date is wanted: an empty text or "." (a missing value) is none.
+    if (!row || !row->entpt || reinterpret_cast<numinf_t>(row->entpt)(row, buf, len, 0, &d) != 0 || vzismiss(d))
+        return p.bad(2);
     T(b)->gendate = d;
     return 0;
 }
@@ -216,82 +225,7 @@ void* makeoopt(void*) {
     return o;
 }
 
-// Days from 1 January 1960 to a day of the proleptic Gregorian calendar.
-int64_t daynum(int y, int m, int d) {
-    // Days from 1 March of year 0, so that leap days come last in a year.
-    auto days = [](int64_t yy, int mm, int dd) {
-        if (mm <= 2) {
-            --yy;
-            mm += 12;
-        }
-        return 365 * yy + yy / 4 - yy / 100 + yy / 400 + (153 * (mm - 3) + 2) / 5 + dd - 1;
-    };
-    return days(y, m, d) - days(1960, 1, 1);
-}
-
-bool validday(int y, int m, int d) {
-    static const int mdays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    if (m < 1 || m > 12 || d < 1) return false;
-    const bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
-    return d <= mdays[m - 1] + (m == 2 && leap ? 1 : 0);
-}
-
 }  // namespace
-
-int hpmdy(const char* text, int len, double* date) {
-    // Trim blanks; then either 6 or 8 digits, or month, day and year as
-    // numbers between separators.
-    while (len > 0 && text[len - 1] == ' ') --len;
-    int i = 0;
-    while (i < len && text[i] == ' ') ++i;
-    int part[3] = {0, 0, 0};
-    int digits[3] = {0, 0, 0};
-    int k = 0;
-    bool separated = false;
-    for (; i < len; ++i) {
-        const char c = text[i];
-        if (c >= '0' && c <= '9') {
-            if (digits[k] >= 8) return -1;
-            part[k] = part[k] * 10 + (c - '0');
-            ++digits[k];
-        } else if (c == '/' || c == '-' || c == '.' || c == ' ') {
-            if (digits[k] == 0 || k == 2) return -1;
-            ++k;
-            separated = true;
-        } else {
-            return -1;
-        }
-    }
-    int m, d, y, ydigits;
-    if (!separated) {
-        if (digits[0] != 6 && digits[0] != 8) return -1;
-        // Re-read the run of digits as mm dd yy(yy).
-        int v = 0;
-        const char* p = text;
-        while (*p == ' ') ++p;
-        auto take = [&](int n) {
-            v = 0;
-            for (int j = 0; j < n; ++j) v = v * 10 + (*p++ - '0');
-            return v;
-        };
-        ydigits = digits[0] - 4;
-        m = take(2);
-        d = take(2);
-        y = take(ydigits);
-    } else {
-        if (k != 2 || digits[2] == 0 || digits[0] > 2 || digits[1] > 2) return -1;
-        if (digits[2] != 2 && digits[2] != 4) return -1;
-        m = part[0];
-        d = part[1];
-        y = part[2];
-        ydigits = digits[2];
-    }
-    // Two-digit years fall in the hundred years from 1920.
-    if (ydigits == 2) y += y < 20 ? 2000 : 1900;
-    if (!validday(y, m, d)) return -1;
-    *date = static_cast<double>(daynum(y, m, d));
-    return 0;
-}
 
 rctype hpohbfr(XOPNSTR* open) {
     if (!open || !open->peng_op) return 0;

@@ -398,6 +398,7 @@ TEST(HpoPars, TableOptionsAndTheirRanges) {
     EXPECT_EQ(ok("GENDATE='010219'")->gendate, 21551);  // two-digit years below 20 are this century
     bad("GENDATE='02/30/2020'", "'02/30/2020'");
     bad("GENDATE='2020-01-01'", "'2020-01-01'");
+    bad("GENDATE='.'", "'.'");
 
     EXPECT_EQ(ok("SEGSIZE=1024")->segsize, 1024);
     bad("SEGSIZE=1023", "1023");
