@@ -23,33 +23,10 @@ namespace vrtaserv {
 
 namespace {
 
-struct Session {
-    YXSOCK_OPEN* so;
-    long conn;
-    int native;  // headers in this machine's order (by the tag we sent)
-    int level;   // the level the engine speaks to us at
-    std::vector<void*> libs;  // libid - 1 -> domain handle; null once given back
-};
-
 int levelof(const char prot[4]) {
     if (std::memcmp(prot, "4.50", 4) == 0) return HPD_LEVEL_450;
     if (std::memcmp(prot, "4.40", 4) == 0) return HPD_LEVEL_440;
     return HPD_LEVEL_UNKNOWN;
-}
-
-// Every reply that only carries a text: class 2 when it is a failure.
-rctype msgreply(Session& s, int id, int rclass, const std::string& msg) {
-    DS_HDR_REPLY h{id, 0, {}, 0, rclass};
-    DS_MSG_REPLY r{};
-    r.msg = msg.data();
-    r.msglen = static_cast<int32_t>(msg.size());
-    return hpdsendr(s.so, h, s.native, s.level, &DS_MSG_REPLY_D, &r);
-}
-
-std::string apitext(int rc) {
-    char t[512];
-    if (vrtaerrtext(rc, t, sizeof t) != 0) std::snprintf(t, sizeof t, "code 0x%08x", static_cast<unsigned>(rc));
-    return t;
 }
 
 rctype assign(Session& s, const DS_YHELASG& q) {
@@ -57,9 +34,14 @@ rctype assign(Session& s, const DS_YHELASG& q) {
     std::string name(q.libname, 8);
     while (!name.empty() && name.back() == ' ') name.pop_back();
     void* lib = nullptr;
-    int rc = phys.empty() ? VRTA_RC_BADARG : splasgn(phys.c_str(), &lib);
+    std::string why = "no path was given";
+    int rc = VRTA_RC_BADARG;
+    if (!phys.empty()) {
+        std::lock_guard<std::mutex> g(apilock);
+        rc = splasgn(phys.c_str(), &lib);
+        if (rc < 0 || !lib) why = apitext(rc);
+    }
     if (rc < 0 || !lib) {
-        std::string why = phys.empty() ? "no path was given" : apitext(rc);
         srvlog("connection %ld: assign %s (%s) refused: %s", s.conn, name.c_str(), phys.c_str(), why.c_str());
         DS_HDR_REPLY h{DSM_YHELASG, 0, {}, 0, HPD_RCLASS_FAIL};
         DS_YHELASG_REPLY r{};
@@ -92,10 +74,16 @@ rctype deassign(Session& s, int libid) {
         return msgreply(s, DSM_YHELDAS, HPD_RCLASS_FAIL,
                         "The domain " + std::to_string(libid) + " is not assigned on this connection.");
     }
-    int rc = spldeasgn(s.libs[libid - 1]);
+    int rc;
+    std::string why;
+    {
+        std::lock_guard<std::mutex> g(apilock);
+        rc = spldeasgn(s.libs[libid - 1]);
+        if (rc < 0) why = apitext(rc);
+    }
     s.libs[libid - 1] = nullptr;
     srvlog("connection %ld: deassign of domain %d%s", s.conn, libid, rc < 0 ? " failed" : "");
-    return rc < 0 ? msgreply(s, DSM_YHELDAS, HPD_RCLASS_FAIL, apitext(rc)) : msgreply(s, DSM_YHELDAS, 0, "");
+    return rc < 0 ? msgreply(s, DSM_YHELDAS, HPD_RCLASS_FAIL, why) : msgreply(s, DSM_YHELDAS, 0, "");
 }
 
 // One request; a reply goes back unless the connection broke. A body that
@@ -104,13 +92,7 @@ rctype serve1(Session& s, const DS_HDR_METHOD& h) {
     const auto* body = static_cast<const unsigned char*>(s.so->reca);
     long len = s.so->recl;
     const DS_METHOD* m = dsmethod(h.id);
-    auto bad = [&] {
-        const char* t;
-        int l;
-        xrgtsub(&t, &l);
-        srvlog("connection %ld: %s refused: %.*s", s.conn, m ? m->name : "?", l, t);
-        return msgreply(s, h.id, HPD_RCLASS_FAIL, std::string("The request does not fit its length: ") + std::string(t, l));
-    };
+    auto bad = [&] { return badreq(s, h.id); };
     switch (h.id) {
         case DSM_YHELASG: {
             DS_YHELASG q{};
@@ -122,6 +104,12 @@ rctype serve1(Session& s, const DS_HDR_METHOD& h) {
             if (dsparse(q, s.level, body, len) != 0) return bad();
             return deassign(s, q.libid);
         }
+        case DSM_YOEOPEN: return tableopen(s, body, len);
+        case DSM_YOECLOS: return tableclose(s, body, len);
+        case DSM_YOEFIX: return tablefix(s, body, len);
+        case DSM_YDEDOPN: return diropen(s, body, len);
+        case DSM_YDEDRD: return dirread(s, body, len);
+        case DSM_YDECLS: return dirclose(s, body, len);
         default:
             srvlog("connection %ld: method %d (%s) is not served", s.conn, h.id, m ? m->name : "unknown");
             return msgreply(s, h.id, HPD_RCLASS_FAIL,
@@ -132,8 +120,31 @@ rctype serve1(Session& s, const DS_HDR_METHOD& h) {
 
 }  // namespace
 
+rctype badreq(Session& s, int id) {
+    const DS_METHOD* m = dsmethod(id);
+    const char* t;
+    int l;
+    xrgtsub(&t, &l);
+    srvlog("connection %ld: %s refused: %.*s", s.conn, m ? m->name : "?", l, t);
+    return msgreply(s, id, HPD_RCLASS_FAIL, std::string("The request does not fit its length: ") + std::string(t, l));
+}
+
+rctype msgreply(Session& s, int id, int rclass, const std::string& msg) {
+    DS_HDR_REPLY h{id, 0, {}, 0, rclass};
+    DS_MSG_REPLY r{};
+    r.msg = msg.data();
+    r.msglen = static_cast<int32_t>(msg.size());
+    return hpdsendr(s.so, h, s.native, s.level, &DS_MSG_REPLY_D, &r);
+}
+
+std::string apitext(int rc) {
+    char t[512];
+    if (vrtaerrtext(rc, t, sizeof t) <= 0) std::snprintf(t, sizeof t, "code 0x%08x", static_cast<unsigned>(rc));
+    return t;
+}
+
 void requests(YXSOCK_OPEN* so, long conn, const Config& cfg, const std::string&) {
-    Session s{so, conn, hpdostag(cfg.osname)->native, levelof(cfg.prot), {}};
+    Session s{so, conn, hpdostag(cfg.osname)->native, levelof(cfg.prot), {}, {}, {}};
     for (long n = 0; n < 1000000 && !vrtasrv::stopping(); ++n) {
         DS_HDR_METHOD h;
         rctype rc = hpdrecvm(so, s.native, &h);
@@ -150,9 +161,7 @@ void requests(YXSOCK_OPEN* so, long conn, const Config& cfg, const std::string&)
             break;
         }
     }
-    // A client that leaves without deassigning gives its domains back too.
-    for (void* lib : s.libs)
-        if (lib) spldeasgn(lib);
+    sessionend(s);
 }
 
 }  // namespace vrtaserv

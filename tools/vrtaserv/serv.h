@@ -1,6 +1,7 @@
 // The parts of vrtaserv: its settings, the password file, the login and
 // the requests of a logged-in connection.
 #pragma once
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -38,5 +39,38 @@ void conversation(vrta::YXSOCK_OPEN* so, long conn, void* ctx);
 
 // Answers requests on a logged-in connection.
 void requests(vrta::YXSOCK_OPEN* so, long conn, const Config& cfg, const std::string& user);
+
+// What a logged-in connection holds: its domains, open tables and member
+// lists, each numbered from 1 on this connection; null once given back.
+struct Session {
+    vrta::YXSOCK_OPEN* so;
+    long conn;
+    int native;  // headers in this machine's order (by the tag we sent)
+    int level;   // the level the engine speaks to us at
+    std::vector<void*> libs;
+    std::vector<void*> tables;
+    std::vector<std::vector<std::string>> dirs;  // member names still to hand out
+};
+
+// The direct API keeps its last error text in one place for the process:
+// a call and the fetch of its text go together under this lock.
+extern std::mutex apilock;
+
+// A request whose body does not fit its method: refused, the connection goes on.
+vrta::rctype badreq(Session& s, int id);
+// A reply of the server's text only; rclass 2 for a failure.
+vrta::rctype msgreply(Session& s, int id, int rclass, const std::string& msg);
+// The storage layer's text of a code.
+std::string apitext(int rc);
+
+// Table requests: open with its reply stream, close, repair; member lists.
+vrta::rctype tableopen(Session& s, const unsigned char* body, long len);
+vrta::rctype tableclose(Session& s, const unsigned char* body, long len);
+vrta::rctype tablefix(Session& s, const unsigned char* body, long len);
+vrta::rctype diropen(Session& s, const unsigned char* body, long len);
+vrta::rctype dirread(Session& s, const unsigned char* body, long len);
+vrta::rctype dirclose(Session& s, const unsigned char* body, long len);
+// Gives back what a leaving client kept open.
+void sessionend(Session& s);
 
 }  // namespace vrtaserv
