@@ -48,6 +48,7 @@
 #       132 %2z%s has duplicate values of %s.
 #       135 %1zThe operator port of the server could not be connected.
 #       136 The login to the server failed.
+#       140 %3zDELREC=YES is ignored: it takes the backup process, or ACLSPECIAL=YES before it.
 #       210 %1zA wait on the connection failed.
 #       227 %3zFree space of %s.%s is %s percent.
 #       228 %2zCompression is not available at this server level; it is ignored.

@@ -1,5 +1,7 @@
 // Domain options: hpdpars reads one option of an assign statement into its
 // HPDOPT; hpdpopt reads a whole text; hphbfr frees the block.
+#include <unistd.h>
+
 #include <climits>
 #include <cstddef>
 #include <cstring>
@@ -118,6 +120,22 @@ rctype sqldefopt(OptParse& p, void* b) {
     return 0;
 }
 
+// Honoured only for the backup process or with ACLSPECIAL given before it;
+// otherwise a note says it was not taken.
+rctype delrec(OptParse& p, void* b) {
+    int yes;
+    if (rctype rc = p.yesno(&yes); rc) return rc;
+    int& d = D(b)->debug;
+    if (!yes) {
+        d &= ~HPD_DELREC;
+    } else if (VRTA_BACKUP == static_cast<int>(getpid()) || (d & HPD_ACLSPECIAL)) {
+        d |= HPD_DELREC;
+    } else {
+        xpmlog(2, 140);
+    }
+    return 0;
+}
+
 #define O(f) offsetof(HPDOPT, f)
 
 const OPTKEY dkeys[] = {
@@ -162,8 +180,7 @@ const OPTKEY dkeys[] = {
     {"LOCKING", bits<HPD_LOCKING, 0>},
     {"NOCATLOCK", bits<HPD_NOCATLOCK, 0>},
     {"NOCATOPEN", bits<HPD_NOCATOPEN, 0>},
-    // Honoured at the assign only for the backup process or with ACLSPECIAL.
-    {"DELREC", bits<HPD_DELREC, 0>},
+    {"DELREC", delrec},
     {"TRUST", bits<HPD_TRUST, 0>},
     {"NOKORSORT", bits<HPD_NOKORSORT, 0>},
     {"VRTAWHERE", bits<HPD_VRTAWHERE, 0>},

@@ -300,6 +300,14 @@ TEST(HpdPars, SharedBitsFollowTheOrderOfTheOptions) {
     set("DEBUG=CORE");
     set("DEBUG=NO");
     EXPECT_EQ(o->debug & (HPD_DEBUG | HPD_PROMPT | HPD_DEBUGCORE), HPD_DEBUGCORE);
+    // DELREC is taken only with ACLSPECIAL before it (or for the backup process).
+    set("DELREC=YES");
+    EXPECT_EQ(o->debug & HPD_DELREC, 0);
+    set("ACLSPECIAL=YES");
+    set("DELREC=YES");
+    EXPECT_EQ(o->debug & HPD_DELREC, HPD_DELREC);
+    set("DELREC=NO");
+    EXPECT_EQ(o->debug & HPD_DELREC, 0);
     // An ACL option's YES and NO bits exclude each other; the later wins.
     set("ACLREAD=NO");
     EXPECT_EQ(o->debug & (HPD_ACLREAD | HPD_ACLREADNO), HPD_ACLREADNO);
