@@ -174,6 +174,11 @@ rctype fmtuser(const char*, int, char, FMTSTR*, long*) {
 
 namespace {
 
+rctype unrecognized(long code) {
+    xpslog("xffmt(): Unrecognized format code %d", static_cast<int>(code));
+    return XF_RC_FMTCODE;
+}
+
 rctype notavail(const FMTTBL_ENT* e) {
     xrmksub(1, e->name, vzstrip(e->name, 8));
     return XF_RC_FMTNA;
@@ -186,14 +191,16 @@ int checkwidth(const FMTTBL_ENT* e, int width, int ndec) {
     return w;
 }
 
+// Group keys ask for wide fields (128 bytes when no width is given): a
+// format that cannot be that wide is applied at its default width and
+// placed in the field.
+int fitwidth(const FMTTBL_ENT* e, int fw) { return fw > e->maxw ? e->defw : fw; }
+
 }  // namespace
 
 int xffmt(xf_env_t*, const void* value, int inw, int width, int ndec, void* destptr, int destlen, long code) {
     const FMTTBL_ENT* e = fmtrow(code);
-    if (!e) {
-        xpslog("xffmt(): Unrecognized format code %d", static_cast<int>(code));
-        return XF_RC_FMTCODE;
-    }
+    if (!e) return unrecognized(code);
     if (!e->entpt) return notavail(e);
     if (!value || !destptr || inw < 0 || destlen <= 0) return XF_RC_BADCALL;
     char* out = static_cast<char*>(destptr);
@@ -223,19 +230,10 @@ int xffmt(xf_env_t*, const void* value, int inw, int width, int ndec, void* dest
     return rc;
 }
 
-// Group keys ask for wide fields (128 bytes when no width is given): a
-// format that cannot be that wide is applied at its default width and
-// placed in the field.
-namespace {
-int fitwidth(const FMTTBL_ENT* e, int fw) { return fw > e->maxw ? e->defw : fw; }
-}  // namespace
 
 int xfxpn(xf_env_t* xfenv, double inval, int fw, int ndec, long code, char* outvalptr) {
     const FMTTBL_ENT* e = fmtrow(code);
-    if (!e || e->fmttype != 'F' || e->chr) {
-        xpslog("xffmt(): Unrecognized format code %d", static_cast<int>(code));
-        return XF_RC_FMTCODE;
-    }
+    if (!e || e->fmttype != 'F' || e->chr) return unrecognized(code);
     if (fw <= 0) return XF_RC_FMTWIDTH;
     int w = fitwidth(e, fw);
     std::string tmp(static_cast<size_t>(w), ' ');
@@ -247,10 +245,7 @@ int xfxpn(xf_env_t* xfenv, double inval, int fw, int ndec, long code, char* outv
 
 int xfxpc(xf_env_t* xfenv, const char* inptr, int fw, long code, char* outvalptr, int outlen) {
     const FMTTBL_ENT* e = fmtrow(code);
-    if (!e || e->fmttype != 'F' || !e->chr) {
-        xpslog("xffmt(): Unrecognized format code %d", static_cast<int>(code));
-        return XF_RC_FMTCODE;
-    }
+    if (!e || e->fmttype != 'F' || !e->chr) return unrecognized(code);
     if (outlen <= 0 || fw < 0) return XF_RC_FMTWIDTH;
     int w = fitwidth(e, outlen);
     std::string tmp(static_cast<size_t>(w), ' ');
