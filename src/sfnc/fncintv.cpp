@@ -36,7 +36,8 @@ bool digits(std::string_view& s, long* v) {
 }
 
 bool parse(const char* str, int len, Interval* iv) {
-    std::string u(str, static_cast<size_t>(len < 0 ? 0 : len));
+    if (!str || len <= 0) return false;
+    std::string u(str, static_cast<size_t>(len));
     vzMP(u.data(), static_cast<int>(u.size()));
     std::string_view s(u);
     while (!s.empty() && s.front() == ' ') s.remove_prefix(1);

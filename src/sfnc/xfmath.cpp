@@ -27,7 +27,7 @@ double gser(double a, double x) {
     return sum * std::exp(-x + a * std::log(x) - lgam(a));
 }
 
-// Continued fraction for Q(a, x), good for x >= a + 1 (modified Lentz).
+// Continued fraction for Q(a, x), good for x >= a + 1.
 double gcf(double a, double x) {
     double b = x + 1 - a, c = 1 / kTiny, d = 1 / b, h = d;
     for (int i = 1; i < kMaxIter; i++) {
@@ -173,8 +173,8 @@ double ndtr(double x) {
 double ndtri(double p) {
     if (std::isnan(p) || p <= 0 || p >= 1) return kNaN;
     if (p > 0.5) return -ndtri(1 - p);
-    // A rational first guess good to 5e-4, then Halley steps on the
-    // distribution function itself, which converge cubically.
+    // A rational first guess good to 5e-4, then third-order correction
+    // steps on the distribution function itself.
     double t = std::sqrt(-2 * std::log(p));
     double x = -(t - (2.515517 + t * (0.802853 + t * 0.010328)) / (1 + t * (1.432788 + t * (0.189269 + t * 0.001308))));
     for (int i = 0; i < 4; i++) {
@@ -261,7 +261,7 @@ double zero(fn_t gf, const void* ctx, double a, double b) {
     if (std::isnan(fa) || std::isnan(fb) || ((fa > 0) == (fb > 0) && fa != 0 && fb != 0)) return kNaN;
     if (fa == 0) return a;
     if (fb == 0) return b;
-    // Brent's method: inverse quadratic steps, bisection when they stall.
+    // Inverse quadratic and secant steps, bisection when they stall.
     double c = a, fc = fa, d = b - a, e = d;
     for (int it = 0; it < 300; it++) {
         if ((fb > 0) == (fc > 0)) {

@@ -17,8 +17,8 @@ double chi2cdf(double x, double df, double nc);
 double fcdf(double x, double ndf, double ddf, double nc);
 double tcdf(double x, double df, double nc);
 
-// A root of g between a and b, where g(a) and g(b) differ in sign (Brent's
-// method). NaN when they do not.
+// A root of g between a and b, where g(a) and g(b) differ in sign; NaN
+// when they do not.
 using fn_t = double (*)(double x, const void* ctx);
 double zero(fn_t g, const void* ctx, double a, double b);
 

@@ -1,6 +1,6 @@
 // The numeric and date functions against values computed independently
-// (tests/sfnc/data/genref.py: mpmath at 40 digits, scipy, and Python's own
-// calendar), each compared at the tolerance of its family.
+// (tests/sfnc/data/genref.py, with libraries outside the project), each
+// compared at the tolerance of its family.
 #include <gtest/gtest.h>
 
 #include <cmath>
