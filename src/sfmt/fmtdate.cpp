@@ -94,8 +94,11 @@ std::string secs(double s, int d) {
 }
 
 std::string clock(const Hms& t, int d, bool withsecs, int hdigits = 1) {
-    std::string s = (t.neg ? "-" : "") + num(t.h, hdigits) + ":" + num(t.m, 2);
-    if (withsecs) s += ":" + secs(t.s, d);
+    std::string s = std::string(t.neg ? "-" : "") + num(t.h, hdigits) + ":" + num(t.m, 2);
+    if (withsecs) {
+        s += ':';
+        s += secs(t.s, d);
+    }
     return s;
 }
 
@@ -223,7 +226,7 @@ int fmttime(const FMTTBL_ENT* e, double v, int w, int d, char* out) {
     switch (e->arg) {
     case 0: {
         Hms t = hms(v, d);
-        return firstfit({clock(t, d, true), clock(t, 0, true), clock(t, 0, false), (t.neg ? "-" : "") + std::to_string(t.h)},
+        return firstfit({clock(t, d, true), clock(t, 0, true), clock(t, 0, false), std::string(t.neg ? "-" : "") + std::to_string(t.h)},
                         w, out);
     }
     case 1: {
@@ -247,7 +250,7 @@ int fmttime(const FMTTBL_ENT* e, double v, int w, int d, char* out) {
     case 4: return firstfit({fmt::fixed(v / 3600, d), fmt::fixed(v / 3600, 0)}, w, out);
     case 5: {
         Hms t = hms(v, d);
-        std::string m = (t.neg ? "-" : "") + std::to_string(t.h * 60 + t.m);
+        std::string m = std::string(t.neg ? "-" : "") + std::to_string(t.h * 60 + t.m);
         return firstfit({m + ":" + secs(t.s, d), m + ":" + secs(t.s, 0), m}, w, out);
     }
     default: return starred(w, out);

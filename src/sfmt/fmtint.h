@@ -7,6 +7,8 @@
 
 namespace vrta::fmt {
 
+// s with zeros in front up to w digits.
+std::string padzeros(const std::string& s, int w);
 // Right-aligns s in w bytes; false (and nothing written) when it is longer.
 bool right(std::string_view s, int w, char* out);
 // Left-aligns, blank padding; cuts what does not fit.

@@ -14,6 +14,11 @@ namespace vrta {
 
 namespace fmt {
 
+std::string padzeros(const std::string& s, int w) {
+    std::string out(static_cast<size_t>(std::max(0, w - static_cast<int>(s.size()))), '0');
+    return out + s;
+}
+
 bool right(std::string_view s, int w, char* out) {
     if (static_cast<int>(s.size()) > w) return false;
     size_t pad = static_cast<size_t>(w) - s.size();
@@ -46,12 +51,16 @@ std::string fixed(double v, int d) {
         double n = std::fabs(f - 0.5) <= 8 * DBL_EPSILON * std::max(1.0, q) ? std::floor(q) + 1 : std::round(q);
         snprintf(buf, sizeof buf, "%.0f", n);
         std::string digits(buf);
+        std::string out = v < 0 && n != 0 ? "-" : "";
         if (d > 0) {
-            if (static_cast<int>(digits.size()) <= d) digits.insert(0, static_cast<size_t>(d) + 1 - digits.size(), '0');
-            digits.insert(digits.size() - static_cast<size_t>(d), ".");
+            out.append(padzeros(digits, d + 1), 0, std::max(digits.size(), static_cast<size_t>(d) + 1) - static_cast<size_t>(d));
+            out += '.';
+            out.append(digits.size() > static_cast<size_t>(d) ? digits.substr(digits.size() - static_cast<size_t>(d))
+                                                              : padzeros(digits, d));
+        } else {
+            out += digits;
         }
-        if (v < 0 && n != 0) digits.insert(0, "-");
-        return digits;
+        return out;
     }
     snprintf(buf, sizeof buf, "%.*f", d, v);
     return buf;
@@ -184,9 +193,9 @@ int fmtcomma(const FMTTBL_ENT* e, double v, int w, int d, char* out) {
     std::string s = num;
     if (e->arg != 5) s = fmt::group(num, x ? '.' : ',', x ? ',' : '.');
     else if (size_t dot = s.find('.'); dot != std::string::npos) s[dot] = ',';
-    if (e->arg == 2 || e->arg == 3) s.insert(0, "$");
-    if (e->arg == 4) s = neg ? "(" + s + ")" : s + " ";
-    else if (neg) s.insert(0, "-");
+    if (e->arg == 2 || e->arg == 3) s = std::string("$") + s;
+    if (e->arg == 4) s = neg ? std::string("(") + s + ")" : s + " ";
+    else if (neg) s = std::string("-") + s;
     if (fmt::right(s, w, out)) return 0;
     return fixedfit(v, w, d, out) == 1 ? 1 : 2;
 }
@@ -221,9 +230,7 @@ int fmtz(const FMTTBL_ENT*, double v, int w, int d, char* out) {
     std::string s = fmt::fixed(v, d);
     bool neg = s[0] == '-';
     if (neg) s.erase(0, 1);
-    int width = w - (neg ? 1 : 0);
-    if (static_cast<int>(s.size()) < width) s.insert(0, static_cast<size_t>(width) - s.size(), '0');
-    if (neg) s.insert(0, "-");
+    s = std::string(neg ? "-" : "") + fmt::padzeros(s, w - (neg ? 1 : 0));
     if (fmt::right(s, w, out)) return 0;
     return fixedfit(v, w, d, out);
 }
@@ -263,7 +270,7 @@ int fmtradix(const FMTTBL_ENT* e, double v, int w, int, char* out) {
         s.insert(s.begin(), static_cast<char>('0' + n % static_cast<uint64_t>(e->arg)));
         n /= static_cast<uint64_t>(e->arg);
     } while (n);
-    if (static_cast<int>(s.size()) < w) s.insert(0, static_cast<size_t>(w) - s.size(), '0');
+    s = fmt::padzeros(s, w);
     if (fmt::right(s, w, out)) return 0;
     fmt::stars(w, out);
     return 1;
@@ -311,7 +318,7 @@ int fmtpvalue(const FMTTBL_ENT*, double v, int w, int d, char* out) {
     if (d <= 0) d = std::max(1, w - 2);
     double least = std::pow(10.0, -d);
     if (v >= 0 && v < least) {
-        std::string s = "<." + std::string(static_cast<size_t>(d - 1), '0') + "1";
+        std::string s = std::string("<.") + std::string(static_cast<size_t>(d - 1), '0') + "1";
         if (fmt::right(s, w, out)) return 0;
     }
     return fixedfit(v, w, d, out);

@@ -202,7 +202,7 @@ int depreciation(FNCPAR* p, void* r, Dep kind, bool accumulated) {
 
 // COMPOUND(a, f, r, n): f = a (1 + r)^n.
 int fnccompound(FNCPAR* p, void* r) {
-    double v[4];
+    double v[4] = {};
     int k = unknown(p, v);
     double a = v[0], f = v[1], rate = v[2], n = v[3];
     switch (k) {
@@ -216,7 +216,7 @@ int fnccompound(FNCPAR* p, void* r) {
 
 // MORT(a, p, r, n): the payment p that repays a over n periods at rate r.
 int fncmort(FNCPAR* p, void* r) {
-    double v[4];
+    double v[4] = {};
     int k = unknown(p, v);
     double a = v[0], pmt = v[1], rate = v[2], n = v[3];
     switch (k) {
@@ -235,7 +235,7 @@ int fncmort(FNCPAR* p, void* r) {
 // SAVING(f, p, r, n): what deposits p at the start of each of n periods
 // grow to at rate r.
 int fncsaving(FNCPAR* p, void* r) {
-    double v[4];
+    double v[4] = {};
     int k = unknown(p, v);
     double f = v[0], pmt = v[1], rate = v[2], n = v[3];
     switch (k) {
