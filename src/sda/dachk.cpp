@@ -25,7 +25,7 @@ constexpr int64_t MAXMULTIBLOCK = 64LL << 20;
 
 struct Ctx {
     DA_FCB* fcb;
-    char file[512];
+    char file[sizeof(DA_FDPSTAT::name)];
 };
 
 void fileof(DA_FCB* fcb, char* out, size_t size) {
