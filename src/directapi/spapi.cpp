@@ -17,11 +17,20 @@
 #include "directapi/sp.h"
 #include "hs/hs.h"
 #include "sda/darc.h"
+#include "sda/dafid.h"
+#include "sda/daxc.h"
 #include "ssup/xp.h"
 
 using namespace vrta;
 
 namespace {
+
+// A program that reaches tables through this API needs the table layer's
+// method tables and the built-in exits. The storage layer's start finds them
+// through weak references, which alone do not pull them out of a static
+// archive: these references do.
+__attribute__((used)) void* const spkeep[] = {reinterpret_cast<void*>(&dafidmtini),
+                                              reinterpret_cast<void*>(&daxcini)};
 
 constexpr char WHO_MODIFIED[8] = {'V', 'R', 'T', 'A', 'D', 'A', 'P', 'I'};
 constexpr int SP_OPENFLAGS = 4;

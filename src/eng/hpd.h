@@ -218,8 +218,8 @@ rctype hpdlxsp(void* engid);
 rctype hpvallv(void* fid);
 
 #define VRTA_HPD_NOTYET(X)                                                                              \
-    X(hpctrnc) X(hpddel) X(hpdrnm) X(hpddopn) X(hpddrd)                                                 \
-    X(hpdcls) X(hpdexis) X(hpoopen) X(hpoclos) X(hporopn) X(hpofix) X(hpvprji) X(hpvprjl)               \
+    X(hpctrnc) X(hpddel) X(hpdrnm)                                                                      \
+    X(hpdexis) X(hpoopen) X(hpoclos) X(hporopn) X(hpofix) X(hpvprji) X(hpvprjl)               \
     X(hpvprje) X(hpodefv) X(hpcdnot) X(hpvnamu) X(hpoaddl) X(hpoinfo) X(hpoload) X(hpgetnc) X(hpogetr)  \
     X(hpoadd) X(hpoupd) X(hpodel) X(hponote) X(hpopnt) X(hpon2rd) X(hpord2n) X(hpoforc) X(hpowset)      \
     X(hpoordr) X(hpounlk) X(hpcopen) X(hpcclos) X(hpcropn) X(hpcrd) X(hpcwrt) X(hpcpnt) X(hpcnote)      \

@@ -2,6 +2,7 @@
 // the host's (vrta/vrtaeng.h); a slot not set here stays null because the
 // table is zero-filled when allocated.
 #include "eng/hpd.h"
+#include "eng/hpdd.h"
 #include "eng/hpdl.h"
 #include "eng/hpdopt.h"
 

@@ -6,13 +6,16 @@
 
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "eng/hpdc.h"
+#include "eng/hpdd.h"
 #include "eng/hpdl.h"
 #include "eng/hpdutl.h"
 #include "srvutil.h"
 #include "testutil.h"
+#include "vrta/directapi.h"
 #include "wireutil.h"
 
 using namespace vrta;
@@ -250,4 +253,46 @@ TEST_F(Assign, ADeadServerFailsTheDeassignAndTheNextAssignStartsAfresh) {
     ASSERT_EQ(assign(&b, "B", dir.file("sales"), &o2), 0) << wiretest::subst();
     EXPECT_TRUE(log.has("closed.")) << log.text();
     EXPECT_EQ(hpd.serv->next, nullptr);
+}
+
+TEST_F(Assign, MembersOfARemoteDomainAreListedInPieces) {
+    // 70 tables: more than one piece of 64.
+    void* dl = nullptr;
+    ASSERT_EQ(splasgn(dir.file("sales").c_str(), &dl), 0);
+    const VRTACOLDEF col[] = {{"X", -1, nullptr, 0, 1, 8}};
+    for (int i = 0; i < 70; ++i) {
+        VRTACREATE cr{};
+        cr.ncols = 1;
+        cr.cols = col;
+        void* fid = nullptr;
+        std::string n = "t" + std::to_string(i);
+        ASSERT_EQ(vrtacreate(dl, n.c_str(), -1, &cr, &fid), 0);
+        ASSERT_EQ(vrtaclose(fid), 0);
+    }
+    spldeasgn(dl);
+    auto sv = serv();
+    HPDOPT o = opt(sv->port());
+    yhlibref a;
+    ASSERT_EQ(assign(&a, "S", dir.file("sales"), &o), 0) << wiretest::subst();
+    void* d = nullptr;
+    ASSERT_EQ(hpddopn(&hpd, &a, &d), 0) << wiretest::subst();
+    std::set<std::string> seen;
+    char name[33], type[8];
+    int nl = 0;
+    rctype rc;
+    while ((rc = hpddrd(d, name, &nl, type)) == 0) {
+        EXPECT_EQ(static_cast<int>(std::strlen(name)), nl);
+        EXPECT_EQ(std::string(type, 8), "DATA    ");
+        seen.insert(name);
+    }
+    EXPECT_EQ(rc, HPD_RC_EOF);
+    EXPECT_EQ(hpddrd(d, name, &nl, type), HPD_RC_EOF);  // and stays at the end
+    EXPECT_EQ(seen.size(), 70u);
+    EXPECT_TRUE(seen.count("T69"));
+    EXPECT_EQ(hpdcls(d), 0);
+    // A dead connection: the list fails at once.
+    sv->stop(SIGKILL);
+    hpd.serv->sopen->eof = 1;
+    EXPECT_EQ(hpddopn(&hpd, &a, &d), HPD_RC_FAIL);
+    EXPECT_EQ(wiretest::subst(), "The connection to the server was lost earlier; assign the domain again.");
 }

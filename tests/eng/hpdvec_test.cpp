@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "eng/hpd.h"
+#include "eng/hpdd.h"
 #include "eng/hpdl.h"
 #include "eng/hpdopt.h"
 #include "hs/hs.h"
