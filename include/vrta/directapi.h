@@ -60,6 +60,14 @@ typedef struct VRTAINFO {
 #define VRTAINFO_TRANSFERFACTOR 11 /* int32 */
 #define VRTAINFO_VSTAT 12         /* int32: 1 when variable statistics are kept */
 #define VRTAINFO_OFLAGS 13        /* int32: the open flags */
+#define VRTAINFO_SORT 14          /* VRTASORTINFO */
+
+/* The order a table is known to be sorted in: 1-based columns, most
+ * significant first, negative when descending. */
+typedef struct VRTASORTINFO {
+    int32_t nvars;
+    int32_t var[128];
+} VRTASORTINFO;
 
 /* A column as the storage layer keeps it. The first 76 bytes are the column's
  * disk form; the names behind them are not terminated (use the lengths). */
@@ -147,6 +155,28 @@ typedef struct VRTACREATE {
     const char* label;    /* null: none */
 } VRTACREATE;
 VRTA_API int vrtacreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, void** newfid);
+
+/* A sorted copy of a table. Rows with equal keys keep their order; a
+ * missing number sorts below every other, characters by their bytes. The
+ * new table records its sort order (VRTAINFO_SORT). The sort spills to the
+ * work path (option WORKPATH, else the temporary directory) when the rows
+ * do not fit memsize bytes. A failed or interrupted sort leaves no new table
+ * and no work file. */
+typedef struct VRTASORTKEY {
+    int32_t var;        /* 1-based column */
+    int32_t descending; /* non-zero: highest first */
+} VRTASORTKEY;
+typedef struct VRTASORT {
+    int nkeys;                 /* 1 to 128 */
+    const VRTASORTKEY* keys;
+    int64_t memsize;           /* bytes of sort memory; 0: the SORTSIZE option, else 64 MB */
+    const char* ekey;          /* key of an encrypted input, or null */
+    volatile int* interrupt;   /* polled; non-zero stops the sort */
+    /* Called now and then: phase 1 reading, 2 writing; rows done of total. */
+    void (*progress)(void* arg, int phase, int64_t done, int64_t total);
+    void* progress_arg;
+} VRTASORT;
+VRTA_API int vrtasort(void* vlib, const char* in, int in_l, const char* out, int out_l, const VRTASORT* req);
 
 /* Members of a domain: deletion and listing. */
 VRTA_API int spdelete(void* vlib, const char* dsname, int dsnamelen);

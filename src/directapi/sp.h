@@ -75,6 +75,11 @@ rctype spmkerr(const char* mem, int memlen, rctype rc);
 // The last text filed by spmkerr in this thread.
 const char* splasterr();
 
+// vrtacreate, with each column's sort byte (its place in the sort order,
+// negative when descending), or none.
+rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, const int8_t* sortbytes,
+                void** newfid);
+
 // Transcoding.
 rctype spnlsinit(SP_FID* spfid);
 rctype spnlsterm(SP_FID* spfid);

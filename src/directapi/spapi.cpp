@@ -265,7 +265,12 @@ int vrtaclose(void* vfid) {
     return last;
 }
 
-int vrtacreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, void** newfid) {
+}  // extern "C"
+
+namespace vrta {
+
+rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, const int8_t* sortbytes,
+                void** newfid) {
     if (!newfid) return DA_BADARG;
     *newfid = nullptr;
     auto* lp = static_cast<DA_LIB*>(vlib);
@@ -300,6 +305,7 @@ int vrtacreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* 
             v.label_l = static_cast<int16_t>(ll);
         }
         v.type = static_cast<int8_t>(c.type);
+        v.sort = sortbytes ? sortbytes[i] : 0;
         v.nlng = c.length;
         v.npos = pos;
         pos += c.length;
@@ -366,9 +372,17 @@ int vrtacreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* 
     return rc > 0 ? rc : 0;
 }
 
+}  // namespace vrta
+
+extern "C" {
+
+int vrtacreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, void** newfid) {
+    return spcreate(vlib, dsname, dsnamelen, cr, nullptr, newfid);
+}
+
 int vrtainfo(void* vfid, int which, void* ibuf) {
     SP_FID* s = spfidof(vfid);
-    if (which < 0 || which > 13) return -1;
+    if (which < 0 || which > 14) return -1;
     if (!s || !s->dafid || !ibuf) return DA_BADARG;
     DA_FID* fp = s->dafid;
     const DA_XOEODS& x = *fp->xoehdr;
@@ -441,6 +455,20 @@ int vrtainfo(void* vfid, int which, void* ibuf) {
     case 11: put32(x.transferfactor); break;
     case 12: put32((x.flags & DA_XOEVSTAT) ? 1 : 0); break;
     case 13: put32(s->oflags); break;
+    case 14: {
+        // The columns in key order; a descending one is marked in its own
+        // description, since the sort record holds column numbers only.
+        VRTASORTINFO si{};
+        const DA_SORTINFO* so = fp->sortinfo;
+        si.nvars = so ? std::clamp(so->nvars, 0, 128) : 0;
+        for (int k = 0; k < si.nvars; ++k) {
+            int v = so->nvar0[k];
+            bool desc = v >= 1 && v <= fp->numvar && fp->vars[v - 1].sort < 0;
+            si.var[k] = desc ? -v : v;
+        }
+        memcpy(ibuf, &si, sizeof si);
+        break;
+    }
     }
     return 0;
 }

@@ -52,6 +52,7 @@ DirectApi* loadApi() {
     VRTA_GET(vrtagetnpp) VRTA_GET(vrtacreate) VRTA_GET(vrtapartinfo) VRTA_GET(spdelete) VRTA_GET(spopendir)
     VRTA_GET(spreaddir) VRTA_GET(spclosedir) VRTA_GET(spnewrd) VRTA_GET(spnewwr) VRTA_GET(spfreerd)
     VRTA_GET(spfreeio) VRTA_GET(spsetloc) VRTA_GET(spreadv) VRTA_GET(spwritev) VRTA_GET(vrtaerrtext)
+    VRTA_GET(vrtasort)
 #undef VRTA_GET
     if (!m.ok) {
         delete api;

@@ -31,6 +31,7 @@ struct DirectApi {
     VRTA_API_FN(spreadv)
     VRTA_API_FN(spwritev)
     VRTA_API_FN(vrtaerrtext)
+    VRTA_API_FN(vrtasort)
 #undef VRTA_API_FN
 
     // "text (0x........)" for a code the API returned.

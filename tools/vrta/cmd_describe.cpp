@@ -73,6 +73,17 @@ int run(const std::vector<std::string>& args) {
     std::fprintf(out, "indexes:       %d\n", vi.numindex);
 
     std::vector<ColInfo> cols = columns(t);
+    VRTASORTINFO si{};
+    if (api->vrtainfo(t.fid, VRTAINFO_SORT, &si) == 0 && si.nvars > 0) {
+        std::string order;
+        for (int k = 0; k < si.nvars; ++k) {
+            int v = si.var[k] < 0 ? -si.var[k] : si.var[k];
+            if (k) order += ", ";
+            order += v >= 1 && v <= static_cast<int>(cols.size()) ? cols[v - 1].name : "#" + std::to_string(v);
+            if (si.var[k] < 0) order += " DESC";
+        }
+        std::fprintf(out, "sorted by:     %s\n", order.c_str());
+    }
     size_t wn = 4;
     for (const ColInfo& c : cols) wn = std::max(wn, c.name.size());
     std::fprintf(out, "\ncolumns: %zu\n", cols.size());

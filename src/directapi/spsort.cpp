@@ -1,0 +1,233 @@
+// vrtasort: a sorted copy of a table, through the key block and the
+// external sorter. The new table is made only once every row has gone into
+// the sorter, so a failure or an interrupt before that leaves nothing; one
+// after it removes the half-written copy.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "directapi/sp.h"
+#include "hs/hs.h"
+#include "hs/sr.h"
+#include "option/op.h"
+#include "sda/darc.h"
+
+using namespace vrta;
+
+namespace {
+
+constexpr int64_t DEFAULT_MEMORY = 64ll << 20;
+constexpr long IOBYTES = 1 << 20;
+
+int64_t sortmemory(int64_t asked) {
+    if (asked > 0) return asked;
+    double d = 0;
+    int len = 0;
+    void* opt = opgtgbl();
+    if (opt && opgetop(opt, "SORTSIZE", &d, &len) >= 0 && d > 0) return static_cast<int64_t>(d);
+    return DEFAULT_MEMORY;
+}
+
+bool stopped(const VRTASORT* r) { return r->interrupt && *r->interrupt; }
+
+struct Job {
+    Job(void* l, const VRTASORT* r) : vlib(l), req(r) {}
+    void* vlib;
+    const VRTASORT* req;
+    void* in = nullptr;
+    void* out = nullptr;
+    void* rd = nullptr;
+    void* wr = nullptr;
+    SKB_KEY skb{};
+    bool skbmade = false;
+    SR_CTX* sp = nullptr;
+    std::string outname;
+    ~Job() {
+        if (sp) srclose(sp);
+        if (skbmade) skb.mt.destroy(&skb);
+        if (rd) spfreerd(rd);
+        if (wr) spfreeio(wr);
+        if (in) vrtaclose(in);
+    }
+    // A copy that was begun is closed and removed again.
+    void dropout() {
+        if (wr) spfreeio(wr);
+        wr = nullptr;
+        if (out) vrtaclose(out);
+        out = nullptr;
+        spdelete(vlib, outname.data(), static_cast<int>(outname.size()));
+    }
+    void progress(int phase, int64_t done, int64_t total) {
+        if (req->progress) req->progress(req->progress_arg, phase, done, total);
+    }
+};
+
+// Every row of the input, keyed, into the sorter.
+rctype feed(Job& j, const VRTAINFO& vi) {
+    std::vector<char> buf(std::max<long>(IOBYTES / vi.obslen, 1) * vi.obslen);
+    rctype rc = spnewrd(j.in, static_cast<long>(buf.size()), buf.data(), &j.rd);
+    if (rc < 0) return rc;
+    int64_t done = 0;
+    for (;;) {
+        if (stopped(j.req)) return SR_RC_INTERRUPT;
+        long n = 0;
+        void* rows = nullptr;
+        int64_t* obs = nullptr;
+        rc = spreadv(j.rd, &n, &rows, &obs);
+        if (rc < 0) return rc;
+        if (n <= 0) break;
+        for (long i = 0; i < n;) {
+            char* bin = nullptr;
+            long room = 0;
+            rc = sraddbin(j.sp, &bin, &room, nullptr);
+            if (rc < 0) return rc;
+            long put = 0;
+            while (put < room && i < n) {
+                hs_obsno_t o = obs ? obs[i] : done + 1;
+                rc = j.skb.mt.makekey(&j.skb, static_cast<char*>(rows) + i * vi.obslen, o, bin, &put, nullptr);
+                if (rc < 0) return rc;
+                i++;
+                done++;
+            }
+            rc = srendbin(j.sp, put);
+            if (rc < 0) return rc;
+        }
+        j.progress(1, done, vi.numobs);
+    }
+    spfreerd(j.rd);
+    j.rd = nullptr;
+    return 0;
+}
+
+// The new table, with the input's columns and its sort order marked.
+rctype create(Job& j, const VRTAINFO& vi, const VRTASORT* r) {
+    int32_t cei = 0;
+    u_sname loc{};
+    rctype rc = vrtainfo(j.in, VRTAINFO_ENCODING, &cei);
+    if (rc == 0) rc = vrtainfo(j.in, VRTAINFO_LOCALE, &loc);
+    if (rc < 0) return rc;
+    std::vector<VRTACOLDEF> cols(vi.numvar);
+    std::vector<int8_t> sortbytes(vi.numvar, 0);
+    for (int v = 1; v <= vi.numvar; ++v) {
+        VRTA_NAMESTR* np = nullptr;
+        rc = vrtagetnpp(j.in, v, &np);
+        if (rc < 0) return rc;
+        VRTACOLDEF& c = cols[v - 1];
+        c.name = np->name;
+        c.name_l = np->n7.name_l;
+        c.label = np->label;
+        c.label_l = np->n7.label_l;
+        c.type = np->n7.type;
+        c.length = np->n7.nlng;
+    }
+    for (int k = 0; k < r->nkeys; ++k) {
+        int8_t b = static_cast<int8_t>(k + 1);
+        sortbytes[r->keys[k].var - 1] = r->keys[k].descending ? static_cast<int8_t>(-b) : b;
+    }
+    std::string locale(loc.name, std::max<int>(0, std::min<int>(loc.len, 32)));
+    std::string label(vi.label, std::max<int>(0, std::min<int>(vi.label_l, 256)));
+    VRTACREATE cr{};
+    cr.ncols = vi.numvar;
+    cr.cols = cols.data();
+    cr.blocksize = vi.blocksize;
+    cr.encoding_cei = cei;
+    cr.locale = locale.empty() ? nullptr : locale.c_str();
+    cr.label = label.empty() ? nullptr : label.c_str();
+    rc = spcreate(j.vlib, j.outname.data(), static_cast<int>(j.outname.size()), &cr, sortbytes.data(), &j.out);
+    if (rc < 0) j.out = nullptr;
+    return rc < 0 ? rc : 0;
+}
+
+rctype writeout(Job& j, const VRTAINFO& vi, const VRTASORT* r) {
+    std::vector<char> buf(std::max<long>(IOBYTES / vi.obslen, 1) * vi.obslen);
+    long per = static_cast<long>(buf.size() / vi.obslen);
+    rctype rc = spnewwr(j.out, static_cast<long>(buf.size()), buf.data(), 0, &j.wr);
+    if (rc < 0) return rc;
+    long inbuf = 0;
+    int64_t done = 0;
+    int off = j.skb.info.data_offset;
+    char* rec = nullptr;
+    long l;
+    while ((l = srnextrec(j.sp, &rec)) > 0) {
+        memcpy(buf.data() + inbuf * vi.obslen, rec + off, vi.obslen);
+        if (++inbuf == per) {
+            if (stopped(r)) return SR_RC_INTERRUPT;
+            if ((rc = spwritev(j.wr, inbuf)) < 0) return rc;
+            done += inbuf;
+            inbuf = 0;
+            j.progress(2, done, vi.numobs);
+        }
+    }
+    if (l < 0) return static_cast<rctype>(l);
+    if (inbuf > 0 && (rc = spwritev(j.wr, inbuf)) < 0) return rc;
+    done += inbuf;
+    j.progress(2, done, vi.numobs);
+    rc = spfreeio(j.wr);
+    j.wr = nullptr;
+    if (rc < 0) return rc;
+    DA_SORTINFO si;
+    memset(&si, 0, sizeof si);
+    memset(si.collate, ' ', sizeof si.collate);
+    si.nvars = r->nkeys;
+    for (int k = 0; k < r->nkeys; ++k) si.nvar0[k] = r->keys[k].var;
+    DA_FID* fp = spfidof(j.out)->dafid;
+    rc = fp->mt->setsortinfo(fp, &si);
+    return rc < 0 ? rc : 0;
+}
+
+}  // namespace
+
+extern "C" int vrtasort(void* vlib, const char* in, int in_l, const char* out, int out_l, const VRTASORT* req) {
+    if (!vlib || !in || !out || !req || req->nkeys < 1 || req->nkeys > 128 || !req->keys || req->memsize < 0)
+        return DA_BADARG;
+    if (in_l < 0) in_l = static_cast<int>(strlen(in));
+    if (out_l < 0) out_l = static_cast<int>(strlen(out));
+    if (in_l <= 0 || out_l <= 0 || out_l > 32) return DA_BADARG;
+    Job j(vlib, req);
+    j.outname.assign(out, out_l);
+    rctype rc = vrtaopen(vlib, in, in_l, nullptr, 0, req->ekey, 0, nullptr, -1, 0, &j.in);
+    if (rc < 0) {
+        j.in = nullptr;
+        return rc;
+    }
+    VRTAINFO vi;
+    if ((rc = vrtainfo(j.in, VRTAINFO_ALL, &vi)) < 0) return rc;
+    std::vector<bool> seen(vi.numvar + 1, false);
+    for (int k = 0; k < req->nkeys; ++k) {
+        int v = req->keys[k].var;
+        if (v < 1 || v > vi.numvar || seen[v]) return SP_BADVAR;
+        seen[v] = true;
+    }
+    // Keys carry the row number behind the columns, so rows with equal keys
+    // keep their order, and the row itself behind that.
+    rc = skbinit(&j.skb, nullptr, nullptr, nullptr, SKB_MAKEKEY, vi.obslen, req->nkeys);
+    if (rc < 0) return rc;
+    j.skbmade = true;
+    for (int k = 0; k < req->nkeys; ++k) {
+        VRTA_NAMESTR* np = nullptr;
+        if ((rc = vrtagetnpp(j.in, req->keys[k].var, &np)) < 0) return rc;
+        rc = j.skb.mt.addcol(&j.skb, np->n7.npos, np->n7.nlng, np->n7.type, req->keys[k].descending ? 1 : 0);
+        if (rc < 0) return rc;
+    }
+    if ((rc = j.skb.mt.addend(&j.skb, SKB_OBS | SKB_DATA)) < 0) return rc;
+    SR_PARMS p{};
+    p.skb = &j.skb;
+    p.mem_size = static_cast<size_t>(sortmemory(req->memsize));
+    p.merge_size = p.mem_size;
+    p.flags = SR_EXACTMEM;
+    p.interrupt = req->interrupt;
+    if ((rc = sropen(&p, &j.sp)) < 0) return rc;
+    if ((rc = feed(j, vi)) < 0) return rc;
+    if ((rc = srfinish(j.sp)) < 0) return rc;
+    if (stopped(req)) return SR_RC_INTERRUPT;
+    if ((rc = create(j, vi, req)) < 0) return rc;
+    rc = writeout(j, vi, req);
+    if (rc >= 0 && stopped(req)) rc = SR_RC_INTERRUPT;  // not committed yet: still undone
+    if (rc >= 0) {
+        rc = vrtaclose(j.out);
+        j.out = nullptr;
+        if (rc >= 0) return 0;
+    }
+    j.dropout();
+    return rc;
+}

@@ -1,0 +1,172 @@
+// vrta sort: a sorted copy of a table.
+#include <signal.h>
+
+#include <cctype>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "apiload.h"
+#include "progress.h"
+#include "vrta.h"
+
+namespace vrtacli {
+namespace {
+
+volatile int interrupted = 0;
+void onsignal(int) { interrupted = 1; }
+
+std::string upper(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return s;
+}
+
+std::string trim(const std::string& s) {
+    size_t a = s.find_first_not_of(" \t"), b = s.find_last_not_of(" \t");
+    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
+}
+
+// "1M", "64K", "2G" (powers of 1024) or plain bytes; -1 when malformed.
+int64_t parseSize(const std::string& s) {
+    if (s.empty() || !std::isdigit(static_cast<unsigned char>(s[0]))) return -1;
+    size_t i = 0;
+    int64_t v = 0;
+    while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) {
+        if (v > (INT64_MAX - 9) / 10) return -1;
+        v = v * 10 + (s[i++] - '0');
+    }
+    int shift = 0;
+    if (i < s.size()) {
+        char u = static_cast<char>(std::toupper(static_cast<unsigned char>(s[i++])));
+        shift = u == 'K' ? 10 : u == 'M' ? 20 : u == 'G' ? 30 : -1;
+        if (shift < 0 || i != s.size()) return -1;
+    }
+    if (v > (INT64_MAX >> shift)) return -1;
+    return v << shift;
+}
+
+// "COL[,COL DESC...]" against the table's columns.
+int parseKeys(const std::string& by, const std::vector<ColInfo>& cols, std::vector<VRTASORTKEY>* keys) {
+    size_t start = 0;
+    while (start <= by.size()) {
+        size_t end = by.find(',', start);
+        if (end == std::string::npos) end = by.size();
+        std::string item = trim(by.substr(start, end - start));
+        start = end + 1;
+        if (item.empty()) return fail("sort: --by has an empty item in '" + by + "'", 2);
+        std::string name = item, dir;
+        size_t sp = item.find_first_of(" \t");
+        if (sp != std::string::npos) {
+            name = item.substr(0, sp);
+            dir = upper(trim(item.substr(sp)));
+        }
+        if (!dir.empty() && dir != "ASC" && dir != "DESC")
+            return fail("sort: '" + item + "': the order is ASC or DESC", 2);
+        int var = 0;
+        for (size_t i = 0; i < cols.size(); ++i)
+            if (upper(cols[i].name) == upper(name)) var = static_cast<int>(i + 1);
+        if (!var) return fail("sort: the table has no column '" + name + "'", 2);
+        for (auto& k : *keys)
+            if (k.var == var) return fail("sort: column '" + name + "' is named twice in --by", 2);
+        if (keys->size() == 128) return fail("sort: at most 128 columns in --by", 2);
+        keys->push_back({var, dir == "DESC" ? 1 : 0});
+        if (end == by.size()) break;
+    }
+    return 0;
+}
+
+struct Bar {
+    Progress bar;
+    std::string in, out;
+    int phase = 0;
+};
+
+void progress(void* arg, int phase, int64_t done, int64_t total) {
+    auto* b = static_cast<Bar*>(arg);
+    if (phase != b->phase) {
+        b->bar.done();
+        b->phase = phase;
+        b->bar.total = static_cast<uint64_t>(total);
+        b->bar.what = phase == 1 ? "sorting " + b->in : "writing " + b->out;
+    }
+    b->bar.show(static_cast<uint64_t>(done), static_cast<long>(done));
+}
+
+int run(const std::vector<std::string>& args) {
+    std::string by, out, mem, key;
+    std::vector<std::string> pos;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        bool val = i + 1 < args.size();
+        if (a == "--by" && val) by = args[++i];
+        else if (a == "--out" && val) out = args[++i];
+        else if (a == "--memory" && val) mem = args[++i];
+        else if (a == "--key" && val) key = args[++i];
+        else if (a.size() > 1 && a[0] == '-') return fail("sort: unknown or incomplete option '" + a + "'", 2);
+        else pos.push_back(a);
+    }
+    if (pos.size() != 2 || by.empty() || out.empty())
+        return fail("sort: needs DOMAIN_DIR TABLE --by COLS --out NEWTABLE (try --help)", 2);
+    if (!validName(out)) return fail("sort: '" + out + "' is not a valid table name", 2);
+    if (upper(out) == upper(pos[1])) return fail("sort: --out must name a new table, not the input", 2);
+    int64_t memsize = 0;
+    if (!mem.empty()) {
+        memsize = parseSize(mem);
+        if (memsize < 0) return fail("sort: --memory '" + mem + "' is not a size like 64K, 1M or 2G", 2);
+        if (memsize < 65536) return fail("sort: --memory must be at least 64K", 2);
+    }
+    Domain dom;
+    if (int st = dom.assign(pos[0])) return st;
+    if (hasTable(dom, out)) return fail("sort: table " + upper(out) + " already exists");
+    std::vector<VRTASORTKEY> keys;
+    {
+        OpenTable t;
+        if (int st = t.open(dom, pos[1], key)) return st;
+        if (int st = parseKeys(by, columns(t), &keys)) return st;
+    }
+
+    // An interrupt stops the sort; the module then removes what it made.
+    struct sigaction sa{};
+    sa.sa_handler = onsignal;
+    sigemptyset(&sa.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+
+    Bar bar;
+    bar.in = upper(pos[1]);
+    bar.out = upper(out);
+    VRTASORT req{};
+    req.nkeys = static_cast<int>(keys.size());
+    req.keys = keys.data();
+    req.memsize = memsize;
+    req.ekey = key.empty() ? nullptr : key.c_str();
+    req.interrupt = &interrupted;
+    req.progress = progress;
+    req.progress_arg = &bar;
+    const DirectApi* api = dom.api;
+    int rc = api->vrtasort(dom.lib, pos[1].c_str(), static_cast<int>(pos[1].size()), out.c_str(),
+                           static_cast<int>(out.size()), &req);
+    bar.bar.done();
+    if (rc < 0) return fail("sort: " + api->text(rc), interrupted ? 130 : 1);
+    return 0;
+}
+
+Register reg({"sort", "write a sorted copy of a table",
+              "usage: vrta sort DOMAIN_DIR TABLE --by COL[,COL DESC...] --out NEWTABLE\n"
+              "                 [--memory SIZE] [--key KEY]\n"
+              "\n"
+              "Writes the rows of TABLE to the new table NEWTABLE in the order of the\n"
+              "columns given with --by, each ASC (the default) or DESC, in any case. Rows\n"
+              "with equal keys keep their order; a missing number sorts first, characters\n"
+              "by their bytes. The new table records the order, which 'vrta describe' shows.\n"
+              "\n"
+              "--memory SIZE  sort memory, as 64K, 1M or 2G (default: the SORTSIZE option,\n"
+              "               else 64M). A larger table spills sorted runs to the work\n"
+              "               path (the WORKPATH option, else /var/tmp) and merges them.\n"
+              "--key KEY      the key of an encrypted TABLE.\n"
+              "\n"
+              "A progress bar shows on a terminal. An interrupted or failed sort leaves no\n"
+              "new table and no work file.\n",
+              run});
+
+}  // namespace
+}  // namespace vrtacli
