@@ -318,7 +318,7 @@ TEST_F(Api, InformationSelectorsAndColumnDescriptions) {
     EXPECT_EQ(std::string("info"), std::string(sn.name, sn.len));
     ASSERT_EQ(0, vrtainfo(fid, VRTAINFO_NINDEXES, &i32));
     EXPECT_EQ(0, i32);
-    EXPECT_EQ(-1, vrtainfo(fid, 14, &i32));
+    EXPECT_EQ(-1, vrtainfo(fid, 15, &i32));
 
     // A storage code wrapped with the member's name, for the caller to fetch.
     EXPECT_EQ(VRTA_RC_WRAPPED, MakeError(&sn, static_cast<int>(DA_NOTFOUND)));
