@@ -171,6 +171,11 @@ enum {
  * also returned; argv[0..2] are filled only on success. */
 int vrtaeng(int argc, void** argv);
 
+/* The text of a code an entry returned, with the substitutions the module
+ * stored with it in the calling thread (what the host's printer would show):
+ * for a host that does not share the module's message blocks. The length. */
+int vrtarctext(int rc, char* buf, int buflen);
+
 #ifdef __cplusplus
 }
 #endif

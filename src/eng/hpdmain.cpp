@@ -109,3 +109,14 @@ extern "C" rctype hpdterm(void* engid) {
     xmfree(XM_THREADPOOL, ecb, sizeof(HPDECB));
     return 0;
 }
+
+extern "C" __attribute__((visibility("default"))) int vrtarctext(int rc, char* buf, int buflen) {
+    if (!buf || buflen <= 0) return 0;
+    int n = vrta::xprstr(buf, rc, buflen - 1);
+    if (n < 0) n = 0;
+    if (n > buflen - 1) n = buflen - 1;
+    // The printer pads with blanks and may end with a line feed.
+    while (n > 0 && (buf[n - 1] == ' ' || buf[n - 1] == '\n')) --n;
+    buf[n] = 0;
+    return n;
+}

@@ -6,18 +6,44 @@
 #include <vector>
 
 #include "apiload.h"
+#include "remote.h"
 #include "vrta.h"
 
 namespace vrtacli {
 namespace {
 
-int run(const std::vector<std::string>& args) {
+// The tables of a domain on a data server, by the name server's map.
+int remote(const RemoteArgs& r, const std::vector<std::string>& pos) {
+    if (pos.size() != 1) return fail("tables: needs DOMAIN, a name of the name server's map (try --help)", 2);
+    RemoteDomain dom;
+    if (int st = dom.assign("tables", r, pos[0])) return st;
+    std::vector<std::string> names;
+    if (int st = dom.tables("tables", &names)) return st;
+    std::sort(names.begin(), names.end());
+    FILE* out = commandOutput();
+    if (names.empty()) std::fprintf(out, "no tables in %s\n", pos[0].c_str());
+    for (std::string n : names) {
+        for (char& c : n) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        std::fprintf(out, "%s\n", n.c_str());
+    }
+    std::fflush(out);
+    return 0;
+}
+
+int run(const std::vector<std::string>& given) {
+    std::vector<std::string> args = given;
+    RemoteArgs r;
+    if (int st = takeRemote(args, &r)) return st;
     std::string key;
     std::vector<std::string> pos;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--key" && i + 1 < args.size()) key = args[++i];
         else if (args[i].size() > 1 && args[i][0] == '-') return fail("tables: unknown option '" + args[i] + "'", 2);
         else pos.push_back(args[i]);
+    }
+    if (!r.nameserver.empty()) {
+        if (!key.empty()) return fail("tables: --key has no use with --name-server", 2);
+        return remote(r, pos);
     }
     if (pos.size() != 1) return fail("tables: needs DOMAIN_DIR (try --help)", 2);
     Domain dom;
@@ -86,10 +112,15 @@ int run(const std::vector<std::string>& args) {
 
 Register reg({"tables", "list the tables of a domain with rows and size",
               "usage: vrta tables DOMAIN_DIR [--key KEY]\n"
+              "       vrta tables --name-server HOST:PORT --user USER DOMAIN\n"
               "\n"
               "Lists the domain's tables, their rows and the bytes of all their files.\n"
               "An encrypted table shows '?' unless KEY opens it; a table that cannot be read,\n"
-              "or that its creator never finished, shows '?' and says why.\n",
+              "or that its creator never finished, shows '?' and says why.\n"
+              "\n"
+              "With --name-server, DOMAIN is a name of the name server's map: the engine\n"
+              "assigns it over the wire, logs in as USER (password from VRTA_PASSWORD, or\n"
+              "asked for on a terminal) and lists the names of its tables.\n",
               run});
 
 }  // namespace

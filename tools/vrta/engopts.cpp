@@ -19,6 +19,7 @@ struct Engine {
     yhelpar_t yhelpar = nullptr;
     yoepars_t yoepars = nullptr;
     void* engid = nullptr;
+    const HPD_ENGTBL* tbl = nullptr;
     decltype(&::ytrakcp) ytrakcp = nullptr;
     decltype(&::yttpshi) yttpshi = nullptr;
     decltype(&::yttpshb) yttpshb = nullptr;
@@ -54,6 +55,7 @@ const Engine* engine() {
                 eng->yhelpar = reinterpret_cast<yhelpar_t>(tbl->xhen.yhelpar);
                 eng->yoepars = reinterpret_cast<yoepars_t>(tbl->xhen.yoepars);
                 eng->engid = argv[VRTAENG_ID];
+                eng->tbl = tbl;
             }
         }
         if (!ok) {
@@ -123,6 +125,13 @@ int engineOptions(const std::string& cmd, const std::string& text, OptKind kind,
         for (int i = 0; i < scanned; ++i) e->yttknx(track, 0, &y);
     }
     return 0;
+}
+
+const HPD_ENGTBL* engineVector(void** engid) {
+    const Engine* e = engine();
+    if (!e) return nullptr;
+    *engid = e->engid;
+    return e->tbl;
 }
 
 int onlyOptions(const std::string& cmd, const EngineOptions& o, const std::vector<std::string>& allowed) {

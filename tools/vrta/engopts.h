@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "eng/hpdopt.h"
+#include "vrta/vrtaeng.h"
 
 namespace vrtacli {
 
@@ -22,6 +23,10 @@ struct EngineOptions {
 // 0, or the exit status after printing the text with a mark under the token
 // at fault and the module's text for the code.
 int engineOptions(const std::string& cmd, const std::string& text, OptKind kind, EngineOptions* out);
+
+// The module's engine vector and engine id, the engine started once for the
+// command; null (after saying why) when the module did not start.
+const HPD_ENGTBL* engineVector(void** engid);
 
 // 0 when every keyword given is one of `allowed`; otherwise the exit status
 // after saying which is not used by the command.

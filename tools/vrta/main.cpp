@@ -41,12 +41,25 @@ int main(int argc, char** argv) {
         listCommands(stderr);
         return 2;
     }
-    std::string name = argv[1];
+    // --name-server and --user may stand before the command: they go with it.
+    std::vector<std::string> lead;
+    int at = 1;
+    while (at + 1 < argc && (std::strcmp(argv[at], "--name-server") == 0 || std::strcmp(argv[at], "--user") == 0)) {
+        lead.push_back(argv[at]);
+        lead.push_back(argv[at + 1]);
+        at += 2;
+    }
+    if (at >= argc) {
+        listCommands(stderr);
+        return 2;
+    }
+    std::string name = argv[at];
     if (name == "--help" || name == "-h" || name == "help") {
         listCommands(stdout);
         return 0;
     }
-    std::vector<std::string> args(argv + 2, argv + argc);
+    std::vector<std::string> args(argv + at + 1, argv + argc);
+    args.insert(args.end(), lead.begin(), lead.end());
     for (const auto& c : registry()) {
         if (name != c.name) continue;
         if (wantsHelp(args)) {
