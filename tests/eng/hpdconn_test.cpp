@@ -37,22 +37,9 @@ protected:
             s = n;
         }
     }
-    std::unique_ptr<Server> serv(std::vector<std::string> extra = {}) {
-        std::vector<std::string> a = {"--port", "0", "--passwords", pw, "--timeout", "30"};
-        a.insert(a.end(), extra.begin(), extra.end());
-        auto s = std::make_unique<Server>("vrtaserv", a, dir.file("serv.log"));
-        EXPECT_GT(s->port(), 0) << s->log();
-        return s;
-    }
-    HPDOPT opt(const std::string& port, const std::string& user, const std::string& pass) {
-        HPDOPT o{};
-        std::memcpy(o.servname, "127.0.0.1", 9);
-        o.servlen = 9;
-        std::memcpy(o.appname, port.data(), port.size());
-        o.applen = static_cast<int>(port.size());
-        std::snprintf(o.user, sizeof o.user, "%s", user.c_str());
-        std::snprintf(o.pass, sizeof o.pass, "%s", pass.c_str());
-        return o;
+    std::unique_ptr<Server> serv(std::vector<std::string> extra = {}) { return wiretest::dataServer(dir, pw, extra); }
+    static HPDOPT opt(const std::string& port, const std::string& user, const std::string& pass) {
+        return wiretest::loopOpt(port, user, pass);
     }
 
     vrtatest::TempDir dir;
@@ -383,14 +370,8 @@ TEST_F(Conn, BufferSizesAndDerivedPorts) {
 
     // A port derived from a connection: same host, a one-byte greeting,
     // then (for the record-lock server) the token; the old socket is replaced.
-    char host[] = "127.0.0.1";
-    YXSOCK_OPEN lk{};
-    lk.host = host;
-    lk.hlen = 9;
-    lk.mode = 3;
-    lk.type = YXS_COUNTED;
     char zero[] = "0";
-    lk.service = zero;
+    YXSOCK_OPEN lk = wiretest::loopback(zero);
     ASSERT_EQ(yxssopn(&lk), 0);
     std::string token;
     std::thread peer([&] {
@@ -413,12 +394,7 @@ TEST_F(Conn, BufferSizesAndDerivedPorts) {
     yxsclos(&lk);
 
     // Nobody greets: 2/97, and the socket is given back.
-    YXSOCK_OPEN mute{};
-    mute.host = host;
-    mute.hlen = 9;
-    mute.mode = 3;
-    mute.type = YXS_COUNTED;
-    mute.service = zero;
+    YXSOCK_OPEN mute = wiretest::loopback(zero);
     ASSERT_EQ(yxssopn(&mute), 0);
     std::thread closer([&] {
         if (yxsacc(&mute) == 0) {

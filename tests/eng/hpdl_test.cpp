@@ -46,13 +46,7 @@ protected:
             s = n;
         }
     }
-    std::unique_ptr<Server> serv(std::vector<std::string> extra = {}) {
-        std::vector<std::string> a = {"--port", "0", "--passwords", pw, "--timeout", "30"};
-        a.insert(a.end(), extra.begin(), extra.end());
-        auto s = std::make_unique<Server>("vrtaserv", a, dir.file("serv.log"));
-        EXPECT_GT(s->port(), 0) << s->log();
-        return s;
-    }
+    std::unique_ptr<Server> serv(std::vector<std::string> extra = {}) { return wiretest::dataServer(dir, pw, extra); }
     std::unique_ptr<Server> names(const std::string& lines) {
         vrtatest::writeFile(dir.file("map"), lines);
         auto s = std::make_unique<Server>("vrtaname", std::vector<std::string>{"--port", "0", "--map", dir.file("map")},
@@ -60,13 +54,8 @@ protected:
         EXPECT_GT(s->port(), 0) << s->log();
         return s;
     }
-    HPDOPT opt(int port) {
-        HPDOPT o{};
-        std::memcpy(o.servname, "127.0.0.1", 9);
-        o.servlen = 9;
-        o.applen = std::snprintf(o.appname, sizeof o.appname, "%d", port);
-        std::memcpy(o.user, "alice", 5);
-        std::memcpy(o.pass, "secret1", 7);
+    static HPDOPT opt(int port) {
+        HPDOPT o = wiretest::loopOpt(std::to_string(port), "alice", "secret1");
         o.backup = 1;
         return o;
     }

@@ -49,21 +49,14 @@ protected:
         spfreeio(io);
         ASSERT_EQ(vrtaclose(fid), 0);
         spldeasgn(lib);
-        sv = std::make_unique<Server>("vrtaserv",
-                                      std::vector<std::string>{"--port", "0", "--passwords", pw, "--timeout", "30"},
-                                      dir.file("serv.log"));
+        sv = wiretest::dataServer(dir, pw);
         ASSERT_GT(sv->port(), 0);
     }
     void TearDown() override {
         for (HPDSERV* s : conns) hpdsfree(s);
     }
     HPDSERV* login() {
-        HPDOPT o{};
-        std::memcpy(o.servname, "127.0.0.1", 9);
-        o.servlen = 9;
-        o.applen = std::snprintf(o.appname, sizeof o.appname, "%d", sv->port());
-        std::memcpy(o.user, "alice", 5);
-        std::memcpy(o.pass, "secret1", 7);
+        HPDOPT o = wiretest::loopOpt(sv->portText(), "alice", "secret1");
         HPDSERV* s = nullptr;
         EXPECT_EQ(hpdcsrv(&hpd, &o, &s), 0) << wiretest::subst();
         if (s) conns.push_back(s);

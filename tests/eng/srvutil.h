@@ -10,9 +10,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "eng/hpdopt.h"
 #include "testutil.h"
 
 namespace wiretest {
@@ -98,6 +102,28 @@ inline bool addUser(const std::string& file, const std::string& user, const std:
     std::string cmd = "printf '%s\\n' '" + pass + "' | " + std::string(VRTA_TOOLS_DIR) + "/vrtaserv passwd " + file +
                       " " + user + (expired ? " --expired" : "") + " 2>/dev/null";
     return vrtatest::runCommand(cmd).status == 0;
+}
+
+// A data server on loopback with a password file, its log in dir.
+inline std::unique_ptr<Server> dataServer(const vrtatest::TempDir& dir, const std::string& pw,
+                                          std::vector<std::string> extra = {}) {
+    std::vector<std::string> a = {"--port", "0", "--passwords", pw, "--timeout", "30"};
+    a.insert(a.end(), extra.begin(), extra.end());
+    auto s = std::make_unique<Server>("vrtaserv", a, dir.file("serv.log"));
+    EXPECT_GT(s->port(), 0) << s->log();
+    return s;
+}
+
+// Options of an assign that reaches 127.0.0.1 at port as user.
+inline vrta::HPDOPT loopOpt(const std::string& port, const std::string& user, const std::string& pass) {
+    vrta::HPDOPT o{};
+    std::memcpy(o.servname, "127.0.0.1", 9);
+    o.servlen = 9;
+    std::snprintf(o.appname, sizeof o.appname, "%s", port.c_str());
+    o.applen = static_cast<int>(std::strlen(o.appname));
+    std::snprintf(o.user, sizeof o.user, "%s", user.c_str());
+    std::snprintf(o.pass, sizeof o.pass, "%s", pass.c_str());
+    return o;
 }
 
 }  // namespace wiretest

@@ -72,17 +72,7 @@ protected:
         pw = dir.file("pw");
         ASSERT_TRUE(wiretest::addUser(pw, "alice", "secret1"));
     }
-    static HPDOPT alice(int port) {
-        HPDOPT o{};
-        std::memcpy(o.servname, "127.0.0.1", 9);
-        o.servlen = 9;
-        std::string p = std::to_string(port);
-        std::memcpy(o.appname, p.data(), p.size());
-        o.applen = static_cast<int>(p.size());
-        std::memcpy(o.user, "alice", 5);
-        std::memcpy(o.pass, "secret1", 7);
-        return o;
-    }
+    static HPDOPT alice(int port) { return wiretest::loopOpt(std::to_string(port), "alice", "secret1"); }
     // A real login still works: the server is unharmed.
     void loginWorks(int port) {
         HPDECB hpd{};

@@ -54,6 +54,18 @@ inline std::string subst() {
     return std::string(p, l);
 }
 
+// A record for counted reads on 127.0.0.1 and service (which it points at).
+inline vrta::YXSOCK_OPEN loopback(char* service) {
+    static char host[] = "127.0.0.1";
+    vrta::YXSOCK_OPEN so{};
+    so.host = host;
+    so.hlen = 9;
+    so.mode = 3;
+    so.type = vrta::YXS_COUNTED;
+    so.service = service;
+    return so;
+}
+
 // A record taking over one end of a socket pair; the other end is the test's.
 struct Pair {
     vrta::YXSOCK_OPEN so{};

@@ -163,26 +163,15 @@ TEST_F(Yxsoc, SegmentsJoinAndLostPiecesAreDroppedOncePerRead) {
 }
 
 TEST_F(Yxsoc, TcpAndUnixClientsReachThePassiveSide) {
-    char host[] = "127.0.0.1";
-    YXSOCK_OPEN srv{};
-    srv.host = host;
-    srv.hlen = 9;
-    srv.mode = 3;
-    srv.type = YXS_COUNTED;
-    srv.lrecl = 64;
     char zero[] = "0";
-    srv.service = zero;
+    YXSOCK_OPEN srv = wiretest::loopback(zero);
+    srv.lrecl = 64;
     ASSERT_EQ(yxssopn(&srv), 0);
     ASSERT_GT(srv.portno, 0);
     EXPECT_EQ(srv.flag, 1);
 
     std::string port = std::to_string(srv.portno);
-    YXSOCK_OPEN cl{};
-    cl.host = host;
-    cl.hlen = 9;
-    cl.mode = 3;
-    cl.type = YXS_COUNTED;
-    cl.service = port.data();
+    YXSOCK_OPEN cl = wiretest::loopback(port.data());
     ASSERT_EQ(yxscopn(&cl), 0);
     EXPECT_STREQ(cl.ip, "127.0.0.1");
     EXPECT_EQ(cl.portno, srv.portno);
@@ -202,12 +191,7 @@ TEST_F(Yxsoc, TcpAndUnixClientsReachThePassiveSide) {
     yxsclos(&srv);
 
     // Nobody listens on the port any more: the system's text comes back.
-    YXSOCK_OPEN gone{};
-    gone.host = host;
-    gone.hlen = 9;
-    gone.mode = 3;
-    gone.type = YXS_COUNTED;
-    gone.service = port.data();
+    YXSOCK_OPEN gone = wiretest::loopback(port.data());
     EXPECT_EQ(yxscopn(&gone), YXS_RC_FAIL);
     EXPECT_NE(wiretest::subst().find("refused"), std::string::npos) << wiretest::subst();
     EXPECT_EQ(gone.s, 0);
