@@ -92,9 +92,18 @@ struct SR_CTX;
 using sr_runfp_t = rctype (*)(char** loc, long* n_recs, void* data);
 using sr_storefp_t = rctype (*)(sr_runfp_t run_fp, void* run_data, void* store_data);
 using sr_fillfp_t = rctype (*)(char* bin, long* nrecs, void* fill_data);
-// Sorts n records of base (move mode) or the pointers of setup (pointer mode).
-using sr_sortfp_t = rctype (*)(char* base, long n, char** setup, int keylen, int reclen, SKB_KEY* skb,
+// Sorts n records of base (move mode) or the entries of setup (pointer mode).
+using sr_sortfp_t = rctype (*)(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb,
                                volatile int* interrupt);
+// A pointer-mode entry: the record's first key bytes (for byte keys) above
+// its index in the bin, so that most comparisons never touch the record.
+inline uint64_t srentry(const char* rec, int keylen, bool bytekey, uint32_t index) {
+    uint32_t pre = 0;
+    if (bytekey)
+        for (int i = 0; i < 4; ++i) pre = (pre << 8) | (i < keylen ? static_cast<unsigned char>(rec[i]) : 0);
+    return (static_cast<uint64_t>(pre) << 32) | index;
+}
+inline uint32_t srindex(uint64_t entry) { return static_cast<uint32_t>(entry); }
 // Reads the next record of a run into rec; its length, 0 at the run's end, -1 on failure.
 using sr_binrdfp_t = long (*)(SR_BIN* bin, char** rec);
 
@@ -120,7 +129,7 @@ struct SR_CTX {
     SR_BIN* flist;         // saved runs, in the order written
     SR_BIN* flast;
     SR_FILE* file_handle;
-    char** setup;          // pointer mode: the sorted order
+    uint64_t* setup;       // pointer mode: the sorted order, as srentry values
     sr_sortfp_t sortfp;
     sr_storefp_t storefp;
     void* store_data;
@@ -166,19 +175,19 @@ size_t srgetmergesize(SR_PARMS* parms, long nrecs);
 
 sr_sortfp_t srgetsfp(sr_stype_t algorithm, sr_mode_t mode, int keylen, int reclen);
 // The heap sorts; a fixed-width member refuses other record lengths.
-rctype srhsort(char* base, long n, char** setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsrt8(char* base, long n, char** setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsr12(char* base, long n, char** setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsr16(char* base, long n, char** setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsr20(char* base, long n, char** setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsr24(char* base, long n, char** setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsorp(char* base, long n, char** setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
+rctype srhsort(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
+rctype srhsrt8(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
+rctype srhsr12(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
+rctype srhsr16(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
+rctype srhsr20(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
+rctype srhsr24(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
+rctype srhsorp(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
 
 // Spill files.
 rctype sr_file_init(SR_CTX* sp, SR_FILE** fpp);
 rctype sr_file_term(SR_FILE* fp);
 rctype sor_bin_save(SR_FILE* fp, const char* buf, long nrecs, SR_BIN** binp);
-rctype sor_bin_save_ptr(SR_FILE* fp, char* const* setup, long nrecs, SR_BIN** binp);
+rctype sor_bin_save_ptr(SR_FILE* fp, const char* base, const uint64_t* setup, long nrecs, SR_BIN** binp);
 long sor_bin_read(SR_BIN* bin, char** rec);
 rctype sr_file_read(SR_FILE* fp, char* buf, long size, da_off_t offset, long* nread);
 rctype sr_file_rewind(SR_BIN* bin);

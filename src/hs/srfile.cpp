@@ -247,7 +247,7 @@ rctype sor_bin_save(SR_FILE* fp, const char* buf, long nrecs, SR_BIN** binp) {
     return newbin(fp, start, bytes, binp);
 }
 
-rctype sor_bin_save_ptr(SR_FILE* fp, char* const* setup, long nrecs, SR_BIN** binp) {
+rctype sor_bin_save_ptr(SR_FILE* fp, const char* base, const uint64_t* setup, long nrecs, SR_BIN** binp) {
     *binp = nullptr;
     da_off_t start = fp->offset;
     // Records are gathered in setup order into blocks of a few hundred KB.
@@ -257,7 +257,9 @@ rctype sor_bin_save_ptr(SR_FILE* fp, char* const* setup, long nrecs, SR_BIN** bi
     rctype rc = 0;
     for (long i = 0; i < nrecs && rc >= 0;) {
         long n = std::min(per, nrecs - i);
-        for (long k = 0; k < n; ++k) memcpy(gather + k * fp->binreclen, setup[i + k], fp->binreclen);
+        for (long k = 0; k < n; ++k)
+            memcpy(gather + k * fp->binreclen, base + srindex(setup[i + k]) * static_cast<long>(fp->binreclen),
+                   fp->binreclen);
         rc = appendbytes(fp, gather, n * fp->binreclen);
         i += n;
     }

@@ -72,30 +72,28 @@ struct AnyAcc {
     void prefetch(long) const {}
 };
 
-// Pointers to the records, in setup; the records stay where they are.
+// Entries of setup: a key prefix and the record's index; the records stay
+// where they are and are read only when two prefixes tie.
 struct PtrAcc {
-    char** p;  // 1-based
-    long n;
-    char* saved = nullptr;
+    uint64_t* p;  // 1-based
+    const char* base;
+    long reclen;
+    uint64_t saved = 0;
     KeyCmp kc;
-    PtrAcc(char** setup, long cnt, SKB_KEY* skb, int keylen) : p(setup - 1), n(cnt), kc(skb, keylen) {}
-    int cmp(long i, long j) const { return kc(p[i], p[j]); }
-    int cmpsaved(long i) const { return kc(p[i], saved); }
-    void swap(long i, long j) { char* t = p[i]; p[i] = p[j]; p[j] = t; }
+    PtrAcc(uint64_t* setup, const char* b, int rl, SKB_KEY* skb, int keylen)
+        : p(setup - 1), base(b), reclen(rl), kc(skb, keylen) {}
+    int order(uint64_t a, uint64_t b) const {
+        uint32_t pa = static_cast<uint32_t>(a >> 32), pb = static_cast<uint32_t>(b >> 32);
+        if (pa != pb) return pa < pb ? -1 : 1;
+        return kc(base + srindex(a) * reclen, base + srindex(b) * reclen);
+    }
+    int cmp(long i, long j) const { return order(p[i], p[j]); }
+    int cmpsaved(long i) const { return order(p[i], saved); }
+    void swap(long i, long j) { uint64_t t = p[i]; p[i] = p[j]; p[j] = t; }
     void move(long d, long s) { p[d] = p[s]; }
     void save(long i) { saved = p[i]; }
     void restore(long i) { p[i] = saved; }
-    // The records two levels down are fetched while this level compares:
-    // a heap of pointers otherwise waits on memory at every step.
-    void prefetch(long i) const {
-        long g = 4 * i;
-        if (g + 3 <= n) {
-            __builtin_prefetch(p[g]);
-            __builtin_prefetch(p[g + 1]);
-            __builtin_prefetch(p[g + 2]);
-            __builtin_prefetch(p[g + 3]);
-        }
-    }
+    void prefetch(long) const {}
 };
 
 inline bool stopped(volatile int* interrupt) { return interrupt && *interrupt; }
@@ -150,23 +148,23 @@ rctype fixedsort(char* base, long n, int keylen, int reclen, SKB_KEY* skb, volat
 
 }  // namespace
 
-rctype srhsrt8(char* base, long n, char**, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
+rctype srhsrt8(char* base, long n, uint64_t*, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
     return fixedsort<8>(base, n, keylen, reclen, skb, interrupt);
 }
-rctype srhsr12(char* base, long n, char**, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
+rctype srhsr12(char* base, long n, uint64_t*, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
     return fixedsort<12>(base, n, keylen, reclen, skb, interrupt);
 }
-rctype srhsr16(char* base, long n, char**, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
+rctype srhsr16(char* base, long n, uint64_t*, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
     return fixedsort<16>(base, n, keylen, reclen, skb, interrupt);
 }
-rctype srhsr20(char* base, long n, char**, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
+rctype srhsr20(char* base, long n, uint64_t*, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
     return fixedsort<20>(base, n, keylen, reclen, skb, interrupt);
 }
-rctype srhsr24(char* base, long n, char**, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
+rctype srhsr24(char* base, long n, uint64_t*, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
     return fixedsort<24>(base, n, keylen, reclen, skb, interrupt);
 }
 
-rctype srhsort(char* base, long n, char**, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
+rctype srhsort(char* base, long n, uint64_t*, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
     if (reclen <= 0) return SR_RC_BADCOUNT;
     char* buf = static_cast<char*>(malloc(2 * static_cast<size_t>(reclen)));
     if (!buf) return SR_RC_NOMEM;
@@ -176,8 +174,8 @@ rctype srhsort(char* base, long n, char**, int keylen, int reclen, SKB_KEY* skb,
     return rc;
 }
 
-rctype srhsorp(char*, long n, char** setup, int keylen, int, SKB_KEY* skb, volatile int* interrupt) {
-    PtrAcc a(setup, n, skb, keylen);
+rctype srhsorp(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt) {
+    PtrAcc a(setup, base, reclen, skb, keylen);
     return heapsort(a, n, interrupt);
 }
 

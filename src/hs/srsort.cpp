@@ -56,7 +56,7 @@ size_t machinehalf() {
 void setupbin(SR_CTX* sp) {
     if (sp->parms.mode == SR_POINTER_SORT) {
         uintptr_t s = reinterpret_cast<uintptr_t>(sp->bin) + sp->records_per_bin * static_cast<uintptr_t>(sp->reclen);
-        sp->setup = reinterpret_cast<char**>((s + 7) & ~uintptr_t{7});
+        sp->setup = reinterpret_cast<uint64_t*>((s + 7) & ~uintptr_t{7});
     } else {
         sp->setup = nullptr;
     }
@@ -68,7 +68,7 @@ rctype sr_flush_bin(SR_CTX* sp) {
     if (!sp->file_handle) rc = sr_file_init(sp, &sp->file_handle);
     if (rc < 0 || !sp->file_handle) return SR_RC_SPILL;
     SR_BIN* bin = nullptr;
-    if (sp->parms.mode == SR_POINTER_SORT) rc = sor_bin_save_ptr(sp->file_handle, sp->setup, sp->numsave, &bin);
+    if (sp->parms.mode == SR_POINTER_SORT) rc = sor_bin_save_ptr(sp->file_handle, sp->bin, sp->setup, sp->numsave, &bin);
     else rc = sor_bin_save(sp->file_handle, sp->bin, sp->numsave, &bin);
     if (rc < 0) return rc == SR_RC_NOMEM ? rc : SR_RC_SPILL;
     if (sp->flast) sp->flast->next = bin;
@@ -79,8 +79,11 @@ rctype sr_flush_bin(SR_CTX* sp) {
 }
 
 rctype sr_sort_save(SR_CTX* sp, char* bin, long nrecs, volatile int* interrupt) {
-    if (sp->parms.mode == SR_POINTER_SORT)
-        for (long i = 0; i < nrecs; ++i) sp->setup[i] = bin + i * static_cast<long>(sp->reclen);
+    if (sp->parms.mode == SR_POINTER_SORT) {
+        bool bytekey = sp->parms.skb->mt.cmp == memcmp;
+        for (long i = 0; i < nrecs; ++i)
+            sp->setup[i] = srentry(bin + i * static_cast<long>(sp->reclen), sp->keylen, bytekey, static_cast<uint32_t>(i));
+    }
     if (nrecs > 1) {
         rctype rc = sp->sortfp(bin, nrecs, sp->setup, sp->keylen, sp->reclen, sp->parms.skb, interrupt);
         if (interrupt && *interrupt) return SR_RC_INTERRUPT;
@@ -111,13 +114,14 @@ void permute(SR_CTX* sp, long n) {
     char* tmp = static_cast<char*>(malloc(rl));
     if (!tmp) return;
     char* base = sp->bin;
+    uint64_t* e = sp->setup;
     for (long i = 0; i < n; ++i) {
-        if (sp->setup[i] == base + i * rl) continue;
+        if (srindex(e[i]) == static_cast<uint32_t>(i)) continue;
         memcpy(tmp, base + i * rl, rl);
         long j = i;
         for (;;) {
-            long src = (sp->setup[j] - base) / rl;
-            sp->setup[j] = base + j * rl;
+            long src = srindex(e[j]);
+            e[j] = static_cast<uint64_t>(j);  // done: the record at j is in place
             if (src == i) {
                 memcpy(base + j * rl, tmp, rl);
                 break;
@@ -232,6 +236,8 @@ rctype sropen(SR_PARMS* parms, SR_CTX** spp) {
     p.mem_size = sp->binsize = mem;
     if (p.mode == SR_MOVE_SORT) sp->records_per_bin = static_cast<long>(mem / sp->reclen);
     else sp->records_per_bin = mem >= 8 ? static_cast<long>((mem - 8) / (sp->reclen + 8)) : 0;
+    // A pointer-mode entry names its record by a 32-bit index.
+    if (p.mode == SR_POINTER_SORT) sp->records_per_bin = std::min(sp->records_per_bin, 0xFFFFFFFFL);
     if (sp->records_per_bin <= 0) {
         hshifree(sp->bin, mem);
         free(sp);
