@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "hs/hsgcb.h"
 #include "ssubs/skb.h"
 
 namespace vrta {
@@ -60,13 +61,8 @@ rctype makekey_stub(SKB_KEY*, const void*, hs_obsno_t, void*, long*, int*) { ret
 
 }  // namespace
 
-void vzrftrc(const void* source, int len, void* target) {
-    if (len > 8) len = 8;
-    if (len < 0) len = 0;
-    auto* t = static_cast<unsigned char*>(target);
-    memset(t, 0, 8 - len);
-    memcpy(t + 8 - len, source, len);
-}
+// The runtime's widening, under the name the key code knows it by.
+void vzrftrc(const void* source, int len, void* target) { hsrftrc(source, len, target); }
 
 void hsttrans(void* dst, const void* src, long len, const unsigned char* table) {
     auto* d = static_cast<unsigned char*>(dst);
