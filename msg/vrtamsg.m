@@ -10,6 +10,7 @@
 #       404 %3zA new directory was created.
 #       405 %2zA work path failed its checks; the default temporary directory is used instead.
 #       406 %2zEnd of file reached.
+#       407 %3zThe index file was changed by another user since it was last read.
 #       409 %2zA partition file of the table is missing.
 #       413 %2zThe revision of a file differs from the table's metadata.
 #       414 %3zThe paths of a locked library were not changed.

@@ -7,6 +7,7 @@
 #include "ix/bt.h"
 #include "ix/btint.h"
 #include "ix/btmpint.h"
+#include "sda/darc.h"
 
 namespace vrta {
 
@@ -111,7 +112,7 @@ rctype __bt_lock(DB* dbp, int locktype) {
         if (rc < 0) return rc;
     }
     rctype rc = t->bt_fd->mt->lockidx(t->bt_fd, locktype);
-    if (rc == 519) return __bt_reread(dbp);
+    if (rc == DA_IDXCHANGED) return __bt_reread(dbp);
     return rc;
 }
 

@@ -14,15 +14,11 @@
 namespace vrta {
 
 rctype dafvbcb(DA_FCB*) __attribute__((weak));
-rctype daflicb(DA_FCB*) __attribute__((weak));
-rctype darevidx(DA_FCB*) __attribute__((weak));
-rctype dafridx(DA_FCB*, int) __attribute__((weak));
 rctype daffbcb(DA_FCB*) __attribute__((weak));
-rctype dasyncidx(DA_FCB*) __attribute__((weak));
 
 rctype dasyncfcb(DA_FCB* fcb) {
     rctype rc = 0;
-    if (dasyncidx) rc = dasyncidx(fcb);
+    rc = dasyncidx(fcb);
     if (rc >= 0 && fcb->dffd) rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDDATASYNC, nullptr);
     // The MDF last: it holds the data file's directory.
     if (rc >= 0 && fcb->mdfd) rc = fcb->mdfd->fdcntl(fcb->mdfd, DA_FDDATASYNC, nullptr);
@@ -50,7 +46,7 @@ rctype dawrfcbxoe(DA_FCB* fcb) {
 rctype daflfcb(DA_FCB* fcb) {
     if (!fcb->mdfd) return 0;
     rctype rc = 0;
-    if ((fcb->flags & DA_FCBIDX) && daflicb) {
+    if (fcb->flags & DA_FCBIDX) {
         rc = daflicb(fcb);
         if (rc < 0) return rc;
     }
@@ -88,7 +84,7 @@ rctype daflfcb(DA_FCB* fcb) {
 rctype dauprev(DA_FCB* fcb) {
     if (!dagcb.revnumupdate) return 0;
     rctype first = 0;
-    if (darevidx) first = darevidx(fcb);
+    first = darevidx(fcb);
     if (fcb->dffd) {
         rctype rc = fcb->dffd->fdrevise(fcb->dffd, fcb->dshdr.links[DA_LNKDPFFIB]);
         if (rc < 0) {
@@ -149,10 +145,6 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
         fcb->xcext = nullptr;
     }
     dafrdmp(fcb);
-    if (dafridx) {
-        rctype rc = dafridx(fcb, disp);
-        if (rc < 0) last = rc;
-    }
     free(fcb->vars);
     fcb->vars = nullptr;
     dafrvstat(fcb);
@@ -177,7 +169,12 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
         rctype rc = dasyncfcb(fcb);
         if (rc < 0) last = rc;
     }
-    // The data file is revised with the MDF, so it stays open until then.
+    // Index files and the data file are revised with the MDF, so they stay
+    // open until then.
+    {
+        rctype rc = dafridx(fcb, disp);
+        if (rc < 0) last = rc;
+    }
     if (fcb->dffd) {
         rctype rc = fcb->dffd->fdclose(fcb->dffd);
         if (rc < 0) {

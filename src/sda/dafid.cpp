@@ -9,6 +9,7 @@
 
 #include "hs/hs.h"
 #include "sda/dafid.h"
+#include "sda/daidx.h"
 #include "sda/danames.h"
 #include "sda/darc.h"
 
@@ -41,10 +42,13 @@ rctype f_int(DA_FID*, int) { return DA_STATELOST; }
 rctype f_defv(DA_FID*, int, DA_NAMESTR*) { return DA_STATELOST; }
 rctype f_gio(DA_FID*, int, DA_IOCB**) { return DA_STATELOST; }
 rctype f_ptr(DA_FID*, void*) { return DA_STATELOST; }
+rctype f_add(DA_FID*, const char*, int, int, const int32_t*) { return DA_STATELOST; }
 rctype f_name(DA_FID*, const char*, int) { return DA_STATELOST; }
-rctype f_open(DA_FID*, const char*, int, void**) { return DA_STATELOST; }
-rctype f_query(DA_FID*, int, void*) { return DA_STATELOST; }
-rctype f_qicb(DA_FID*, void*, void*) { return DA_STATELOST; }
+rctype f_repl(DA_FID*, const char*, const char*, int) { return DA_STATELOST; }
+rctype f_open(DA_FID*, const char*, int, DA_IDX**) { return DA_STATELOST; }
+rctype f_query(DA_FID*, int, int, DA_KEYSTR*) { return DA_STATELOST; }
+rctype f_qicb(DA_FID*, const char*, DA_KEYSTR*) { return DA_STATELOST; }
+rctype f_kst(DA_FID*, const char*, const DA_KEYSTAT*) { return DA_STATELOST; }
 rctype f_obs(DA_FID*, hs_obsno_t) { return DA_STATELOST; }
 rctype f_dmp(DA_FID*, DA_DMP**) { return DA_STATELOST; }
 rctype f_sin(DA_FID*, const DA_SORTINFO*) { return DA_STATELOST; }
@@ -54,13 +58,7 @@ rctype f_info(DA_FID*, int, void*, int) { return DA_STATELOST; }
 rctype f_cdf(DA_FID*, int, hs_obsno_t, hs_obsno_t*) { return DA_STATELOST; }
 rctype f_pw(DA_FID*, const char*, int) { return DA_STATELOST; }
 
-// Index methods belong to the index layer; until it installs its own, a
-// table has none.
 rctype n_ptr(DA_FID*, void*) { return DA_BADARG; }
-rctype n_name(DA_FID*, const char*, int) { return DA_NOTFOUND; }
-rctype n_open(DA_FID*, const char*, int, void**) { return DA_NOTFOUND; }
-rctype n_query(DA_FID*, int, void*) { return DA_NOTFOUND; }
-rctype n_qicb(DA_FID*, void*, void*) { return DA_BADARG; }
 rctype n_cdf(DA_FID*, int, hs_obsno_t, hs_obsno_t*) { return DA_BADARG; }
 rctype n_pw(DA_FID*, const char*, int) { return 0; }
 rctype n_share(DA_FID*, int) { return DA_BADARG; }
@@ -79,13 +77,13 @@ void filltable(DA_FIDMT* mt, bool writer) {
     mt->fix = darfix;
     mt->defvars = writer ? daldefv : n_defv;
     mt->getiocb = dargioc ? dargioc : nocursor;
-    mt->addidx = n_ptr;
-    mt->dropidx = n_name;
-    mt->replaceidx = n_ptr;
-    mt->openidx = n_open;
-    mt->queryidx = n_query;
-    mt->queryicb = n_qicb;
-    mt->setkeystat = n_qicb;
+    mt->addidx = daadidx;
+    mt->dropidx = dadridx;
+    mt->replaceidx = darpidx;
+    mt->openidx = daopidx;
+    mt->queryidx = daqyidx;
+    mt->queryicb = daqyicb;
+    mt->setkeystat = dastkst;
     mt->delobs = n_delobs;
     mt->getdelmap = dagetdelmap;
     mt->truncobs = writer ? datrobs : n_trunc;
@@ -107,13 +105,13 @@ void fillfatal(DA_FIDMT* mt) {
     mt->fix = f_int;
     mt->defvars = f_defv;
     mt->getiocb = f_gio;
-    mt->addidx = f_ptr;
+    mt->addidx = f_add;
     mt->dropidx = f_name;
-    mt->replaceidx = f_ptr;
+    mt->replaceidx = f_repl;
     mt->openidx = f_open;
     mt->queryidx = f_query;
     mt->queryicb = f_qicb;
-    mt->setkeystat = f_qicb;
+    mt->setkeystat = f_kst;
     mt->delobs = f_obs;
     mt->getdelmap = f_dmp;
     mt->truncobs = f_obs;
@@ -434,6 +432,7 @@ rctype darclos(DA_FID* f) {
     DA_LIB* lib = fcb ? fcb->lib : fp->lib;
     rctype rc = 0;
     LibLock guard(lib);
+    if (fcb && fp->indexList) rc = daclfidx(fp);
     if (fp->cvb && fcb) {
         dafreecvb(&fcb->cvblist, fp->cvb);
         fp->cvb = nullptr;

@@ -33,15 +33,16 @@ constexpr int DA_IDXUNLK = 0;
 constexpr int DA_IDXLKRD = 1;
 constexpr int DA_IDXLKWR = 2;
 
-// DA_ICB.flags: the record dirty, new, and what dackidx found. Bits 1..0x200
-// of the check stand for idx, aux, hbx in turn: revision (1, 4, 128),
-// partition missing or size changed (2, 8, 0x100), state not clean (16, 32,
-// 0x200); bit 31 is the verdict, the index is not to be trusted.
+// DA_ICB.flags: the record dirty, its statistics dirty, new; bit 31 is
+// dackidx's verdict, the index is not to be trusted.
 constexpr uint32_t DA_ICBDIRTY = 1;
 constexpr uint32_t DA_ICBNEW = 4;
 constexpr uint32_t DA_ICBKSTDIRTY = 8;
-constexpr uint32_t DA_ICBCHECKS = 0x3f0;   // the check bits ... (shifted, see daidxchk)
 constexpr uint32_t DA_ICBBAD = 0x80000000u;
+// DA_ICB.checks, what dackidx found, for idx, aux and hbx in turn: revision
+// differs (1, 4, 128), partition missing or size changed (2, 8, 0x100),
+// state not clean (16, 32, 0x200).
+constexpr uint32_t DA_ICBREVIDX = 1, DA_ICBMISSIDX = 2, DA_ICBSTATEIDX = 16;
 
 // A description of an index, as the table's callers see it.
 struct DA_KEYSTR {
@@ -55,7 +56,7 @@ struct DA_KEYSTR {
     hs_obsno_t highobs;     // rows indexed
     int32_t finstat;
     int32_t states[3];      // idx, aux, hbx
-    uint32_t checks;        // dackidx's findings (DA_ICB flags)
+    uint32_t checks;        // dackidx's findings, with DA_ICBBAD
 };
 constexpr int DA_MAXKEYVARS = 64;
 
@@ -87,7 +88,8 @@ struct DA_ICB {
     DA_ICB* next;
     DA_FCB* fcb;
     da_off_t headOff;       // of the DA_IDXODS in the MDF
-    uint32_t flags;         // DA_ICBxxx
+    uint32_t flags;         // DA_ICBDIRTY ..
+    uint32_t checks;        // what dackidx found
     DA_KEYSTR kstr;
     void* skb;              // key block, when one was made for the index
     DA_IDXODS* head;        // the whole record, malloc'ed
@@ -148,6 +150,7 @@ struct DA_IDXP : DA_IDX {
     int kind;               // DA_ICBIDX ..
     char fname[1024];
     int pfd;                // a plain file's descriptor (daopidxf), else -1
+    DA_IDXP* nextopen;      // on the opener's indexList
 };
 
 // ---------------------------------------------------------------- table side
@@ -175,6 +178,11 @@ rctype darfidx(DA_IDX* ip);
 // Marks the file dirty (or clean) and writes the record at once: a crash
 // while pages are written then leaves a state on disk that says so.
 rctype dasetstate(DA_IDX* ip, int state);
+
+// Closes what an opener left open of its indexes (at the table's close).
+rctype daclfidx(DA_FIDP* fp);
+// Re-reads the index records another process may have changed.
+rctype darfidxrec(DA_FCB* fcb);
 
 // The index records of a table in memory.
 DA_ICB* daluicb(DA_FCB* fcb, const char* name, int name_l);

@@ -12,6 +12,7 @@
 #include "hs/hs.h"
 #include "hs/hsnls.h"
 #include "sda/dafid.h"
+#include "sda/daidx.h"
 #include "sda/danames.h"
 #include "sda/darc.h"
 #include "sda/daxc.h"
@@ -22,9 +23,6 @@ rctype dalvbcb(DA_FCB*) __attribute__((weak));
 rctype dalfbcb(DA_FCB*) __attribute__((weak));
 rctype darfvbcb(DA_FCB*) __attribute__((weak));
 rctype darffbcb(DA_FCB*) __attribute__((weak));
-rctype daldidx(DA_FCB*) __attribute__((weak));
-rctype dackidx(DA_FCB*) __attribute__((weak));
-rctype dareopidx(DA_FCB*, int) __attribute__((weak));
 
 namespace {
 
@@ -307,7 +305,7 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         rc = 0;
         if (fcb->dffd->revision != fcb->mdfd->revision) warn = DA_REVDIFF;
     }
-    if (fcb->xoe.nindexes > 0 && daldidx) {
+    if (fcb->xoe.nindexes > 0 || fcb->dshdr.links[DA_LNKIDX] != -1) {
         rc = daldidx(fcb);
         if (rc < 0) goto fail;
     }
@@ -325,7 +323,7 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     } else {
         dainitbkup(&fcb->backup);
     }
-    if (fcb->xoe.nindexes > 0 && dackidx) {
+    if (fcb->icbs) {
         rc = dackidx(fcb);
         if (rc < 0) goto fail;
         if (rc > 0 && warn == 0) warn = rc;
@@ -352,7 +350,7 @@ rctype darofcb(DA_FCB* fcb, int mode, int oflags) {
         DA_FDROB rob2 = {flags, 0};
         rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDREOPEN, &rob2);
     }
-    if (rc >= 0 && dareopidx) rc = dareopidx(fcb, flags);
+    if (rc >= 0) rc = dareopidx(fcb, flags);
     if (rc == DA_STATELOST) {
         // Every opener of a lost table can do nothing but close.
         for (DA_LINK* l = fcb->fids.next; l != &fcb->fids; l = l->next) {
@@ -401,6 +399,7 @@ rctype darfmdf(DA_FCB* fcb) {
         dafrdmp(fcb);
         rc = dalddmp(fcb);
     }
+    if (rc >= 0 && fcb->icbs) rc = darfidxrec(fcb);
     return rc;
 }
 

@@ -11,6 +11,7 @@ namespace vrta {
 constexpr rctype DA_INUSE       = 514;         // index still in use
 constexpr rctype DA_IDXREBUILD  = 515;         // index needs rebuild
 constexpr rctype DA_EOF         = 518;         // end of file / end of data
+constexpr rctype DA_IDXCHANGED  = 519;         // index file changed by another handle since
 constexpr rctype DA_PARTMISS    = 521;         // a partition file is missing
 constexpr rctype DA_REVDIFF     = 525;         // revision of a file differs from the MDF's
 constexpr rctype DA_WORKPATHBAD = 517;         // workpath failed validation, default used
