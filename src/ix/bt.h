@@ -466,6 +466,8 @@ void bt_swappage(BTREE* t, void* page);
 void bt_swapmeta(char* meta);
 void bt_swapsegp(char* segp, uint32_t maxentries);
 int bt_pgin(void* cookie, pgno_t pgno, void* page);
+// A page of the tree in hand, checked and pinned; null after bt_fail.
+void* bt_getpage(BTREE* t, pgno_t pgno, rctype code);
 
 // Key comparison of a search key with entry i of a page: leaf entries by
 // their key (and, unless B_NOEQUALS, their data); internal entries by their

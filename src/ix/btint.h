@@ -15,8 +15,6 @@ inline pgno_t bt_treeend(BTREE* t) {
 }
 // A new, empty leaf at the file's end: the root of the next tree.
 rctype bt_nroot(BTREE* t);
-// Gets a page of the tree in hand, checked; null after bt_fail.
-void* bt_getpage(BTREE* t, pgno_t pgno, rctype code);
 // Commits what an append or update changed: pages in order, then segment
 // pages, then the meta page.
 rctype bt_commit(BTREE* t);

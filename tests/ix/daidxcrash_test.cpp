@@ -13,13 +13,12 @@
 #include <map>
 #include <string>
 
-#include "../sda/lifeutil.h"
-#include "ix/bt.h"
-#include "sda/daidx.h"
+#include "ixtable.h"
 #include "testutil.h"
 
 using namespace vrta;
 using namespace lifetest;
+using namespace ixtest;
 
 namespace {
 
@@ -58,74 +57,6 @@ void armkiller(long k) {
 }
 
 constexpr int64_t ROWS = 300;
-constexpr int64_t SEGSIZE = 64;
-
-std::string keyof(const char* row) { return std::string(row, 8); }
-
-// Builds the index "ix" on the first column: one tree per segment of rows.
-rctype buildindex(DA_FID* fp) {
-    DA_IDX* ip = nullptr;
-    rctype rc = fp->mt->openidx(fp, "ix", DA_IDXFIDX | DA_IDXOWRITE, &ip);
-    if (rc < 0) return rc;
-    rc = dasetstate(ip, DA_IDXDIRTY);
-    BTREEINFO info{};
-    info.psize = 512;
-    info.keylen = 8;
-    info.datalen = 8;
-    info.segsize = fp->segsize;
-    info.openmode = BT_OCREATE;
-    info.options_present = 1;
-    IX_HEADER_D h{IX_VERSION, IX_CONTINUOUS, fp->segsize, 8, IX_DIRTY};
-    DB* db = nullptr;
-    if (rc == 0) rc = bt_openrc(__bt_open(ip, BT_OCREATE, &info, &h, &db, 0));
-    if (rc == 0) rc = bt_openrc(__bt_open(ip, BT_OCREATE, &info, &h, &db, 1));
-    hs_obsno_t n = fp->xoehdr->numobs;
-    std::vector<char> row(ROWLEN);
-    for (hs_obsno_t r = 1; rc == 0 && r <= n; ++r) {
-        long got = 0;
-        rc = dardobs(fp, r, row.data(), 1, &got);
-        std::string key = keyof(row.data()), d(8, '\0');
-        bt_putrow(d.data(), r);
-        DBT k{key.data(), 8}, dd{d.data(), 8};
-        if (rc == 0) rc = db->put(db, &k, &dd, 0);
-    }
-    if (db) {
-        db->ds_numobs = n;
-        db->internal->header.state = rc == 0 ? IX_CLEAN : IX_DIRTY;
-        rctype crc = db->close(db, -1, nullptr, 1);
-        if (rc == 0) rc = crc;
-    }
-    rctype crc = ip->mt->closeidx(ip, rc == 0 ? DA_IDXCLEAN : DA_IDXDIRTY);
-    if (rc == 0) rc = crc;
-    if (rc < 0) return rc;
-    DA_KEYSTAT ks{};
-    ks.highobs = n;
-    return fp->mt->setkeystat(fp, "ix", &ks);
-}
-
-// Every row's key leads to its row in its segment's tree.
-bool indexright(DA_FID* fp) {
-    DA_IDX* ip = nullptr;
-    if (fp->mt->openidx(fp, "ix", DA_IDXFIDX, &ip) != 0) return false;
-    BTREEINFO info{};
-    info.openmode = BT_OREAD;
-    info.options_present = 1;
-    DB* db = nullptr;
-    bool ok = __bt_open(ip, BT_OREAD, &info, nullptr, &db, 0) == 0 && __bt_open(ip, BT_OREAD, &info, nullptr, &db, 1) == 0;
-    hs_obsno_t n = fp->xoehdr->numobs;
-    std::vector<char> row(ROWLEN);
-    ok = ok && __bt_ntrees(db) == (n + SEGSIZE - 1) / SEGSIZE;
-    for (hs_obsno_t r = 1; ok && r <= n; ++r) {
-        long got = 0;
-        ok = dardobs(fp, r, row.data(), 1, &got) == 0;
-        std::string key = keyof(row.data());
-        DBT k{key.data(), 8}, out{};
-        ok = ok && __bt_settree(db, (r - 1) / SEGSIZE) == 0 && db->get(db, &k, &out, 0) == 0 && bt_rowof(out.data) == r;
-    }
-    if (db) db->close(db, -1, nullptr, 1);
-    ip->mt->closeidx(ip, 0);
-    return ok;
-}
 
 [[noreturn]] void writer(const std::string& dir, int out, long k) {
     DA_LIB* lp = assign(dir);
@@ -154,7 +85,7 @@ TEST(IndexCrash, WriterKilledAtEveryWriteLeavesTableReadableAndIndexUntrusted) {
         {
             DA_LIB* lp = assign(dir);
             ASSERT_NE(nullptr, lp);
-            DA_FID* fp = create(lp, "crash", SEGSIZE);
+            DA_FID* fp = create(lp, "crash", ixtest::SEGSIZE);
             ASSERT_NE(nullptr, fp);
             auto r = rows(1, ROWS);
             ASSERT_EQ(0, dawrobs(fp, 1, r.data(), ROWS));

@@ -211,21 +211,38 @@ rctype show(void* ctx, int kind, da_off_t off, const void* rec, int len) {
         const auto* x = static_cast<const DA_IDXODS*>(rec);
         head(kind, off, *h);
         int nl = x->name_l < 0 ? 0 : (x->name_l > 32 ? 32 : x->name_l);
-        std::printf("  name \"%s\" keylen %d type %d keyFlags 0x%x nvar %d highobs %" PRId64
-                    " states idx %d aux %d hbx %d\n",
-                    text(x->name, nl).c_str(), x->length, x->type, static_cast<unsigned>(x->keyFlags), x->nvar,
-                    static_cast<int64_t>(x->highobs), x->idxState, x->auxState, x->hybState);
-        const auto* k = reinterpret_cast<const DA_IDXKST*>(static_cast<const char*>(rec) + x->valueOff);
-        std::printf("  numvals %" PRId64 " nummiss %" PRId64 " next %" PRId64 "\n",
-                    static_cast<int64_t>(k->numvals), static_cast<int64_t>(k->nummiss),
-                    static_cast<int64_t>(x->nextOff));
-        std::printf("  variables:");
-        for (int i = 0; i < x->nvar; i++) {
-            int32_t nv;
-            std::memcpy(&nv, static_cast<const char*>(rec) + x->nvar0Off + 4 * i, sizeof nv);
-            std::printf(" %d", nv);
+        const char* type = x->type == 1 ? "numeric" : x->type == 2 ? "character" : x->type == 3 ? "composite" : "?";
+        std::printf("  index \"%s\" %s key of %d bytes on column(s)", text(x->name, nl).c_str(), type, x->length);
+        const auto* nv = reinterpret_cast<const int32_t*>(static_cast<const char*>(rec) + x->nvar0Off);
+        for (int i = 0; i < x->nvar && i < 64; i++) {
+            int32_t v;
+            std::memcpy(&v, nv + i, 4);
+            std::printf(" %d", v);
         }
-        std::printf("\n");
+        std::printf("\n  keyFlags 0x%x rows indexed %" PRId64 " finstat %d next %" PRId64 "\n",
+                    static_cast<unsigned>(x->keyFlags), static_cast<int64_t>(x->highobs), x->finstat,
+                    static_cast<int64_t>(x->nextOff));
+        auto state = [](int32_t s) { return s == 0 ? "clean" : s == 1 ? "dirty" : s == 2 ? "ignore" : "?"; };
+        struct {
+            const char* name;
+            int64_t fib, size;
+            int32_t st;
+        } files[] = {{"idx", x->idxFibOff, x->idxFilesize, x->idxState},
+                     {"aux", x->auxFibOff, x->auxFilesize, x->auxState},
+                     {"hbx", x->hybFibOff, x->hybFilesize, x->hybState}};
+        for (const auto& f : files)
+            if (f.fib != -1)
+                std::printf("  %s file: FIB at %" PRId64 " size %" PRId64 " state %d (%s)\n", f.name,
+                            static_cast<int64_t>(f.fib), static_cast<int64_t>(f.size), f.st, state(f.st));
+        const auto* k = reinterpret_cast<const DA_IDXKST*>(static_cast<const char*>(rec) + x->valueOff);
+        const auto* mm = reinterpret_cast<const unsigned char*>(k) + offsetof(DA_IDXKST, minmax);
+        std::printf("  numvals %" PRId64 " nummiss %" PRId64 " min ", static_cast<int64_t>(k->numvals),
+                    static_cast<int64_t>(k->nummiss));
+        int show = x->length > 16 ? 16 : x->length;
+        for (int i = 0; i < show; i++) std::printf("%02x", mm[i]);
+        std::printf("%s max ", show < x->length ? ".." : "");
+        for (int i = 0; i < show; i++) std::printf("%02x", mm[x->length + i]);
+        std::printf("%s\n", show < x->length ? ".." : "");
         break;
     }
     case DA_MRDMPH: {
