@@ -89,6 +89,9 @@ rctype __bt_hyput(DB* dbp, const DBT* key, const DBT* data, BT_PUTINFO* putinfop
     if (rc < 0) return rc;
     char* h = static_cast<char*>(t->bt_fastpath_h);
     int found = exact;
+    // Keys arriving at the right edge are a sorted run: the cache may grow.
+    if (!exact && idx == pg_nentries(h) && !pg_next(h) && t->bt_grow_ncache > t->bt_mp->maxcache)
+        mpool_growcache(t->bt_mp, t->bt_grow_ncache);
     if (exact) {
         memcpy(pg_entry(h, idx), data->data, t->bt_data_len);
         mpool_dirty_page(t->bt_mp, h);
