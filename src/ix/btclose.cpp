@@ -22,10 +22,7 @@ void freeall(DB* dbp) {
     bt_freesegp(t);
     free(t->bt_segpages);
     free(t->metapage);
-    free(t->bt_rkey);
-    free(t->bt_rdata);
-    free(t->bt_ovflbuf);
-    free(t->bt_ebuf);
+    bt_freebufs(t);
     free(t);
     free(dbp);
 }

@@ -4,6 +4,9 @@
 
 namespace vrta {
 
+// The handle's own buffers for keys and data handed back and entries built.
+rctype bt_allocbufs(BTREE* t);
+void bt_freebufs(BTREE* t);
 rctype bt_addsegp(BTREE* t, pgno_t pgno, char* page);
 void bt_freesegp(BTREE* t);
 // Walks the free page list, which a sound file keeps inside itself and

@@ -25,10 +25,10 @@ BKT* lookup(MPOOL* mp, pgno_t pgno) {
     return nullptr;
 }
 
-// Reads page pgno into the bucket's memory; errno 666 on a short read.
-int readpage(MPOOL* mp, BKT* bp, pgno_t pgno) {
+// Reads page pgno from the file; errno 666 on a short read.
+int rawpage(MPOOL* mp, void* buffer, pgno_t pgno) {
     long nread = 0;
-    rctype rc = mp->fd->mt->readidx(mp->fd, bp->page, mp->pagesize, static_cast<da_off_t>(pgno) * mp->pagesize, &nread);
+    rctype rc = mp->fd->mt->readidx(mp->fd, buffer, mp->pagesize, static_cast<da_off_t>(pgno) * mp->pagesize, &nread);
     if (rc < 0) {
         errno = EIO;
         return -1;
@@ -37,6 +37,12 @@ int readpage(MPOOL* mp, BKT* bp, pgno_t pgno) {
         errno = EPAGESHORT;
         return -1;
     }
+    return 0;
+}
+
+// The same into the bucket's memory, checked by the pool's filter.
+int readpage(MPOOL* mp, BKT* bp, pgno_t pgno) {
+    if (rawpage(mp, bp->page, pgno) != 0) return -1;
     if (mp->pgin && mp->pgin(mp->pgcookie, pgno, bp->page) != 0) {
         errno = EINVAL;
         return -1;
@@ -220,17 +226,7 @@ int mpool_read(MPOOL* mp, void* buffer, pgno_t pgno) {
         memcpy(buffer, mp->mmap + static_cast<size_t>(pgno) * mp->pagesize, mp->pagesize);
         return 0;
     }
-    long nread = 0;
-    rctype rc = mp->fd->mt->readidx(mp->fd, buffer, mp->pagesize, static_cast<da_off_t>(pgno) * mp->pagesize, &nread);
-    if (rc < 0) {
-        errno = EIO;
-        return -1;
-    }
-    if (nread != static_cast<long>(mp->pagesize)) {
-        errno = EPAGESHORT;
-        return -1;
-    }
-    return 0;
+    return rawpage(mp, buffer, pgno);
 }
 
 void mpool_setsize(MPOOL* mp, pgno_t npages) { mp->npages = npages; }

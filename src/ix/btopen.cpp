@@ -60,12 +60,7 @@ int setlengths(BTREE* t) {
     if (ov > 0xffff) ov = 0xffff;
     if (ov < static_cast<int64_t>(NOVFLSIZE)) return BT_EKEYLONG;
     t->bt_ovflsize = static_cast<indx_t>(ov);
-    t->bt_rkey = static_cast<char*>(calloc(1, t->bt_cmplen + t->bt_keylen + 8));
-    t->bt_rdata = static_cast<char*>(calloc(1, t->bt_data_len + 8));
-    t->bt_ovflbuf = static_cast<char*>(calloc(1, t->bt_cmplen + 8));
-    t->bt_ebuf = static_cast<char*>(calloc(1, t->bt_lsize + 8));
-    if (!t->bt_rkey || !t->bt_rdata || !t->bt_ovflbuf || !t->bt_ebuf) return BT_ENOMEM;
-    return 0;
+    return bt_allocbufs(t) == 0 ? 0 : BT_ENOMEM;
 }
 
 // Cache pages for the mode, as the options and the caller ask.
@@ -225,6 +220,22 @@ _btsegtree* bt_entry(BTREE* t, int idx, uint32_t i) {
 
 uint32_t bt_segp_maxindex(BTREE* t, int idx) {
     return idx == 0 ? bt_metamaxindex(t->bt_psize) : bt_segmaxindex(t->bt_psize);
+}
+
+rctype bt_allocbufs(BTREE* t) {
+    t->bt_rkey = static_cast<char*>(calloc(1, t->bt_cmplen + t->bt_keylen + 8));
+    t->bt_rdata = static_cast<char*>(calloc(1, t->bt_data_len + 8));
+    t->bt_ovflbuf = static_cast<char*>(calloc(1, t->bt_cmplen + 8));
+    t->bt_ebuf = static_cast<char*>(calloc(1, t->bt_lsize + 8));
+    return t->bt_rkey && t->bt_rdata && t->bt_ovflbuf && t->bt_ebuf ? 0 : IX_NOMEM;
+}
+
+void bt_freebufs(BTREE* t) {
+    free(t->bt_rkey);
+    free(t->bt_rdata);
+    free(t->bt_ovflbuf);
+    free(t->bt_ebuf);
+    t->bt_rkey = t->bt_rdata = t->bt_ovflbuf = t->bt_ebuf = nullptr;
 }
 
 rctype bt_addsegp(BTREE* t, pgno_t pgno, char* page) {

@@ -562,15 +562,11 @@ rctype __bt_prep_get(DB* dbp, DB** newdbp, int64_t obsnum, uint32_t* lenptr, int
     nt->bt_openmode = BT_OREAD;
     nd->current_op = BT_OPOPENED;
     // Buffers and the pool are the copy's own; segment pages stay shared.
-    nt->bt_rkey = static_cast<char*>(calloc(1, t->bt_cmplen + t->bt_keylen + 8));
-    nt->bt_rdata = static_cast<char*>(calloc(1, t->bt_data_len + 8));
-    nt->bt_ovflbuf = static_cast<char*>(calloc(1, t->bt_cmplen + 8));
-    nt->bt_ebuf = static_cast<char*>(calloc(1, t->bt_lsize + 8));
-    nt->bt_mp = mpool_open(t->bt_fname, t->bt_fd, t->bt_psize, 20, MPOOL_READ, 0, t->bt_mmap);
     nt->bt_segpages = nullptr;
     nt->bt_nsegpages = nt->bt_nsegpalloc = 0;
     nt->metapage = nullptr;
-    if (!nt->bt_rkey || !nt->bt_rdata || !nt->bt_ovflbuf || !nt->bt_ebuf || !nt->bt_mp) {
+    nt->bt_mp = mpool_open(t->bt_fname, t->bt_fd, t->bt_psize, 20, MPOOL_READ, 0, t->bt_mmap);
+    if (bt_allocbufs(nt) != 0 || !nt->bt_mp) {
         __bt_term_get(nd);
         return BT_ENOMEM;
     }
@@ -591,10 +587,7 @@ rctype __bt_term_get(DB* dbp) {
     BTREE* t = dbp->internal;
     bt_release(t);
     mpool_close(t->bt_mp);
-    free(t->bt_rkey);
-    free(t->bt_rdata);
-    free(t->bt_ovflbuf);
-    free(t->bt_ebuf);
+    bt_freebufs(t);
     free(t);
     free(dbp);
     return 0;

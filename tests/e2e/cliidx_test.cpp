@@ -7,29 +7,15 @@
 #include <string>
 
 #include "../ix/ixtable.h"
+#include "cliutil.h"
 #include "testutil.h"
 
 using namespace ixtest;
 
 namespace {
 
-struct Result {
-    int status = -1;
-    std::string out, err;
-};
-
-Result runvrta(const std::string& args) {
-    Result r;
-    vrtatest::TempDir tmp;
-    std::string errf = tmp.file("err");
-    vrtatest::CmdResult c = vrtatest::runCommand(VRTA_TOOLS_DIR "/vrta " + args + " 2>" + errf);
-    r.status = c.status;
-    r.out = std::move(c.out);
-    r.err = vrtatest::readFile(errf);
-    return r;
-}
-
-bool has(const std::string& s, const std::string& what) { return s.find(what) != std::string::npos; }
+using vrtatest::has;
+vrtatest::Result runvrta(const std::string& args) { return vrtatest::vrta(args); }
 
 size_t count(const std::string& s, const std::string& what) {
     size_t n = 0;
@@ -62,14 +48,14 @@ TEST(CliIndex, MdfShowsTheRecordAndIdxShowsTheTrees) {
     ASSERT_EQ(0, darclos(fp));
     dafrlib(lp);
 
-    Result m = runvrta("mdf " + tmp.path() + "/tab");
+    vrtatest::Result m = runvrta("mdf " + tmp.path() + "/tab");
     ASSERT_EQ(0, m.status) << m.err;
     EXPECT_TRUE(has(m.out, "index \"ix\" numeric key of 8 bytes on column(s) 1\n")) << m.out;
     EXPECT_TRUE(has(m.out, "rows indexed 200")) << m.out;
     EXPECT_TRUE(has(m.out, "idx file: FIB at")) << m.out;
     EXPECT_TRUE(has(m.out, "state 0 (clean)")) << m.out;
 
-    Result i = runvrta("idx " + tmp.path() + "/tab.idxix --entries 2");
+    vrtatest::Result i = runvrta("idx " + tmp.path() + "/tab.idxix --entries 2");
     ASSERT_EQ(0, i.status) << i.err;
     EXPECT_TRUE(has(i.out, "type 1 (continuous) segment_size 64 value_len 8 state 7 (clean)")) << i.out;
     EXPECT_TRUE(has(i.out, "psize 512")) << i.out;
@@ -77,7 +63,7 @@ TEST(CliIndex, MdfShowsTheRecordAndIdxShowsTheTrees) {
     EXPECT_TRUE(has(i.out, "entries 64\n")) << i.out;
     EXPECT_TRUE(has(i.out, "entries 8\n")) << i.out;
     EXPECT_EQ(8u, count(i.out, " row ")) << i.out;
-    Result one = runvrta("idx " + tmp.path() + "/tab.idxix --tree 3 --pages");
+    vrtatest::Result one = runvrta("idx " + tmp.path() + "/tab.idxix --tree 3 --pages");
     ASSERT_EQ(0, one.status) << one.err;
     EXPECT_EQ(1u, count(one.out, "\ntree ")) << one.out;
     EXPECT_TRUE(has(one.out, ": leaf prev 0 next 0 entries 8")) << one.out;
@@ -86,7 +72,7 @@ TEST(CliIndex, MdfShowsTheRecordAndIdxShowsTheTrees) {
     std::string part = partition(tmp.path(), "tab.idxix.");
     std::string bytes = vrtatest::readFile(part);
     vrtatest::writeFile(part, bytes.substr(0, bytes.size() - 512));
-    Result bad = runvrta("idx " + part);
+    vrtatest::Result bad = runvrta("idx " + part);
     EXPECT_EQ(1, bad.status);
     EXPECT_TRUE(has(bad.err, "page ")) << bad.err;
     EXPECT_EQ(2, runvrta("idx").status);

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "ixtable.h"
+#include "../sda/killutil.h"
 #include "testutil.h"
 
 using namespace vrta;
@@ -22,39 +23,7 @@ using namespace ixtest;
 
 namespace {
 
-// Every system call that changes a file, counted; the k-th one is never made.
-DA_UIODT killiot;
-const DA_UIODT* realiot = nullptr;
-long syskill = 0, syscount = 0;
-void tick() {
-    if (++syscount == syskill) raise(SIGKILL);
-}
-ssize_t kpwrite(int fd, const void* b, size_t n, off_t o) {
-    tick();
-    return realiot->pwrite(fd, b, n, o);
-}
-int krename(const char* a, const char* b) {
-    tick();
-    return realiot->rename(a, b);
-}
-int kftruncate(int fd, off_t l) {
-    tick();
-    return realiot->ftruncate(fd, l);
-}
-int kunlink(const char* p) {
-    tick();
-    return realiot->unlink(p);
-}
-void armkiller(long k) {
-    realiot = _UIODT;
-    killiot = *realiot;
-    killiot.pwrite = kpwrite;
-    killiot.rename = krename;
-    killiot.ftruncate = kftruncate;
-    killiot.unlink = kunlink;
-    syskill = k;
-    _UIODT = &killiot;
-}
+using killtest::armkiller;
 
 constexpr int64_t ROWS = 300;
 
