@@ -12,6 +12,7 @@
 #include "sda/daidx.h"
 #include "sda/danames.h"
 #include "sda/darc.h"
+#include "ssubs/skb.h"
 
 namespace vrta {
 
@@ -222,9 +223,41 @@ rctype daclicb(DA_ICB* icb) {
 rctype dafricb(DA_ICB* icb) {
     mutex_destroy(&icb->lock);
     rwlock_destroy(&icb->rwlock);
+    if (icb->skb) skb_destroy(static_cast<SKB_KEY*>(icb->skb));
     free(icb->skb);
     free(icb->head);
     free(icb);
+    return 0;
+}
+
+rctype daskbinit(SKB_KEY* skb, const DA_XOEODS* xoehdr, HS_NLSENV* nlsenv, const DA_KEYSTR* kstr,
+                 const DA_NAMESTR* vars) {
+    if (!vars || kstr->nvar < 1) return DA_BADARG;
+    // Keys with the row number behind them in big-endian order, so that the
+    // rows of one value compare in row order as bytes.
+    rctype rc = skbinit(skb, nlsenv, nlsenv, nullptr, SKB_MAKEKEY | SKB_OBS | SKB_MISSING, 0, kstr->nvar);
+    for (int i = 0; rc == 0 && i < kstr->nvar; ++i) {
+        int32_t v = kstr->nvar0[i];
+        if (v < 1 || v > xoehdr->nvar) rc = DA_BADARG;
+        else rc = skb_addcol(skb, vars[v - 1].npos, vars[v - 1].nlng, vars[v - 1].type, 0);
+    }
+    if (rc == 0) rc = skb_addend(skb, 0);
+    if (rc < 0) skb_destroy(skb);
+    return rc;
+}
+
+// The key block of an index, made when the index is first opened.
+rctype daicbskb(DA_ICB* icb) {
+    if (icb->skb) return 0;
+    DA_FCB* fcb = icb->fcb;
+    auto* skb = static_cast<SKB_KEY*>(calloc(1, sizeof(SKB_KEY)));
+    if (!skb) return DA_NOMEM;
+    rctype rc = daskbinit(skb, &fcb->xoe, fcb->nlsenv, &icb->kstr, fcb->vars);
+    if (rc < 0) {
+        free(skb);
+        return rc;
+    }
+    icb->skb = skb;
     return 0;
 }
 

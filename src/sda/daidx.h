@@ -5,12 +5,14 @@
 #pragma once
 #include <cstdint>
 
+#include "hs/hsnls.h"  // before the table layer, whose records name its type
 #include "sda/dafid.h"
 
 namespace vrta {
 
 struct DA_IDX;
 struct DA_ICB;
+struct SKB_KEY;
 
 // Kinds of key (DA_IDXODS.type).
 constexpr int32_t DA_KEYNUM = 1;   // one numeric column
@@ -190,6 +192,12 @@ rctype dafricb(DA_ICB* icb);
 rctype daflicb(DA_ICB* icb);
 rctype daclicb(DA_ICB* icb);
 rctype dawridx(DA_FD* fd, const DA_IDXODS* ixh, da_off_t offset);
+
+// The key block of an index: its columns' bytes as keys that compare as
+// bytes, the row number behind them.
+rctype daskbinit(SKB_KEY* skb, const DA_XOEODS* xoehdr, HS_NLSENV* nlsenv, const DA_KEYSTR* kstr,
+                 const DA_NAMESTR* vars);
+rctype daicbskb(DA_ICB* icb);
 
 // A plain file as an index file, for tools and tests: flags 1 write, 4 create.
 rctype daopidxf(const char* path, int flags, DA_IDX** ip);

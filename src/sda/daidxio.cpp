@@ -340,6 +340,7 @@ rctype daopidx(DA_FID* f, const char* name, int flags, DA_IDX** ipp) {
         rc = daopnix(fcb, kind, icb, 0, &fd);
         if (rc > 0) rc = 0;
     }
+    if (rc == 0) rc = daicbskb(icb);
     auto* p = rc == 0 ? static_cast<DA_IDXP*>(calloc(1, sizeof(DA_IDXP))) : nullptr;
     if (rc == 0 && !p) rc = DA_NOMEM;
     if (rc < 0) {

@@ -305,7 +305,7 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         rc = 0;
         if (fcb->dffd->revision != fcb->mdfd->revision) warn = DA_REVDIFF;
     }
-    if (fcb->xoe.nindexes > 0 || fcb->dshdr.links[DA_LNKIDX] != -1) {
+    if (fcb->xoe.nindexes > 0) {
         rc = daldidx(fcb);
         if (rc < 0) goto fail;
     }

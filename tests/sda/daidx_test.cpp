@@ -13,6 +13,7 @@
 
 #include "lifeutil.h"
 #include "sda/daidx.h"
+#include "ssubs/skb.h"
 #include "testutil.h"
 
 using namespace vrta;
@@ -118,6 +119,21 @@ TEST(TableIndex, AddQueryDropWithEveryCheck) {
     ASSERT_NE(nullptr, fp);
     DA_IDX* ip = nullptr;
     ASSERT_EQ(0, fp->mt->openidx(fp, "ById", DA_IDXFIDX, &ip));
+    // Its key block: the column's number as bytes that compare as numbers
+    // do, the row number behind it.
+    auto* skb = static_cast<SKB_KEY*>(ip->skb);
+    ASSERT_NE(nullptr, skb);
+    EXPECT_EQ(8, skb->info.colkeylen);
+    EXPECT_EQ(8, skb->info.obs_offset);
+    std::vector<char> keys(2 * static_cast<size_t>(skb->info.reclen));
+    long nk = 0;
+    int miss = 0;
+    char row[ROWLEN];
+    makerow(-3, row);
+    ASSERT_EQ(0, skb->mt.makekey(skb, row, 7, keys.data(), &nk, &miss));
+    makerow(2, row);
+    ASSERT_EQ(0, skb->mt.makekey(skb, row, 1, keys.data(), &nk, &miss));
+    EXPECT_LT(memcmp(keys.data(), keys.data() + skb->info.reclen, 8), 0);
     EXPECT_EQ(DA_INUSE, fp->mt->dropidx(fp, "ById", 0));
     ASSERT_EQ(0, ip->mt->closeidx(ip, 0));
     EXPECT_EQ(DA_NOTFOUND, fp->mt->openidx(fp, "ById", DA_IDXFAUX, &ip));
