@@ -210,6 +210,39 @@ VRTA_API int spwritev(void* viocb, long numobs);
 VRTA_API int spgetr(void* viocb, int64_t obsnum, void** bufp);
 VRTA_API int spsetrd(void* viocb, long bufsize, void* iobuf);
 
+/* The WHERE cursor. where_tree is the wire form of a clause (vrtawhparse
+ * makes one). spnewwh: bufsize / (row length + 8) rows a spwhget call;
+ * startobs and endobs bound the rows looked at (0, 0: all). spwhset plans the
+ * clause: *whflags gets the plan word (VRTAWH_F...), *whstat 1 when the
+ * clause stands whole and no row test is left, 2 when every row qualifies, 3
+ * when none does. A null where_tree unbinds. spwhget copies the next
+ * matching rows, in row order, to obsbuf: 0 with *numobs rows, 1284 when
+ * there are no more. spwhobsvec gives their row numbers. spwhthreads sets how
+ * many threads a row test may use (the plan may use fewer). spwhsync brings
+ * the plan's open indexes up to date after another opener changed the
+ * table. */
+#define VRTA_RC_NOMORE 1284
+#define VRTAWH_FEVAL1 0x0001
+#define VRTAWH_FEVAL2 0x0002 /* a row test is left */
+#define VRTAWH_FEVAL3 0x0004
+#define VRTAWH_FEVAL4 0x0008
+#define VRTAWH_FPLANNED 0x0020
+#define VRTAWH_FSEGLIST 0x0040
+#define VRTAWH_FTRUE 0x0100
+#define VRTAWH_FFALSE 0x0200
+#define VRTAWH_FNONE 0x1000
+#define VRTAWH_FSOME 0x2000 /* parts of the clause were dropped: test rows again */
+#define VRTAWH_FALL 0x4000
+#define VRTAWH_FEVAL5 0x8000
+VRTA_API int spnewwh(void* vfid, long bufsize, int64_t startobs, int64_t endobs, void** newwhh);
+VRTA_API int spfreewh(void* vwhh);
+VRTA_API int spwhset(void* vwhh, const void* where_tree, int init_flags, int numxidx, const char* xixnames,
+                     int* whflags, int* whstat);
+VRTA_API int spwhget(void* vwhh, void* obsbuf, long* numobs);
+VRTA_API int64_t* spwhobsvec(void* vwhh);
+VRTA_API int spwhthreads(void* vwhh, int nthreads);
+VRTA_API int spwhsync(void* vwhh, int nnames, const char* ixnames);
+
 /* Files the text "Member=<mem> Reason=<text of rc>" for vrtaerrtext and
  * returns VRTA_RC_WRAPPED. */
 VRTA_API int MakeError(const u_sname* mem, int rc);

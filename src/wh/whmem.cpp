@@ -6,6 +6,7 @@
 #include "sfnc/xf.h"
 #include "ssup/thr.h"
 #include "wh/wh.h"
+#include "wh/wheval.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
@@ -112,11 +113,10 @@ rctype get_node(SQLOP** ret) {
 
 rctype free_node(SQLOP* node, int* rflags) {
     if (!node) return WH_RC_BADTREE;
-    // Scratch of evaluation: the CONC buffer is ours; a compiled LIKE pattern
-    // belongs to the pattern matcher, which is not in this layer yet.
+    // Scratch of evaluation: the CONC buffer, a compiled LIKE pattern.
     if (node->tmpptr) {
         if (node->code == OP_CONC) std::free(node->tmpptr);
-        else if (node->code == OP_LIKE || node->code == OP_NLKE) wh_assertion_failure(__FILE__, __LINE__);
+        else if (node->code == OP_LIKE || node->code == OP_NLKE) whlikefree(&node->tmpptr);
     }
     if (WH_NODE* wn = node->nodeinfo) {
         WH_IDX& x = wn->idx;

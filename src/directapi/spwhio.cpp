@@ -1,0 +1,357 @@
+// The WHERE cursor of the direct access API: rows of a table that satisfy a
+// clause, found by the plan whinit makes. Row-test plans read the table in
+// chunks of whole index segments; with more than one thread each thread tests
+// its own segments of the chunk with its own copy of the tree, and the caller
+// gets the rows in row order.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "directapi/sp.h"
+#include "hs/hs.h"
+#include "sda/darc.h"
+#include "ssup/thr.h"
+#include "wh/wheval.h"
+
+using namespace vrta;
+
+namespace {
+
+constexpr rctype SP_NOMORE = 1284;          // no more rows
+constexpr long SP_CHUNKBYTES = 8L << 20;     // rows read at once, at most
+constexpr int SP_MAXTHREADS = 16;
+
+struct SP_WHH;
+
+// One thread's share of a chunk: rows [from, to) tested into match.
+struct SP_WHWORK {
+    SP_WHH* wh;
+    SQLOP* tree;
+    long from, to;
+    rctype rc;
+};
+
+struct SP_WHH {
+    SP_FID* spfid;
+    DA_IOCB* iocb;           // the table cursor (a cursor of spnewrd)
+    char* chunk;             // rows read and not yet handed out
+    long chunkrows;          // room
+    long nchunk;             // rows in chunk
+    long chunkpos;           // next of them to hand out
+    hs_obsno_t* chunkobs;    // their row numbers
+    uint8_t* match;          // their test results
+    hs_obsno_t firstobs;     // row number of chunk[0] when the table has no deleted rows
+    int32_t obslen;
+    long obsperbuf;          // rows a spwhget call delivers
+    hs_obsno_t startobs, endobs;  // the range, endobs 0 for the end of the table
+    WH_HANDLE* whereh;
+    int whflags;
+    bool rewind;
+    bool eof;
+    int threads;             // asked for
+    int nthreads;            // after planning
+    SQLOP* trees[SP_MAXTHREADS];
+    hs_obsno_t* outobs;      // row numbers of the rows last delivered
+    long nout;
+    hs_obsno_t scanned;      // rows tested
+};
+
+SP_WHH* whhof(void* v) { return static_cast<SP_WHH*>(v); }
+
+bool dynamic(const SP_FID* s) { return (s->dafid->fidflags & DA_FIDDYNAMIC) != 0; }
+
+void freetrees(SP_WHH* w) {
+    for (int i = 0; i < SP_MAXTHREADS; i++)
+        if (w->trees[i]) whevalterm(&w->trees[i], 0);
+}
+
+void* testrows(void* arg) {
+    auto* wk = static_cast<SP_WHWORK*>(arg);
+    SP_WHH* w = wk->wh;
+    wh_env_t* env = &w->whereh->whenv;
+    int kor = !w->whereh->not_kor;
+    for (long i = wk->from; i < wk->to; i++) {
+        int t = 0;
+        rctype rc = wheval(env, wk->tree, w->chunk + i * w->obslen, nullptr, kor, &t);
+        if (rc) {
+            wk->rc = rc;
+            return nullptr;
+        }
+        w->match[i] = static_cast<uint8_t>(t);
+    }
+    return nullptr;
+}
+
+// Tests the rows of the chunk: whole segments to each thread.
+rctype testchunk(SP_WHH* w) {
+    long n = w->nchunk;
+    if (!w->whereh || !w->whereh->tree || (w->whereh->call_flags & (WHF_TRUE | WHF_NONE))) {
+        std::memset(w->match, 1, n);
+        return 0;
+    }
+    int nt = w->nthreads;
+    int64_t seg = w->spfid->dafid->xoehdr->idxsegsize;
+    if (seg < 1) seg = 1;
+    long nseg = static_cast<long>((n + seg - 1) / seg);
+    if (nt > nseg) nt = static_cast<int>(nseg);
+    if (nt < 1) nt = 1;
+    SP_WHWORK work[SP_MAXTHREADS];
+    long per = (nseg + nt - 1) / nt;
+    for (int i = 0; i < nt; i++) {
+        long from = std::min(n, static_cast<long>(i * per * seg));
+        long to = std::min(n, static_cast<long>((i + 1) * per * seg));
+        work[i] = SP_WHWORK{w, w->trees[i], from, to, 0};
+    }
+    thread_t tids[SP_MAXTHREADS];
+    int started = 0;
+    rctype rc = 0;
+    for (int i = 1; i < nt; i++) {
+        if (thr_create(nullptr, 0, testrows, &work[i], 0, &tids[i]) != 0) {
+            // No thread to be had: this one does the share itself.
+            testrows(&work[i]);
+            tids[i] = 0;
+        } else {
+            started |= 1 << i;
+        }
+    }
+    testrows(&work[0]);
+    for (int i = 1; i < nt; i++)
+        if (started & (1 << i)) thr_join(tids[i], nullptr);
+    for (int i = 0; i < nt; i++)
+        if (work[i].rc && !rc) rc = work[i].rc;
+    return rc;
+}
+
+// Reads the next chunk of rows of the range; 0 rows at the end.
+rctype readchunk(SP_WHH* w) {
+    w->nchunk = 0;
+    w->chunkpos = 0;
+    void* vrows = nullptr;
+    int64_t* ov = nullptr;
+    long got = 0;
+    hs_obsno_t before = spcurloc(w->iocb);
+    int rc = spreadv(w->iocb, &got, &vrows, &ov);
+    if (rc < 0) return rc;
+    if (got <= 0) return 0;
+    // The cursor's own buffer is the chunk unless block mode dealt the rows
+    // from a private one.
+    if (vrows != w->chunk) std::memmove(w->chunk, vrows, static_cast<size_t>(got) * w->obslen);
+    for (long i = 0; i < got; i++) w->chunkobs[i] = ov ? ov[i] : before + i;
+    long keep = got;
+    if (w->endobs >= 1) {
+        while (keep > 0 && w->chunkobs[keep - 1] > w->endobs) keep--;
+        if (keep < got) w->eof = true;
+    }
+    w->nchunk = keep;
+    w->scanned += keep;
+    return keep > 0 ? testchunk(w) : 0;
+}
+
+rctype startscan(SP_WHH* w) {
+    w->eof = false;
+    w->nchunk = 0;
+    w->chunkpos = 0;
+    hs_obsno_t first = w->startobs >= 2 ? w->startobs : 1;
+    return spsetloc(w->iocb, first);
+}
+
+}  // namespace
+
+namespace vrta {
+
+// Rows tested by the cursor since it was bound: what the scan cost.
+int64_t spwhscanned(void* vwhh) {
+    SP_WHH* w = whhof(vwhh);
+    return w ? w->scanned : 0;
+}
+
+}  // namespace vrta
+
+extern "C" {
+
+int spnewwh(void* vfid, long bufsize, int64_t startobs, int64_t endobs, void** newwhh) {
+    if (!newwhh) return DA_BADARG;
+    *newwhh = nullptr;
+    SP_FID* s = spfidof(vfid);
+    if (!s || !s->dafid || !s->dafid->xoehdr) return DA_BADARG;
+    int32_t obslen = s->dafid->xoehdr->ioreclen;
+    if (obslen <= 0) return DA_BADARG;
+    long obsperbuf = bufsize / (obslen + 8);
+    if (obsperbuf < 1) return DA_BADARG;
+    if (startobs < 0 || endobs < 0 || (endobs >= 1 && startobs > endobs)) return DA_BADARG;
+    auto* w = static_cast<SP_WHH*>(std::calloc(1, sizeof(SP_WHH)));
+    if (!w) return SP_NOMEM;
+    w->spfid = s;
+    w->obslen = obslen;
+    w->obsperbuf = obsperbuf;
+    w->startobs = startobs;
+    w->endobs = endobs;
+    int64_t seg = s->dafid->xoehdr->idxsegsize > 0 ? s->dafid->xoehdr->idxsegsize : 1;
+    // A chunk of whole segments, at least one and at most what fits the
+    // chunk budget (or one segment when a segment alone exceeds it).
+    long segs = std::max<long>(1, SP_CHUNKBYTES / obslen / static_cast<long>(seg));
+    w->chunkrows = static_cast<long>(std::min<int64_t>(segs * seg, std::max<int64_t>(SP_CHUNKBYTES / obslen, 1)));
+    if (w->chunkrows < obsperbuf) w->chunkrows = obsperbuf;
+    long ncpu = sysconf(_SC_NPROCESSORS_ONLN);
+    w->threads = static_cast<int>(std::clamp<long>(ncpu, 1, SP_MAXTHREADS));
+    w->chunk = static_cast<char*>(std::malloc(static_cast<size_t>(w->chunkrows) * obslen));
+    w->chunkobs = static_cast<hs_obsno_t*>(std::malloc(sizeof(hs_obsno_t) * w->chunkrows));
+    w->match = static_cast<uint8_t*>(std::malloc(w->chunkrows));
+    w->outobs = static_cast<hs_obsno_t*>(std::malloc(sizeof(hs_obsno_t) * obsperbuf));
+    int rc = 0;
+    if (!w->chunk || !w->chunkobs || !w->match || !w->outobs) rc = SP_NOMEM;
+    if (!rc) rc = spnewrd(vfid, static_cast<long>(w->chunkrows) * obslen, w->chunk, reinterpret_cast<void**>(&w->iocb));
+    if (rc < 0) {
+        spfreewh(w);
+        return rc;
+    }
+    w->eof = true;  // nothing to read before a clause is bound
+    *newwhh = w;
+    return 0;
+}
+
+int spfreewh(void* vwhh) {
+    SP_WHH* w = whhof(vwhh);
+    if (!w) return DA_BADARG;
+    int rc = 0;
+    freetrees(w);
+    if (w->whereh) whterm(w->whereh);
+    if (w->iocb) rc = spfreerd(w->iocb);
+    std::free(w->chunk);
+    std::free(w->chunkobs);
+    std::free(w->match);
+    std::free(w->outobs);
+    std::free(w);
+    return rc;
+}
+
+int spwhthreads(void* vwhh, int nthreads) {
+    SP_WHH* w = whhof(vwhh);
+    if (!w || nthreads < 1) return DA_BADARG;
+    w->threads = std::min(nthreads, SP_MAXTHREADS);
+    return 0;
+}
+
+int spwhset(void* vwhh, const void* where_tree, int init_flags, int numxidx, const char* xixnames, int* whflags,
+            int* whstat) {
+    SP_WHH* w = whhof(vwhh);
+    if (!w) return DA_BADARG;
+    if (whflags) *whflags = 0;
+    if (whstat) *whstat = 0;
+    freetrees(w);
+    if (!where_tree) {
+        if (w->whereh) whterm(w->whereh);
+        w->whereh = nullptr;
+        w->eof = true;
+        return 0;
+    }
+    // Index names of the request: 4-byte steps of blank-padded names. No
+    // index is used by a row-test plan, so they only have to be well formed.
+    if (numxidx < 0 || (numxidx > 0 && !xixnames)) return DA_BADARG;
+    SP_FID* s = w->spfid;
+    int threads = w->threads;
+    int flags = 0;
+    WH_HANDLE* wh = w->whereh;
+    w->whereh = nullptr;
+    rctype rc;
+    if (dynamic(s)) {
+        DA_FID* fp = s->dafid;
+        rc = fp->mt->setshare(fp, DA_SHRREAD);
+        if (rc >= 0)
+            rc = whinit(s->clenv, where_tree, fp, init_flags, &threads, &flags, nullptr, 0, nullptr, nullptr,
+                        nullptr, &wh);
+        fp->mt->setshare(fp, DA_SHRCLEAR);
+    } else {
+        rc = whinit(s->clenv, where_tree, s->dafid, init_flags, &threads, &flags, nullptr, 0, nullptr, nullptr,
+                    nullptr, &wh);
+    }
+    if (rc < 0) return rc;
+    w->whereh = wh;
+    w->whflags = flags;
+    w->nthreads = std::clamp(threads, 1, SP_MAXTHREADS);
+    for (int i = 0; i < w->nthreads; i++) {
+        rc = whevalprep(wh, &w->trees[i], WHP_COPY | WHP_JOIN);
+        if (rc) {
+            freetrees(w);
+            whterm(wh);
+            w->whereh = nullptr;
+            return rc;
+        }
+    }
+    w->rewind = (flags & WHF_EVAL3) != 0;
+    w->scanned = 0;
+    if (whflags) *whflags = flags;
+    if (whstat) {
+        if ((flags & WHF_ALL) && !(flags & 3)) *whstat = 1;
+        else if (flags & WHF_TRUE) *whstat = 2;
+        else if (flags & WHF_FALSE) *whstat = 3;
+    }
+    if (flags & WHF_FALSE) {
+        w->eof = true;
+        return 0;
+    }
+    rc = startscan(w);
+    return rc < 0 ? rc : 0;
+}
+
+int spwhget(void* vwhh, void* obsbuf, long* numobs) {
+    if (numobs) *numobs = 0;
+    SP_WHH* w = whhof(vwhh);
+    if (!w || !obsbuf || !numobs) return DA_BADARG;
+    w->nout = 0;
+    if (!w->whereh) return DA_BADARG;
+    if (w->rewind) {
+        w->rewind = false;
+        if (rctype rc = startscan(w)) return rc;
+    }
+    char* out = static_cast<char*>(obsbuf);
+    long n = 0;
+    while (n < w->obsperbuf) {
+        if (w->chunkpos >= w->nchunk) {
+            if (w->eof) break;
+            rctype rc = readchunk(w);
+            if (rc < 0) {
+                // Rows found before the failure still reach the caller; the
+                // failure comes with the next call.
+                if (n > 0) {
+                    w->eof = true;
+                    break;
+                }
+                return rc;
+            }
+            if (w->nchunk == 0) {
+                w->eof = true;
+                break;
+            }
+        }
+        while (w->chunkpos < w->nchunk && n < w->obsperbuf) {
+            long i = w->chunkpos++;
+            if (!w->match[i]) continue;
+            std::memcpy(out + n * w->obslen, w->chunk + i * w->obslen, w->obslen);
+            w->outobs[n] = w->chunkobs[i];
+            n++;
+        }
+    }
+    w->nout = n;
+    *numobs = n;
+    return n > 0 ? 0 : SP_NOMORE;
+}
+
+int64_t* spwhobsvec(void* vwhh) {
+    SP_WHH* w = whhof(vwhh);
+    return w ? w->outobs : nullptr;
+}
+
+int spwhsync(void* vwhh, int nnames, const char* ixnames) {
+    SP_WHH* w = whhof(vwhh);
+    if (!w || !w->whereh) return DA_BADARG;
+    if (nnames < 0 || (nnames > 0 && !ixnames)) return DA_BADARG;
+    // A row test reads the table as it stands at each read: only open
+    // indexes need bringing up to date.
+    if (!(w->whflags & (WHF_EVAL3 | WHF_EVAL4))) return 0;
+    return whsyncx(w->whereh, nnames, ixnames);
+}
+
+}  // extern "C"
