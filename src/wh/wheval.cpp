@@ -289,7 +289,12 @@ rctype do_ninop(wh_env_t* env, const Val& x, SQLOP* set, const char* rec, int ko
 }
 
 rctype do_cinop(wh_env_t* env, const Val& x, SQLOP* set, const char* rec, int kor, int* resp) {
+    // The host marks an unordered list on the set, or on its elements when
+    // the tree has not been through the wire.
     if (set->nodeflags & WH_NF_UNORDERED) kor = 0;
+    else if (set->code >= OP_FIRSTOP && set->u.node.narg > 0 && set->u.node.arg[0] &&
+             (set->u.node.arg[0]->nodeflags & WH_NF_UNORDERED))
+        kor = 0;
     const char* s = x.num ? "" : x.s;
     int len = x.num ? 0 : x.len;
     if (set->code < OP_FIRSTOP) {
