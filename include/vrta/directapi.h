@@ -242,6 +242,16 @@ VRTA_API int spwhget(void* vwhh, void* obsbuf, long* numobs);
 VRTA_API int64_t* spwhobsvec(void* vwhh);
 VRTA_API int spwhthreads(void* vwhh, int nthreads);
 VRTA_API int spwhsync(void* vwhh, int nnames, const char* ixnames);
+/* The plan of the bound clause as lines of text: plan words, index tree, row
+ * test, method, threads, segments. Returns the length written (cut to fit). */
+VRTA_API int spwhexplain(void* vwhh, char* buf, int buflen);
+
+/* Deleting rows of a table opened by vrtaupdate: spnewdel makes the
+ * context, spdelobs deletes one row by number (a row already deleted is
+ * left as it is), spfreedel ends it (abort 1 after a failure). */
+VRTA_API int spnewdel(void* vfid, void** newdcp);
+VRTA_API int spdelobs(void* vdcp, int64_t obsnum);
+VRTA_API int spfreedel(void* vdcp, int abort);
 
 /* Files the text "Member=<mem> Reason=<text of rc>" for vrtaerrtext and
  * returns VRTA_RC_WRAPPED. */

@@ -344,6 +344,39 @@ int64_t* spwhobsvec(void* vwhh) {
     return w ? w->outobs : nullptr;
 }
 
+int spwhexplain(void* vwhh, char* buf, int buflen) {
+    SP_WHH* w = whhof(vwhh);
+    if (!w || !w->whereh || !buf || buflen < 1) return DA_BADARG;
+    WH_HANDLE* wh = w->whereh;
+    int f = w->whflags;
+    char words[200];
+    whflagwords(f, words, sizeof words);
+    char* rowtest = nullptr;
+    char* idxtree = nullptr;
+    if (wh->tree && whsayit(wh->tree, &rowtest) != 0) rowtest = nullptr;
+    if (wh->xtree && whsayit(wh->xtree, &idxtree) != 0) idxtree = nullptr;
+    const char* method = (f & WHF_FALSE)   ? "none: no row qualifies"
+                         : (f & WHF_TRUE)  ? "all rows: every row qualifies"
+                         : (f & WHF_NONE)  ? "all rows: nothing is left to test"
+                         : (f & WHF_EVAL3) ? "index lookup in key order"
+                         : (f & WHF_EVAL4) ? "index row list"
+                         : (f & WHF_EVAL1) ? "index segments, then the row test"
+                                           : "scan of every row with the row test";
+    const DA_XOEODS* x = w->spfid->dafid->xoehdr;
+    int64_t seg = x->idxsegsize > 0 ? x->idxsegsize : 1;
+    int64_t tblsegs = (x->numobs + seg - 1) / seg;
+    int64_t segs = (f & WHF_FALSE) ? 0 : tblsegs;
+    int n = std::snprintf(buf, buflen,
+                          "plan:%s\nindex tree: %s\nrow test: %s\nmethod: %s\nthreads: %d\n"
+                          "segments: %lld of %lld (%lld rows each)\n",
+                          words, idxtree ? idxtree : "none", rowtest ? rowtest : "none", method,
+                          (f & (WHF_FALSE | WHF_TRUE | WHF_NONE)) ? 1 : w->nthreads, static_cast<long long>(segs),
+                          static_cast<long long>(tblsegs), static_cast<long long>(seg));
+    std::free(rowtest);
+    std::free(idxtree);
+    return n < buflen ? n : buflen - 1;
+}
+
 int spwhsync(void* vwhh, int nnames, const char* ixnames) {
     SP_WHH* w = whhof(vwhh);
     if (!w || !w->whereh) return DA_BADARG;
