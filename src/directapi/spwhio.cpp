@@ -370,7 +370,7 @@ int spwhexplain(void* vwhh, char* buf, int buflen) {
                           "plan:%s\nindex tree: %s\nrow test: %s\nmethod: %s\nthreads: %d\n"
                           "segments: %lld of %lld (%lld rows each)\n",
                           words, idxtree ? idxtree : "none", rowtest ? rowtest : "none", method,
-                          (f & (WHF_FALSE | WHF_TRUE | WHF_NONE)) ? 1 : w->nthreads, static_cast<long long>(segs),
+                          (f & (WHF_FALSE | WHF_TRUE | WHF_NONE)) ? 1 : static_cast<int>(std::min<int64_t>(w->nthreads, std::max<int64_t>(segs, 1))), static_cast<long long>(segs),
                           static_cast<long long>(tblsegs), static_cast<long long>(seg));
     std::free(rowtest);
     std::free(idxtree);

@@ -281,8 +281,9 @@ bool isMissing(const unsigned char* p) {
 }
 
 void putMissing(unsigned char* p) {
-    // The ordinary missing value: its rank byte is the complement of '.'.
-    uint64_t u = 0xffff000000d10000ULL;
+    // The ordinary missing value ".": top 16 bits all ones, and 0xFE in the
+    // sixth byte (bits 40 to 47), which gives it rank 2, between "._" and ".A".
+    uint64_t u = 0xfffffe0000000000ULL;
     std::memcpy(p, &u, 8);
 }
 
