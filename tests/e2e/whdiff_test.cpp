@@ -1,0 +1,612 @@
+// Random tables and random clauses: every clause's rows through the planner
+// and the WHERE cursor must be the rows a plain evaluation written here, from
+// the language's rules, picks; and for clauses that touch no missing value,
+// the rows SQLite picks from the same live rows.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "testutil.h"
+#include "vrta/directapi.h"
+#include "vrta/vrtawh.h"
+
+namespace {
+
+bool longMode() {
+    const char* e = std::getenv("VRTA_LONG");
+    return e && *e && std::strcmp(e, "0") != 0;
+}
+
+// ---------------------------------------------------------------- values
+// A number or a missing value of a rank: "._" 1, "." 2, ".A" to ".Z" 3 to 28.
+struct Num {
+    int rank = 0;
+    double v = 0;
+};
+// Numbers sort above every missing value; missing values by rank.
+int cmp(const Num& a, const Num& b) {
+    if (a.rank || b.rank) {
+        if (!a.rank) return 1;
+        if (!b.rank) return -1;
+        return a.rank < b.rank ? -1 : a.rank > b.rank;
+    }
+    return a.v < b.v ? -1 : a.v > b.v;
+}
+double bits(const Num& n) {
+    if (!n.rank) return n.v;
+    uint64_t u = 0xFFFF000000000000ull | (uint64_t(0x100 - n.rank) << 40);
+    double d;
+    std::memcpy(&d, &u, 8);
+    return d;
+}
+std::string numtext(const Num& n) {
+    if (n.rank == 1) return "._";
+    if (n.rank == 2) return ".";
+    if (n.rank > 2) return std::string(".") + char('A' + n.rank - 3);
+    char b[40];
+    std::snprintf(b, sizeof b, "%.17g", n.v);
+    return b;
+}
+std::string rtrim(std::string s) {
+    while (!s.empty() && s.back() == ' ') s.pop_back();
+    return s;
+}
+// Blank-padded order of strings of letters and blanks.
+int scmp(const std::string& a, const std::string& b) {
+    std::string x = rtrim(a), y = rtrim(b);
+    return x < y ? -1 : x > y;
+}
+
+// ---------------------------------------------------------------- the table
+// N1 number with missing values, N2 number without, S3 a 4-byte number with
+// missing values, N4 number without, C1 8 characters (blank at times), C2 3.
+struct Col {
+    const char* name;
+    int type, len, pos;
+    bool missing;  // numbers: may hold missing values
+};
+const Col COLS[] = {{"N1", 1, 8, 0, false}, {"N2", 1, 8, 8, false}, {"S3", 1, 4, 16, false},
+                    {"N4", 1, 8, 20, false}, {"C1", 2, 8, 28, false}, {"C2", 2, 3, 36, false}};
+constexpr int NCOL = 6;
+constexpr int ROWLEN = 39;
+bool hasMissing(int c) { return c == 0 || c == 2; }
+
+struct Row {
+    Num n[4];  // N1 N2 S3 N4 by their column
+    std::string c1, c2;
+    bool live = true;
+};
+
+const char* WORDS[] = {"", "A", "AB", "ABC", "B", "BA", "BAB", "C", "CAB", "ABCDEFGH", "A B", "AA"};
+
+Num randnum(std::mt19937& r, bool missing) {
+    Num n;
+    if (missing && r() % 8 == 0) {
+        int k = r() % 4;
+        n.rank = k == 0 ? 1 : k == 1 ? 2 : k == 2 ? 3 : 28;
+        return n;
+    }
+    n.v = static_cast<int>(r() % 13) - 6 + ((r() % 4 == 0) ? 0.5 : 0.0);
+    return n;
+}
+
+std::string randword(std::mt19937& r, size_t width) {
+    std::string w = WORDS[r() % (sizeof WORDS / sizeof WORDS[0])];
+    if (w.size() > width) w.resize(width);
+    return w;
+}
+
+void pack(const Row& row, char* out) {
+    std::memset(out, ' ', ROWLEN);
+    for (int k : {0, 1, 3}) {
+        double d = bits(row.n[k]);
+        std::memcpy(out + COLS[k].pos, &d, 8);
+    }
+    double d = bits(row.n[2]);
+    std::memcpy(out + COLS[2].pos, reinterpret_cast<char*>(&d) + 4, 4);
+    std::memcpy(out + COLS[4].pos, row.c1.data(), row.c1.size());
+    std::memcpy(out + COLS[5].pos, row.c2.data(), row.c2.size());
+}
+
+// ---------------------------------------------------------------- clauses
+struct Expr;
+using P = std::unique_ptr<Expr>;
+enum Kind { CMPN, CMPC, TCMP, INN, INC, BETW, MISS, LIKE, ARITH, AND, OR, NOT };
+const char* OPS[] = {"=", "^=", "<", "<=", ">", ">="};
+const char* SQLOPS[] = {"=", "<>", "<", "<=", ">", ">="};
+
+struct Expr {
+    Kind k;
+    int col = 0, col2 = -1, op = 0;
+    Num lit, lit2;
+    std::vector<Num> nset;
+    std::string s;
+    std::vector<std::string> cset;
+    bool neg = false;
+    char aop = '+';
+    std::vector<P> kids;
+};
+
+bool opres(int c, int op) {
+    switch (op) {
+    case 0: return c == 0;
+    case 1: return c != 0;
+    case 2: return c < 0;
+    case 3: return c <= 0;
+    case 4: return c > 0;
+    default: return c >= 0;
+    }
+}
+
+bool like(const std::string& value, const std::string& pat) {
+    std::string re;
+    for (char c : pat) re += c == '%' ? ".*" : c == '_' ? "." : std::string(1, c);
+    return std::regex_match(value, std::regex(re + " *"));
+}
+
+std::string padded(const std::string& s, int width) { return s + std::string(width - s.size(), ' '); }
+
+bool eval(const Expr& e, const Row& r) {
+    switch (e.k) {
+    case CMPN: {
+        Num right = e.col2 >= 0 ? r.n[e.col2] : e.lit;
+        return opres(cmp(r.n[e.col], right), e.op);
+    }
+    case CMPC: return opres(scmp(e.col == 4 ? r.c1 : r.c2, e.s), e.op);
+    case TCMP: {
+        // Both cut to the shorter length, blanks of the column included.
+        std::string v = padded(e.col == 4 ? r.c1 : r.c2, e.col == 4 ? 8 : 3);
+        size_t n = std::min(v.size(), e.s.size());
+        return opres(v.substr(0, n).compare(e.s.substr(0, n)) < 0 ? -1 : v.substr(0, n) > e.s.substr(0, n), e.op);
+    }
+    case INN: {
+        bool in = false;
+        for (const Num& x : e.nset) in = in || cmp(r.n[e.col], x) == 0;
+        return in != e.neg;
+    }
+    case INC: {
+        bool in = false;
+        for (const std::string& x : e.cset) in = in || scmp(e.col == 4 ? r.c1 : r.c2, x) == 0;
+        return in != e.neg;
+    }
+    case BETW: {
+        Num lo = e.lit, hi = e.lit2;
+        if (cmp(lo, hi) > 0) std::swap(lo, hi);
+        bool in = cmp(r.n[e.col], lo) >= 0 && cmp(r.n[e.col], hi) <= 0;
+        return in != e.neg;
+    }
+    case MISS: return (r.n[e.col].rank != 0) != e.neg;
+    case LIKE: return like(padded(e.col == 4 ? r.c1 : r.c2, e.col == 4 ? 8 : 3), e.s) != e.neg;
+    case ARITH: {
+        // col aop lit compared with lit2; missing in, missing out.
+        const Num& a = r.n[e.col];
+        Num res;
+        if (a.rank || e.lit.rank || (e.aop == '/' && e.lit.v == 0)) {
+            res.rank = 2;
+        } else {
+            res.v = e.aop == '+' ? a.v + e.lit.v : e.aop == '-' ? a.v - e.lit.v : e.aop == '*' ? a.v * e.lit.v
+                                                                                              : a.v / e.lit.v;
+        }
+        return opres(cmp(res, e.lit2), e.op);
+    }
+    case AND:
+        for (const P& k : e.kids)
+            if (!eval(*k, r)) return false;
+        return true;
+    case OR:
+        for (const P& k : e.kids)
+            if (eval(*k, r)) return true;
+        return false;
+    case NOT: return !eval(*e.kids[0], r);
+    }
+    return false;
+}
+
+std::string quote(const std::string& s) { return "'" + s + "'"; }
+
+std::string text(const Expr& e) {
+    std::string c = COLS[e.col].name;
+    switch (e.k) {
+    case CMPN: return c + " " + OPS[e.op] + " " + (e.col2 >= 0 ? std::string(COLS[e.col2].name) : numtext(e.lit));
+    case CMPC: return c + " " + OPS[e.op] + " " + quote(e.s);
+    case TCMP: return c + " " + OPS[e.op] + ": " + quote(e.s);
+    case INN:
+    case INC: {
+        std::string t = c + (e.neg ? " not in (" : " in (");
+        size_t n = e.k == INN ? e.nset.size() : e.cset.size();
+        for (size_t i = 0; i < n; i++) t += (i ? ", " : "") + (e.k == INN ? numtext(e.nset[i]) : quote(e.cset[i]));
+        return t + ")";
+    }
+    case BETW: return c + (e.neg ? " not between " : " between ") + numtext(e.lit) + " and " + numtext(e.lit2);
+    case MISS: return c + (e.neg ? " is not missing" : " is missing");
+    case LIKE: return c + (e.neg ? " not like " : " like ") + quote(e.s);
+    case ARITH:
+        return c + " " + e.aop + " " + numtext(e.lit) + " " + OPS[e.op] + " " + numtext(e.lit2);
+    case AND:
+    case OR: {
+        std::string t = "(";
+        for (size_t i = 0; i < e.kids.size(); i++) t += (i ? (e.k == AND ? " and " : " or ") : "") + text(*e.kids[i]);
+        return t + ")";
+    }
+    case NOT: return "not " + text(*e.kids[0]);
+    }
+    return "";
+}
+
+std::string sqlnum(const Num& n) { return numtext(n); }
+
+// The same clause for SQLite; false when it has no faithful SQL form (it
+// touches missing values, or a pattern's '_' could meet trailing blanks).
+bool sql(const Expr& e, std::string* out) {
+    std::string c = COLS[e.col].name;
+    auto anymiss = [](const Num& n) { return n.rank != 0; };
+    switch (e.k) {
+    case CMPN:
+        if (hasMissing(e.col) || (e.col2 >= 0 && hasMissing(e.col2)) || (e.col2 < 0 && anymiss(e.lit))) return false;
+        *out = c + SQLOPS[e.op] + (e.col2 >= 0 ? std::string(COLS[e.col2].name) : sqlnum(e.lit));
+        return true;
+    case CMPC: *out = c + SQLOPS[e.op] + quote(rtrim(e.s)); return true;
+    case INN: {
+        if (hasMissing(e.col) || std::any_of(e.nset.begin(), e.nset.end(), anymiss)) return false;
+        std::string t = c + (e.neg ? " NOT IN (" : " IN (");
+        for (size_t i = 0; i < e.nset.size(); i++) t += (i ? "," : "") + sqlnum(e.nset[i]);
+        *out = t + ")";
+        return true;
+    }
+    case INC: {
+        std::string t = c + (e.neg ? " NOT IN (" : " IN (");
+        for (size_t i = 0; i < e.cset.size(); i++) t += (i ? "," : "") + quote(rtrim(e.cset[i]));
+        *out = t + ")";
+        return true;
+    }
+    case BETW: {
+        if (hasMissing(e.col) || anymiss(e.lit) || anymiss(e.lit2)) return false;
+        Num lo = e.lit, hi = e.lit2;
+        if (cmp(lo, hi) > 0) std::swap(lo, hi);
+        *out = c + (e.neg ? " NOT BETWEEN " : " BETWEEN ") + sqlnum(lo) + " AND " + sqlnum(hi);
+        return true;
+    }
+    case LIKE:
+        if (e.s.find('_') != std::string::npos) return false;
+        *out = c + (e.neg ? " NOT LIKE " : " LIKE ") + quote(e.s);
+        return true;
+    case AND:
+    case OR:
+    case NOT: {
+        std::string t = e.k == NOT ? "NOT (" : "(";
+        for (size_t i = 0; i < e.kids.size(); i++) {
+            std::string k;
+            if (!sql(*e.kids[i], &k)) return false;
+            t += (i ? (e.k == AND ? " AND " : " OR ") : "") + k;
+        }
+        *out = t + ")";
+        return true;
+    }
+    default: return false;
+    }
+}
+
+int numcol(std::mt19937& r) {
+    static const int n[] = {0, 1, 2, 3};
+    return n[r() % 4];
+}
+
+P gen(std::mt19937& r, int depth) {
+    auto e = std::make_unique<Expr>();
+    int pick = depth > 2 ? static_cast<int>(r() % 9) : static_cast<int>(r() % 12);
+    switch (pick) {
+    case 0:
+    case 1:
+        e->k = CMPN;
+        e->col = numcol(r);
+        e->op = r() % 6;
+        if (r() % 5 == 0) e->col2 = numcol(r);
+        else e->lit = randnum(r, r() % 3 == 0);
+        break;
+    case 2:
+        e->k = CMPC;
+        e->col = 4 + r() % 2;
+        e->op = r() % 6;
+        e->s = randword(r, 10);
+        break;
+    case 3:
+        e->k = TCMP;
+        e->col = 4 + r() % 2;
+        e->op = r() % 6;
+        e->s = randword(r, 10);
+        if (e->s.empty()) e->s = "A";
+        break;
+    case 4: {
+        e->k = INN;
+        e->col = numcol(r);
+        e->neg = r() % 3 == 0;
+        int n = 1 + r() % 5;
+        for (int i = 0; i < n; i++) e->nset.push_back(randnum(r, r() % 3 == 0));
+        break;
+    }
+    case 5: {
+        e->k = INC;
+        e->col = 4 + r() % 2;
+        e->neg = r() % 3 == 0;
+        int n = 1 + r() % 4;
+        for (int i = 0; i < n; i++) e->cset.push_back(randword(r, 8));
+        break;
+    }
+    case 6:
+        e->k = BETW;
+        e->col = numcol(r);
+        e->neg = r() % 4 == 0;
+        e->lit = randnum(r, r() % 4 == 0);
+        e->lit2 = randnum(r, r() % 4 == 0);
+        break;
+    case 7:
+        e->k = r() % 2 ? MISS : ARITH;
+        e->col = numcol(r);
+        e->neg = r() % 2;
+        if (e->k == ARITH) {
+            e->aop = "+-*/"[r() % 4];
+            e->lit = randnum(r, false);
+            e->lit2 = randnum(r, r() % 5 == 0);
+            e->op = r() % 6;
+        }
+        break;
+    case 8: {
+        e->k = LIKE;
+        e->col = 4 + r() % 2;
+        e->neg = r() % 4 == 0;
+        const char* pats[] = {"A%", "%B", "%A%", "A_", "_A%", "AB", "%", "A%B", "B_B", "%C"};
+        e->s = pats[r() % 10];
+        break;
+    }
+    case 9:
+    case 10: {
+        e->k = r() % 2 ? AND : OR;
+        int n = 2 + r() % 3;
+        for (int i = 0; i < n; i++) e->kids.push_back(gen(r, depth + 1));
+        break;
+    }
+    default:
+        e->k = NOT;
+        e->kids.push_back(gen(r, depth + 1));
+        break;
+    }
+    return e;
+}
+
+// ---------------------------------------------------------------- the test
+
+struct Fixture {
+    vrtatest::TempDir dir;
+    void* lib = nullptr;
+    std::vector<Row> rows;
+    sqlite3* db = nullptr;
+    ~Fixture() {
+        if (db) sqlite3_close(db);
+        if (lib) spldeasgn(lib);
+    }
+};
+
+void build(Fixture& f, int nrows, std::mt19937& r) {
+    ASSERT_EQ(0, splasgn(f.dir.path().c_str(), &f.lib));
+    VRTACOLDEF defs[NCOL];
+    for (int i = 0; i < NCOL; i++) defs[i] = VRTACOLDEF{COLS[i].name, -1, nullptr, 0, COLS[i].type, COLS[i].len};
+    VRTACREATE cr{};
+    cr.ncols = NCOL;
+    cr.cols = defs;
+    void* fid = nullptr;
+    ASSERT_EQ(0, vrtacreate(f.lib, "T", 1, &cr, &fid));
+    std::vector<char> buf(100 * ROWLEN);
+    void* wr = nullptr;
+    ASSERT_EQ(0, spnewwr(fid, static_cast<long>(buf.size()), buf.data(), 0, &wr));
+    for (int i = 0; i < nrows; i++) {
+        Row row;
+        for (int k = 0; k < 4; k++) row.n[k] = randnum(r, hasMissing(k));
+        row.c1 = randword(r, 8);
+        row.c2 = randword(r, 3);
+        f.rows.push_back(row);
+        pack(row, buf.data() + (i % 100) * ROWLEN);
+        if (i % 100 == 99 || i == nrows - 1) {
+            ASSERT_EQ(0, spwritev(wr, i % 100 + 1));
+        }
+    }
+    ASSERT_EQ(0, spfreeio(wr));
+    ASSERT_EQ(0, vrtaclose(fid));
+    // Every seventh row or so goes, through the delete context.
+    ASSERT_EQ(0, vrtaupdate(f.lib, "T", 1, nullptr, nullptr, 0, nullptr, -1, 0, &fid));
+    void* dc = nullptr;
+    ASSERT_EQ(0, spnewdel(fid, &dc));
+    for (int i = 0; i < nrows; i++)
+        if (r() % 7 == 0) {
+            ASSERT_EQ(0, spdelobs(dc, i + 1));
+            f.rows[i].live = false;
+        }
+    ASSERT_EQ(0, spfreedel(dc, 0));
+    ASSERT_EQ(0, vrtaclose(fid));
+
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(":memory:", &f.db));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(f.db,
+                                      "PRAGMA case_sensitive_like=ON;"
+                                      "CREATE TABLE T(R INTEGER, N1 REAL, N2 REAL, S3 REAL, N4 REAL, C1 TEXT, C2 TEXT)",
+                                      nullptr, nullptr, nullptr));
+    sqlite3_stmt* ins = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(f.db, "INSERT INTO T VALUES(?,?,?,?,?,?,?)", -1, &ins, nullptr));
+    sqlite3_exec(f.db, "BEGIN", nullptr, nullptr, nullptr);
+    for (int i = 0; i < nrows; i++) {
+        const Row& row = f.rows[i];
+        if (!row.live) continue;
+        sqlite3_bind_int64(ins, 1, i + 1);
+        for (int k = 0; k < 4; k++) {
+            if (row.n[k].rank) sqlite3_bind_null(ins, 2 + k);
+            else sqlite3_bind_double(ins, 2 + k, row.n[k].v);
+        }
+        std::string a = rtrim(row.c1), b = rtrim(row.c2);
+        sqlite3_bind_text(ins, 6, a.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(ins, 7, b.c_str(), -1, SQLITE_TRANSIENT);
+        ASSERT_EQ(SQLITE_DONE, sqlite3_step(ins));
+        sqlite3_reset(ins);
+    }
+    sqlite3_exec(f.db, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_finalize(ins);
+}
+
+std::vector<int64_t> sqliteRows(sqlite3* db, const std::string& where) {
+    std::vector<int64_t> out;
+    sqlite3_stmt* st = nullptr;
+    std::string q = "SELECT R FROM T WHERE " + where + " ORDER BY R";
+    if (sqlite3_prepare_v2(db, q.c_str(), -1, &st, nullptr) != SQLITE_OK) {
+        ADD_FAILURE() << "sqlite refused " << q << ": " << sqlite3_errmsg(db);
+        return out;
+    }
+    while (sqlite3_step(st) == SQLITE_ROW) out.push_back(sqlite3_column_int64(st, 0));
+    sqlite3_finalize(st);
+    return out;
+}
+
+// Rows of the clause through the module, or an empty list after a failure.
+std::vector<int64_t> moduleRows(void* fid, const std::string& clause, int threads, int* flags) {
+    std::vector<int64_t> out;
+    VRTAWHCOL wc[NCOL];
+    for (int i = 0; i < NCOL; i++) wc[i] = VRTAWHCOL{COLS[i].name, -1, COLS[i].type, COLS[i].len, COLS[i].pos};
+    void* wire = nullptr;
+    int wl = 0;
+    char msg[300];
+    int rc = vrtawhparse(clause.c_str(), -1, wc, NCOL, &wire, &wl, msg, sizeof msg);
+    if (rc != 0) {
+        ADD_FAILURE() << clause << ": " << msg;
+        return out;
+    }
+    void* wh = nullptr;
+    EXPECT_EQ(0, spnewwh(fid, 300 * (ROWLEN + 8), 0, 0, &wh));
+    EXPECT_EQ(0, spwhthreads(wh, threads));
+    int st = 0;
+    rc = spwhset(wh, wire, 0, 0, nullptr, flags, &st);
+    EXPECT_EQ(rc, 0) << clause;
+    std::vector<char> buf(300 * ROWLEN);
+    for (int guard = 0; rc == 0 && guard < 100000; guard++) {
+        long n = 0;
+        rc = spwhget(wh, buf.data(), &n);
+        if (rc == VRTA_RC_NOMORE) break;
+        EXPECT_EQ(rc, 0) << clause;
+        const int64_t* obs = spwhobsvec(wh);
+        for (long i = 0; i < n; i++) out.push_back(obs[i]);
+    }
+    spfreewh(wh);
+    vrtawhfree(wire);
+    return out;
+}
+
+TEST(WhDiff, PlannerAgreesWithPlainEvaluationAndSqlite) {
+    std::mt19937 r(20261124);
+    Fixture f;
+    int nrows = longMode() ? 40000 : 10000;
+    int nclauses = longMode() ? 3000 : 200;
+    build(f, nrows, r);
+    if (HasFatalFailure()) return;
+    void* fid = nullptr;
+    ASSERT_EQ(0, vrtaopen(f.lib, "T", 1, nullptr, 0, nullptr, 0, nullptr, -1, 0, &fid));
+    int sqlchecked = 0, nonempty = 0, decided = 0;
+    for (int k = 0; k < nclauses; k++) {
+        P e = gen(r, 0);
+        std::string clause = text(*e);
+        std::vector<int64_t> want;
+        for (size_t i = 0; i < f.rows.size(); i++)
+            if (f.rows[i].live && eval(*e, f.rows[i])) want.push_back(static_cast<int64_t>(i) + 1);
+        int flags = 0;
+        std::vector<int64_t> got = moduleRows(fid, clause, 1 + k % 3, &flags);
+        ASSERT_EQ(got, want) << clause << " (plan 0x" << std::hex << flags << ")";
+        nonempty += !want.empty();
+        decided += (flags & (VRTAWH_FTRUE | VRTAWH_FFALSE)) != 0;
+        std::string q;
+        if (sql(*e, &q)) {
+            ASSERT_EQ(sqliteRows(f.db, q), want) << clause << "\n  sql: " << q;
+            sqlchecked++;
+        }
+    }
+    // The generator must really have exercised both sides.
+    EXPECT_GT(sqlchecked, nclauses / 5);
+    EXPECT_GT(nonempty, nclauses / 3);
+    EXPECT_LT(nonempty, nclauses);
+    ASSERT_EQ(0, vrtaclose(fid));
+}
+
+// Clauses decided before any row is read, row ranges, and a table where
+// every row is deleted.
+TEST(WhDiff, DecidedClausesRangesAndEmptyTables) {
+    std::mt19937 r(5);
+    Fixture f;
+    build(f, 3000, r);
+    if (HasFatalFailure()) return;
+    void* fid = nullptr;
+    ASSERT_EQ(0, vrtaopen(f.lib, "T", 1, nullptr, 0, nullptr, 0, nullptr, -1, 0, &fid));
+    int live = static_cast<int>(std::count_if(f.rows.begin(), f.rows.end(), [](const Row& x) { return x.live; }));
+    int flags = 0;
+    EXPECT_EQ(moduleRows(fid, "1 = 2", 2, &flags).size(), 0u);
+    EXPECT_EQ(flags, VRTAWH_FFALSE);
+    EXPECT_EQ(moduleRows(fid, "'   '", 2, &flags).size(), 0u);
+    EXPECT_EQ(flags, VRTAWH_FFALSE);
+    EXPECT_EQ(static_cast<int>(moduleRows(fid, "'x' or n1 > 3", 2, &flags).size()), live);
+    EXPECT_EQ(flags, VRTAWH_FTRUE);
+    EXPECT_EQ(static_cast<int>(moduleRows(fid, "n2 = n2", 2, &flags).size()), live);
+    EXPECT_EQ(flags, VRTAWH_FEVAL2 | VRTAWH_FALL);
+
+    // Rows 1000 to 1500 only.
+    VRTAWHCOL wc[NCOL];
+    for (int i = 0; i < NCOL; i++) wc[i] = VRTAWHCOL{COLS[i].name, -1, COLS[i].type, COLS[i].len, COLS[i].pos};
+    void* wire = nullptr;
+    int wl = 0;
+    ASSERT_EQ(0, vrtawhparse("n1 >= 0", -1, wc, NCOL, &wire, &wl, nullptr, 0));
+    void* wh = nullptr;
+    ASSERT_EQ(0, spnewwh(fid, 64 * (ROWLEN + 8), 1000, 1500, &wh));
+    int st;
+    ASSERT_EQ(0, spwhset(wh, wire, 0, 0, nullptr, &flags, &st));
+    std::vector<int64_t> got, want;
+    std::vector<char> buf(64 * ROWLEN);
+    long n = 0;
+    while (spwhget(wh, buf.data(), &n) == 0)
+        for (long i = 0; i < n; i++) {
+            got.push_back(spwhobsvec(wh)[i]);
+            double d;
+            std::memcpy(&d, buf.data() + i * ROWLEN, 8);
+            EXPECT_EQ(d, f.rows[got.back() - 1].n[0].v);  // the row delivered is that row
+        }
+    for (int i = 999; i < 1500; i++)
+        if (f.rows[i].live && !f.rows[i].n[0].rank && f.rows[i].n[0].v >= 0) want.push_back(i + 1);
+    EXPECT_EQ(got, want);
+    // Unbinding ends the cursor's rows; a bad range or buffer is refused.
+    EXPECT_EQ(0, spwhset(wh, nullptr, 0, 0, nullptr, &flags, &st));
+    EXPECT_NE(0, spwhget(wh, buf.data(), &n));
+    EXPECT_EQ(0, spfreewh(wh));
+    void* bad = nullptr;
+    EXPECT_NE(0, spnewwh(fid, 64 * (ROWLEN + 8), 20, 10, &bad));
+    EXPECT_NE(0, spnewwh(fid, ROWLEN, 0, 0, &bad));
+    EXPECT_EQ(bad, nullptr);
+    ASSERT_EQ(0, vrtaclose(fid));
+
+    // All rows deleted: FALSE without reading a row.
+    ASSERT_EQ(0, vrtaupdate(f.lib, "T", 1, nullptr, nullptr, 0, nullptr, -1, 0, &fid));
+    void* dc = nullptr;
+    ASSERT_EQ(0, spnewdel(fid, &dc));
+    for (int i = 1; i <= 3000; i++) ASSERT_EQ(0, spdelobs(dc, i));
+    EXPECT_EQ(0, spdelobs(dc, 17));  // a second time is no change
+    EXPECT_NE(0, spdelobs(dc, 3001));
+    ASSERT_EQ(0, spfreedel(dc, 0));
+    ASSERT_EQ(0, vrtaclose(fid));
+    ASSERT_EQ(0, vrtaopen(f.lib, "T", 1, nullptr, 0, nullptr, 0, nullptr, -1, 0, &fid));
+    EXPECT_EQ(moduleRows(fid, "n1 > 0 or n1 <= 0 or n1 = .", 2, &flags).size(), 0u);
+    EXPECT_EQ(flags, VRTAWH_FFALSE);
+    // A table opened for input takes no deletions.
+    EXPECT_NE(0, spnewdel(fid, &dc));
+    vrtawhfree(wire);
+    ASSERT_EQ(0, vrtaclose(fid));
+}
+
+}  // namespace
