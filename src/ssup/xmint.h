@@ -20,6 +20,8 @@ struct XMFREE {
     XMFREE* next;
 };
 
+constexpr int XM_NIDX = 32;
+
 struct XMPUDL {
     int flags;
     char* start;
@@ -28,8 +30,14 @@ struct XMPUDL {
     XMFREE* free;    // ascending by address in a variable pool
     XMPOOL* pool;    // only in the puddle-record pool's own puddles
     XMPUDL* next;
+    // A variable pool's free chain, copied in its order: first fit and the
+    // place of a freed block are found without walking the blocks
+    // themselves. nidx -1 means the chain grew past XM_NIDX and is walked.
+    int nidx;
+    int stale;                // calls since the copy was given up
+    int32_t ioff[XM_NIDX];   // the blocks, ascending: offset from start in 16-byte units
+    int32_t isz[XM_NIDX];    // and their sizes in the same units
 };
-static_assert(sizeof(XMPUDL) == 56);
 
 struct XMPOOL {
     char tag[4];     // "POOL", "POOH", "PUDL", "SUPV"
@@ -76,6 +84,10 @@ void xmpitem(XMPOOL* pool, void* elem);
 void* xmgpage(long size, int* zeroed);
 void xmppage(void* storage, long size);
 XMPUDL* xmgpudl(XMPOOL* pool, long size);
+// Writes a variable puddle's free chain into its blocks from the index that
+// holds it (nothing when the chain is walked already): call it before
+// looking at u->free.
+void xmchain(XMPUDL* u);
 // The record behind a pool id (-1, -2 resolved), or null for id 0.
 XMPOOL* xmresolve(xmpid pid);
 

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 #include "hs/hsgcb.h"
@@ -59,21 +60,56 @@ XMGCB* gcb() {
     return xminit();
 }
 
-// The recursive pool lock: xmrealc calls xmalloc, and xmgpudl may recurse,
-// while the lock is held.
-void plock(XMPOOL* p) {
-    thread_t self = thr_self();
-    if (__atomic_load_n(&p->ptid, __ATOMIC_RELAXED) != self) {
-        mutex_lock(&p->plock);
-        __atomic_store_n(&p->ptid, self, __ATOMIC_RELAXED);
-    }
-    p->selflocked++;
+inline void cpurelax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
 }
-void punlock(XMPOOL* p) {
-    if (--p->selflocked == 0) {
-        __atomic_store_n(&p->ptid, thread_t{}, __ATOMIC_RELAXED);
-        mutex_unlock(&p->plock);
+
+// A pool id that is a record needs no lookup: the common case.
+inline XMPOOL* resolve(xmpid pid) {
+    return reinterpret_cast<intptr_t>(pid) > 0 ? pid : xmresolve(pid);
+}
+
+// The caller's id, kept where the thread pointer finds it: the lock asks for
+// it at every call.
+thread_local thread_t xm_self __attribute__((tls_model("initial-exec"))) = thread_t{};
+inline thread_t selfid() {
+    thread_t t = xm_self;
+    if (t == thread_t{}) xm_self = t = thr_self();
+    return t;
+}
+
+// The recursive pool lock: xmrealc calls xmalloc, and xmgpudl may recurse,
+// while the lock is held. The holder's id in ptid is the lock itself: taking
+// a free pool is one compare-and-swap and letting it go one store, which is
+// what keeps a pool's every call cheap. Threads that find it held queue on
+// plock, and the first of them waits for the holder to let go.
+[[gnu::noinline]] void plockwait(XMPOOL* p, thread_t self) {
+    mutex_lock(&p->plock);
+    for (int spins = 0;; ++spins) {
+        thread_t none{};
+        if (__atomic_load_n(&p->ptid, __ATOMIC_RELAXED) == none &&
+            __atomic_compare_exchange_n(&p->ptid, &none, self, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+            break;
+        if (spins < 100) cpurelax();
+        else sched_yield();
     }
+    mutex_unlock(&p->plock);
+}
+inline void plock(XMPOOL* p) {
+    thread_t self = selfid();
+    if (__atomic_load_n(&p->ptid, __ATOMIC_RELAXED) == self) {
+        p->selflocked++;
+        return;
+    }
+    thread_t none{};
+    if (!__atomic_compare_exchange_n(&p->ptid, &none, self, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+        plockwait(p, self);
+    p->selflocked = 1;
+}
+inline void punlock(XMPOOL* p) {
+    if (--p->selflocked == 0) __atomic_store_n(&p->ptid, thread_t{}, __ATOMIC_RELEASE);
 }
 class PoolGuard {
 public:
@@ -103,7 +139,7 @@ XMFREE* newfree(char* at, long size, XMFREE* next) {
     return f;
 }
 
-XMPUDL* findpudl(XMPOOL* p, const char* blk) {
+inline XMPUDL* findpudl(XMPOOL* p, const char* blk) {
     for (XMPUDL* u = p->puddles; u; u = u->next)
         if (u->start <= blk && blk < u->end) return u;
     return nullptr;
@@ -176,10 +212,129 @@ XMPUDL* pudlgrow(XMGCB* g) {
     return reinterpret_cast<XMPUDL*>(page + sizeof(XMPUDL));
 }
 
+// The index keeps offsets and sizes in 16-byte units as 32-bit numbers, and
+// is searched by counting rather than by branching on where the answer
+// lies. Unused slots hold a place past every block and a size no request
+// matches.
+constexpr int32_t XM_IDXNONE = 0x7fffffff;
+constexpr long XM_IDXMAX = 1L << 35;  // a puddle this large is walked instead
+
+// Slots i..n-1 move up one and slot i takes x.
+inline void putslot(int32_t* a, int n, int i, int32_t x) {
+    for (int k = n; k > i; --k) a[k] = a[k - 1];
+    a[i] = x;
+}
+// Slots i+1..n-1 move down one; slot n-1 takes none.
+inline void dropslot(int32_t* a, int n, int i, int32_t none) {
+    for (; i < n - 1; ++i) a[i] = a[i + 1];
+    a[n - 1] = none;
+}
+// Bit i set when a[i] > x, over the n slots in use. Four words, so that the
+// compares do not wait on one another.
+inline uint32_t maskgt(const int32_t* v, int n, int32_t x) {
+    uint32_t m0 = 0, m1 = 0, m2 = 0, m3 = 0;
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        m0 |= static_cast<uint32_t>(v[i] > x) << i;
+        m1 |= static_cast<uint32_t>(v[i + 1] > x) << (i + 1);
+        m2 |= static_cast<uint32_t>(v[i + 2] > x) << (i + 2);
+        m3 |= static_cast<uint32_t>(v[i + 3] > x) << (i + 3);
+    }
+    for (; i < n; ++i) m0 |= static_cast<uint32_t>(v[i] > x) << i;
+    return m0 | m1 | m2 | m3;
+}
+
+inline char* iaddr(const XMPUDL* u, int i) { return u->start + (static_cast<long>(u->ioff[i]) << 4); }
+inline long isize(const XMPUDL* u, int i) { return static_cast<long>(u->isz[i]) << 4; }
+inline int32_t units(long n) { return static_cast<int32_t>(n >> 4); }
+inline void iset(XMPUDL* u, int i, const char* addr, long size) {
+    u->ioff[i] = units(addr - u->start);
+    u->isz[i] = units(size);
+}
+
+// An empty index, or none for a puddle it cannot describe.
+void idxclear(XMPUDL* u) {
+    for (int i = 0; i < XM_NIDX; ++i) {
+        u->ioff[i] = XM_IDXNONE;
+        u->isz[i] = -1;
+    }
+    bool fits = u->end - u->start < XM_IDXMAX && (reinterpret_cast<uintptr_t>(u->start) & 15) == 0;
+    u->nidx = fits ? 0 : -1;
+}
+
+inline void idxdrop(XMPUDL* u, int i) {
+    dropslot(u->ioff, u->nidx, i, XM_IDXNONE);
+    dropslot(u->isz, u->nidx, i, -1);
+    u->nidx--;
+}
+inline void idxput(XMPUDL* u, int i, const char* addr, long size) {
+    putslot(u->ioff, u->nidx, i, units(addr - u->start));
+    putslot(u->isz, u->nidx, i, units(size));
+    u->nidx++;
+}
+
+// Copies the chain into the index when it fits; called now and then, before
+// a walk changes anything, so that a chain that shrank is indexed again.
+void reindex(XMPUDL* u) {
+    u->stale = 0;
+    idxclear(u);
+    if (u->nidx < 0) return;
+    int n = 0;
+    for (XMFREE* f = u->free; f; f = f->next) {
+        if (n == XM_NIDX) {
+            idxclear(u);
+            u->nidx = -1;
+            return;
+        }
+        iset(u, n++, reinterpret_cast<char*>(f), f->size);
+    }
+    u->nidx = n;
+}
+inline void walked(XMPUDL* u) {
+    if (++u->stale >= 64) reindex(u);
+}
+
+// First fit through the index: the same block the chain walk would find.
+[[gnu::always_inline]] inline char* idxtake(XMPUDL* u, long size) {
+    int n = u->nidx;
+    uint32_t fits = maskgt(u->isz, n, units(size) - 1);
+    int i;
+    if (fits) {
+        i = __builtin_ctz(fits);
+    } else {
+        // Only the last block may take the never-used tail behind it as well.
+        i = n - 1;
+        if (n == 0 || iaddr(u, i) + isize(u, i) != u->hwmark || isize(u, i) + (u->end - u->hwmark) < size)
+            return nullptr;
+    }
+    char* b = iaddr(u, i);
+    long have = isize(u, i);
+    if (have > size) {
+        iset(u, i, b + size, have - size);
+    } else {
+        if (have < size) u->hwmark = b + size;
+        idxdrop(u, i);
+    }
+    XM_UNPOISON(b, size);
+    return b;
+}
+
 // Variable pool: first fit in the free chains, then the tails, then a new
 // puddle. zero is cleared when the memory handed out is known to be clean.
-char* vartake(XMPOOL* p, long size, bool& zero) {
+[[gnu::always_inline]] inline char* vartake(XMPOOL* p, long size, bool& zero) {
     for (XMPUDL* u = p->puddles; u; u = u->next) {
+        if (u->nidx < 0) walked(u);
+        if (u->nidx >= 0) {
+            if (char* b = idxtake(u, size)) return b;
+            if (u->hwmark && u->end - u->hwmark >= size) {
+                char* b = u->hwmark;
+                u->hwmark += size;
+                if (u->flags & XM_PUDL_ZERO) zero = false;
+                XM_UNPOISON(b, size);
+                return b;
+            }
+            continue;
+        }
         XMFREE** link = &u->free;
         for (XMFREE* f = u->free; f; link = &f->next, f = f->next) {
             char* b = reinterpret_cast<char*>(f);
@@ -248,9 +403,65 @@ char* stacktake(XMPOOL* p, long size, bool& zero) {
     return b;
 }
 
+void overlap() {
+    static const char msg[] = "xmfree() ERROR: free chain overlap detected!";
+    ssize_t w = write(2, msg, sizeof(msg) - 1);
+    (void)w;
+}
+
+// freeblock through the index: the same chain as the walk below makes.
+// False when the block needs an entry the index has no room for.
+[[gnu::always_inline]] inline bool idxfree(XMPUDL* u, char* blk, long size) {
+    int n = u->nidx;
+    // The blocks at or below blk are a prefix: the first one past it is where blk goes.
+    uint32_t past = maskgt(u->ioff, n, units(blk - u->start));
+    int pos = past ? __builtin_ctz(past) : n;
+    bool hasprev = pos > 0, hasnext = pos < n;
+    char* pv = hasprev ? iaddr(u, pos - 1) : nullptr;
+    char* nv = hasnext ? iaddr(u, pos) : nullptr;
+    long psz = hasprev ? isize(u, pos - 1) : 0, nsz = hasnext ? isize(u, pos) : 0;
+    if ((hasprev && pv + psz > blk) || (hasnext && blk + size > nv) || blk + size > u->end) overlap();
+    if (hasprev && pv == blk) return true;
+    if (hasprev && pv + psz == blk) {
+        psz += size;
+        if (hasnext && pv + psz == nv) {
+            psz += nsz;
+            idxdrop(u, pos);
+        }
+        u->isz[pos - 1] = units(psz);
+    } else if (hasnext && blk + size == nv) {
+        iset(u, pos, blk, size + nsz);
+    } else {
+        if (n == XM_NIDX) return false;
+        idxput(u, pos, blk, size);
+    }
+    // While the index holds the chain, the blocks themselves are left alone
+    // (no cold memory is touched to free or take one); xmchain writes the
+    // chain into them when something is to walk it.
+    XM_POISON(blk, size);
+    return true;
+}
+
+}  // namespace
+
+void xmchain(XMPUDL* u) {
+    if (u->nidx < 0) return;
+    XMFREE* next = nullptr;
+    for (int i = u->nidx - 1; i >= 0; --i) next = newfree(iaddr(u, i), isize(u, i), next);
+    u->free = next;
+}
+
+namespace {
+
 // Puts a block on its puddle's free chain, ascending, merging with the
 // neighbours it touches.
-void freeblock(XMPUDL* u, char* blk, long size) {
+[[gnu::always_inline]] inline void freeblock(XMPUDL* u, char* blk, long size) {
+    if (u->nidx < 0) walked(u);
+    if (u->nidx >= 0) {
+        if (idxfree(u, blk, size)) return;
+        xmchain(u);  // more blocks than the index holds: walk from now on
+        u->nidx = -1;
+    }
     XMFREE* prev = nullptr;
     XMFREE* nx = u->free;
     while (nx && reinterpret_cast<char*>(nx) <= blk) {
@@ -259,11 +470,7 @@ void freeblock(XMPUDL* u, char* blk, long size) {
     }
     char* pv = reinterpret_cast<char*>(prev);
     char* nv = reinterpret_cast<char*>(nx);
-    if ((prev && pv + prev->size > blk) || (nx && blk + size > nv) || blk + size > u->end) {
-        static const char msg[] = "xmfree() ERROR: free chain overlap detected!";
-        ssize_t w = write(2, msg, sizeof(msg) - 1);
-        (void)w;
-    }
+    if ((prev && pv + prev->size > blk) || (nx && blk + size > nv) || blk + size > u->end) overlap();
     // The very block already on the chain: linking it again would loop the chain.
     if (pv == blk) return;
     if (prev && pv + prev->size == blk) {
@@ -407,6 +614,7 @@ XMPUDL* xmgpudl(XMPOOL* pool, long size) {
     rec->end = mem + size;
     rec->hwmark = mem;
     rec->flags = zeroed ? XM_PUDL_ZERO : 0;
+    idxclear(rec);
 
     if (!pool->puddles) {
         pool->puddles = rec;
@@ -417,6 +625,7 @@ XMPUDL* xmgpudl(XMPOOL* pool, long size) {
     for (XMPUDL* u = pool->puddles; u; u = u->next) {
         if ((u->flags & XM_PUDL_INITIAL) || u->end != mem) continue;
         u->end = mem + size;
+        if (u->end - u->start >= XM_IDXMAX) u->nidx = -1;  // too far for the index: walked
         if (!u->hwmark) {
             u->hwmark = mem;
             u->flags = (u->flags & ~XM_PUDL_ZERO) | (zeroed ? XM_PUDL_ZERO : 0);
@@ -567,13 +776,10 @@ rctype xmemsize(unsigned long memsize) {
     return 0;
 }
 
-void* xmalloc(xmpid pid, long len, int flags) {
-    if (pid == XM_NOPOOL) return nullptr;
-    if (len == 0) return XM_EMPTY;
-    if (len < 0) return nullptr;
-    XMPOOL* p = xmresolve(pid);
-    if (!p) return nullptr;
-    PoolGuard hold(p);
+namespace {
+
+// xmalloc with the pool locked; the whole of it, every pool type.
+[[gnu::noinline]] void* allocin(XMPOOL* p, long len, int flags) {
     flags |= p->flags;
     bool zero = (flags & XM_ZERO) != 0;
     char* b = nullptr;
@@ -608,11 +814,8 @@ void* xmalloc(xmpid pid, long len, int flags) {
     return user;
 }
 
-void xmfree(xmpid pid, void* addr, long len) {
-    if (pid == XM_NOPOOL || !addr || addr == XM_EMPTY) return;
-    XMPOOL* p = xmresolve(pid);
-    if (!p) return;
-    PoolGuard hold(p);
+// xmfree with the pool locked.
+[[gnu::noinline]] void freein(XMPOOL* p, void* addr, long len) {
     int flags = p->flags | (len == -1 ? XM_HEADER : 0);
     char* a = static_cast<char*>(addr);
     switch (p->type) {
@@ -642,6 +845,53 @@ void xmfree(xmpid pid, void* addr, long len) {
     default:
         break;  // a stack pool gets space back only by reset or destruction
     }
+}
+
+}  // namespace
+
+// The calls most made go the short way first: a variable pool whose first
+// puddle has its free chain indexed. What that way cannot serve goes the
+// whole way, which starts over and finds the same.
+void* xmalloc(xmpid pid, long len, int flags) {
+    if (pid == XM_NOPOOL) return nullptr;
+    if (len == 0) return XM_EMPTY;
+    if (len < 0) return nullptr;
+    XMPOOL* p = resolve(pid);
+    if (!p) return nullptr;
+    PoolGuard hold(p);
+    XMPUDL* u = p->puddles;
+    int fl = flags | p->flags;
+    if (p->type == XM_TYPE_VAR && u && u->nidx >= 0 && !(fl & XM_ZERO)) {
+        bool hdr = (fl & XM_HEADER) != 0;
+        long size = ((hdr ? len + XM_HDRLEN : len) + 15) & ~15L;
+        char* b = idxtake(u, size);
+        if (!b && u->hwmark && u->end - u->hwmark >= size) {
+            b = u->hwmark;
+            u->hwmark += size;
+            XM_UNPOISON(b, size);
+        }
+        if (b) {
+            if (!hdr) return b;
+            *reinterpret_cast<long*>(b) = size;
+            return b + XM_HDRLEN;
+        }
+    }
+    return allocin(p, len, flags);
+}
+
+void xmfree(xmpid pid, void* addr, long len) {
+    if (pid == XM_NOPOOL || !addr || addr == XM_EMPTY) return;
+    XMPOOL* p = resolve(pid);
+    if (!p) return;
+    PoolGuard hold(p);
+    XMPUDL* u = p->puddles;
+    char* a = static_cast<char*>(addr);
+    if (p->type == XM_TYPE_VAR && len > 0 && !(p->flags & XM_HEADER) && u && static_cast<unsigned>(u->nidx) < XM_NIDX &&
+        static_cast<unsigned long>(a - u->start) < static_cast<unsigned long>(u->end - u->start)) {
+        idxfree(u, a, (len + 15) & ~15L);
+        return;
+    }
+    freein(p, addr, len);
 }
 
 void* xmrealc(xmpid pid, void* oaddr, long olen, long nlen, int flags) {
@@ -688,6 +938,9 @@ void* xmrealc(xmpid pid, void* oaddr, long olen, long nlen, int flags) {
             u->hwmark = blk + nsz;
             grown = true;
         } else if (u) {
+            // A rare path: the chain is changed here directly and indexed
+            // again later.
+            xmchain(u);
             XMFREE** link = &u->free;
             for (XMFREE* f = u->free; f; link = &f->next, f = f->next) {
                 char* fb = reinterpret_cast<char*>(f);
@@ -695,6 +948,7 @@ void* xmrealc(xmpid pid, void* oaddr, long olen, long nlen, int flags) {
                 if (fb != blk + osz || f->size < diff) continue;
                 if (f->size > diff) *link = newfree(fb + diff, f->size - diff, f->next);
                 else *link = f->next;
+                u->nidx = -1;
                 grown = true;
                 break;
             }
@@ -770,6 +1024,7 @@ rctype xmpoolr(xmpid pid) {
     for (XMPUDL* u = p->puddles; u; u = u->next) {
         u->hwmark = u->start;
         u->free = nullptr;
+        idxclear(u);
         u->flags &= ~XM_PUDL_ZERO;
         XM_POISON(u->start, u->end - u->start);
     }

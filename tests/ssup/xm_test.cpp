@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <algorithm>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -19,6 +20,7 @@ XMGCB* manager() {
 // (offset from the puddle start, size) of each block on the free chain.
 std::vector<std::pair<long, long>> chain(XMPUDL* u) {
     std::vector<std::pair<long, long>> out;
+    xmchain(u);
     for (XMFREE* f = u->free; f; f = f->next) out.emplace_back(reinterpret_cast<char*>(f) - u->start, f->size);
     return out;
 }
@@ -363,6 +365,100 @@ TEST(MemoryPools, ThreadsSharingAPoolKeepItConsistent) {
             EXPECT_EQ(u->hwmark - u->start, c[0].second);
         }
     }
+    xmpoold(pid);
+}
+
+namespace {
+
+// The free chain as the first-fit rules have it, on offsets of one puddle.
+struct ChainModel {
+    std::vector<std::pair<long, long>> free;  // (offset, size), ascending
+    long hwmark = 0, end = 0;
+
+    long take(long size) {
+        for (size_t i = 0; i < free.size(); i++) {
+            auto& f = free[i];
+            if (f.second > size) {
+                long at = f.first;
+                f.first += size;
+                f.second -= size;
+                return at;
+            }
+            bool last = i + 1 == free.size();
+            if (f.second == size || (last && f.first + f.second == hwmark && f.second + (end - hwmark) >= size)) {
+                long at = f.first;
+                if (f.second != size) hwmark = at + size;
+                free.erase(free.begin() + i);
+                return at;
+            }
+        }
+        if (end - hwmark < size) return -1;
+        hwmark += size;
+        return hwmark - size;
+    }
+    void give(long at, long size) {
+        size_t pos = 0;
+        while (pos < free.size() && free[pos].first <= at) pos++;
+        if (pos > 0 && free[pos - 1].first + free[pos - 1].second == at) {
+            free[pos - 1].second += size;
+            if (pos < free.size() && free[pos - 1].first + free[pos - 1].second == free[pos].first) {
+                free[pos - 1].second += free[pos].second;
+                free.erase(free.begin() + pos);
+            }
+        } else if (pos < free.size() && at + size == free[pos].first) {
+            free[pos] = {at, size + free[pos].second};
+        } else {
+            free.insert(free.begin() + pos, {at, size});
+        }
+    }
+};
+
+}  // namespace
+
+// Random takes and gives of random sizes against the rules: the same blocks
+// and the same chain whether it is short enough to be indexed, or grows past
+// the index and is walked, and after it has shrunk back.
+TEST(MemoryPools, FreeChainFollowsFirstFitAtAnyLength) {
+    manager();
+    xmpid pid = xmpoolc(0x40000, 0, 0);
+    XMPUDL* u = pid->puddles;
+    ChainModel m;
+    m.end = u->end - u->start;
+    std::vector<std::pair<char*, long>> live;
+    unsigned seed = 12345;
+    auto rnd = [&](unsigned n) {
+        seed = seed * 1103515245 + 12345;
+        return (seed >> 8) % n;
+    };
+    bool wentlong = false;
+    for (int step = 0; step < 20000; step++) {
+        // Phases: mostly takes, mostly gives (a long chain), then even.
+        int phase = (step / 2500) % 4;
+        bool give = !live.empty() && (phase == 1 ? rnd(4) != 0 : phase == 0 ? rnd(5) == 0 : rnd(2) == 0);
+        if (give) {
+            size_t k = rnd(static_cast<unsigned>(live.size()));
+            auto [p, len] = live[k];
+            live.erase(live.begin() + k);
+            xmfree(pid, p, len);
+            m.give(p - u->start, (len + 15) & ~15L);
+        } else {
+            long len = 1 + rnd(700);
+            char* p = static_cast<char*>(xmalloc(pid, len, 0));
+            long want = m.take((len + 15) & ~15L);
+            ASSERT_EQ(want, p ? p - u->start : -1) << "step " << step;
+            if (p) live.emplace_back(p, len);
+        }
+        wentlong |= u->nidx < 0;
+        if (step % 97 == 0 || step > 19900) {
+            auto have = chain(u);
+            auto d = std::mismatch(m.free.begin(), m.free.end(), have.begin(), have.end());
+            ASSERT_TRUE(d.first == m.free.end() && d.second == have.end())
+                << "step " << step << ": at entry " << (d.first - m.free.begin()) << " of " << m.free.size() << "/"
+                << have.size() << " nidx " << u->nidx;
+        }
+    }
+    EXPECT_TRUE(wentlong);  // the chain outgrew the index at some point
+    for (auto [p, len] : live) xmfree(pid, p, len);
     xmpoold(pid);
 }
 
