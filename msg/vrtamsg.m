@@ -136,6 +136,10 @@
 #      1220 %1zThe WHERE clause has a syntax error.
 #      1221 %1zAn operand of the WHERE clause has the wrong type.
 #      1222 %1zThe WHERE clause is nested too deeply.
+#      1232 %1zThe query is not understood.
+#      1233 %1zAn aggregate stands where none is allowed.
+#      1234 %1zA column of the query is neither grouped nor aggregated.
+#      1235 %1zThe query was interrupted.
 *
 * Functions
 #      1401 %1zFormat %s not found.

@@ -371,5 +371,19 @@ struct WH_PERR {
 // Parses a clause into the host-side tree: NAME leaves bound to their
 // columns, functions checked, sets in the order the reader expects.
 rctype whparse(const char* clause, int len, const WH_PCOL* cols, int ncols, SQLOP** tree, WH_PERR* err);
+// Aggregate calls in an expression of a query: isagg says whether the caller
+// takes a name; make turns the call into a leaf, taking over arg (null for
+// "*"), or refuses it with a reason in why.
+struct WH_PAGG {
+    void* ctx;
+    int (*isagg)(void* ctx, const char* name, int namelen);
+    rctype (*make)(void* ctx, const char* name, int namelen, bool distinct, SQLOP* arg, SQLOP** leaf, char* why,
+                   int whylen);
+};
+// Parses one expression of text from byte start on, up to the first token
+// that cannot continue it; *endpos is that token's offset. Errors count
+// columns in the whole text.
+rctype whparsex(const char* text, int len, int start, const WH_PCOL* cols, int ncols, const WH_PAGG* agg,
+                SQLOP** tree, int* endpos, WH_PERR* err);
 
 }  // namespace vrta

@@ -60,7 +60,7 @@ namespace {
 thread_key_t WHGSTHRKEY;
 std::once_flag keyonce;
 rctype keyrc = 0;
-double forcedcache = -1;
+thread_local double forcedcache = -1;  // a request's own limit, set around whgsinit
 
 bool isdistinct(PS_FuncTypes_t f) { return f >= PS_FT_CNTD && f <= PS_FT_STDERRD; }
 int nhidden(PS_FuncTypes_t f) {

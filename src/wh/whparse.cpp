@@ -127,6 +127,8 @@ struct Parser {
     int next = 0;   // offset of the next token
     int nest = 0;
     rctype rc = 0;
+    const WH_PAGG* agg = nullptr;  // aggregates the caller takes, or null
+    bool inagg = false;
 
     // ------------------------------------------------------------ errors
     rctype fail(rctype code, int pos, const char* fmt, ...) __attribute__((format(printf, 4, 5))) {
@@ -622,6 +624,8 @@ struct Parser {
         case T_WORD:
             if (isword("missing") && peeksym("(")) return missingcall();
             if (keyword(tok.text)) return expectedT("a value");
+            if (peeksym("(") && agg && agg->isagg(agg->ctx, tok.text.data(), static_cast<int>(tok.text.size())))
+                return aggcall();
             if (peeksym("(")) return funccall();
             return column();
         default:
@@ -660,6 +664,46 @@ struct Parser {
         }
         fail(WH_RC_NOCOLUMN, pos, "the table has no column %s", tok.text.c_str());
         return Tree{};
+    }
+
+    // An aggregate: "name(*)", "name(distinct value)" or "name(value)",
+    // turned into whatever leaf the caller makes for it.
+    Tree aggcall() {
+        int pos = tok.pos;
+        std::string name = tok.text;
+        if (inagg) {
+            fail(WH_RC_SYNTAX, pos, "an aggregate cannot stand inside another");
+            return Tree{};
+        }
+        if (!lex() || !lex()) return Tree{};
+        bool distinct = false;
+        Tree arg;
+        if (issym("*")) {
+            if (!lex()) return Tree{};
+        } else {
+            if (isword("distinct")) {
+                distinct = true;
+                if (!lex()) return Tree{};
+            }
+            inagg = true;
+            arg = value();
+            inagg = false;
+            if (rc || !needvalue(arg, "an aggregate's argument")) return Tree{};
+        }
+        if (!issym(")")) return expectedT("')' of the aggregate");
+        if (!lex()) return Tree{};
+        Tree t;
+        t.pos = pos;
+        char why[200] = "";
+        int at = arg.n ? arg.pos : pos;
+        rctype r = agg->make(agg->ctx, name.data(), static_cast<int>(name.size()), distinct, arg.release(), &t.n, why,
+                             sizeof why);
+        if (r) {
+            fail(r, at, "%s", why);
+            return Tree{};
+        }
+        t.kind = t.n->type < 0 ? K_NUM : K_CHR;
+        return t;
     }
 
     // "missing(x)": the missing-value test written as a call.
@@ -747,6 +791,28 @@ rctype whparse(const char* clause, int len, const WH_PCOL* cols, int ncols, SQLO
     Tree t = p.orexpr();
     if (!p.rc && p.tok.kind != T_END) p.expected("'and', 'or' or the end of the clause");
     if (p.rc) return p.rc;
+    *tree = t.release();
+    return 0;
+}
+
+rctype whparsex(const char* text, int len, int start, const WH_PCOL* cols, int ncols, const WH_PAGG* agg,
+                SQLOP** tree, int* endpos, WH_PERR* err) {
+    if (err) {
+        err->col = 0;
+        err->text[0] = 0;
+    }
+    if (!tree || !endpos || (!text && len > 0) || len < 0 || start < 0 || start > len || ncols < 0 ||
+        (ncols > 0 && !cols))
+        return WH_RC_NULLARG;
+    *tree = nullptr;
+    Parser p{text, len, cols, ncols, err, Token{}};
+    p.next = start;
+    p.agg = agg;
+    if (!p.lex()) return p.rc;
+    if (p.tok.kind == T_END) return p.fail(WH_RC_SYNTAX, p.tok.pos, "expected a value, found the end");
+    Tree t = p.orexpr();
+    if (p.rc) return p.rc;
+    *endpos = p.tok.pos;
     *tree = t.release();
     return 0;
 }
