@@ -467,7 +467,10 @@ rctype scan(Query& q, void* fid, const std::vector<char>& wire, int nthreads, vo
         return rc < 0 ? rc : 0;
     }
     void* io = nullptr;
-    if ((rc = spnewrd(fid, bufsize, nullptr, &io)) < 0) return rc;
+    long rows = std::max(1L, bufsize / std::max(1, obslen));
+    std::vector<char> iobuf(static_cast<size_t>(rows) * std::max(1, obslen));
+    if ((rc = spnewrd(fid, static_cast<long>(iobuf.size()), iobuf.data(), &io)) < 0)
+        return sqlfail(q, rc, -1, "the table could not be read: %s", hsstrer(rc));
     q.plan += "where: none, every row is read\n";
     for (;;) {
         if (intr && *intr) {
