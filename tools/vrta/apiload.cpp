@@ -33,12 +33,19 @@ std::string programDir() {
     return dir;
 }
 
-// VRTA_LIB wins; then beside the program; then the build directory.
+#ifndef VRTA_REL_LIBDIR
+#define VRTA_REL_LIBDIR "../lib"
+#define VRTA_REL_MSGDIR "../share/vrta/msg"
+#define VRTA_REL_EXITDIR "../lib/vrta/exits"
+#endif
+
+// VRTA_LIB wins; then where an installed tree has it; then beside the
+// program (a build); then the build directory.
 std::string modulePath() {
     if (const char* env = std::getenv("VRTA_LIB"); env && *env) return env;
     std::string dir = programDir();
     if (!dir.empty())
-        for (const char* rel : {"/libvrta.so", "/../libvrta.so", "/../lib/libvrta.so"})
+        for (std::string rel : {std::string("/") + VRTA_REL_LIBDIR + "/libvrta.so", std::string("/../libvrta.so")})
             if (readable(dir + rel)) return dir + rel;
     return std::string(VRTA_LIBDIR) + "/libvrta.so";
 }
@@ -63,17 +70,23 @@ DirectApi* loadApi() {
 
 }  // namespace
 
-void setMessagePath() {
-    if (std::getenv("MSGPATH")) return;
+void setInstallPaths() {
     std::string dir = programDir();
-    std::vector<std::string> tries;
-    if (!dir.empty()) tries.push_back(dir + "/../share/vrta/msg");
-    tries.push_back(VRTA_SRC_MSGDIR);
-    for (const auto& t : tries)
-        if (readable(t + "/vrtamsg.m")) {
-            setenv("MSGPATH", t.c_str(), 1);
-            return;
-        }
+    if (!std::getenv("MSGPATH")) {
+        std::vector<std::string> tries;
+        if (!dir.empty()) tries.push_back(dir + "/" + VRTA_REL_MSGDIR);
+        tries.push_back(VRTA_SRC_MSGDIR);
+        for (const auto& t : tries)
+            if (readable(t + "/vrtamsg.m")) {
+                setenv("MSGPATH", t.c_str(), 1);
+                break;
+            }
+    }
+    if (!std::getenv("VRTA_LIBRARY_PATH") && !dir.empty()) {
+        std::string exits = dir + "/" + VRTA_REL_EXITDIR;
+        struct stat st;
+        if (stat(exits.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) setenv("VRTA_LIBRARY_PATH", exits.c_str(), 1);
+    }
 }
 
 ModuleEntries::ModuleEntries() {

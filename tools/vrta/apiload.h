@@ -43,10 +43,11 @@ struct DirectApi {
 // file tried; null after printing why it could not be loaded.
 void* loadModule(std::string* path);
 
-// The module takes its message files from MSGPATH only; when the user has
-// not set it, it is pointed at the files installed beside this program (or,
-// run from a build, at the source tree's).
-void setMessagePath();
+// The module takes its message files from MSGPATH and its exit modules from
+// VRTA_LIBRARY_PATH only; what the user has not set is pointed at what is
+// installed with this program (or, run from a build, at the source tree's
+// message files).
+void setInstallPaths();
 
 // Entries of the module found by name, as a host finds them: ok stays true
 // while every lookup succeeds; a missing one is said on the way.

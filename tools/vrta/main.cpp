@@ -36,7 +36,7 @@ static void listCommands(FILE* out) {
 
 int main(int argc, char** argv) {
     using namespace vrtacli;
-    setMessagePath();
+    setInstallPaths();
     if (argc < 2) {
         listCommands(stderr);
         return 2;
