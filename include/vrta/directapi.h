@@ -161,7 +161,13 @@ VRTA_API int vrtacreate(void* vlib, const char* dsname, int dsnamelen, const VRT
  * new table records its sort order (VRTAINFO_SORT). The sort spills to the
  * work path (option WORKPATH, else the temporary directory) when the rows
  * do not fit memsize bytes. A failed or interrupted sort leaves no new table
- * and no work file. */
+ * and no work file.
+ * The copy keeps the input's columns whole (labels, formats, flags), its
+ * label, encoding, locale, block and partition sizes, and its exits: an
+ * encrypted input gives a copy encrypted with the same exit and key. compress
+ * and encrypt change that: null keeps the input's exit, "" asks for none,
+ * else an exit name (one exit for both, as in vrtacreate); out_ekey is the
+ * copy's key when it is not ekey. */
 typedef struct VRTASORTKEY {
     int32_t var;        /* 1-based column */
     int32_t descending; /* non-zero: highest first */
@@ -175,6 +181,9 @@ typedef struct VRTASORT {
     /* Called now and then: phase 1 reading, 2 writing; rows done of total. */
     void (*progress)(void* arg, int phase, int64_t done, int64_t total);
     void* progress_arg;
+    const char* compress;      /* null: as the input; "": none; else an exit */
+    const char* encrypt;       /* null: as the input; "": none; else an exit */
+    const char* out_ekey;      /* key of an encrypted copy; null: ekey */
 } VRTASORT;
 VRTA_API int vrtasort(void* vlib, const char* in, int in_l, const char* out, int out_l, const VRTASORT* req);
 

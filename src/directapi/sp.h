@@ -75,10 +75,13 @@ rctype spmkerr(const char* mem, int memlen, rctype rc);
 // The last text filed by spmkerr in this thread.
 const char* splasterr();
 
-// vrtacreate, with each column's sort byte (its place in the sort order,
-// negative when descending), or none.
-rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, const int8_t* sortbytes,
-                void** newfid);
+// vrtacreate.
+rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, void** newfid);
+// The same with the columns given whole (formats, flags, sort bytes, places
+// in the row); cr->ncols and cr->cols are not looked at. defvars numbers the
+// columns in vars.
+rctype spcreatev(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, int nvars, DA_NAMESTR* vars,
+                 void** newfid);
 
 // Transcoding.
 rctype spnlsinit(SP_FID* spfid);

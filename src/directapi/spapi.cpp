@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <vector>
 
 #include "directapi/sp.h"
@@ -269,17 +270,10 @@ int vrtaclose(void* vfid) {
 
 namespace vrta {
 
-rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, const int8_t* sortbytes,
-                void** newfid) {
+rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, void** newfid) {
     if (!newfid) return DA_BADARG;
     *newfid = nullptr;
-    auto* lp = static_cast<DA_LIB*>(vlib);
-    int nl = namelen(dsname, dsnamelen);
-    if (!lp || nl <= 0 || !cr || cr->ncols <= 0 || !cr->cols) return DA_BADARG;
-    SP_FID* s = newspfid(lp, dsname, nl);
-    if (!s) return SP_NOMEM;
-    s->opnmode = DA_OMOUTPUT;
-
+    if (!cr || cr->ncols <= 0 || !cr->cols) return DA_BADARG;
     // Column names and labels must outlive defvars only; they are copied here
     // so that a caller's unterminated names are fine.
     std::vector<DA_NAMESTR> vars(cr->ncols);
@@ -291,10 +285,8 @@ rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE*
         int cl = namelen(c.name, c.name_l);
         int ll = namelen(c.label, c.label_l);
         if (cl <= 0 || cl > 32 || ll > 256 || (c.type != 1 && c.type != 2) || c.length <= 0 ||
-            (c.type == 1 && (c.length < 2 || c.length > 8))) {
-            freespfid(s);
+            (c.type == 1 && (c.length < 2 || c.length > 8)))
             return DA_BADARG;
-        }
         texts[2 * i].assign(c.name, cl);
         if (ll > 0) texts[2 * i + 1].assign(c.label, ll);
         DA_NAMESTR& v = vars[i];
@@ -305,11 +297,23 @@ rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE*
             v.label_l = static_cast<int16_t>(ll);
         }
         v.type = static_cast<int8_t>(c.type);
-        v.sort = sortbytes ? sortbytes[i] : 0;
         v.nlng = c.length;
         v.npos = pos;
         pos += c.length;
     }
+    return spcreatev(vlib, dsname, dsnamelen, cr, cr->ncols, vars.data(), newfid);
+}
+
+rctype spcreatev(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, int nvars, DA_NAMESTR* vars,
+                 void** newfid) {
+    if (!newfid) return DA_BADARG;
+    *newfid = nullptr;
+    auto* lp = static_cast<DA_LIB*>(vlib);
+    int nl = namelen(dsname, dsnamelen);
+    if (!lp || nl <= 0 || !cr || nvars <= 0 || !vars) return DA_BADARG;
+    SP_FID* s = newspfid(lp, dsname, nl);
+    if (!s) return SP_NOMEM;
+    s->opnmode = DA_OMOUTPUT;
 
     DA_OPNSTR o{};
     char nm[64];
@@ -345,7 +349,8 @@ rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE*
         blankcopy(o.diskcomp, comp ? comp : enc, 8);
         if (comp) o.flags |= DA_OFCOMPRESS;
         if (enc) o.flags |= DA_OFENCRYPT;
-        if (enc && !fillkey(o, cr->ekey)) {
+        // A longer key would be cut to its first 12 characters unseen.
+        if (enc && (!fillkey(o, cr->ekey) || strlen(cr->ekey) > SP_KEYLEN)) {
             freespfid(s);
             return DA_BADARG;
         }
@@ -358,7 +363,7 @@ rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE*
         freespfid(s);
         return rc;
     }
-    rctype drc = s->dafid->mt->defvars(s->dafid, cr->ncols, vars.data());
+    rctype drc = s->dafid->mt->defvars(s->dafid, nvars, vars);
     if (drc < 0) {
         // Nothing half made is left: the new table goes again.
         s->dafid->mt->closefid(s->dafid);
@@ -377,7 +382,7 @@ rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE*
 extern "C" {
 
 int vrtacreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, void** newfid) {
-    return spcreate(vlib, dsname, dsnamelen, cr, nullptr, newfid);
+    return spcreate(vlib, dsname, dsnamelen, cr, newfid);
 }
 
 int vrtainfo(void* vfid, int which, void* ibuf) {

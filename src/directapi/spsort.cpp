@@ -2,6 +2,9 @@
 // external sorter. The new table is made only once every row has gone into
 // the sorter, so a failure or an interrupt before that leaves nothing; one
 // after it removes the half-written copy.
+#include <strings.h>
+
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -11,6 +14,7 @@
 #include "hs/sr.h"
 #include "option/op.h"
 #include "sda/darc.h"
+#include "sda/daxc.h"
 
 using namespace vrta;
 
@@ -99,41 +103,72 @@ rctype feed(Job& j, const VRTAINFO& vi) {
     return 0;
 }
 
-// The new table, with the input's columns and its sort order marked.
-rctype create(Job& j, const VRTAINFO& vi, const VRTASORT* r) {
+std::string exitname(const char* n8) {
+    std::string s(n8, 8);
+    while (!s.empty() && (s.back() == ' ' || s.back() == 0)) s.pop_back();
+    return s;
+}
+
+// What the copy is made with: the input's exit and key unless the request
+// names others. Checked before the sort, which may be long, rather than when
+// the copy is made after it.
+struct CopyExit {
+    std::string comp, enc;
+    const char* key = nullptr;
+};
+
+rctype copyexit(const VRTAINFO& vi, const VRTASORT* r, CopyExit* e) {
+    e->comp = r->compress ? r->compress : exitname(vi.diskcomp);
+    e->enc = r->encrypt ? r->encrypt : exitname(vi.encrypt);
+    e->key = r->out_ekey ? r->out_ekey : r->ekey;
+    if (!e->enc.empty() && (!e->key || !*e->key || strlen(e->key) > 12)) return DA_BADARG;
+    if (e->comp.empty() && e->enc.empty()) return 0;
+    if (!e->comp.empty() && !e->enc.empty() && strcasecmp(e->comp.c_str(), e->enc.c_str()) != 0) return DA_BADARG;
+    const std::string& asked = e->comp.empty() ? e->enc : e->comp;
+    if (asked[0] == '.') return DA_BADARG;  // kept for the system, and never looked for on disk
+    int flags = (e->comp.empty() ? 0 : 1) | (e->enc.empty() ? 0 : 2);
+    char name[8];
+    rctype rc = daxcname(flags, asked.c_str(), name);
+    DA_XCB* x = nullptr;
+    if (rc >= 0) rc = daldxcb(std::string(name, 8).c_str(), &x);
+    if (rc < 0) return rc;
+    rc = daxccheck(x, flags, asked.c_str());
+    dafrxcb(x);
+    return rc < 0 ? rc : 0;
+}
+
+// The new table: the input's columns whole, its sort order marked in them.
+rctype create(Job& j, const VRTAINFO& vi, const VRTASORT* r, const CopyExit& e) {
     int32_t cei = 0;
     u_sname loc{};
     rctype rc = vrtainfo(j.in, VRTAINFO_ENCODING, &cei);
     if (rc == 0) rc = vrtainfo(j.in, VRTAINFO_LOCALE, &loc);
     if (rc < 0) return rc;
-    std::vector<VRTACOLDEF> cols(vi.numvar);
-    std::vector<int8_t> sortbytes(vi.numvar, 0);
-    for (int v = 1; v <= vi.numvar; ++v) {
-        VRTA_NAMESTR* np = nullptr;
-        rc = vrtagetnpp(j.in, v, &np);
-        if (rc < 0) return rc;
-        VRTACOLDEF& c = cols[v - 1];
-        c.name = np->name;
-        c.name_l = np->n7.name_l;
-        c.label = np->label;
-        c.label_l = np->n7.label_l;
-        c.type = np->n7.type;
-        c.length = np->n7.nlng;
+    const DA_FID* in = spfidof(j.in)->dafid;
+    std::vector<DA_NAMESTR> vars(in->vars, in->vars + vi.numvar);
+    for (DA_NAMESTR& v : vars) {
+        // Statistics are the copy's own, folded as its rows are written.
+        v.flags &= ~DA_NAMHASMM;
+        v.minptr = v.maxptr = nullptr;
+        v.minmaxpid = -1;
+        v.sort = 0;
     }
     for (int k = 0; k < r->nkeys; ++k) {
         int8_t b = static_cast<int8_t>(k + 1);
-        sortbytes[r->keys[k].var - 1] = r->keys[k].descending ? static_cast<int8_t>(-b) : b;
+        vars[r->keys[k].var - 1].sort = r->keys[k].descending ? static_cast<int8_t>(-b) : b;
     }
     std::string locale(loc.name, std::max<int>(0, std::min<int>(loc.len, 32)));
     std::string label(vi.label, std::max<int>(0, std::min<int>(vi.label_l, 256)));
     VRTACREATE cr{};
-    cr.ncols = vi.numvar;
-    cr.cols = cols.data();
     cr.blocksize = vi.blocksize;
+    cr.partsize = vi.partsize;
     cr.encoding_cei = cei;
     cr.locale = locale.empty() ? nullptr : locale.c_str();
     cr.label = label.empty() ? nullptr : label.c_str();
-    rc = spcreate(j.vlib, j.outname.data(), static_cast<int>(j.outname.size()), &cr, sortbytes.data(), &j.out);
+    cr.compress = e.comp.empty() ? nullptr : e.comp.c_str();
+    cr.encrypt = e.enc.empty() ? nullptr : e.enc.c_str();
+    cr.ekey = e.enc.empty() ? nullptr : e.key;
+    rc = spcreatev(j.vlib, j.outname.data(), static_cast<int>(j.outname.size()), &cr, vi.numvar, vars.data(), &j.out);
     if (rc < 0) j.out = nullptr;
     return rc < 0 ? rc : 0;
 }
@@ -192,6 +227,8 @@ extern "C" int vrtasort(void* vlib, const char* in, int in_l, const char* out, i
     }
     VRTAINFO vi;
     if ((rc = vrtainfo(j.in, VRTAINFO_ALL, &vi)) < 0) return rc;
+    CopyExit exit;
+    if ((rc = copyexit(vi, req, &exit)) < 0) return rc;
     std::vector<bool> seen(vi.numvar + 1, false);
     for (int k = 0; k < req->nkeys; ++k) {
         int v = req->keys[k].var;
@@ -220,7 +257,7 @@ extern "C" int vrtasort(void* vlib, const char* in, int in_l, const char* out, i
     if ((rc = feed(j, vi)) < 0) return rc;
     if ((rc = srfinish(j.sp)) < 0) return rc;
     if (stopped(req)) return SR_RC_INTERRUPT;
-    if ((rc = create(j, vi, req)) < 0) return rc;
+    if ((rc = create(j, vi, req, exit)) < 0) return rc;
     rc = writeout(j, vi, req);
     if (rc >= 0 && stopped(req)) rc = SR_RC_INTERRUPT;  // not committed yet: still undone
     if (rc >= 0) {

@@ -100,3 +100,62 @@ TEST(CliSort, SortsOnMixedKeysInLittleOrMuchMemoryAndRecordsTheOrder) {
     EXPECT_EQ(1, again.status);
     EXPECT_TRUE(has(again.err, "already exists"));
 }
+
+TEST(CliSort, CopyKeepsTheInputsExitAndKeyUnlessToldOtherwise) {
+    ASSERT_EQ(access(VRTA_TOOLS_DIR "/vrta", X_OK), 0) << "the vrta tool is not built";
+    vrtatest::TempDir tmp;
+    std::string dom = tmp.file("d");
+    std::string csv = "id,word\n";
+    for (int i = 1; i <= 500; ++i) csv += std::to_string((i * 37) % 500) + ",PLAINWORD" + std::to_string(i) + "\n";
+    vrtatest::writeFile(tmp.file("in.csv"), csv);
+    ASSERT_EQ(0, vrta("load " + dom + " e " + tmp.file("in.csv") + " --encrypt VRTACRYP --key tiger7").status);
+    ASSERT_EQ(0, vrta("load " + dom + " c " + tmp.file("in.csv") + " --compress VRTARLC2").status);
+    auto rawHasRows = [&](const std::string& table) {
+        std::string all;
+        for (const std::string& f : files(dom, table + "."))
+            all += vrtatest::readFile(dom + "/" + f);
+        return has(all, "PLAINWORD");
+    };
+    ASSERT_FALSE(rawHasRows("e"));
+
+    // By default the copy is encrypted as the input is, with its key.
+    Result r = vrta("sort " + dom + " e --by id --out s1 --key tiger7");
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_FALSE(rawHasRows("s1"));
+    EXPECT_NE(0, vrta("describe " + dom + " s1").status);
+    Result d = vrta("describe " + dom + " s1 --key tiger7");
+    EXPECT_TRUE(has(d.out, "encryption:    VRTACRYP")) << d.out;
+    EXPECT_TRUE(has(d.out, "sorted by:     id")) << d.out;
+    EXPECT_EQ("id,word\n0,PLAINWORD500\n1,PLAINWORD473\n",
+              vrta("print " + dom + " s1 --key tiger7 --csv").out.substr(0, 38));
+
+    // Asked otherwise: a new key, a plain copy, a compressed one.
+    ASSERT_EQ(0, vrta("sort " + dom + " e --by id --out s2 --key tiger7 --out-key lion9").status);
+    EXPECT_NE(0, vrta("describe " + dom + " s2 --key tiger7").status);
+    EXPECT_TRUE(has(vrta("describe " + dom + " s2 --key lion9").out, "encryption:    VRTACRYP"));
+    ASSERT_EQ(0, vrta("sort " + dom + " e --by id --out s3 --key tiger7 --encrypt no").status);
+    EXPECT_TRUE(rawHasRows("s3"));
+    ASSERT_EQ(0, vrta("sort " + dom + " c --by id --out s4").status);
+    EXPECT_TRUE(has(vrta("describe " + dom + " s4").out, "compression:   VRTARLC2"));
+    ASSERT_EQ(0, vrta("sort " + dom + " c --by id --out s5 --compress NO --encrypt VRTACRYP --key puma3").status);
+    d = vrta("describe " + dom + " s5 --key puma3");
+    EXPECT_TRUE(has(d.out, "compression:   none") && has(d.out, "encryption:    VRTACRYP")) << d.out;
+
+    // Never a plain copy of an encrypted table by the way; clear refusals.
+    struct Bad { std::string args, msg; };
+    for (const Bad& b : {Bad{"e --by id --out x --key tiger7 --compress VRTARLC2", "add --encrypt NO"},
+                         Bad{"c --by id --out x --encrypt VRTACRYP", "compressed with VRTARLC2 and encrypted"},
+                         Bad{"c --by id --out x --compress NO --encrypt VRTACRYP", "needs --key or --out-key"},
+                         Bad{"c --by id --out x --out-key k1", "only for an encrypted copy"},
+                         Bad{"e --by id --out x --key tiger7 --out-key thirteenchars", "1 to 12 characters"},
+                         Bad{"e --by id --out x --key '   '", "blank"},
+                         Bad{"c --by id --out x --compress .HIDE", "kept for the system"},
+                         Bad{"c --by id --out x --compress TOOLONGNAME", "not an exit name"}}) {
+        Result x = vrta("sort " + dom + " " + b.args);
+        EXPECT_EQ(2, x.status) << b.args;
+        EXPECT_TRUE(has(x.err, b.msg)) << b.args << ": " << x.err;
+    }
+    Result nox = vrta("sort " + dom + " c --by id --out x --compress NOSUCHXC");
+    EXPECT_EQ(1, nox.status);
+    EXPECT_TRUE(files(dom, "x.").empty());
+}
