@@ -215,6 +215,18 @@ rctype dastvfs(const char* path, struct statvfs* st);
 rctype dadelef(const char* fileName);
 rctype darenmf(const char* from, const char* to);
 rctype datrncf(int fd, da_off_t size);
+// The one loop over pread or pwrite: n bytes at off, on through partial
+// transfers and EINTR. A read stops early only at the end of the file, a
+// write when the system takes no more (no progress counts as ENOSPC). The
+// bytes moved are returned, -1 when none moved and a call failed; *err holds
+// the errno that stopped it, 0 when all moved. With dfd >= 0 that descriptor
+// (an O_DIRECT twin) takes each piece whose buffer, offset and length are
+// aligned to 4096.
+ssize_t daxfer(int fd, int dfd, void* buf, size_t n, da_off_t off, bool write, int* err);
+// All n bytes or an error: DA_READFAIL or DA_SHORTREAD for a read, DA_NOSPACE
+// or DA_WRITEFAIL for a write. *got (may be null) gets what was read.
+rctype dapreadall(int fd, void* buf, long n, da_off_t off, long* got);
+rctype dapwriteall(int fd, const void* buf, long n, da_off_t off);
 // Stable storage: a file's data (with the size needed to read it back), and
 // a directory's entries (files made, renamed or removed in it).
 rctype dasyncf(int fd);

@@ -16,55 +16,14 @@ namespace vrta {
 
 namespace {
 
-constexpr uintptr_t DIOALIGN = 4096;
-
-// The O_DIRECT twin takes a transfer only when buffer, offset and length are
-// all aligned; anything else goes through the page cache.
-inline int pickfd(const DA_PCB* p, const void* buf, size_t n, da_off_t off) {
-    if (p->dfd >= 0 && ((reinterpret_cast<uintptr_t>(buf) | static_cast<uintptr_t>(off) | n) & (DIOALIGN - 1)) == 0)
-        return p->dfd;
-    return p->pfd;
-}
-
-// pread until n bytes, end of file or an error; -1 only when nothing came.
+// A partition's reads and writes, its O_DIRECT twin taking aligned pieces.
 ssize_t readpart(const DA_PCB* p, void* buf, size_t n, da_off_t off, int* err) {
-    size_t done = 0;
-    *err = 0;
-    while (done < n) {
-        char* b = static_cast<char*>(buf) + done;
-        ssize_t r = _UIODT->pread(pickfd(p, b, n - done, off + done), b, n - done, off + done);
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            *err = errno;
-            return done ? static_cast<ssize_t>(done) : -1;
-        }
-        if (r == 0) break;
-        done += r;
-    }
-    return static_cast<ssize_t>(done);
+    return daxfer(p->pfd, p->dfd, buf, n, off, false, err);
 }
-
-// pwrite until n bytes or an error; -1 only when nothing went. The
-// partition is due a data sync from here on.
+// The partition is due a data sync from here on.
 ssize_t writepart(DA_PCB* p, const void* buf, size_t n, da_off_t off, int* err) {
-    size_t done = 0;
-    *err = 0;
     p->flags |= DA_PCBDIRTY;
-    while (done < n) {
-        const char* b = static_cast<const char*>(buf) + done;
-        ssize_t r = _UIODT->pwrite(pickfd(p, b, n - done, off + done), b, n - done, off + done);
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            *err = errno;
-            return done ? static_cast<ssize_t>(done) : -1;
-        }
-        if (r == 0) {
-            *err = ENOSPC;
-            break;
-        }
-        done += r;
-    }
-    return static_cast<ssize_t>(done);
+    return daxfer(p->pfd, p->dfd, const_cast<void*>(buf), n, off, true, err);
 }
 
 const char* fname(DA_FDP* fdp) { return fdp->fdb->name ? fdp->fdb->name : "?"; }

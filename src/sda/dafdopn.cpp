@@ -154,35 +154,10 @@ int GetFibSize(DA_FDP* fdp, const DA_FDSTR* fstr) {
     return static_cast<int>(roundpage(size));
 }
 
-// Reads size bytes at a physical offset of a descriptor, all or nothing.
+// What may be there of size bytes at a physical offset: *got tells how much.
 rctype preadall(int fd, void* buf, long size, da_off_t off, long* got) {
-    long done = 0;
-    while (done < size) {
-        ssize_t n = _UIODT->pread(fd, static_cast<char*>(buf) + done, size - done, off + done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            *got = done;
-            return DA_READFAIL;
-        }
-        if (n == 0) break;
-        done += n;
-    }
-    *got = done;
-    return 0;
-}
-
-rctype pwriteall(int fd, const void* buf, long size, da_off_t off) {
-    long done = 0;
-    while (done < size) {
-        ssize_t n = _UIODT->pwrite(fd, static_cast<const char*>(buf) + done, size - done, off + done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return errno == ENOSPC ? DA_NOSPACE : DA_WRITEFAIL;
-        }
-        if (n == 0) return DA_WRITEFAIL;
-        done += n;
-    }
-    return 0;
+    rctype rc = dapreadall(fd, buf, size, off, got);
+    return rc == DA_SHORTREAD ? 0 : rc;
 }
 
 rctype checkfib(const DA_FIB* fib, int flags) {
@@ -337,8 +312,8 @@ rctype dawrfibp(DA_FDP* fdp) {
     int pfd = fdb->pcbs[0].pfd;
     fdb->pcbs[0].flags |= DA_PCBDIRTY;
     const char* b = reinterpret_cast<const char*>(fdb->fib);
-    rctype rc = pwriteall(pfd, b, DA_FIBDIRECTLEN, 0);
-    if (rc == 0) rc = pwriteall(pfd, b + DA_FIBLEN, fdb->fibsize - DA_FIBLEN, DA_FIBLEN);
+    rctype rc = dapwriteall(pfd, b, DA_FIBDIRECTLEN, 0);
+    if (rc == 0) rc = dapwriteall(pfd, b + DA_FIBLEN, fdb->fibsize - DA_FIBLEN, DA_FIBLEN);
     if (rc < 0) IOError(fdp, "dawrfib", "FIB write failed", errno, 0);
     return rc;
 }

@@ -195,12 +195,8 @@ rctype UnlockFIB(DA_FDP* fdp, bool abort) {
             da_off_t off = fdb->curfiboff;
             rc = m->fd.fdwrite(&m->fd, fib, DA_FIBLEN, &off);
         } else {
-            ssize_t n;
             fdb->pcbs[0].flags |= DA_PCBDIRTY;
-            do {
-                n = _UIODT->pwrite(fdb->pcbs[0].pfd, fib, DA_FIBDIRECTLEN, 0);
-            } while (n < 0 && errno == EINTR);
-            if (n != DA_FIBDIRECTLEN) rc = DA_WRITEFAIL;
+            rc = dapwriteall(fdb->pcbs[0].pfd, fib, DA_FIBDIRECTLEN, 0);
         }
         if (rc < 0) {
             hsprint("UnlockFIB: FIB write failed: file=%s Reason=%s\n", fdb->name, hsstrer(rc));

@@ -500,6 +500,46 @@ rctype datrncf(int fd, da_off_t size) {
     return rc < 0 ? daerrno(errno) : 0;
 }
 
+ssize_t daxfer(int fd, int dfd, void* buf, size_t n, da_off_t off, bool write, int* err) {
+    constexpr uintptr_t align = 4096;
+    size_t done = 0;
+    *err = 0;
+    while (done < n) {
+        char* b = static_cast<char*>(buf) + done;
+        size_t left = n - done;
+        int use = fd;
+        if (dfd >= 0 && ((reinterpret_cast<uintptr_t>(b) | static_cast<uintptr_t>(off + done) | left) & (align - 1)) == 0)
+            use = dfd;
+        ssize_t r = write ? _UIODT->pwrite(use, b, left, off + done) : _UIODT->pread(use, b, left, off + done);
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            *err = errno;
+            return done ? static_cast<ssize_t>(done) : -1;
+        }
+        if (r == 0) {
+            if (write) *err = ENOSPC;
+            break;
+        }
+        done += r;
+    }
+    return static_cast<ssize_t>(done);
+}
+
+rctype dapreadall(int fd, void* buf, long n, da_off_t off, long* got) {
+    int err = 0;
+    ssize_t r = daxfer(fd, -1, buf, static_cast<size_t>(n), off, false, &err);
+    if (got) *got = r < 0 ? 0 : r;
+    if (r < 0 || err) return DA_READFAIL;
+    return r < n ? DA_SHORTREAD : 0;
+}
+
+rctype dapwriteall(int fd, const void* buf, long n, da_off_t off) {
+    int err = 0;
+    ssize_t r = daxfer(fd, -1, const_cast<void*>(buf), static_cast<size_t>(n), off, true, &err);
+    if (r == n) return 0;
+    return err == ENOSPC || err == EDQUOT ? DA_NOSPACE : DA_WRITEFAIL;
+}
+
 rctype dasyncf(int fd) {
     int rc;
     do {

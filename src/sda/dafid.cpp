@@ -637,7 +637,7 @@ rctype dawrobs(DA_FID* f, hs_obsno_t obsno, const void* rows, long n) {
     if (fp->mode == DA_OMINPUT || !rows || n < 0 || fcb->xoe.odsreclen <= 0) return DA_BADARG;
     if (fcb->xoe.semtype != DA_SEMDATA || (fcb->xoe.flags & DA_XOEEXPORT)) return DA_WRONGKIND;
     if (obsno < 1 || obsno > fcb->xoe.numobs + 1) return DA_PASTEND;
-    if (fcb->updateLockInit) rw_wrlock(&fcb->updateLock);
+    if (fcb->updateLockInit && rw_wrlock(&fcb->updateLock) != 0) return DA_RWFAIL;
     const char* p = static_cast<const char*>(rows);
     rctype rc = 0;
     long reclen = fcb->xoe.odsreclen;

@@ -167,26 +167,8 @@ rctype ckdir(const std::string& path, bool create, int* perms) {
 std::string libfname(DA_LIB* lp) { return std::string(lp->lib.path) + LIBFILE; }
 
 rctype preadall(int fd, void* buf, long len, off_t off) {
-    long got = 0;
-    while (got < len) {
-        ssize_t n = _UIODT->pread(fd, static_cast<char*>(buf) + got, len - got, off + got);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return DA_READFAIL;
-        if (n == 0) return DA_LIBSHORT;
-        got += n;
-    }
-    return 0;
-}
-
-rctype pwriteall(int fd, const void* buf, long len, off_t off) {
-    long put = 0;
-    while (put < len) {
-        ssize_t n = _UIODT->pwrite(fd, static_cast<const char*>(buf) + put, len - put, off + put);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return n < 0 ? daerrno(errno) : DA_WRITEFAIL;
-        put += n;
-    }
-    return 0;
+    rctype rc = dapreadall(fd, buf, len, off, nullptr);
+    return rc == DA_SHORTREAD ? DA_LIBSHORT : rc;
 }
 
 // Reads one path list at off into the vector; pmod must match the request's.
@@ -247,7 +229,7 @@ rctype writelib(DA_LIBP* lp, int pm_data, int pm_idx, bool owner) {
     h.length = LIBHEADLEN;
     h.flags = lp->flags & 0xffff;
     for (int k = 0; k < LIBNLINKS; k++) h.links[k] = LIBUNSET;
-    rctype rc = pwriteall(fd, &h, sizeof h, 0);
+    rctype rc = dapwriteall(fd, &h, sizeof h, 0);
     if (rc < 0) return rc;
     std::string body;
     int32_t at = LIBHEADLEN;
@@ -269,10 +251,10 @@ rctype writelib(DA_LIBP* lp, int pm_data, int pm_idx, bool owner) {
         memcpy(o.token, lp->owninfo.token, 28);
         body.append(reinterpret_cast<const char*>(&o), sizeof o);
     }
-    rc = pwriteall(fd, body.data(), static_cast<long>(body.size()), LIBHEADLEN);
+    rc = dapwriteall(fd, body.data(), static_cast<long>(body.size()), LIBHEADLEN);
     if (rc < 0) return rc;
     if (_UIODT->ftruncate(fd, LIBHEADLEN + static_cast<off_t>(body.size())) != 0) return daerrno(errno);
-    return pwriteall(fd, &h, sizeof h, 0);
+    return dapwriteall(fd, &h, sizeof h, 0);
 }
 
 bool libfilewritable(DA_LIBP* lp) { return lp->lfh && (lp->lfh->opnflags & 1); }
@@ -559,14 +541,16 @@ rctype readlib(DA_LIBP* lp, const DA_LIBSTR* lstr, const std::string& fname, boo
     int fd = lp->lfh->fd;
     LibHead h;
     memset(&h, 0, sizeof h);
-    ssize_t n = pread(fd, &h, 8, 0);
+    long n = 0;
+    rctype rc = dapreadall(fd, &h, 8, 0, &n);
+    if (rc == DA_READFAIL) return rc;
     if (n == 0) {
         *changed = true;
         return 0;
     }
-    if (n != 8) return n < 0 ? DA_READFAIL : DA_LIBSHORT;
+    if (n != 8) return DA_LIBSHORT;
     if ((h.version >> 16) != 0x101 || h.length > LIBHEADLEN || h.length < 16) return DA_BADLIBFILE;
-    rctype rc = preadall(fd, &h, h.length, 0);
+    rc = preadall(fd, &h, h.length, 0);
     if (rc < 0) return rc;
     *fileread = true;
     lp->flags = static_cast<int>(h.flags & 0xffff) | DA_LFWORKDEF;

@@ -20,40 +20,24 @@ namespace {
 
 rctype pfdread(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
     int fd = *static_cast<int*>(ctx);
-    long got = 0;
     *nread = 0;
     if (offset < 0) return DA_BADOFFSET;
-    while (got < size) {
-        ssize_t n = ::pread(fd, static_cast<char*>(buf) + got, size - got, offset + got);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            *nread = got;
-            return DA_READFAIL;
-        }
-        if (n == 0) break;
-        got += n;
-    }
-    *nread = got;
-    return (got == 0 && size > 0) ? DA_EOF : 0;
+    rctype rc = dapreadall(fd, buf, size, offset, nread);
+    if (rc == DA_SHORTREAD) rc = 0;
+    if (rc < 0) return rc;
+    return (*nread == 0 && size > 0) ? DA_EOF : 0;
 }
 
 rctype pfdwrite(void* ctx, const void* buf, long size, da_off_t* off) {
     int fd = *static_cast<int*>(ctx);
     da_off_t at = *off;
     if (at < 0) {
-        off_t end = ::lseek(fd, 0, SEEK_END);
+        off_t end = _UIODT->lseek(fd, 0, SEEK_END);
         if (end < 0) return DA_SYSERR;
         at = end;
     }
-    long put = 0;
-    while (put < size) {
-        ssize_t n = ::pwrite(fd, static_cast<const char*>(buf) + put, size - put, at + put);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return errno == ENOSPC ? DA_NOSPACE : DA_WRITEFAIL;
-        }
-        put += n;
-    }
+    rctype rc = dapwriteall(fd, buf, size, at);
+    if (rc < 0) return rc;
     *off = at;
     return 0;
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -294,12 +295,15 @@ TEST(TableLife, ReaderInAnotherProcessSeesCommittedGrowthOnly) {
 
     constexpr int BATCHES = 40;
     constexpr long BATCH = 23;
-    int go[2];
+    constexpr int PACED = 3;  // batches the writer holds back until the reader saw them
+    int go[2], ack[2];
     ASSERT_EQ(0, pipe(go));
+    ASSERT_EQ(0, pipe(ack));
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
         close(go[1]);
+        close(ack[1]);
         char c;
         if (read(go[0], &c, 1) != 1) _exit(2);
         DA_LIB* wl = assign(tmp.path());
@@ -312,6 +316,12 @@ TEST(TableLife, ReaderInAnotherProcessSeesCommittedGrowthOnly) {
             auto r = rows(n + 1, BATCH);
             if (dawrobs(w, n + 1, r.data(), BATCH) < 0) _exit(5);
             if (w->mt->setshare(w, DA_SHRCLEAR) < 0) _exit(6);
+            // The first batches wait for the reader, however busy the
+            // machine: it sees the table grow more than once.
+            if (b < PACED) {
+                pollfd pf{ack[0], POLLIN, 0};
+                if (poll(&pf, 1, 60000) != 1 || read(ack[0], &c, 1) != 1) _exit(8);
+            }
         }
         if (darclos(w) < 0) _exit(7);
         daulmem(wl, lid, DA_LKMEMBER, DA_OMUPDATE, thr_self());
@@ -319,6 +329,7 @@ TEST(TableLife, ReaderInAnotherProcessSeesCommittedGrowthOnly) {
         _exit(0);
     }
     close(go[0]);
+    close(ack[0]);
     lp = assign(tmp.path());
     DA_LOCK* lid = nullptr;
     DA_FID* rd = opendyn(lp, "shared", DA_OMINPUT, &lid);
@@ -327,7 +338,7 @@ TEST(TableLife, ReaderInAnotherProcessSeesCommittedGrowthOnly) {
     close(go[1]);
     const hs_obsno_t total = 5 + BATCHES * BATCH;
     hs_obsno_t last = 0;
-    int views = 0, grew = 0;
+    int views = 0, grew = 0, acked = 0;
     // Reading goes on until the writer has gone, so that its close (the last
     // flush and the revision update) happens while this process reads.
     int st = 0;
@@ -343,7 +354,12 @@ TEST(TableLife, ReaderInAnotherProcessSeesCommittedGrowthOnly) {
         if (n > last) ++grew;
         last = n;
         ++views;
+        if (n >= 5 + (acked + 1) * BATCH && acked < PACED) {
+            ++acked;
+            ASSERT_EQ(1, write(ack[1], "a", 1));
+        }
     }
+    close(ack[1]);
     if (!gone) waitpid(pid, &st, 0);
     EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st;
     EXPECT_EQ(total, last);
