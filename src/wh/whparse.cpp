@@ -516,6 +516,18 @@ struct Parser {
                 if (mx || my) return mx && my ? vzmrank(x) < vzmrank(y) : mx;
                 return x < y;
             });
+        } else if (truncated) {
+            // A truncated list is searched on the assumption that it ascends,
+            // whatever the host says: it has to.
+            std::stable_sort(elems.begin(), elems.end(), [](const Tree& a, const Tree& b) {
+                const SQLCLEAF &x = a.n->u.cleaf, &y = b.n->u.cleaf;
+                int n = std::max(x.leng, y.leng);
+                for (int i = 0; i < n; i++) {
+                    unsigned char cx = i < x.leng ? x.c[i] : ' ', cy = i < y.leng ? y.c[i] : ' ';
+                    if (cx != cy) return cx < cy;
+                }
+                return false;
+            });
         } else if (elems.size() > 1) {
             // Strings stay as written and say that they are not in order.
             for (Tree& e : elems) e.n->nodeflags |= WH_NF_UNORDERED;

@@ -112,6 +112,8 @@ TEST(WhEval, StringsCompareBlankPaddedAndTruncated) {
     EXPECT_TRUE(test("city in ('X', 'ABC', 'B')", r));  // unordered sets are walked whole
     EXPECT_FALSE(test("city in ('X', 'B')", r));
     EXPECT_TRUE(test("city in: ('AB', 'Q')", r));
+    EXPECT_TRUE(test("city in: ('Q', 'ABCD', 'AB')", r));  // the parser orders a truncated list
+    EXPECT_FALSE(test("city not in: ('Q', 'ABCD', 'AB')", r));
     EXPECT_TRUE(test("code is missing", Row(1, "A", 0, "")));
     EXPECT_FALSE(test("code", Row(1, "A", 0, "")));
     EXPECT_TRUE(test("city between 'ABD' and 'AA'", r));  // ends in either order
