@@ -29,33 +29,42 @@ struct SP_WHH;
 struct SP_WHWORK {
     SP_WHH* wh;
     SQLOP* tree;
+    const char* rows;
     long from, to;
     rctype rc;
+};
+
+// Rows read at once, with their numbers.
+struct SP_CHUNK {
+    char* rows;
+    hs_obsno_t* obs;
+    long n;
+    bool ready;       // read and not yet handed to the caller
+    rctype rc;        // a failed read, reported when this chunk is wanted
 };
 
 struct SP_WHH {
     SP_FID* spfid;
     DA_IOCB* iocb;           // the table cursor (a cursor of spnewrd)
-    char* chunk;             // rows read and not yet handed out
-    long chunkrows;          // room
-    long nchunk;             // rows in chunk
-    long chunkpos;           // next of them to hand out
-    hs_obsno_t* chunkobs;    // their row numbers
-    uint8_t* match;          // their test results
-    hs_obsno_t firstobs;     // row number of chunk[0] when the table has no deleted rows
+    SP_CHUNK ch[2];          // the chunk handed out, and the next, read meanwhile
+    int cur;
+    char* curbuf;            // the buffer the cursor reads into now
+    long chunkrows;          // room of a chunk
+    long chunkpos;           // next row of the current chunk to hand out
+    uint8_t* match;          // test results of the current chunk
     int32_t obslen;
     long obsperbuf;          // rows a spwhget call delivers
     hs_obsno_t startobs, endobs;  // the range, endobs 0 for the end of the table
     WH_HANDLE* whereh;
     int whflags;
     bool rewind;
-    bool eof;
+    bool readend;            // the cursor has reached the end of the range
+    bool eof;                // nothing more to hand out
     int threads;             // asked for
     int nthreads;            // after planning
     SQLOP* trees[SP_MAXTHREADS];
     hs_obsno_t* outobs;      // row numbers of the rows last delivered
     long nout;
-    hs_obsno_t scanned;      // rows tested
 };
 
 SP_WHH* whhof(void* v) { return static_cast<SP_WHH*>(v); }
@@ -70,104 +79,130 @@ void freetrees(SP_WHH* w) {
 void* testrows(void* arg) {
     auto* wk = static_cast<SP_WHWORK*>(arg);
     SP_WHH* w = wk->wh;
-    wh_env_t* env = &w->whereh->whenv;
-    int kor = !w->whereh->not_kor;
-    for (long i = wk->from; i < wk->to; i++) {
-        int t = 0;
-        rctype rc = wheval(env, wk->tree, w->chunk + i * w->obslen, nullptr, kor, &t);
-        if (rc) {
-            wk->rc = rc;
-            return nullptr;
-        }
-        w->match[i] = static_cast<uint8_t>(t);
-    }
+    wk->rc = whevalrows(&w->whereh->whenv, wk->tree, wk->rows + wk->from * w->obslen, wk->to - wk->from, w->obslen,
+                        !w->whereh->not_kor, w->match + wk->from);
     return nullptr;
 }
 
-// Tests the rows of the chunk: whole segments to each thread.
-rctype testchunk(SP_WHH* w) {
-    long n = w->nchunk;
-    if (!w->whereh || !w->whereh->tree || (w->whereh->call_flags & (WHF_TRUE | WHF_NONE))) {
-        std::memset(w->match, 1, n);
-        return 0;
-    }
-    int nt = w->nthreads;
-    int64_t seg = w->spfid->dafid->xoehdr->idxsegsize;
-    if (seg < 1) seg = 1;
-    long nseg = static_cast<long>((n + seg - 1) / seg);
-    if (nt > nseg) nt = static_cast<int>(nseg);
-    if (nt < 1) nt = 1;
-    SP_WHWORK work[SP_MAXTHREADS];
-    long per = (nseg + nt - 1) / nt;
-    for (int i = 0; i < nt; i++) {
-        long from = std::min(n, static_cast<long>(i * per * seg));
-        long to = std::min(n, static_cast<long>((i + 1) * per * seg));
-        work[i] = SP_WHWORK{w, w->trees[i], from, to, 0};
-    }
-    thread_t tids[SP_MAXTHREADS];
-    int started = 0;
-    rctype rc = 0;
-    for (int i = 1; i < nt; i++) {
-        if (thr_create(nullptr, 0, testrows, &work[i], 0, &tids[i]) != 0) {
-            // No thread to be had: this one does the share itself.
-            testrows(&work[i]);
-            tids[i] = 0;
-        } else {
-            started |= 1 << i;
+// Reads the next rows of the range into c; none at the end.
+void readinto(SP_WHH* w, SP_CHUNK* c) {
+    c->n = 0;
+    c->rc = 0;
+    c->ready = true;
+    if (w->readend) return;
+    if (w->curbuf != c->rows) {
+        int rc = spsetrd(w->iocb, w->chunkrows * w->obslen, c->rows);
+        if (rc < 0) {
+            c->rc = rc;
+            return;
         }
+        w->curbuf = c->rows;
     }
-    testrows(&work[0]);
-    for (int i = 1; i < nt; i++)
-        if (started & (1 << i)) thr_join(tids[i], nullptr);
-    for (int i = 0; i < nt; i++)
-        if (work[i].rc && !rc) rc = work[i].rc;
-    return rc;
-}
-
-// Reads the next chunk of rows of the range; 0 rows at the end.
-rctype readchunk(SP_WHH* w) {
-    w->nchunk = 0;
-    w->chunkpos = 0;
     void* vrows = nullptr;
     int64_t* ov = nullptr;
     long got = 0;
     hs_obsno_t before = spcurloc(w->iocb);
     int rc = spreadv(w->iocb, &got, &vrows, &ov);
-    if (rc < 0) return rc;
-    if (got <= 0) return 0;
-    // The cursor's own buffer is the chunk unless block mode dealt the rows
-    // from a private one.
-    if (vrows != w->chunk) std::memmove(w->chunk, vrows, static_cast<size_t>(got) * w->obslen);
-    for (long i = 0; i < got; i++) w->chunkobs[i] = ov ? ov[i] : before + i;
+    if (rc < 0) {
+        c->rc = rc;
+        return;
+    }
+    if (got <= 0) {
+        w->readend = true;
+        return;
+    }
+    // Block mode deals the rows from a private buffer.
+    if (vrows != c->rows) std::memmove(c->rows, vrows, static_cast<size_t>(got) * w->obslen);
+    for (long i = 0; i < got; i++) c->obs[i] = ov ? ov[i] : before + i;
     long keep = got;
     if (w->endobs >= 1) {
-        while (keep > 0 && w->chunkobs[keep - 1] > w->endobs) keep--;
-        if (keep < got) w->eof = true;
+        while (keep > 0 && c->obs[keep - 1] > w->endobs) keep--;
+        if (keep < got) w->readend = true;
     }
-    w->nchunk = keep;
-    w->scanned += keep;
-    return keep > 0 ? testchunk(w) : 0;
+    c->n = keep;
+}
+
+struct Tester {
+    SP_WHWORK work[SP_MAXTHREADS];
+    thread_t tids[SP_MAXTHREADS];
+    bool started[SP_MAXTHREADS];
+    int nt = 0;
+};
+
+// Starts the test of chunk c: whole segments to each thread.
+void starttest(SP_WHH* w, const SP_CHUNK* c, Tester* t) {
+    long n = c->n;
+    t->nt = 0;
+    if (!w->whereh->tree || (w->whereh->call_flags & (WHF_TRUE | WHF_NONE))) {
+        std::memset(w->match, 1, n);
+        return;
+    }
+    int nt = w->nthreads;
+    int64_t seg = w->spfid->dafid->xoehdr->idxsegsize;
+    // Whole segments to each thread when the chunk has enough of them, else
+    // equal shares of rows.
+    if (seg < 1 || n / seg < nt) seg = std::max<int64_t>(1, (n + nt - 1) / nt);
+    long nseg = static_cast<long>((n + seg - 1) / seg);
+    if (nt > nseg) nt = static_cast<int>(nseg);
+    if (nt < 1) nt = 1;
+    long per = (nseg + nt - 1) / nt;
+    t->nt = nt;
+    for (int i = 0; i < nt; i++) {
+        long from = std::min(n, static_cast<long>(i * per * seg));
+        long to = std::min(n, static_cast<long>((i + 1) * per * seg));
+        t->work[i] = SP_WHWORK{w, w->trees[i], c->rows, from, to, 0};
+        t->started[i] = thr_create(nullptr, 0, testrows, &t->work[i], 0, &t->tids[i]) == 0;
+        // No thread to be had: this one does the share itself.
+        if (!t->started[i]) testrows(&t->work[i]);
+    }
+}
+
+rctype endtest(Tester* t) {
+    rctype rc = 0;
+    for (int i = 0; i < t->nt; i++) {
+        if (t->started[i]) thr_join(t->tids[i], nullptr);
+        if (t->work[i].rc && !rc) rc = t->work[i].rc;
+    }
+    return rc;
+}
+
+// Makes the next chunk current and tests it, reading the one after it while
+// the rows are tested.
+rctype nextchunk(SP_WHH* w) {
+    w->chunkpos = 0;
+    int nx = 1 - w->cur;
+    if (!w->ch[nx].ready) readinto(w, &w->ch[nx]);
+    w->ch[w->cur].ready = false;
+    w->ch[w->cur].n = 0;
+    w->cur = nx;
+    SP_CHUNK* c = &w->ch[nx];
+    if (c->rc < 0) {
+        rctype rc = c->rc;
+        c->rc = 0;
+        c->n = 0;
+        return rc;
+    }
+    if (c->n == 0) return 0;
+    Tester t;
+    starttest(w, c, &t);
+    if (!w->readend) readinto(w, &w->ch[1 - nx]);
+    return endtest(&t);
 }
 
 rctype startscan(SP_WHH* w) {
     w->eof = false;
-    w->nchunk = 0;
+    w->readend = false;
     w->chunkpos = 0;
+    for (SP_CHUNK& c : w->ch) {
+        c.n = 0;
+        c.ready = false;
+        c.rc = 0;
+    }
     hs_obsno_t first = w->startobs >= 2 ? w->startobs : 1;
     return spsetloc(w->iocb, first);
 }
 
 }  // namespace
-
-namespace vrta {
-
-// Rows tested by the cursor since it was bound: what the scan cost.
-int64_t spwhscanned(void* vwhh) {
-    SP_WHH* w = whhof(vwhh);
-    return w ? w->scanned : 0;
-}
-
-}  // namespace vrta
 
 extern "C" {
 
@@ -189,20 +224,25 @@ int spnewwh(void* vfid, long bufsize, int64_t startobs, int64_t endobs, void** n
     w->startobs = startobs;
     w->endobs = endobs;
     int64_t seg = s->dafid->xoehdr->idxsegsize > 0 ? s->dafid->xoehdr->idxsegsize : 1;
-    // A chunk of whole segments, at least one and at most what fits the
-    // chunk budget (or one segment when a segment alone exceeds it).
-    long segs = std::max<long>(1, SP_CHUNKBYTES / obslen / static_cast<long>(seg));
-    w->chunkrows = static_cast<long>(std::min<int64_t>(segs * seg, std::max<int64_t>(SP_CHUNKBYTES / obslen, 1)));
-    if (w->chunkrows < obsperbuf) w->chunkrows = obsperbuf;
+    // A chunk: 64 of the caller's buffers, within the chunk budget, cut to
+    // whole segments when it holds any, so that threads test whole segments.
+    long rows = std::max<long>(obsperbuf, std::min<long>(64 * obsperbuf, std::max<long>(SP_CHUNKBYTES / obslen, 1)));
+    if (rows >= seg) rows = static_cast<long>(rows / seg * seg);
+    w->chunkrows = rows;
     long ncpu = sysconf(_SC_NPROCESSORS_ONLN);
     w->threads = static_cast<int>(std::clamp<long>(ncpu, 1, SP_MAXTHREADS));
-    w->chunk = static_cast<char*>(std::malloc(static_cast<size_t>(w->chunkrows) * obslen));
-    w->chunkobs = static_cast<hs_obsno_t*>(std::malloc(sizeof(hs_obsno_t) * w->chunkrows));
+    for (SP_CHUNK& c : w->ch) {
+        c.rows = static_cast<char*>(std::malloc(static_cast<size_t>(w->chunkrows) * obslen));
+        c.obs = static_cast<hs_obsno_t*>(std::malloc(sizeof(hs_obsno_t) * w->chunkrows));
+    }
     w->match = static_cast<uint8_t*>(std::malloc(w->chunkrows));
     w->outobs = static_cast<hs_obsno_t*>(std::malloc(sizeof(hs_obsno_t) * obsperbuf));
     int rc = 0;
-    if (!w->chunk || !w->chunkobs || !w->match || !w->outobs) rc = SP_NOMEM;
-    if (!rc) rc = spnewrd(vfid, static_cast<long>(w->chunkrows) * obslen, w->chunk, reinterpret_cast<void**>(&w->iocb));
+    for (SP_CHUNK& c : w->ch)
+        if (!c.rows || !c.obs) rc = SP_NOMEM;
+    if (!w->match || !w->outobs) rc = SP_NOMEM;
+    if (!rc) rc = spnewrd(vfid, static_cast<long>(w->chunkrows) * obslen, w->ch[0].rows, reinterpret_cast<void**>(&w->iocb));
+    w->curbuf = w->ch[0].rows;
     if (rc < 0) {
         spfreewh(w);
         return rc;
@@ -219,8 +259,10 @@ int spfreewh(void* vwhh) {
     freetrees(w);
     if (w->whereh) whterm(w->whereh);
     if (w->iocb) rc = spfreerd(w->iocb);
-    std::free(w->chunk);
-    std::free(w->chunkobs);
+    for (SP_CHUNK& c : w->ch) {
+        std::free(c.rows);
+        std::free(c.obs);
+    }
     std::free(w->match);
     std::free(w->outobs);
     std::free(w);
@@ -281,7 +323,6 @@ int spwhset(void* vwhh, const void* where_tree, int init_flags, int numxidx, con
         }
     }
     w->rewind = (flags & WHF_EVAL3) != 0;
-    w->scanned = 0;
     if (whflags) *whflags = flags;
     if (whstat) {
         if ((flags & WHF_ALL) && !(flags & 3)) *whstat = 1;
@@ -306,31 +347,40 @@ int spwhget(void* vwhh, void* obsbuf, long* numobs) {
         w->rewind = false;
         if (rctype rc = startscan(w)) return rc;
     }
+    if (w->eof) return SP_NOMORE;
     char* out = static_cast<char*>(obsbuf);
     long n = 0;
     while (n < w->obsperbuf) {
-        if (w->chunkpos >= w->nchunk) {
-            if (w->eof) break;
-            rctype rc = readchunk(w);
+        SP_CHUNK* c = &w->ch[w->cur];
+        if (w->chunkpos >= c->n) {
+            if (w->readend && !w->ch[1 - w->cur].ready) {
+                w->eof = true;
+                break;
+            }
+            rctype rc = nextchunk(w);
             if (rc < 0) {
                 // Rows found before the failure still reach the caller; the
                 // failure comes with the next call.
                 if (n > 0) {
-                    w->eof = true;
+                    w->ch[w->cur].rc = rc;
+                    w->ch[w->cur].ready = true;
+                    w->cur = 1 - w->cur;
                     break;
                 }
+                w->eof = true;
                 return rc;
             }
-            if (w->nchunk == 0) {
+            c = &w->ch[w->cur];
+            if (c->n == 0) {
                 w->eof = true;
                 break;
             }
         }
-        while (w->chunkpos < w->nchunk && n < w->obsperbuf) {
+        while (w->chunkpos < c->n && n < w->obsperbuf) {
             long i = w->chunkpos++;
             if (!w->match[i]) continue;
-            std::memcpy(out + n * w->obslen, w->chunk + i * w->obslen, w->obslen);
-            w->outobs[n] = w->chunkobs[i];
+            std::memcpy(out + n * w->obslen, c->rows + i * w->obslen, w->obslen);
+            w->outobs[n] = c->obs[i];
             n++;
         }
     }

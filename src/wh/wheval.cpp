@@ -139,13 +139,45 @@ inline bool isloopnode(short code) {
            code == OP_NIN || code == OP_TIN || code == OP_TNIN;
 }
 
-rctype loopnode(wh_env_t* env, SQLOP* n, const char* rec, int kor, int* truth) {
+// The commonest tests, a column against a literal, answered without a Val
+// and with a small frame; false when the node is not one of them.
+inline bool fastcmp(const wh_env_t* env, const SQLOP* n, const char* rec, int* truth) {
+    short code = n->code;
+    if (code < OP_CEQ || code > OP_CGE) return false;
+    const SQLOP* l = n->u.node.arg[0];
+    const SQLOP* r = n->u.node.arg[1];
+    if (!l || !r || n->u.node.narg < 2 || l->code != OP_NAME) return false;
+    if (l->type == -8 && r->code == OP_LITN) {
+        const char* p = rec + l->u.vleaf.offset;
+        double x;
+        std::memcpy(&x, p, 8);
+        double y = r->u.nleaf.nbr;
+        int o;
+        if (!ismiss(x) && !ismiss(y)) o = (x < y) | ((x == y) << 1) | ((x > y) << 2);
+        else o = numcmp(x, y);
+        *truth = (o & cmpmask[code - OP_CEQ]) != 0;
+        return true;
+    }
+    if (l->type >= 0 && r->code == OP_LITC && !(env && env->targenv && env->targenv->nls_strcom) &&
+        r->u.cleaf.leng <= l->type && (code == OP_CEQ || code == OP_CNE)) {
+        const char* p = rec + l->u.vleaf.offset;
+        int ll = r->u.cleaf.leng;
+        bool eq = std::memcmp(p, r->u.cleaf.c, ll) == 0;
+        for (int i = ll; eq && i < l->type; i++) eq = p[i] == ' ';
+        *truth = eq == (code == OP_CEQ);
+        return true;
+    }
+    return false;
+}
+
+__attribute__((noinline)) rctype loopnode(wh_env_t* env, SQLOP* n, const char* rec, int kor, int* truth) {
     SQLOP* l = n->u.node.arg[0];
     SQLOP* r = n->u.node.narg > 1 ? n->u.node.arg[1] : nullptr;
     if (!l || !r) return WH_RC_BADTREE;
+    short code = n->code;
+    if (fastcmp(env, n, rec, truth)) return 0;
     Val a, b;
     if (rctype rc = fetch(env, l, rec, &a, kor)) return rc;
-    short code = n->code;
     if (code >= OP_CEQ && code <= OP_CGE) {
         if (a.num && r->code == OP_LITN) {
             *truth = (numcmp(a.d, r->u.nleaf.nbr) & cmpmask[code - OP_CEQ]) != 0;
@@ -517,6 +549,44 @@ void setstr(Val* v, const char* s, int len, bool copy) {
 }
 
 
+// LAND and LOR: their usual children, compares and nested LAND and LOR, are
+// run here without a Val; anything else by a full evaluation.
+rctype logic(wh_env_t* env, SQLOP* n, const char* rec, int kor, int* truth) {
+    bool isand = n->code == OP_LAND;
+    int narg = n->u.node.narg;
+    SQLOP* const* args = n->u.node.arg;
+    const SQLOP* ext = n;
+    for (int i = 0; i < narg; i++) {
+        int k = i % WH_NARGS;
+        if (i > 0 && k == 0) {
+            ext = ext->u.node.ext;
+            if (!ext) return WH_RC_BADTREE;
+            args = ext->u.node.arg;
+        }
+        SQLOP* c = args[k];
+        if (!c) return WH_RC_BADTREE;
+        int t;
+        rctype rc;
+        if (fastcmp(env, c, rec, &t)) {
+            rc = 0;
+        } else if (isloopnode(c->code)) {
+            rc = loopnode(env, c, rec, kor, &t);
+        } else if (c->code == OP_LAND || c->code == OP_LOR) {
+            rc = logic(env, c, rec, kor, &t);
+        } else {
+            Val cv;
+            rc = evalv(env, c, rec, &cv, kor, &t);
+        }
+        if (rc) return rc;
+        if (isand ? !t : t) {
+            *truth = t;
+            return 0;
+        }
+    }
+    *truth = isand;
+    return 0;
+}
+
 rctype evalv(wh_env_t* env, SQLOP* n, const char* rec, Val* v, int kor, int* truth) {
     *truth = 0;
     short code = n->code;
@@ -529,36 +599,7 @@ rctype evalv(wh_env_t* env, SQLOP* n, const char* rec, Val* v, int kor, int* tru
         return 0;
     case OP_LAND:
     case OP_LOR: {
-        bool isand = code == OP_LAND;
-        int narg = n->u.node.narg;
-        SQLOP* const* args = n->u.node.arg;
-        const SQLOP* ext = n;
-        for (int i = 0; i < narg; i++) {
-            int k = i % WH_NARGS;
-            if (i > 0 && k == 0) {
-                ext = ext->u.node.ext;
-                if (!ext) return WH_RC_BADTREE;
-                args = ext->u.node.arg;
-            }
-            SQLOP* c = args[k];
-            if (!c) return WH_RC_BADTREE;
-            int t;
-            rctype rc;
-            if (isloopnode(c->code)) {
-                rc = loopnode(env, c, rec, kor, &t);
-            } else {
-                Val cv;
-                rc = evalv(env, c, rec, &cv, kor, &t);
-            }
-            if (rc) return rc;
-            if (isand ? !t : t) {
-                *truth = t;
-                v->num = true;
-                v->d = t;
-                return 0;
-            }
-        }
-        *truth = isand;
+        if (rctype rc = logic(env, n, rec, kor, truth)) return rc;
         v->num = true;
         v->d = *truth;
         return 0;
@@ -759,6 +800,93 @@ char soundcode(unsigned char c) {
     return map[0];
 }
 
+// ---------------------------------------------------------------- many rows
+
+constexpr int WH_BATCH = 1024;
+constexpr int WH_BATCHDEPTH = 48;  // deeper trees are tested a row at a time
+
+// Evaluates n on the rows of base listed in sel, truth into res[row]. LAND and
+// LOR pass on to each child only the rows still undecided, so each node sees
+// exactly the rows a row-at-a-time evaluation would show it, in row order.
+rctype batch(wh_env_t* env, SQLOP* n, const char* base, int rowlen, const uint16_t* sel, int nsel, uint8_t* res,
+             int kor, int depth) {
+    short code = n->code;
+    if ((code == OP_LAND || code == OP_LOR) && depth < WH_BATCHDEPTH) {
+        bool isand = code == OP_LAND;
+        uint16_t cur[WH_BATCH];
+        uint8_t tmp[WH_BATCH];
+        int ncur = nsel;
+        for (int i = 0; i < nsel; i++) {
+            cur[i] = sel[i];
+            res[sel[i]] = isand;
+        }
+        for (int k = 0; k < n->u.node.narg && ncur > 0; k++) {
+            SQLOP* c = get_child(n, k);
+            if (!c) return WH_RC_BADTREE;
+            if (rctype rc = batch(env, c, base, rowlen, cur, ncur, tmp, kor, depth + 1)) return rc;
+            int m = 0;
+            for (int i = 0; i < ncur; i++) {
+                uint16_t r = cur[i];
+                // A row is decided by the first false child of LAND, the first
+                // true child of LOR.
+                if (tmp[r] != isand) res[r] = !isand;
+                else cur[m++] = r;
+            }
+            ncur = m;
+        }
+        return 0;
+    }
+    if (code == OP_LNOT && depth < WH_BATCHDEPTH) {
+        SQLOP* c = get_child(n, 0);
+        if (!c) return WH_RC_BADTREE;
+        if (rctype rc = batch(env, c, base, rowlen, sel, nsel, res, kor, depth + 1)) return rc;
+        for (int i = 0; i < nsel; i++) res[sel[i]] = !res[sel[i]];
+        return 0;
+    }
+    if (code >= OP_CEQ && code <= OP_CGE && n->u.node.narg >= 2) {
+        const SQLOP* l = n->u.node.arg[0];
+        const SQLOP* r = n->u.node.arg[1];
+        if (l && r && l->code == OP_NAME && l->type == -8 && r->code == OP_LITN && !ismiss(r->u.nleaf.nbr)) {
+            const char* p = base + l->u.vleaf.offset;
+            double y = r->u.nleaf.nbr;
+            int mask = cmpmask[code - OP_CEQ];
+            for (int i = 0; i < nsel; i++) {
+                double x;
+                std::memcpy(&x, p + static_cast<long>(sel[i]) * rowlen, 8);
+                // Every missing value sorts below every number.
+                int o = ismiss(x) ? 1 : (x < y) | ((x == y) << 1) | ((x > y) << 2);
+                res[sel[i]] = (o & mask) != 0;
+            }
+            return 0;
+        }
+        // A character column equal to a literal: the literal blank padded to
+        // the column's length once, then one memcmp a row.
+        if (l && r && l->code == OP_NAME && l->type > 0 && l->type <= 256 && r->code == OP_LITC &&
+            r->u.cleaf.leng <= l->type && (code == OP_CEQ || code == OP_CNE) &&
+            !(env && env->targenv && env->targenv->nls_strcom)) {
+            char lit[256];
+            int len = l->type;
+            std::memset(lit, ' ', len);
+            std::memcpy(lit, r->u.cleaf.c, r->u.cleaf.leng);
+            const char* p = base + l->u.vleaf.offset;
+            bool want = code == OP_CEQ;
+            for (int i = 0; i < nsel; i++)
+                res[sel[i]] = (std::memcmp(p + static_cast<long>(sel[i]) * rowlen, lit, len) == 0) == want;
+            return 0;
+        }
+    }
+    for (int i = 0; i < nsel; i++) {
+        const char* rec = base + static_cast<long>(sel[i]) * rowlen;
+        int t = 0;
+        if (!fastcmp(env, n, rec, &t)) {
+            Val v;
+            if (rctype rc = evalv(env, n, rec, &v, kor, &t)) return rc;
+        }
+        res[sel[i]] = static_cast<uint8_t>(t);
+    }
+    return 0;
+}
+
 }  // namespace
 
 rctype wheval(wh_env_t* whenv, SQLOP* tree, const char* rec, SQLOP* result, int kor_clause, int* resp) {
@@ -784,6 +912,18 @@ rctype wheval(wh_env_t* whenv, SQLOP* tree, const char* rec, SQLOP* result, int 
                 result->u.cleaf.c = const_cast<char*>(v.s);
             }
         }
+    }
+    return 0;
+}
+
+rctype whevalrows(wh_env_t* whenv, SQLOP* tree, const char* rows, long nrows, int rowlen, int kor_clause,
+                  uint8_t* match) {
+    if (!tree || (!rows && nrows > 0) || !match || rowlen < 1) return WH_RC_NULLARG;
+    uint16_t sel[WH_BATCH];
+    for (long at = 0; at < nrows; at += WH_BATCH) {
+        int n = static_cast<int>(nrows - at < WH_BATCH ? nrows - at : WH_BATCH);
+        for (int i = 0; i < n; i++) sel[i] = static_cast<uint16_t>(i);
+        if (rctype rc = batch(whenv, tree, rows + at * rowlen, rowlen, sel, n, match + at, kor_clause, 0)) return rc;
     }
     return 0;
 }

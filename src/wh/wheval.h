@@ -1,6 +1,7 @@
 // Evaluation of WHERE trees and planning: what scans, cursors and the
 // group-by scan call.
 #pragma once
+#include <cstdint>
 #include <cstdio>
 
 #include "wh/wh.h"
@@ -40,6 +41,12 @@ constexpr rctype WH_RC_LIKEFAIL = static_cast<rctype>(0x80000420u);
 // for true. result, when not null, receives the value: code 2 with nleaf.nbr,
 // or code 3 with cleaf.c and cleaf.leng (short copied text in cleaf.string).
 rctype wheval(wh_env_t* whenv, SQLOP* tree, const char* rec, SQLOP* result, int kor_clause, int* resp);
+// wheval on nrows rows of rowlen bytes, each row's truth into match[i].
+// Compares of columns with literals run over many rows at once; every node
+// still sees the rows, and only the rows, that a row-at-a-time evaluation
+// would show it.
+rctype whevalrows(wh_env_t* whenv, SQLOP* tree, const char* rows, long nrows, int rowlen, int kor_clause,
+                  uint8_t* match);
 // The row test of a plan: true with no tree.
 rctype wheval2(WH_HANDLE* wh, const char* rec, int* resp);
 // Compare outcome of two literal results: 1 less, 2 equal, 4 greater; ctype 1

@@ -472,7 +472,9 @@ std::vector<int64_t> sqliteRows(sqlite3* db, const std::string& where) {
 }
 
 // Rows of the clause through the module, or an empty list after a failure.
-std::vector<int64_t> moduleRows(void* fid, const std::string& clause, int threads, int* flags) {
+// bufrows, the rows of one spwhget, also sets the size of the chunks the
+// cursor reads: small buffers make a table of many chunks.
+std::vector<int64_t> moduleRows(void* fid, const std::string& clause, int threads, int* flags, long bufrows = 300) {
     std::vector<int64_t> out;
     VRTAWHCOL wc[NCOL];
     for (int i = 0; i < NCOL; i++) wc[i] = VRTAWHCOL{COLS[i].name, -1, COLS[i].type, COLS[i].len, COLS[i].pos};
@@ -485,12 +487,12 @@ std::vector<int64_t> moduleRows(void* fid, const std::string& clause, int thread
         return out;
     }
     void* wh = nullptr;
-    EXPECT_EQ(0, spnewwh(fid, 300 * (ROWLEN + 8), 0, 0, &wh));
+    EXPECT_EQ(0, spnewwh(fid, bufrows * (ROWLEN + 8), 0, 0, &wh));
     EXPECT_EQ(0, spwhthreads(wh, threads));
     int st = 0;
     rc = spwhset(wh, wire, 0, 0, nullptr, flags, &st);
     EXPECT_EQ(rc, 0) << clause;
-    std::vector<char> buf(300 * ROWLEN);
+    std::vector<char> buf(bufrows * ROWLEN);
     for (int guard = 0; rc == 0 && guard < 100000; guard++) {
         long n = 0;
         rc = spwhget(wh, buf.data(), &n);
@@ -521,7 +523,8 @@ TEST(WhDiff, PlannerAgreesWithPlainEvaluationAndSqlite) {
         for (size_t i = 0; i < f.rows.size(); i++)
             if (f.rows[i].live && eval(*e, f.rows[i])) want.push_back(static_cast<int64_t>(i) + 1);
         int flags = 0;
-        std::vector<int64_t> got = moduleRows(fid, clause, 1 + k % 3, &flags);
+        static const long bufrows[] = {300, 17, 1000, 64};
+        std::vector<int64_t> got = moduleRows(fid, clause, 1 + k % 3, &flags, bufrows[k % 4]);
         ASSERT_EQ(got, want) << clause << " (plan 0x" << std::hex << flags << ")";
         nonempty += !want.empty();
         decided += (flags & (VRTAWH_FTRUE | VRTAWH_FFALSE)) != 0;
