@@ -262,6 +262,23 @@ VRTA_API int spnewdel(void* vfid, void** newdcp);
 VRTA_API int spdelobs(void* vdcp, int64_t obsnum);
 VRTA_API int spfreedel(void* vdcp, int abort);
 
+/* Temporary files on the work paths (the option WORKPATH, else the system's
+ * temporary directory), removed when closed. sptmprd and sptmpwr move the
+ * position by what they did and return the bytes done: 0 at the end of the
+ * file, -1 on failure. sptmpseek takes SEEK_SET, SEEK_CUR or SEEK_END and
+ * returns the new position, -1 when it would be before the start.
+ * spworkpath: the work paths in one block to give back to spworkfree; flags
+ * 1 only the first, 2 (or 0) all. sptmpdomain: the option TMPDOMAIN into
+ * tmpdom (room *tmpdomlen), *tmpdomlen 0 when it is not set. */
+VRTA_API int sptmpfil(void** tfd);
+VRTA_API long sptmprd(void* tfd, void* buf, long len);
+VRTA_API long sptmpwr(void* tfd, const void* buf, long len);
+VRTA_API int64_t sptmpseek(void* tfd, int64_t offset, int whence);
+VRTA_API int sptmpclose(void* tfd);
+VRTA_API int spworkpath(int flags, int* npath, char*** ppvec);
+VRTA_API int spworkfree(int npath, char** ppvec);
+VRTA_API int sptmpdomain(char* tmpdom, int* tmpdomlen);
+
 /* Files the text "Member=<mem> Reason=<text of rc>" for vrtaerrtext and
  * returns VRTA_RC_WRAPPED. */
 VRTA_API int MakeError(const u_sname* mem, int rc);
