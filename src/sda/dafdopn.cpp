@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 #include "sda/dafdp.h"
+#include "sda/danames.h"
 #include "hs/hs.h"
 
 namespace vrta {
@@ -28,19 +29,6 @@ size_t dirlen(const char* p) {
     size_t n = strlen(p);
     while (n > 1 && p[n - 1] == '/') --n;
     return n;
-}
-
-// One word for a metadata path: "/data/meta/" gives "_data_meta".
-void mkmpid(const char* path, char* out, size_t outlen) {
-    size_t o = 0;
-    const char* s = path;
-    while (*s && o + 2 < outlen) {
-        while (*s == '/') ++s;
-        if (!*s) break;
-        out[o++] = '_';
-        while (*s && *s != '/' && o + 1 < outlen) out[o++] = *s++;
-    }
-    out[o] = 0;
 }
 
 DA_PDE* pdeof(DA_FIB* fib, int i) {
@@ -132,26 +120,10 @@ long roundpage(long n) {
     return (n + pg - 1) / pg * pg;
 }
 
+// The FIB allocation of a new file, as the table records' writer computes it.
 int GetFibSize(DA_FDP* fdp, const DA_FDSTR* fstr) {
-    bool same = fdp->mdfd != fdp && fdp->numpath == 1 &&
-                dirlen(fdp->paths[0]) == dirlen(firstmeta(fdp)) &&
-                strncmp(fdp->paths[0], firstmeta(fdp), dirlen(fdp->paths[0])) == 0;
-    long size;
-    if (fdp->flags & DA_FDPARTSIZE) {
-        long longest = 0;
-        for (int i = 0; i < fdp->numpath; ++i) longest = std::max<long>(longest, strlen(fdp->paths[i]));
-        size = same ? 200 * (80 + 8) + 272 : 200 * (longest + 80 + 8) + 272;
-        if (size > 8192) size = 8192;
-    } else if (same) {
-        size = (fdp->numpath + 2) * 80 + 272;
-    } else {
-        size = 0;
-        for (int i = 0; i < fdp->numpath; ++i) size += fstr->namelen + 8 + static_cast<long>(strlen(fdp->paths[i])) + 8;
-        size += 2064 + 272;
-    }
-    size *= 2;
-    if (size < daiogcb.fibsize) size = daiogcb.fibsize;
-    return static_cast<int>(roundpage(size));
+    return dagetfibsize(fdp->flags, fdp->mdfd != fdp, fdp->numpath, fdp->paths, firstmeta(fdp), fstr->namelen,
+                        daiogcb.fibsize, daiogcb.pagesize);
 }
 
 // What may be there of size bytes at a physical offset: *got tells how much.
@@ -160,44 +132,20 @@ rctype preadall(int fd, void* buf, long size, da_off_t off, long* got) {
     return rc == DA_SHORTREAD ? 0 : rc;
 }
 
+// The head of a FIB as the records' readers test it.
 rctype checkfib(const DA_FIB* fib, int flags) {
-    if (flags & DA_FDOLDFMT) {
-        if ((fib->version >> 8) != 1) return DA_BADVERSION;
-    } else {
-        if (fib->ds_rv_wr.dsrvhdr[0] | fib->ds_rv_wr.dsrvhdr[1] | fib->ds_rv_wr.dsrvhdr[2] | fib->ds_rv_wr.dsrvhdr[3])
-            return DA_BADVERSION;
-        if ((fib->version >> 8) != 2) return DA_BADVERSION;
-    }
-    if (fib->pdesize < 0 || fib->pdesize > (64 << 20) || fib->numpde < 0 ||
-        DA_FIBLEN + 8L * fib->numpde > DA_FIBLEN + static_cast<long>(fib->pdesize))
-        return DA_BADVERSION;
-    return 0;
-}
-
-// Every directory entry must point at a NUL-terminated name inside the
-// allocation; a damaged FIB must not send us reading elsewhere.
-rctype checkdir(const DA_FIB* fib) {
-    const char* base = reinterpret_cast<const char*>(fib);
-    long alloc = DA_FIBLEN + static_cast<long>(fib->pdesize);
-    for (int i = 0; i < fib->numpde; ++i) {
-        const DA_PDE* e = reinterpret_cast<const DA_PDE*>(base + DA_FIBLEN + 8 * i);
-        if (e->length <= 0 || e->offset < DA_FIBLEN || static_cast<long>(e->offset) + e->length >= alloc ||
-            base[e->offset + e->length] != 0)
-            return DA_BADVERSION;
-    }
-    return 0;
+    if (dachkfib(fib, flags) < 0) return DA_BADVERSION;
+    return dachkfibsize(fib);
 }
 
 }  // namespace
 
 // ---------------------------------------------------------------- names
 
-void dafdmkpfn(DA_FDP* fdp, int pno, int revno, char* buf, size_t buflen) {
-    DA_FDB* fdb = fdp->fdb;
-    if (pno == 0 && (fdp->flags & DA_FDOWNFIB))
-        snprintf(buf, buflen, "%s.%s.%d.%d.%s", fdb->name, "0", 0, 0, suffixof(fdp->flags));
-    else
-        snprintf(buf, buflen, "%s.%s.%d.%d.%s", fdb->name, fdp->fuid, pno, revno, suffixof(fdp->flags));
+rctype dafdmkpfn(DA_FDP* fdp, int pno, int revno, char* buf, size_t buflen) {
+    int n = damkpfn(buf, fdp->flags & (DA_PFNOLDFMT | DA_PFNOWNFIB), fdp->fdb->name, revno, fdp->fuid, pno,
+                    static_cast<int>(buflen));
+    return n < 0 ? DA_BADARG : 0;
 }
 
 // Full path of partition pno from its directory entry.
@@ -218,71 +166,55 @@ rctype dafdpname(DA_FD* fd, int pno, char* buf, int buflen) {
     return dafdpfull(fdpof(fd), pno, buf, static_cast<size_t>(buflen));
 }
 
-// Adds a partition name to the directory. A direct FIB that is full fails;
-// an indirect one moves to a larger allocation at the end of the MDF.
+// Adds a partition name to the directory, without its directory when that
+// is the first metapath. A direct FIB that is full fails; an indirect one
+// moves to a larger allocation at the end of the MDF.
 rctype daalpde(DA_FDP* fdp, const char* full) {
     DA_FDB* fdb = fdp->fdb;
     const char* meta = firstmeta(fdp);
-    size_t ml = dirlen(meta);
-    const char* nm = full;
-    if (strncmp(full, meta, ml) == 0 && full[ml] == '/' && !strchr(full + ml + 1, '/')) nm = full + ml + 1;
-    int len = static_cast<int>(strlen(nm));
+    const char* nm;
+    int32_t len;
+    darelpn(meta, static_cast<int32_t>(strlen(meta)), full, static_cast<int32_t>(strlen(full)), &nm, &len);
+    rctype rc = dapdeadd(fdb->fib, nm, len);
+    if (rc != DA_FIBFULL) return rc < 0 ? rc : 0;
+    if (!(fdp->flags & DA_FDINDIRECT)) return rc;
     DA_FIB* fib = fdb->fib;
-    long need = DA_FIBLEN + fib->topused + 8 + fib->botused + len + 1;
-    if (need > fib->pdesize) {
-        if (!(fdp->flags & DA_FDINDIRECT)) return DA_FIBFULL;
-        long nalloc = roundpage(2L * fib->pdesize + DA_FIBLEN);
-        while (DA_FIBLEN + fib->topused + 8 + fib->botused + len + 1 > nalloc - DA_FIBLEN) nalloc *= 2;
-        auto* nf = static_cast<DA_FIB*>(fdalloc(nalloc));
-        if (!nf) return DA_NOMEM;
-        memcpy(nf, fib, DA_FIBLEN);
-        nf->pdesize = static_cast<int32_t>(nalloc - DA_FIBLEN);
-        nf->overflow = 0;
-        nf->topused = 0;
-        nf->botused = 0;
-        nf->numpde = 0;
-        char* nb = reinterpret_cast<char*>(nf);
-        for (int i = 0; i < fib->numpde; ++i) {
-            DA_PDE* e = pdeof(fib, i);
-            nf->botused += e->length + 1;
-            int at = nf->pdesize - nf->botused;
-            memcpy(nb + at, reinterpret_cast<char*>(fib) + e->offset, e->length + 1);
-            DA_PDE* ne = pdeof(nf, i);
-            ne->length = e->length;
-            ne->offset = at;
-            nf->numpde++;
-            nf->topused += 8;
-        }
-        // The new FIB goes to the end of the MDF, then the old one points to it.
-        DA_FDP* m = fdp->mdfd;
-        da_off_t noff = -1;
-        rctype rc = m->fd.fdwrite(&m->fd, nf, nalloc, &noff);
-        if (rc < 0) {
-            fdfree(nf, nalloc);
-            return rc;
-        }
-        int64_t ov = noff;
-        da_off_t patch = fdb->curfiboff + offsetof(DA_FIB, overflow);
-        rc = m->fd.fdwrite(&m->fd, &ov, sizeof ov, &patch);
-        if (rc < 0) {
-            fdfree(nf, nalloc);
-            return rc;
-        }
-        fib->overflow = ov;
-        fdfree(fib, fdb->fibsize);
-        fdb->fib = fib = nf;
-        fdb->fibsize = static_cast<int>(nalloc);
-        fdb->curfiboff = noff;
+    long nalloc = roundpage(2L * fib->pdesize + DA_FIBLEN);
+    while (DA_FIBLEN + fib->topused + 8 + fib->botused + len + 1 > nalloc - DA_FIBLEN) nalloc *= 2;
+    auto* nf = static_cast<DA_FIB*>(fdalloc(nalloc));
+    if (!nf) return DA_NOMEM;
+    // The same head, an empty directory, and every name again.
+    memcpy(nf, fib, DA_FIBLEN);
+    nf->pdesize = static_cast<int32_t>(nalloc - DA_FIBLEN);
+    nf->overflow = 0;
+    nf->topused = nf->botused = nf->numpde = 0;
+    for (int i = 0; i < fib->numpde && rc != DA_NOMEM; ++i) {
+        const char* pn;
+        int32_t pl;
+        rc = dapdenam(fib, i, &pn, &pl);
+        if (rc >= 0) rc = dapdeadd(nf, pn, pl);
+        if (rc < 0) break;
     }
-    char* base = reinterpret_cast<char*>(fib);
-    fib->botused += len + 1;
-    int at = fib->pdesize - fib->botused;
-    memcpy(base + at, nm, len + 1);
-    DA_PDE* e = pdeof(fib, fib->numpde);
-    e->length = len;
-    e->offset = at;
-    fib->numpde++;
-    fib->topused += 8;
+    if (rc >= 0) rc = dapdeadd(nf, nm, len);
+    if (rc < 0) {
+        fdfree(nf, nalloc);
+        return rc;
+    }
+    // The new FIB goes to the end of the MDF, then the old one points to it.
+    DA_FDP* m = fdp->mdfd;
+    da_off_t noff = -1;
+    rc = m->fd.fdwrite(&m->fd, nf, nalloc, &noff);
+    int64_t ov = noff;
+    da_off_t patch = fdb->curfiboff + offsetof(DA_FIB, overflow);
+    if (rc >= 0) rc = m->fd.fdwrite(&m->fd, &ov, sizeof ov, &patch);
+    if (rc < 0) {
+        fdfree(nf, nalloc);
+        return rc;
+    }
+    fdfree(fib, fdb->fibsize);
+    fdb->fib = nf;
+    fdb->fibsize = static_cast<int>(nalloc);
+    fdb->curfiboff = noff;
     return 0;
 }
 
@@ -304,18 +236,13 @@ rctype dawrfibp(DA_FDP* fdp) {
     DA_FDB* fdb = fdp->fdb;
     fdb->fib->filesize = fdb->filesize;
     if (fdp->flags & DA_FDINDIRECT) {
-        DA_FDP* m = fdp->mdfd;
         da_off_t off = fdb->curfiboff;
-        return m->fd.fdwrite(&m->fd, fdb->fib, fdb->fibsize, &off);
+        return dawrfib(daodsfd(&fdp->mdfd->fd), fdb->fib, &off);
     }
     if (fdb->numpcb < 1) return DA_INTERNAL;
     int pfd = fdb->pcbs[0].pfd;
     fdb->pcbs[0].flags |= DA_PCBDIRTY;
-    const char* b = reinterpret_cast<const char*>(fdb->fib);
-    rctype rc = dapwriteall(pfd, b, DA_FIBDIRECTLEN, 0);
-    if (rc == 0) rc = dapwriteall(pfd, b + DA_FIBLEN, fdb->fibsize - DA_FIBLEN, DA_FIBLEN);
-    if (rc < 0) IOError(fdp, "dawrfib", "FIB write failed", errno, 0);
-    return rc;
+    return dawrfibd(daodspfd(&pfd, fdb->name), fdb->fib);
 }
 
 // Reads the FIB head at the end of its overflow chain; *where gets its offset.
@@ -372,7 +299,7 @@ rctype loadfib(DA_FDP* fdp, const char* who) {
         rc = preadall(fdb->pcbs[0].pfd, reinterpret_cast<char*>(fib) + DA_FIBLEN, head.pdesize, DA_FIBLEN, &got);
     }
     if (rc == 0 && got < head.pdesize) rc = DA_SHORTREAD;
-    if (rc == 0) rc = checkdir(fib);
+    if (rc == 0) rc = dachkpde(fib, static_cast<int32_t>(alloc));
     if (rc < 0) {
         hsprint("%s: Unable to read FIB directory of %s: Reason=%s\n", who, fdb->name, hsstrer(rc));
         fdfree(fib, alloc);
@@ -455,7 +382,8 @@ rctype dafnewp(DA_FDP* fdp, int updateFib, int skipFlag) {
         start = hipath + (skipFlag ? 1 : 0);
     }
     char name[1024];
-    dafdmkpfn(fdp, pno, fib->revision, name, sizeof name);
+    rc = dafdmkpfn(fdp, pno, fib->revision, name, sizeof name);
+    if (rc < 0) return rc;
     int dflags = 4 | ((fdp->flags & DA_FDDIRECTIO) ? 0x20000 : 0);
     int tries = (skip == 1) ? fdp->numpath : std::max(0, fdp->numpath - start);
     for (int t = 0; t < tries; ++t) {
@@ -568,8 +496,8 @@ namespace {
 rctype ownfibopen(DA_FDP* fdp) {
     DA_FDB* fdb = fdp->fdb;
     char name[1024], full[4096];
-    dafdmkpfn(fdp, 0, 0, name, sizeof name);
-    rctype rc = dafulln(fdp->paths[0], name, full, sizeof full);
+    rctype rc = dafdmkpfn(fdp, 0, 0, name, sizeof name);
+    if (rc == 0) rc = dafulln(fdp->paths[0], name, full, sizeof full);
     if (rc < 0) return rc;
     rc = growpcbs(fdb);
     if (rc < 0) return rc;
@@ -594,21 +522,11 @@ rctype create(DA_FDP* fdp, DA_FDSTR* fstr) {
     if (!fib) return DA_NOMEM;
     fdb->fib = fib;
     fdb->fibsize = fibsize;
-    fib->ds_rv_wr.dsrvver[0] = 0;
-    fib->ds_rv_wr.dsrvver[1] = 1;
-    fib->ds_rv_wr.dsrvlen[0] = 0;
-    fib->ds_rv_wr.dsrvlen[1] = 0x80;
-    memcpy(reinterpret_cast<char*>(fib) + 8, fstr->ds_rv_wr, 120);
-    fib->version = (fdp->flags & DA_FDOLDFMT) ? DA_FIBVERSION_OLD : DA_FIBVERSION;
-    fib->length = DA_FIBLEN;
-    fib->revision = (fdp->flags & DA_FDINDIRECT) && fdp->mdfd->fdb->fib ? fdp->mdfd->fdb->fib->revision : 1;
-    if (fib->revision < 1) fib->revision = 1;
+    int32_t rev = (fdp->flags & DA_FDINDIRECT) && fdp->mdfd->fdb->fib ? fdp->mdfd->fdb->fib->revision : 1;
+    dainitfib(fib, fibsize, fdp->flags, fstr->namelen, fstr->ds_rv_wr, rev < 1 ? 1 : rev,
+              static_cast<int32_t>(time(nullptr)));
+    if (fdp->flags & DA_FDOLDFMT) fib->version = DA_FIBVERSION_OLD;
     fdb->revision = fib->revision;
-    fib->pdesize = fibsize - DA_FIBLEN;
-    fib->creflags = fdp->flags;
-    fib->namelen = fstr->namelen;
-    fib->freesegoff = -1;
-    fib->modtime = static_cast<int32_t>(time(nullptr));
     fdb->filesize = 0;
     rctype rc = dafnewp(fdp, 0, 0);
     if (rc < 0) return rc;
@@ -651,8 +569,9 @@ void mkkey(DA_FDP* fdp, const char* nm, da_off_t fiboff, char* key, size_t len) 
         snprintf(key, len, "%s@%lld:%s", fdp->mdfd->fdb->fullname, static_cast<long long>(fiboff), nm);
     } else {
         char pn[1100];
-        snprintf(pn, sizeof pn, "%s.0.0.0.%s", nm, suffixof(fdp->flags));
-        dafulln(fdp->paths[0], pn, key, static_cast<int>(len));
+        if (damkpfn(pn, (fdp->flags & DA_PFNOLDFMT) | DA_PFNOWNFIB, nm, 0, "0", 0, sizeof pn) < 0 ||
+            dafulln(fdp->paths[0], pn, key, static_cast<int>(len)) < 0)
+            key[0] = '\0';
     }
 }
 
@@ -708,7 +627,7 @@ rctype dafdopn(DA_FDSTR* fstr, DA_FD** fdout) {
     if (!fstr->mdfd) {
         fdp->flags |= DA_FDOWNFIB;
         fdp->mdfd = fdp;
-        mkmpid(fdp->paths[0], fdp->fuid, sizeof fdp->fuid);
+        if (dagmpid(fdp->paths[0], -1, fdp->fuid, sizeof fdp->fuid) < 0) fdp->fuid[0] = '\0';
     } else {
         fdp->mdfd = fdpof(fstr->mdfd);
         snprintf(fdp->fuid, sizeof fdp->fuid, "%s", fdp->mdfd->fuid);
@@ -817,7 +736,9 @@ rctype dafdexi(DA_FDSTR* fstr, char* fullpath, int fulllen) {
         fd->fdclose(fd);
         if (rc < 0) return rc;
     } else {
-        snprintf(nm, sizeof nm, "%.*s.0.0.0.%s", fstr->namelen, fstr->name, suffixof(flags));
+        char base[1100];
+        snprintf(base, sizeof base, "%.*s", fstr->namelen, fstr->name);
+        if (damkpfn(nm, (flags & DA_PFNOLDFMT) | DA_PFNOWNFIB, base, 0, "0", 0, sizeof nm) < 0) return DA_BADARG;
         rctype rc = dafulln(fstr->paths[0], nm, full, sizeof full);
         if (rc < 0) return rc;
     }
@@ -980,15 +901,8 @@ rctype dafdrev(DA_FD* fd, da_off_t) {
         }
         strcpy(fulls[i], old);
         if (i == 0 && (fdp->flags & DA_FDOWNFIB)) continue;
-        // Cut "<rev>.<suffix>" off the tail and put the new number in.
-        char* dot2 = strrchr(old, '.');
-        if (!dot2) continue;
-        *dot2 = 0;
-        char* dot1 = strrchr(old, '.');
-        *dot2 = '.';
-        if (!dot1) continue;
         char nw[4096];
-        snprintf(nw, sizeof nw, "%.*s.%d%s", static_cast<int>(dot1 - old), old, nrev, dot2);
+        if (darevpfn(old, nrev, nw, sizeof nw) < 0) continue;
         if (_UIODT->rename(old, nw) < 0) {
             // The partition keeps its name and the directory says so; the
             // caller learns that the revision is not whole.
@@ -1013,14 +927,16 @@ rctype dafdckrev(DA_FD* fd, int flags, da_off_t, da_off_t* fsize) {
     DA_FDB* fdb = fdp->fdb;
     rctype rc = 0;
     da_off_t total = 0;
-    char tail[64];
-    snprintf(tail, sizeof tail, ".%d.%s", fdb->fib->revision, suffixof(fdp->flags));
+    const char* sfx = suffixof(fdp->flags);
     for (int i = 0; i < fdb->fib->numpde; ++i) {
         char full[4096];
         if (dafdpfull(fdp, i, full, sizeof full) < 0) return DA_INTERNAL;
         if (!(i == 0 && (fdp->flags & DA_FDOWNFIB))) {
-            size_t fl = strlen(full), tl = strlen(tail);
-            if (fl < tl || strcmp(full + fl - tl, tail) != 0) rc = DA_REVDIFF;
+            const char* slash = strrchr(full, '/');
+            DA_PFNPARTS pp;
+            if (dafdpfn(slash ? slash + 1 : full, &pp, false) != 0 || pp.revno != fdb->fib->revision ||
+                static_cast<size_t>(pp.sfx_l) != strlen(sfx) || strncmp(pp.sfx, sfx, pp.sfx_l) != 0)
+                rc = DA_REVDIFF;
         }
         if (flags & 1) {
             struct stat st;

@@ -92,7 +92,7 @@ void DumpPcbs(DA_FDP* fdp);
 rctype BadOffset(DA_FDP* fdp, const char* who, rctype rc, da_off_t off);
 
 // Partition names and paths.
-void dafdmkpfn(DA_FDP* fdp, int pno, int revno, char* buf, size_t buflen);
+rctype dafdmkpfn(DA_FDP* fdp, int pno, int revno, char* buf, size_t buflen);
 rctype dafdpfull(DA_FDP* fdp, int pno, char* buf, size_t buflen);
 rctype daalpde(DA_FDP* fdp, const char* fullname);
 rctype dafrpde(DA_FDP* fdp, int pno);

@@ -98,6 +98,19 @@ int dafdpfn(const char* fileName, DA_PFNPARTS* parts, bool chkext) {
     return 0;
 }
 
+int darevpfn(const char* fileName, int revno, char* out, int size) {
+    const char* slash = std::strrchr(fileName, '/');
+    const char* base = slash ? slash + 1 : fileName;
+    DA_PFNPARTS p;
+    if (dafdpfn(base, &p, false) != 0) return -1;
+    // The revision is the field just before the suffix.
+    const char* revend = p.sfx - 1;
+    const char* revat = revend;
+    while (revat > base && revat[-1] != '.') --revat;
+    int n = std::snprintf(out, size, "%.*s%d%s", static_cast<int>(revat - fileName), fileName, revno, revend);
+    return n < 0 || n >= size ? -1 : n;
+}
+
 int dagmpid(const char* mdpath, int mdlen, char* fuid, int size) {
     if (mdlen < 0) mdlen = static_cast<int>(std::strlen(mdpath));
     // Every component is led by one "_" in place of its run of "/", so

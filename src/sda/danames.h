@@ -45,6 +45,11 @@ struct DA_PFNPARTS {
 // partition name; with chkext the suffix must be "vrta9".
 int dafdpfn(const char* fileName, DA_PFNPARTS* parts, bool chkext);
 
+// The same partition file name under another revision: fileName (a path or
+// a bare name) with its revno field replaced. The length, or -1 when it is no
+// partition name or out is too small.
+int darevpfn(const char* fileName, int revno, char* out, int size);
+
 // Metadata path id: the first metapath as one word, each component led by
 // "_": "/data/meta/" gives "_data_meta", the root gives "". Returns the
 // length, or -1 when it does not fit.

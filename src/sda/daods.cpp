@@ -428,6 +428,13 @@ rctype dachkfib(const DA_FIB* fib, int fdflags) {
     return 0;
 }
 
+rctype dachkfibsize(const DA_FIB* fib) {
+    if (fib->length > DA_FIBLEN) return DA_TOOLONG;
+    if (fib->pdesize < DA_FIBLEN || fib->pdesize > (1 << 24) || fib->numpde < 0 || fib->numpde > fib->pdesize / 8)
+        return DA_INTERNAL;
+    return 0;
+}
+
 rctype dachkpde(const DA_FIB* fib, int32_t fibsize) {
     // Entries grow up from 272, names down from pdesize; they must not meet.
     if (fib->pdesize < DA_FIBLEN || fib->pdesize > fibsize - DA_FIBLEN || fib->numpde < 0 ||

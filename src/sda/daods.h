@@ -568,6 +568,10 @@ void dainitfib(DA_FIB* fib, int32_t fibsize, int32_t creflags, int32_t namelen, 
                int32_t revision, int32_t now);
 // Version test of a FIB read from a file with FD flags fdflags.
 rctype dachkfib(const DA_FIB* fib, int fdflags);
+// Sizes in a FIB head that a reader can go by: a length of at most 272
+// (else 0x8000022f) and a directory allocation from 272 bytes to 16 MB with
+// room for its entries (else 0x80000216).
+rctype dachkfibsize(const DA_FIB* fib);
 // Consistency of the directory of a FIB whose allocation is fibsize bytes.
 rctype dachkpde(const DA_FIB* fib, int32_t fibsize);
 

@@ -65,14 +65,11 @@ bool darecovrev(DA_FCB* fcb, DA_LIBP* lp, int fdflags) {
             if (dapdefn(fib, i, mdpath, static_cast<int32_t>(strlen(mdpath)), full, sizeof full) < 0) continue;
             struct stat st;
             if (_UIODT->stat(full, &st) == 0) continue;
-            // "<...>.<rev>.<suffix>": the same name with the next revision.
-            char* sfx = strrchr(full, '.');
-            if (!sfx) continue;
-            *sfx = '\0';
-            char* rev = strrchr(full, '.');
-            *sfx = '.';
-            if (!rev || atoi(rev + 1) != fib->revision) continue;
-            snprintf(moved, sizeof moved, "%.*s.%d%s", static_cast<int>(rev - full), full, next, sfx);
+            // The same name with the next revision.
+            const char* slash = strrchr(full, '/');
+            DA_PFNPARTS pp;
+            if (dafdpfn(slash ? slash + 1 : full, &pp, false) != 0 || pp.revno != fib->revision) continue;
+            if (darevpfn(full, next, moved, sizeof moved) < 0) continue;
             if (_UIODT->stat(moved, &st) == 0 && _UIODT->rename(moved, full) == 0) {
                 hsprint("daopfcb: Partition %s of an interrupted revision update renamed back\n", full);
                 any = true;
