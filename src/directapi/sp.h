@@ -72,6 +72,8 @@ struct SP_IOB {
 
 // Files "Member=<name> Reason=<text>" as the code's substitution and returns SP_WRAPPED.
 rctype spmkerr(const char* mem, int memlen, rctype rc);
+// The same with a reason of the caller's own.
+rctype spmkerrtext(const char* mem, int memlen, const char* reason);
 // The last text filed by spmkerr in this thread.
 const char* splasterr();
 

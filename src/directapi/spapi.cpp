@@ -172,9 +172,11 @@ DA_FCB* fcbofsp(void* vfid) {
 
 namespace vrta {
 
-rctype spmkerr(const char* mem, int memlen, rctype rc) {
+rctype spmkerr(const char* mem, int memlen, rctype rc) { return spmkerrtext(mem, memlen, hsstrer(rc)); }
+
+rctype spmkerrtext(const char* mem, int memlen, const char* reason) {
     snprintf(lasterr, sizeof lasterr, "Member=%.*s Reason=%s", std::max(0, std::min(memlen, 32)), mem ? mem : "",
-             hsstrer(rc));
+             reason ? reason : "");
     xrmksub(1, lasterr, static_cast<int>(strlen(lasterr)));
     return SP_WRAPPED;
 }

@@ -5,6 +5,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -210,6 +211,22 @@ rctype writeout(Job& j, const VRTAINFO& vi, const VRTASORT* r) {
     return rc < 0 ? rc : 0;
 }
 
+// A spill that failed says where and why, a full work path above all; the
+// sorter's own code says only that the work file could not be written.
+rctype spillfail(Job& j, rctype rc) {
+    rctype why = rc == SR_RC_SPILL ? srgetspillrc(j.sp) : 0;
+    if (why >= 0 || why == SR_RC_SPILL) return rc;
+    char dir[1025];
+    if (srworkpath(dir, sizeof dir) <= 0) snprintf(dir, sizeof dir, "(none)");
+    char text[1400];
+    if (why == DA_NOSPACE)
+        snprintf(text, sizeof text, "The sort work file could not be written: no space left on the work path %s.", dir);
+    else
+        snprintf(text, sizeof text, "The sort work file could not be written on the work path %s: %s", dir,
+                 hsstrer(why));
+    return spmkerrtext(j.outname.data(), static_cast<int>(j.outname.size()), text);
+}
+
 }  // namespace
 
 extern "C" int vrtasort(void* vlib, const char* in, int in_l, const char* out, int out_l, const VRTASORT* req) {
@@ -254,8 +271,8 @@ extern "C" int vrtasort(void* vlib, const char* in, int in_l, const char* out, i
     p.flags = SR_EXACTMEM;
     p.interrupt = req->interrupt;
     if ((rc = sropen(&p, &j.sp)) < 0) return rc;
-    if ((rc = feed(j, vi)) < 0) return rc;
-    if ((rc = srfinish(j.sp)) < 0) return rc;
+    if ((rc = feed(j, vi)) < 0) return spillfail(j, rc);
+    if ((rc = srfinish(j.sp)) < 0) return spillfail(j, rc);
     if (stopped(req)) return SR_RC_INTERRUPT;
     if ((rc = create(j, vi, req, exit)) < 0) return rc;
     rc = writeout(j, vi, req);
@@ -266,5 +283,8 @@ extern "C" int vrtasort(void* vlib, const char* in, int in_l, const char* out, i
         if (rc >= 0) return 0;
     }
     j.dropout();
+    // A storage code from writing the copy says which table it is about.
+    if ((static_cast<uint32_t>(rc) & 0xffffff00u) == 0x80000200u)
+        rc = spmkerr(j.outname.data(), static_cast<int>(j.outname.size()), rc);
     return rc;
 }

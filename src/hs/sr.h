@@ -67,6 +67,7 @@ struct SR_FILE {
     long xfernread;
     char filename[64];
     char dirpath[1024];
+    rctype failrc;          // the file layer's code behind the last failed save
 };
 
 // A saved run, with its read buffer of binbufsize bytes behind it.
@@ -139,6 +140,7 @@ struct SR_CTX {
     char* rdbufp;
     SKB_KEY memskb;        // the key block of a caller without one
     rctype runrc;          // what ended srnextrec's stream
+    rctype spillrc;        // the code behind the last 0x8000040b: a full work path, ...
     bool done;
 };
 
@@ -165,6 +167,8 @@ const SR_PARMS* srgetparms(SR_CTX* sp);
 SR_RUNDATA* srgetrundata(SR_CTX* sp);
 int64_t srgetnrecs(SR_CTX* sp);
 rctype srgetrc(SR_CTX* sp);
+// What made the last spill fail (DA_NOSPACE for a full work path), 0 if none did.
+rctype srgetspillrc(SR_CTX* sp);
 void srfitmem(SR_PARMS* parms);
 int srgetmode(SR_PARMS* parms);
 int64_t srmemsize();
@@ -195,6 +199,9 @@ rctype sr_file_flush(SR_FILE* fp);
 rctype sr_file_delete(SR_FILE* fp);
 int32_t srranplace(SR_PARMS* parms);
 rctype sr_create_spill_file(const char* name_hdr, SR_FILE* fstrp, int random_place, DA_FD** fd);
+// The work path text spill files go to: the WORKPATH option, else the
+// temporary directory. Its length, 0 when there is none that fits size.
+int srworkpath(char* dir, int size);
 // Removes spill files left in dir by processes that no longer run.
 void sr_sweep_spill_files(const char* dir);
 

@@ -78,6 +78,7 @@ rctype appendbytes(SR_FILE* fp, const char* buf, long size) {
 }
 
 rctype savefail(SR_FILE* fp, rctype rc) {
+    fp->failrc = rc;
     hsprint("sor_bin_save: Bin write failed %s: Reason=%s\n", fp->filename, hsstrer(rc));
     return SR_RC_SPILL;
 }
@@ -107,6 +108,16 @@ bool isspill(const char* name, pid_t* pid) {
 
 }  // namespace
 
+int srworkpath(char* dir, int size) {
+    if (size < 2) return 0;
+    int len = 0;
+    void* opt = opgtgbl();
+    if (!opt || opgetop(opt, "WORKPATH", dir, &len) < 0 || len <= 0) len = hstmpdir(size - 1, dir);
+    if (len <= 0 || len >= size) return 0;
+    dir[len] = 0;
+    return len;
+}
+
 void sr_sweep_spill_files(const char* dir) {
     // Once per directory and process: later sorts find it clean already.
     static mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
@@ -133,11 +144,8 @@ void sr_sweep_spill_files(const char* dir) {
 rctype sr_create_spill_file(const char* name_hdr, SR_FILE* fstrp, int random_place, DA_FD** fd) {
     *fd = nullptr;
     char dir[1025];
-    int dirlen = 0;
-    void* opt = opgtgbl();
-    if (!opt || opgetop(opt, "WORKPATH", dir, &dirlen) < 0 || dirlen <= 0) dirlen = hstmpdir(1024, dir);
-    if (dirlen <= 0 || dirlen > 1024) return DA_NOSPACE;
-    dir[dirlen] = 0;
+    int dirlen = srworkpath(dir, sizeof dir);
+    if (dirlen <= 0) return DA_NOSPACE;
 
     xmpid pool = xmpoolc(4096, 4096, 0);
     if (!pool) return DA_NOMEM;

@@ -66,11 +66,18 @@ rctype sr_flush_bin(SR_CTX* sp) {
     if (sp->numsave == 0) return 0;
     rctype rc = 0;
     if (!sp->file_handle) rc = sr_file_init(sp, &sp->file_handle);
-    if (rc < 0 || !sp->file_handle) return SR_RC_SPILL;
+    if (rc < 0 || !sp->file_handle) {
+        sp->spillrc = rc < 0 ? rc : SR_RC_SPILL;
+        return SR_RC_SPILL;
+    }
     SR_BIN* bin = nullptr;
     if (sp->parms.mode == SR_POINTER_SORT) rc = sor_bin_save_ptr(sp->file_handle, sp->bin, sp->setup, sp->numsave, &bin);
     else rc = sor_bin_save(sp->file_handle, sp->bin, sp->numsave, &bin);
-    if (rc < 0) return rc == SR_RC_NOMEM ? rc : SR_RC_SPILL;
+    if (rc < 0 && rc != SR_RC_NOMEM) {
+        sp->spillrc = sp->file_handle->failrc < 0 ? sp->file_handle->failrc : rc;
+        return SR_RC_SPILL;
+    }
+    if (rc < 0) return rc;
     if (sp->flast) sp->flast->next = bin;
     else sp->flist = bin;
     sp->flast = bin;
@@ -398,6 +405,7 @@ const SR_PARMS* srgetparms(SR_CTX* sp) { return &sp->parms; }
 SR_RUNDATA* srgetrundata(SR_CTX* sp) { return &sp->run_data; }
 int64_t srgetnrecs(SR_CTX* sp) { return sp->totrecs; }
 rctype srgetrc(SR_CTX* sp) { return sp->runrc; }
+rctype srgetspillrc(SR_CTX* sp) { return sp ? sp->spillrc : 0; }
 
 rctype srsort2init(SR_PARMS* parms, SR_CTX** sp) { return sropen(parms, sp); }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "directapi/sp.h"
+#include "fullpath.h"
 #include "hs/sr.h"
 #include "sda/darc.h"
 #include "option/op.h"
@@ -299,5 +300,60 @@ TEST(DirectSort, CopyKeepsColumnsWholeAndTheInputsExitUnlessToldOtherwise) {
         EXPECT_TRUE(named(dom.path(), "x.").empty());
         EXPECT_TRUE(named(work.path(), "vrtasr_").empty());
     }
+    spldeasgn(lib);
+}
+
+// A full work path while runs spill, and a full domain path while the merge
+// feeds the copy: a clear code and text, no copy, no work file. The sort
+// reads its input whole before it makes the copy, so with room again the
+// same request succeeds.
+TEST(DirectSort, AFullWorkOrDomainPathLeavesNoCopyAndNoWorkFile) {
+    vrtatest::TempDir dom, work;
+    void* opt = vrta::opinitgbl();
+    ASSERT_NE(nullptr, opt);
+    std::string wp = work.path();
+    ASSERT_EQ(0, vrta::opsetop(opt, "WORKPATH", wp.data(), static_cast<int>(wp.size())));
+    void* lib = nullptr;
+    ASSERT_EQ(0, splasgn(dom.path().c_str(), &lib));
+    const int N = 3000;
+    ASSERT_TRUE(makeDressed(lib, "t", VRTACREATE{}, N));
+    VRTASORTKEY key{1, 0};
+    VRTASORT req{};
+    req.nkeys = 1;
+    req.keys = &key;
+    req.memsize = 65536;  // about 8 runs of the keyed rows
+    char text[600];
+    for (long budget : {0L, 40000L, 100000L}) {
+        SCOPED_TRACE(budget);
+        vrtatest::FullPath full(wp + "/", budget);
+        int rc = vrtasort(lib, "t", -1, "s", -1, &req);
+        ASSERT_EQ(VRTA_RC_WRAPPED, rc);
+        vrtaerrtext(rc, text, sizeof text);
+        EXPECT_NE(nullptr, strstr(text, ("no space left on the work path " + wp).c_str())) << text;
+        EXPECT_TRUE(named(dom.path(), "s.").empty());
+        EXPECT_TRUE(std::filesystem::is_empty(wp));
+    }
+    // The copy's rows fill the domain while the merge runs, with and without
+    // its reader thread.
+    for (const char* mt : {"NOMTMERGE", "MTMERGE"}) {
+        SCOPED_TRACE(mt);
+        ASSERT_EQ(0, vrta::opbinst(opt, mt));
+        std::string before = tableBytes(dom.path(), "t");
+        for (long budget : {0L, 30000L, 60000L}) {
+            vrtatest::FullPath full(dom.path() + "/", budget);
+            int rc = vrtasort(lib, "t", -1, "s", -1, &req);
+            EXPECT_LT(rc, 0);
+            vrtaerrtext(rc, text, sizeof text);
+            EXPECT_NE(nullptr, strstr(text, "Member=s Reason=No space left")) << text;
+            EXPECT_TRUE(named(dom.path(), "s.").empty());
+            EXPECT_TRUE(std::filesystem::is_empty(wp));
+        }
+        EXPECT_EQ(before, tableBytes(dom.path(), "t"));
+    }
+    ASSERT_EQ(0, vrtasort(lib, "t", -1, "s", -1, &req));
+    void* out = nullptr;
+    ASSERT_EQ(0, vrtaopen(lib, "s", -1, nullptr, 0, nullptr, 0, nullptr, -1, 0, &out));
+    expectSorted(out, N);
+    vrtaclose(out);
     spldeasgn(lib);
 }

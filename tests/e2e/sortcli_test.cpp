@@ -159,3 +159,56 @@ TEST(CliSort, CopyKeepsTheInputsExitAndKeyUnlessToldOtherwise) {
     EXPECT_EQ(1, nox.status);
     EXPECT_TRUE(files(dom, "x.").empty());
 }
+
+namespace {
+
+// vrta run with its writes under prefix failing with ENOSPC after budget new
+// bytes; pid gets the process id of vrta itself.
+Result vrtaFull(const std::string& args, const std::string& prefix, long budget, long* pid) {
+    vrtatest::TempDir tmp;
+    std::string errf = tmp.file("err");
+    vrtatest::CmdResult c = vrtatest::runCommand(
+        "echo $$; exec env LD_PRELOAD=" VRTA_BINARY_DIR "/libvrtafull.so VRTA_TEST_FULL='" + prefix +
+        "' VRTA_TEST_FULL_AFTER=" + std::to_string(budget) +
+        " ASAN_OPTIONS=\"$ASAN_OPTIONS:verify_asan_link_order=0\" " VRTA_TOOLS_DIR "/vrta " + args + " 2>" + errf);
+    Result r;
+    r.status = c.status;
+    size_t nl = c.out.find('\n');
+    *pid = nl == std::string::npos ? 0 : std::stol(c.out.substr(0, nl));
+    r.out = nl == std::string::npos ? c.out : c.out.substr(nl + 1);
+    r.err = vrtatest::readFile(errf);
+    return r;
+}
+
+}  // namespace
+
+TEST(CliSort, AFullWorkOrDomainPathEndsTheSortClearlyAndLeavesNothing) {
+    vrtatest::TempDir tmp;
+    std::string dom = tmp.file("d");
+    std::string csv = "id,word\n";
+    for (int i = 1; i <= 20000; ++i) csv += std::to_string((i * 7919) % 20000) + ",w" + std::to_string(i) + "\n";
+    vrtatest::writeFile(tmp.file("in.csv"), csv);
+    ASSERT_EQ(0, vrta("load " + dom + " t " + tmp.file("in.csv")).status);
+    std::string before = vrta("print " + dom + " t --csv").out;
+
+    // The work path is the default one; only this process's writes fail.
+    long pid = 0;
+    Result r = vrtaFull("sort " + dom + " t --by id --out s --memory 64K", "/var/tmp/", 100000, &pid);
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "no space left on the work path /var/tmp")) << r.err;
+    EXPECT_TRUE(files(dom, "s.").empty());
+    char mine[32];
+    snprintf(mine, sizeof mine, "vrtasr_%8.8lX", pid);
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(files("/var/tmp", mine).empty());
+
+    // The copy fills the domain while the merge runs.
+    r = vrtaFull("sort " + dom + " t --by id --out s --memory 64K", dom + "/", 50000, &pid);
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "Member=s Reason=No space left on any path of the table")) << r.err;
+    EXPECT_TRUE(files(dom, "s.").empty());
+    snprintf(mine, sizeof mine, "vrtasr_%8.8lX", pid);
+    EXPECT_TRUE(files("/var/tmp", mine).empty());
+    EXPECT_EQ(before, vrta("print " + dom + " t --csv").out);
+    EXPECT_EQ(0, vrta("sort " + dom + " t --by id --out s --memory 64K").status);
+}

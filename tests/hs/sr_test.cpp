@@ -14,7 +14,9 @@
 
 #include "hs/hs.h"
 #include "hs/sr.h"
+#include "fullpath.h"
 #include "option/op.h"
+#include "sda/darc.h"
 #include "testutil.h"
 
 using namespace vrta;
@@ -488,4 +490,59 @@ TEST(Sorter, SpillFilesOfAKilledSortAreGoneOnTheNextStart) {
     EXPECT_EQ(std::string(sp->file_handle->filename), now[0].substr(0, strlen(sp->file_handle->filename)));
     for (auto& s : stray) EXPECT_NE(s, now[0]);
     srclose(sp);
+}
+
+// A work path that fills up while runs are spilled, at the first run, midway
+// or at the last run srfinish writes: the sort ends with 0x8000040b, the
+// cause is there to tell the user, and closing leaves no file behind. With a
+// second path the spill moves on and the sort loses nothing.
+TEST(Sorter, AFullWorkPathEndsTheSpillClearlyAndLeavesNoFile) {
+    vrtatest::TempDir work;
+    Options o;
+    auto in = records(3000, 10, 100, 9, 26);
+    const long total = 3000L * 100;
+    for (sr_mode_t mode : {SR_MOVE_SORT, SR_POINTER_SORT}) {
+        // A bin holds 500 records, so 6 runs; the first waits for the second.
+        for (long budget : {0L, 1L, 120000L, total - 50000, total - 1}) {
+            SCOPED_TRACE(std::to_string(mode) + " budget " + std::to_string(budget));
+            o.str("WORKPATH", work.path());
+            vrtatest::FullPath full(work.path() + "/", budget);
+            SR_PARMS p = parms(10, 100, 50000, 0x80, mode);
+            Result r = runsort(p, in, 500);
+            EXPECT_EQ(SR_RC_SPILL, r.rc);
+            EXPECT_LE(full.spent(), budget);
+            EXPECT_TRUE(fs::is_empty(work.path()));
+        }
+        {
+            // The cause, while the sort is still open.
+            vrtatest::FullPath full(work.path() + "/", 120000);
+            SR_PARMS p = parms(10, 100, 50000, 0x80, mode);
+            SR_CTX* sp = nullptr;
+            ASSERT_EQ(0, sropen(&p, &sp));
+            EXPECT_EQ(0, srgetspillrc(sp));
+            rctype rc = 0;
+            for (auto& r : in)
+                if ((rc = srsort2addbin(sp, const_cast<char*>(r.data()), 1)) < 0) break;
+            EXPECT_EQ(SR_RC_SPILL, rc);
+            EXPECT_EQ(DA_NOSPACE, srgetspillrc(sp));
+            EXPECT_EQ(0, srclose(sp));
+            EXPECT_TRUE(fs::is_empty(work.path()));
+        }
+        {
+            // Two paths, the first full after one run: nothing is lost.
+            std::string a = work.file("a"), b = work.file("b");
+            ASSERT_EQ(0, mkdir(a.c_str(), 0755));
+            ASSERT_EQ(0, mkdir(b.c_str(), 0755));
+            o.str("WORKPATH", "('" + a + "' '" + b + "')");
+            vrtatest::FullPath full(a + "/", 50000);
+            SR_PARMS p = parms(10, 100, 50000, 0x80, mode);
+            Result r = runsort(p, in, 500);
+            ASSERT_EQ(0, r.rc);
+            EXPECT_EQ(6, r.runs);
+            expectSorted(in, r.out, 10);
+            EXPECT_TRUE(fs::is_empty(a) && fs::is_empty(b));
+            fs::remove(a);
+            fs::remove(b);
+        }
+    }
 }
