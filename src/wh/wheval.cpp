@@ -587,6 +587,30 @@ rctype logic(wh_env_t* env, SQLOP* n, const char* rec, int kor, int* truth) {
     return 0;
 }
 
+// The first count operands of n into vals.
+rctype operands(wh_env_t* env, SQLOP* n, const char* rec, int kor, int count, Val* vals) {
+    for (int i = 0; i < count; i++) {
+        SQLOP* c = get_child(n, i);
+        if (!c) return WH_RC_BADTREE;
+        if (rctype rc = fetch(env, c, rec, &vals[i], kor)) return rc;
+    }
+    return 0;
+}
+
+// A condition's result: its truth, as a number too.
+inline rctype setbool(Val* v, int* truth, bool t) {
+    *truth = t;
+    v->num = true;
+    v->d = t;
+    return 0;
+}
+
+// Two string operands, or BADTREE.
+rctype strings(wh_env_t* env, SQLOP* n, const char* rec, int kor, Val* ab) {
+    if (rctype rc = operands(env, n, rec, kor, 2, ab)) return rc;
+    return ab[0].num || ab[1].num ? WH_RC_BADTREE : 0;
+}
+
 rctype evalv(wh_env_t* env, SQLOP* n, const char* rec, Val* v, int kor, int* truth) {
     *truth = 0;
     short code = n->code;
@@ -599,10 +623,9 @@ rctype evalv(wh_env_t* env, SQLOP* n, const char* rec, Val* v, int kor, int* tru
         return 0;
     case OP_LAND:
     case OP_LOR: {
-        if (rctype rc = logic(env, n, rec, kor, truth)) return rc;
-        v->num = true;
-        v->d = *truth;
-        return 0;
+        int t;
+        if (rctype rc = logic(env, n, rec, kor, &t)) return rc;
+        return setbool(v, truth, t);
     }
     case OP_LNOT: {
         SQLOP* c = get_child(n, 0);
@@ -610,100 +633,58 @@ rctype evalv(wh_env_t* env, SQLOP* n, const char* rec, Val* v, int kor, int* tru
         Val cv;
         int t;
         if (rctype rc = evalv(env, c, rec, &cv, kor, &t)) return rc;
-        *truth = !t;
-        v->num = true;
-        v->d = *truth;
-        return 0;
+        return setbool(v, truth, !t);
     }
     case OP_ISNL:
     case OP_NTNL: {
-        SQLOP* c = get_child(n, 0);
-        if (!c) return WH_RC_BADTREE;
         Val a;
-        if (rctype rc = fetch(env, c, rec, &a, kor)) return rc;
+        if (rctype rc = operands(env, n, rec, kor, 1, &a)) return rc;
         bool isnull = a.num ? ismiss(a.d) : !strtruth(a.s, a.len);
-        *truth = code == OP_ISNL ? isnull : !isnull;
-        v->num = true;
-        v->d = *truth;
-        return 0;
+        return setbool(v, truth, (code == OP_ISNL) == isnull);
     }
     case OP_BETW:
     case OP_NBTW: {
-        SQLOP* c0 = get_child(n, 0);
-        SQLOP* c1 = get_child(n, 1);
-        SQLOP* c2 = get_child(n, 2);
-        if (!c0 || !c1 || !c2) return WH_RC_BADTREE;
-        Val a, lo, hi;
-        if (rctype rc = fetch(env, c0, rec, &a, kor)) return rc;
-        if (rctype rc = fetch(env, c1, rec, &lo, kor)) return rc;
-        if (rctype rc = fetch(env, c2, rec, &hi, kor)) return rc;
-        const Val* pl = &lo;
-        const Val* ph = &hi;
-        if (valcmp(env, lo, hi, 0) == 4) std::swap(pl, ph);
-        bool in = valcmp(env, a, *pl, 0) != 1 && valcmp(env, a, *ph, 0) != 4;
-        *truth = code == OP_BETW ? in : !in;
-        v->num = true;
-        v->d = *truth;
-        return 0;
+        Val x[3];
+        if (rctype rc = operands(env, n, rec, kor, 3, x)) return rc;
+        // Ends given high first work as if given in order.
+        const Val* pl = &x[1];
+        const Val* ph = &x[2];
+        if (valcmp(env, x[1], x[2], 0) == 4) std::swap(pl, ph);
+        bool in = valcmp(env, x[0], *pl, 0) != 1 && valcmp(env, x[0], *ph, 0) != 4;
+        return setbool(v, truth, (code == OP_BETW) == in);
     }
     case OP_LIKE:
     case OP_NLKE: {
-        SQLOP* c0 = get_child(n, 0);
-        SQLOP* c1 = get_child(n, 1);
-        if (!c0 || !c1) return WH_RC_BADTREE;
-        Val a, p;
-        if (rctype rc = fetch(env, c0, rec, &a, kor)) return rc;
-        if (rctype rc = fetch(env, c1, rec, &p, kor)) return rc;
-        if (a.num || p.num) return WH_RC_BADTREE;
-        bool lit = c1->code == OP_LITC;
-        int m = whlike(a.s, a.len, p.s, p.len, lit ? 1 : 0, lit ? &n->tmpptr : nullptr, code == OP_LIKE);
+        Val ap[2];
+        if (rctype rc = strings(env, n, rec, kor, ap)) return rc;
+        // A literal pattern is compiled once and kept in the node.
+        bool lit = get_child(n, 1)->code == OP_LITC;
+        int m = whlike(ap[0].s, ap[0].len, ap[1].s, ap[1].len, lit ? 1 : 0, lit ? &n->tmpptr : nullptr,
+                       code == OP_LIKE);
         if (m < 0) return m;
-        *truth = code == OP_LIKE ? m : !m;
-        v->num = true;
-        v->d = *truth;
-        return 0;
+        return setbool(v, truth, (code == OP_LIKE) == (m == 1));
     }
     case OP_CONT:
     case OP_NCON: {
-        SQLOP* c0 = get_child(n, 0);
-        SQLOP* c1 = get_child(n, 1);
-        if (!c0 || !c1) return WH_RC_BADTREE;
-        Val a, b;
-        if (rctype rc = fetch(env, c0, rec, &a, kor)) return rc;
-        if (rctype rc = fetch(env, c1, rec, &b, kor)) return rc;
-        if (a.num || b.num) return WH_RC_BADTREE;
-        bool has = strndx(a.s, a.len, b.s, b.len) >= 0;
-        *truth = code == OP_CONT ? has : !has;
-        v->num = true;
-        v->d = *truth;
-        return 0;
+        Val ab[2];
+        if (rctype rc = strings(env, n, rec, kor, ab)) return rc;
+        bool has = strndx(ab[0].s, ab[0].len, ab[1].s, ab[1].len) >= 0;
+        return setbool(v, truth, (code == OP_CONT) == has);
     }
     case OP_SDX:
     case OP_NSDX: {
-        SQLOP* c0 = get_child(n, 0);
-        SQLOP* c1 = get_child(n, 1);
-        if (!c0 || !c1) return WH_RC_BADTREE;
-        Val a, b;
-        if (rctype rc = fetch(env, c0, rec, &a, kor)) return rc;
-        if (rctype rc = fetch(env, c1, rec, &b, kor)) return rc;
-        if (a.num || b.num) return WH_RC_BADTREE;
-        bool same = whsndx(a.s, a.len, b.s, b.len);
-        *truth = code == OP_SDX ? same : !same;
-        v->num = true;
-        v->d = *truth;
-        return 0;
+        Val ab[2];
+        if (rctype rc = strings(env, n, rec, kor, ab)) return rc;
+        bool same = whsndx(ab[0].s, ab[0].len, ab[1].s, ab[1].len);
+        return setbool(v, truth, (code == OP_SDX) == same);
     }
     case OP_AADD:
     case OP_ASUB:
     case OP_AMUL:
     case OP_ADIV: {
-        SQLOP* c0 = get_child(n, 0);
-        SQLOP* c1 = get_child(n, 1);
-        if (!c0 || !c1) return WH_RC_BADTREE;
-        Val a, b;
-        if (rctype rc = fetch(env, c0, rec, &a, kor)) return rc;
-        if (rctype rc = fetch(env, c1, rec, &b, kor)) return rc;
-        double x = a.num ? a.d : VZ_MISSING, y = b.num ? b.d : VZ_MISSING;
+        Val ab[2];
+        if (rctype rc = operands(env, n, rec, kor, 2, ab)) return rc;
+        double x = ab[0].num ? ab[0].d : VZ_MISSING, y = ab[1].num ? ab[1].d : VZ_MISSING;
         double r;
         if (ismiss(x) || ismiss(y)) r = VZ_MISSING;
         else if (code == OP_AADD) r = x + y;
@@ -717,10 +698,8 @@ rctype evalv(wh_env_t* env, SQLOP* n, const char* rec, Val* v, int kor, int* tru
     }
     case OP_ANEG:
     case OP_APOS: {
-        SQLOP* c0 = get_child(n, 0);
-        if (!c0) return WH_RC_BADTREE;
         Val a;
-        if (rctype rc = fetch(env, c0, rec, &a, kor)) return rc;
+        if (rctype rc = operands(env, n, rec, kor, 1, &a)) return rc;
         double x = a.num ? a.d : VZ_MISSING;
         if (code == OP_ANEG && !ismiss(x)) x = -x;
         v->num = true;
@@ -760,14 +739,10 @@ rctype evalv(wh_env_t* env, SQLOP* n, const char* rec, Val* v, int kor, int* tru
     }
     case OP_MIN:
     case OP_MAX: {
-        SQLOP* c0 = get_child(n, 0);
-        SQLOP* c1 = get_child(n, 1);
-        if (!c0 || !c1) return WH_RC_BADTREE;
-        Val a, b;
-        if (rctype rc = fetch(env, c0, rec, &a, kor)) return rc;
-        if (rctype rc = fetch(env, c1, rec, &b, kor)) return rc;
-        bool less = valcmp(env, a, b, 0) == 1;
-        const Val& pick = (code == OP_MIN) == less ? a : b;
+        Val ab[2];
+        if (rctype rc = operands(env, n, rec, kor, 2, ab)) return rc;
+        bool less = valcmp(env, ab[0], ab[1], 0) == 1;
+        const Val& pick = (code == OP_MIN) == less ? ab[0] : ab[1];
         if (pick.num) {
             v->num = true;
             v->d = pick.d;
@@ -782,10 +757,9 @@ rctype evalv(wh_env_t* env, SQLOP* n, const char* rec, Val* v, int kor, int* tru
         return do_func(env, n, rec, v, kor, truth);
     default:
         if (isloopnode(code)) {
-            if (rctype rc = loopnode(env, n, rec, kor, truth)) return rc;
-            v->num = true;
-            v->d = *truth;
-            return 0;
+            int t;
+            if (rctype rc = loopnode(env, n, rec, kor, &t)) return rc;
+            return setbool(v, truth, t);
         }
         v->num = true;
         v->d = 0;

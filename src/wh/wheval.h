@@ -69,7 +69,7 @@ int whsoundx(const char* in, int len, char* out);
 bool whsndx(const char* a, int la, const char* b, int lb);
 
 // ---------------------------------------------------------------- planning
-struct WH_TABLE;
+struct DA_NAMESTR;
 // Plans clause (a wire form, or null when the table has a stored clause) for
 // the table fid. *maxthreadsp is lowered to what is worthwhile. *wh_handle may
 // hold the previous handle: it is always released.
@@ -78,6 +78,10 @@ rctype whinit(HS_NLSENV* targenv, const void* clause, DA_FID* fid, int iflags, i
 rctype whterm(WH_HANDLE* handle);
 rctype whsyncx(WH_HANDLE* wh_handle, int idxcnt, const void* idxarr);
 rctype whgetseglist(WH_HANDLE* handle, void** list);
+// Whether "column code valu" is decided by the column's stored min and max
+// (valu a literal, or for IN a set): 0x100 always true, 0x200 always false,
+// 0 undecided.
+int whevalminmax(wh_env_t* env, int code, SQLOP* valu, const DA_NAMESTR* v);
 // Checks a function call against the library and fills its FUNC leaf.
 rctype wh_asgn_func(WH_HANDLE* wh, SQLOP* flst);
 // The words of the plan flags as whinit traces them, into buf.

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "sda/daods.h"
 #include "ssubs/vz.h"
 #include "wh/wheval.h"
 
@@ -256,6 +257,75 @@ TEST(WhEval, PrivateCopiesRunOnTheirOwnThreads) {
     EXPECT_EQ(whevalterm(&same, 0), 0);
     wh->tree = nullptr;
     free_handle(wh);
+}
+
+}  // namespace
+
+namespace {
+
+// A column's stored min and max decide some clauses before a row is read.
+TEST(WhEval, MinAndMaxDecideWhatTheyCan) {
+    double mn = 5, mx = 9;
+    DA_NAMESTR col{};
+    col.type = 1;
+    col.nlng = 8;
+    col.minptr = &mn;
+    col.maxptr = &mx;
+    struct Case {
+        const char* clause;
+        int want;
+    } cases[] = {
+        {"x > 9", 0x200}, {"x >= 9", 0}, {"x >= 5", 0x100}, {"x > 5", 0}, {"x < 5", 0x200},
+        {"x <= 9", 0x100}, {"x < 9", 0}, {"x = 10", 0x200}, {"x = 4", 0x200}, {"x = 7", 0},
+        {"x ^= 10", 0x100}, {"x = .", 0x200}, {"x > .", 0x100}, {"x in (1, 2, 10)", 0x200},
+        {"x in (1, 7)", 0}, {"x in (., 12)", 0x200},
+    };
+    for (const Case& c : cases) {
+        Tree t(c.clause);
+        ASSERT_TRUE(t.t);
+        SQLOP* valu = get_child(t.t, 1);
+        EXPECT_EQ(whevalminmax(nullptr, t.t->code, valu, &col), c.want) << c.clause;
+    }
+    // Min, max and the value all equal: equality is always true.
+    mn = mx = 7;
+    Tree eq("x = 7");
+    EXPECT_EQ(whevalminmax(nullptr, OP_CEQ, get_child(eq.t, 1), &col), 0x100);
+    Tree in("x in (3, 7)");
+    EXPECT_EQ(whevalminmax(nullptr, OP_IN, get_child(in.t, 1), &col), 0x100);
+    // A range element: [6, 8] holds all of [7, 7]; (7, 8] none of it.
+    SQLOP* lo = nullptr;
+    SQLOP* hi = nullptr;
+    SQLOP* ran = nullptr;
+    SQLOP* set = nullptr;
+    ASSERT_EQ(0, get_node(&lo));
+    ASSERT_EQ(0, get_node(&hi));
+    ASSERT_EQ(0, get_node(&ran));
+    ASSERT_EQ(0, get_node(&set));
+    lo->code = hi->code = OP_LITN;
+    lo->type = hi->type = -8;
+    lo->u.nleaf.nbr = 6;
+    hi->u.nleaf.nbr = 8;
+    ran->code = OP_RANB;
+    set_child(ran, 0, lo);
+    set_child(ran, 1, hi);
+    set->code = OP_SET;
+    set_child(set, 0, ran);
+    EXPECT_EQ(whevalminmax(nullptr, OP_IN, set, &col), 0x100);
+    lo->u.nleaf.nbr = 7;
+    ran->code = OP_RANH;  // low end excluded
+    EXPECT_EQ(whevalminmax(nullptr, OP_IN, set, &col), 0x200);
+    free_tree(&set, nullptr);
+    // Characters compare blank padded.
+    char cmin[4] = {'B', 'B', ' ', ' '}, cmax[4] = {'D', ' ', ' ', ' '};
+    DA_NAMESTR ccol{};
+    ccol.type = 2;
+    ccol.nlng = 4;
+    ccol.minptr = cmin;
+    ccol.maxptr = cmax;
+    Tree c1("city = 'A'"), c2("city >= 'BB'"), c3("city < 'C'");
+    EXPECT_EQ(whevalminmax(nullptr, OP_CEQ, get_child(c1.t, 1), &ccol), 0x200);
+    EXPECT_EQ(whevalminmax(nullptr, OP_CGE, get_child(c2.t, 1), &ccol), 0x100);
+    EXPECT_EQ(whevalminmax(nullptr, OP_CLT, get_child(c3.t, 1), &ccol), 0);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "apiload.h"
 #include "csv.h"
+#include "rowout.h"
 #include "engopts.h"
 #include "vrta.h"
 
@@ -140,59 +141,8 @@ int run(const std::vector<std::string>& args) {
     };
 
     FILE* out = commandOutput();
-    if (csv) {
-        std::string line;
-        for (size_t i = 0; i < cols.size(); ++i) {
-            if (i) line += ',';
-            line += csvField(cols[i].name);
-        }
-        std::fprintf(out, "%s\n", line.c_str());
-        int st = keep([&](const unsigned char* r) {
-            line.clear();
-            for (size_t i = 0; i < cols.size(); ++i) {
-                if (i) line += ',';
-                // An empty text is written "", so that a row of one empty
-                // value is a line that load reads back, not an empty one.
-                std::string v = cellText(cols[i], r);
-                line += (v.empty() && cols[i].type == 2) ? std::string("\"\"") : csvField(v);
-            }
-            std::fputs(line.c_str(), out);
-            std::fputc('\n', out);
-        });
-        std::fflush(out);
-        return st;
-    }
-    // Aligned: one pass finds each column's width, the next prints.
-    std::vector<size_t> w(cols.size());
-    for (size_t i = 0; i < cols.size(); ++i) w[i] = cols[i].name.size();
-    int st = keep([&](const unsigned char* r) {
-        for (size_t i = 0; i < cols.size(); ++i) w[i] = std::max(w[i], cellText(cols[i], r).size());
-    });
-    if (st) return st;
-    std::string line;
-    auto cell = [&](size_t i, const std::string& v, bool right) {
-        if (i) line += "  ";
-        std::string pad(w[i] - std::min(w[i], v.size()), ' ');
-        line += right ? pad + v : v + (i + 1 < cols.size() ? pad : "");
-    };
-    auto trim = [&] {
-        while (!line.empty() && line.back() == ' ') line.pop_back();
-    };
-    for (size_t i = 0; i < cols.size(); ++i) cell(i, cols[i].name, cols[i].type == 1);
-    trim();
-    std::fprintf(out, "%s\n", line.c_str());
-    int64_t nrows = 0;
-    st = keep([&](const unsigned char* r) {
-        line.clear();
-        for (size_t i = 0; i < cols.size(); ++i) cell(i, cellText(cols[i], r), cols[i].type == 1);
-        trim();
-        std::fputs(line.c_str(), out);
-        std::fputc('\n', out);
-        ++nrows;
-    });
-    std::fprintf(out, "(%lld rows)\n", static_cast<long long>(nrows));
-    std::fflush(out);
-    return st;
+    RowScan scan = [&](const std::function<void(const unsigned char*)>& each) { return keep(each); };
+    return csv ? printCsv(out, cols, scan) : printAligned(out, cols, scan);
 }
 
 Register reg({"print", "print a table's rows, aligned or as CSV",

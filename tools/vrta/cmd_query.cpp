@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "apiload.h"
-#include "csv.h"
+#include "rowout.h"
 #include "vrta.h"
 #include "whscan.h"
 
@@ -106,55 +106,15 @@ int run(const std::vector<std::string>& args) {
         std::fflush(out);
         return 0;
     }
-    std::string line;
-    if (csv) {
-        for (size_t i = 0; i < cols.size(); ++i) {
-            if (i) line += ',';
-            line += csvField(cols[i].name);
-        }
-        std::fprintf(out, "%s\n", line.c_str());
-        int st = ws.each("query", [&](const unsigned char* r, int64_t) {
-            line.clear();
-            for (size_t i = 0; i < cols.size(); ++i) {
-                if (i) line += ',';
-                std::string v = cellText(cols[i], r);
-                line += (v.empty() && cols[i].type == 2) ? std::string("\"\"") : csvField(v);
-            }
-            line += '\n';
-            std::fputs(line.c_str(), out);
-        });
-        std::fflush(out);
-        return st;
-    }
-    // Aligned: one pass finds each column's width, a second prints.
-    std::vector<size_t> w(cols.size());
-    for (size_t i = 0; i < cols.size(); ++i) w[i] = cols[i].name.size();
-    int st = ws.each("query", [&](const unsigned char* r, int64_t) {
-        for (size_t i = 0; i < cols.size(); ++i) w[i] = std::max(w[i], cellText(cols[i], r).size());
-    });
-    if (st || (st = ws.rewind("query"))) return st;
-    auto cell = [&](size_t i, const std::string& v, bool right) {
-        if (i) line += "  ";
-        std::string pad(w[i] - std::min(w[i], v.size()), ' ');
-        line += right ? pad + v : v + (i + 1 < cols.size() ? pad : "");
+    // The second pass of the aligned form plans the clause again and
+    // starts over from the first row.
+    int passes = 0;
+    RowScan scan = [&](const std::function<void(const unsigned char*)>& each) {
+        if (passes++ > 0)
+            if (int st = ws.rewind("query")) return st;
+        return ws.each("query", [&](const unsigned char* r, int64_t) { each(r); });
     };
-    auto emit = [&] {
-        while (!line.empty() && line.back() == ' ') line.pop_back();
-        line += '\n';
-        std::fputs(line.c_str(), out);
-        line.clear();
-    };
-    for (size_t i = 0; i < cols.size(); ++i) cell(i, cols[i].name, cols[i].type == 1);
-    emit();
-    int64_t nrows = 0;
-    st = ws.each("query", [&](const unsigned char* r, int64_t) {
-        for (size_t i = 0; i < cols.size(); ++i) cell(i, cellText(cols[i], r), cols[i].type == 1);
-        emit();
-        ++nrows;
-    });
-    std::fprintf(out, "(%lld rows)\n", static_cast<long long>(nrows));
-    std::fflush(out);
-    return st;
+    return csv ? printCsv(out, cols, scan) : printAligned(out, cols, scan);
 }
 
 Register reg({"query", "print the rows of a table that satisfy a WHERE clause",
