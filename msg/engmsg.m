@@ -58,3 +58,5 @@
 #       286 %3zThe table is restricted.
 #       291 %1zThe new password does not meet the rules.
 #       292 %3zUser %s (group %s) connected to %s server version %s fix %s on host %s.
+#       293 The rows of a "%s" server are in another data format, which this engine does not convert yet.
+#       294 A table key or password is at most 12 characters.

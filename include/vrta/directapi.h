@@ -279,6 +279,11 @@ VRTA_API int spworkpath(int flags, int* npath, char*** ppvec);
 VRTA_API int spworkfree(int npath, char** ppvec);
 VRTA_API int sptmpdomain(char* tmpdom, int* tmpdomlen);
 
+/* The row pointer cursor: bufsize / (row length + 8) rows a call, by row
+ * number, within startobs..endobs (0 for no bound). */
+VRTA_API int spnewpt(void* vfid, long bufsize, int64_t startobs, int64_t endobs, void** newpnt);
+VRTA_API int spfreept(void* vpnt);
+
 /* Files the text "Member=<mem> Reason=<text of rc>" for vrtaerrtext and
  * returns VRTA_RC_WRAPPED. */
 VRTA_API int MakeError(const u_sname* mem, int rc);

@@ -116,11 +116,22 @@ VRTA_STATIC_ASSERT(offsetof(XHEATTR, locale) == 80 && sizeof(XHEATTR) == 116, "X
 #undef VRTA_SLOT
 #undef VRTA_STATIC_ASSERT
 
-/* The host's open request, as far as the table options need it. */
+struct XOFPENT;
+
+/* The host's open request (yoeopen, yoefix): the table, how it is opened,
+ * its options and the host's macro table. */
 typedef struct XOPNSTR {
     void* peng_lib;              /* the domain's block, from the assign */
     void* peng_op;               /* table options: made by the first yoepars of the open */
     const unsigned char* mactbl; /* macro table: 20-byte records, ended by one starting with a blank */
+    char memname[32];            /* the table, blank-padded */
+    char memtype[8];             /* blank-padded; blanks for "DATA" */
+    int openmode;                /* XO_* of vrtahost.h */
+    int shr[2];                  /* sharing words: [0] bit 8 record-level control, [1] lock forms */
+    void* keyptr;                /* index key of a keyed open, or null */
+    struct XOFPENT* fast_path;   /* the host's fast vector, filled by the open; may be null */
+    unsigned char pw[3][4];      /* read, write and alter passwords, scrambled; filled by the open */
+    unsigned char pwset[3];      /* 255 where the server gave a password word back */
 } XOPNSTR;
 
 /* Token tracks: the stream of tokens the option parsers read (the

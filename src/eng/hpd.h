@@ -219,8 +219,8 @@ rctype hpvallv(void* fid);
 
 #define VRTA_HPD_NOTYET(X)                                                                              \
     X(hpctrnc) X(hpddel) X(hpdrnm)                                                                      \
-    X(hpdexis) X(hpoopen) X(hpoclos) X(hporopn) X(hpofix) X(hpvprji) X(hpvprjl)               \
-    X(hpvprje) X(hpodefv) X(hpcdnot) X(hpvnamu) X(hpoaddl) X(hpoinfo) X(hpoload) X(hpgetnc) X(hpogetr)  \
+    X(hpdexis)               \
+    X(hpodefv) X(hpcdnot) X(hpvnamu) X(hpoaddl) X(hpoload) X(hpogetr)  \
     X(hpoadd) X(hpoupd) X(hpodel) X(hponote) X(hpopnt) X(hpon2rd) X(hpord2n) X(hpoforc) X(hpowset)      \
     X(hpoordr) X(hpounlk) X(hpcopen) X(hpcclos) X(hpcropn) X(hpcrd) X(hpcwrt) X(hpcpnt) X(hpcnote)      \
     X(hpcforc) X(hpiedef) X(hpidrop) X(hpiobtn) X(hpistat) X(hpieset) X(hpipnt) X(hpieget) X(hpcdpnt)   \
@@ -228,7 +228,7 @@ rctype hpvallv(void* fid);
     X(hpldlst) X(hpldpnt) X(hpldnt) X(hplmnt) X(hplmpt) X(hplminf) X(hplinf) X(hplmdel) X(hplmren)      \
     X(hplmset) X(hplmops) X(hplmfd) X(hplmopg) X(hpldinf) X(hplmskp) X(hplals) X(hplname) \
     X(hpoinfr) X(hpcinfs) X(hpdtest) X(hplinfs) X(hplinfr) X(hpclock) X(hpssgrp) X(hpssget)  \
-    X(hposth) X(hpdlasgn) X(hpokeep)                                                                    \
+    X(hpdlasgn) X(hpokeep)                                                                    \
     X(hpeopen) X(hpeclos) X(hpesacl) X(hpelacl) X(hpeaacl) X(hpemacl) X(hpeuacl) X(hpedacl) X(hpepopr)  \
     X(hpepcls) X(hpeplba) X(hpelusr) X(hpeplbl) X(hpeplbd) X(hpeplbm) X(hpeplbc) X(hpepdba) X(hpepdbd)  \
     X(hpepdbl) X(hpesys) X(hperopr) X(hperusr) X(hpercan) X(hperlck)

@@ -307,6 +307,18 @@ rctype hpdclass(const DS_HDR_REPLY& h, const unsigned char* body, long bodyl, in
     return HPD_RC_FAIL;
 }
 
+rctype hpdask(YXSOCK_OPEN* so, int native, int level, int id, const DS_RECDESC* d, const void* rec,
+              DS_HDR_REPLY* h, const HPD_RCTX* ctx) {
+    if (!so || so->eof) return hpderrtxt(MSGGRP, 79);
+    if (hpdsend(so, id, native, level, d, rec) != 0) return lost(so, HPD_RC_FAIL);
+    return hpdnext(so, native, level, h, ctx);
+}
+
+rctype hpdnext(YXSOCK_OPEN* so, int native, int level, DS_HDR_REPLY* h, const HPD_RCTX* ctx) {
+    if (rctype rc = hpdrecv(so, native, h); rc) return rc;
+    return hpdclass(*h, static_cast<const unsigned char*>(so->reca), so->recl, level, ctx);
+}
+
 void hpdrmsg(int rclass, const char* msg, long msgl) {
     if (rclass == 0) return;
     char t[1024];

@@ -86,6 +86,13 @@ struct HPD_RCTX {
 // Turns rcode and rclass into the return code, with substitutions; with
 // bit 2 clear it is 0 (the caller parses the body, then calls hpdrmsg).
 rctype hpdclass(const DS_HDR_REPLY& h, const unsigned char* body, long bodyl, int level, const HPD_RCTX* ctx);
+// One request on a socket and its reply, classified; the body stays in
+// reca. A connection that breaks is marked dead (2/75 logged) and gives
+// 0x80010005; a dead one fails at once with the text of 2/79.
+rctype hpdask(YXSOCK_OPEN* so, int native, int level, int id, const DS_RECDESC* d, const void* rec,
+              DS_HDR_REPLY* h, const HPD_RCTX* ctx = nullptr);
+// The next reply of a stream that follows a request, classified likewise.
+rctype hpdnext(YXSOCK_OPEN* so, int native, int level, DS_HDR_REPLY* h, const HPD_RCTX* ctx = nullptr);
 // Logs a reply's own text by its class: 2/77 a note, 2/78 any other non-zero.
 void hpdrmsg(int rclass, const char* msg, long msgl);
 

@@ -4,6 +4,7 @@
 #include "eng/hpd.h"
 #include "eng/hpdd.h"
 #include "eng/hpdl.h"
+#include "eng/hpdo.h"
 #include "eng/hpdopt.h"
 
 extern "C" {

@@ -107,6 +107,14 @@ rctype serve1(Session& s, const DS_HDR_METHOD& h) {
         case DSM_YOEOPEN: return tableopen(s, body, len);
         case DSM_YOECLOS: return tableclose(s, body, len);
         case DSM_YOEFIX: return tablefix(s, body, len);
+        case DSM_YOEGET_START: return tableget(s, body, len);
+        case DSM_YOEROPN: return tablereopen(s, body, len);
+        case DSM_YOEGET_TERM:
+        case DSM_YOEADD_STATUS:
+            // The end of a read the engine no longer wants: the stream has
+            // stopped already (this request ended it); no reply.
+            srvlog("connection %ld: end of a read (%s)", s.conn, m ? m->name : "?");
+            return 0;
         case DSM_YDEDOPN: return diropen(s, body, len);
         case DSM_YDEDRD: return dirread(s, body, len);
         case DSM_YDECLS: return dirclose(s, body, len);
@@ -146,6 +154,7 @@ std::string apitext(int rc) {
 void requests(YXSOCK_OPEN* so, long conn, const Config& cfg, const std::string&) {
     Session s{so, conn, hpdostag(cfg.osname)->native, levelof(cfg.prot), {}, {}, {}};
     for (long n = 0; n < 1000000 && !vrtasrv::stopping(); ++n) {
+        if (!waitrequest(s, so->waitms)) break;
         DS_HDR_METHOD h;
         rctype rc = hpdrecvm(so, s.native, &h);
         if (rc == YXS_RC_EOF) break;

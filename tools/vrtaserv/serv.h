@@ -12,7 +12,9 @@ namespace vrtaserv {
 struct Config {
     std::string passwords;
     char prot[4] = {'4', '.', '5', '0'};
-    char osname[8] = {'L', 'N', 'X', ' ', ' ', ' ', ' ', ' '};
+    // Our tables hold this machine's little-endian IEEE form: rows need no
+    // conversion for an engine on it.
+    char osname[8] = {'S', 'O', 'L', '-', 'x', '6', '4', ' '};
     int tsm = 0;  // maintenance number sent with the version
 };
 
@@ -40,6 +42,18 @@ void conversation(vrta::YXSOCK_OPEN* so, long conn, void* ctx);
 // Answers requests on a logged-in connection.
 void requests(vrta::YXSOCK_OPEN* so, long conn, const Config& cfg, const std::string& user);
 
+// One open table of a connection, with the data port its rows go out on.
+struct Table {
+    void* fid = nullptr;       // null once closed
+    std::string name;
+    int obslen = 0;
+    int blockfactor = 0;       // rows a block
+    int compress = 0;          // the engine asked for compressed blocks
+    int lfd = -1;              // the data port, listening
+    int dfd = -1;              // the engine's data connection
+    std::string upath;         // the data port's UNIX path, when it has one
+};
+
 // What a logged-in connection holds: its domains, open tables and member
 // lists, each numbered from 1 on this connection; null once given back.
 struct Session {
@@ -48,7 +62,7 @@ struct Session {
     int native;  // headers in this machine's order (by the tag we sent)
     int level;   // the level the engine speaks to us at
     std::vector<void*> libs;
-    std::vector<void*> tables;
+    std::vector<Table> tables;
     std::vector<std::vector<std::string>> dirs;  // member names still to hand out
 };
 
@@ -72,5 +86,19 @@ vrta::rctype dirread(Session& s, const unsigned char* body, long len);
 vrta::rctype dirclose(Session& s, const unsigned char* body, long len);
 // Gives back what a leaving client kept open.
 void sessionend(Session& s);
+
+// The data port of an open table: a listener on the address the engine
+// reached us on (or a UNIX path when it asked for one). 0, or -1 with why.
+int portopen(Session& s, Table& t, bool unixpath, int* port, std::string* why);
+// Accepts the engine's data connection and greets it with one byte.
+bool portaccept(Session& s, Table& t, int waitms);
+void portclose(Table& t);
+// Waits for the next request, accepting data connections meanwhile: false
+// when the wait timed out or the server is stopping.
+bool waitrequest(Session& s, int waitms);
+// DS_YOEGET_START: the reply, then the rows on the data port.
+vrta::rctype tableget(Session& s, const unsigned char* body, long len);
+// DS_YOEROPN.
+vrta::rctype tablereopen(Session& s, const unsigned char* body, long len);
 
 }  // namespace vrtaserv

@@ -10,6 +10,7 @@
 
 #include "../srvcom/srvcom.h"
 #include "eng/hpdmsg.h"
+#include "eng/hpdo.h"
 #include "eng/hpdutl.h"
 #include "hs/hs.h"
 #include "serv.h"
@@ -122,9 +123,16 @@ rctype tableopen(Session& s, const unsigned char* body, long len) {
     if (!lib || !*lib) return refuse(s, DSM_YOEOPEN, 0, "The domain " + std::to_string(q.libid) + " is not assigned.");
     char type8[9];
     std::snprintf(type8, sizeof type8, "%-8s", type.empty() ? "DATA" : type.c_str());
-    // A key sent as it stands opens an encrypted table; 12 bytes are a
-    // scrambled table password, which this server does not keep.
-    std::string key = q.ekeylen > 0 && q.ekeylen != 12 ? trim(q.ekey, std::min(q.ekeylen, 40)) : "";
+    // The table's key: 12 bytes are the scrambled password slots the engine
+    // makes of its option; anything else is the key as it stands.
+    std::string key;
+    if (q.ekeylen == 12) {
+        char k[12];
+        yhpwdcr(reinterpret_cast<const unsigned char*>(q.ekey), k);
+        key = trim(k, 12);
+    } else if (q.ekeylen > 0) {
+        key = trim(q.ekey, std::min(q.ekeylen, 40));
+    }
     bool update = (q.opnmode & 4) != 0;
     if (!(q.opnmode & 1) && !update)
         return refuse(s, DSM_YOEOPEN, 0, "Only input and update opens are served; " + name + " was not opened.");
@@ -133,17 +141,40 @@ rctype tableopen(Session& s, const unsigned char* body, long len) {
     {
         std::lock_guard<std::mutex> g(apilock);
         int gen = q.gennum == -1000 ? 0 : q.gennum;
-        int rc = update ? vrtaupdate(*lib, name.data(), static_cast<int>(name.size()), type8, key.empty() ? nullptr : key.c_str(), 0,
+        const char* k = key.empty() ? nullptr : key.c_str();
+        int rc = update ? vrtaupdate(*lib, name.data(), static_cast<int>(name.size()), type8, k, q.encoding_cei,
                                      nullptr, 0, 0, &fid)
-                        : vrtaopen(*lib, name.data(), static_cast<int>(name.size()), type8, gen,
-                                   key.empty() ? nullptr : key.c_str(), 0, nullptr, 0, 0, &fid);
+                        : vrtaopen(*lib, name.data(), static_cast<int>(name.size()), type8, gen, k, q.encoding_cei,
+                                   nullptr, 0, 0, &fid);
         if (rc < 0 || !fid) err = apitext(rc);
     }
     if (!fid) return refuse(s, DSM_YOEOPEN, rcodeof(err), err);
     VRTAINFO in{};
     vrtainfo(fid, VRTAINFO_ALL, &in);
-    s.tables.push_back(fid);
+    Table t;
+    t.fid = fid;
+    t.name = name;
+    t.obslen = in.obslen;
+    // Blocks of as many rows as the engine's network block holds.
+    t.blockfactor = static_cast<int>(std::max<long>(1, std::min<long>(q.blocksize, 1L << 24) / std::max(in.obslen, 1)));
+    t.compress = q.compress ? 1 : 0;
+    int port = 0;
+    std::string why;
+    if (portopen(s, t, q.afunix != 0, &port, &why) != 0) {
+        std::lock_guard<std::mutex> g(apilock);
+        vrtaclose(fid);
+        return refuse(s, DSM_YOEOPEN, 0, why);
+    }
+    s.tables.push_back(t);
     int openid = static_cast<int>(s.tables.size());
+    VRTASORTINFO si{};
+    std::string vars;
+    if (vrtainfo(fid, VRTAINFO_SORT, &si) == 0)
+        for (int i = 0; i < std::min(si.nvars, 128); ++i) {
+            unsigned char b[4];
+            hpdput4(b, si.var[i]);
+            vars.append(reinterpret_cast<char*>(b), 4);
+        }
 
     DS_YOEOPEN_REPLY r{};
     r.msg = r.label = r.spare1 = r.unixpath = r.vars = r.rangeinfo = r.dsn_clust = "";
@@ -151,7 +182,10 @@ rctype tableopen(Session& s, const unsigned char* body, long len) {
     r.numobs = in.numobs;
     r.obslen = in.obslen;
     r.blocksize = in.blocksize;
-    r.blockfactor = in.blockfactor;
+    r.blockfactor = t.blockfactor;
+    r.portno = port;
+    r.unixpath = t.upath.c_str();
+    r.unixpathl = static_cast<int32_t>(t.upath.size());
     r.nvar = in.numvar;
     r.nindexes = in.numindex;
     r.ridsize = 48;
@@ -163,6 +197,9 @@ rctype tableopen(Session& s, const unsigned char* body, long len) {
     r.labell = in.label_l;
     r.ndel = in.numdelete;
     pad(r.collate, 8, "");
+    r.nvars = static_cast<int32_t>(vars.size() / 4);
+    r.vars = vars.data();
+    r.varslen = static_cast<int32_t>(vars.size());
     std::memcpy(r.diskcomp, in.diskcomp, 8);
     r.encrypt = std::memcmp(in.encrypt, "        ", 8) != 0 ? 1 : 0;
     pad(r.lang, 4, "");
@@ -173,11 +210,18 @@ rctype tableopen(Session& s, const unsigned char* body, long len) {
     r.datasize = in.numobs * in.obslen;
     r.genhigh = 0;
     std::memset(r.ekey, ' ', sizeof r.ekey);
+    // The key goes back in its slots, so that an engine on this machine
+    // opens the table's files with it.
+    if (q.ekeylen == 12) {
+        r.ekeylen = 12;
+        std::memcpy(r.ekey, q.ekey, 12);
+    }
     std::memset(r.dsreqv, ' ', sizeof r.dsreqv);
     DS_HDR_REPLY h{DSM_YOEOPEN, 0, {}, 0, 0};
     if (rctype rc = hpdsendr(s.so, h, s.native, s.level, &DS_YOEOPEN_REPLY_D, &r); rc) return rc;
-    srvlog("connection %ld: open %s %s for %s as table %d: %lld rows of %d columns", s.conn, name.c_str(),
-           type.c_str(), update ? "update" : "input", openid, static_cast<long long>(in.numobs), in.numvar);
+    srvlog("connection %ld: open %s %s for %s as table %d: %lld rows of %d columns, %d rows a block%s", s.conn,
+           name.c_str(), type.c_str(), update ? "update" : "input", openid, static_cast<long long>(in.numobs),
+           in.numvar, t.blockfactor, t.compress ? ", compressed" : "");
 
     // The engine answers one byte: 0 goes on with the stream, anything
     // else drops it.
@@ -187,7 +231,8 @@ rctype tableopen(Session& s, const unsigned char* body, long len) {
         srvlog("connection %ld: the engine dropped the open of table %d", s.conn, openid);
         std::lock_guard<std::mutex> g(apilock);
         vrtaclose(fid);
-        s.tables[openid - 1] = nullptr;
+        portclose(s.tables[openid - 1]);
+        s.tables[openid - 1].fid = nullptr;
         return 0;
     }
     for (int v = 1; v <= in.numvar; ++v) {
@@ -212,18 +257,19 @@ rctype tableopen(Session& s, const unsigned char* body, long len) {
 rctype tableclose(Session& s, const unsigned char* body, long len) {
     DS_YOECLOS q{};
     if (dsparse(q, s.level, body, len) != 0) return badreq(s, DSM_YOECLOS);
-    void** fid = slot(s.tables, q.openid);
-    if (!fid || !*fid) return refuse(s, DSM_YOECLOS, 0, "The table " + std::to_string(q.openid) + " is not open.");
+    Table* t = slot(s.tables, q.openid);
+    if (!t || !t->fid) return refuse(s, DSM_YOECLOS, 0, "The table " + std::to_string(q.openid) + " is not open.");
     int64_t rows = 0;
-    vrtainfo(*fid, VRTAINFO_NUMOBS, &rows);
+    vrtainfo(t->fid, VRTAINFO_NUMOBS, &rows);
     int rc;
     std::string err;
     {
         std::lock_guard<std::mutex> g(apilock);
-        rc = vrtaclose(*fid);
+        rc = vrtaclose(t->fid);
         if (rc < 0) err = apitext(rc);
     }
-    *fid = nullptr;
+    t->fid = nullptr;
+    portclose(*t);
     srvlog("connection %ld: close of table %d%s", s.conn, q.openid, rc < 0 ? " failed" : "");
     if (rc < 0) return refuse(s, DSM_YOECLOS, 0, err);
     DS_YOECLOS_REPLY r{};
@@ -264,6 +310,8 @@ rctype tablefix(Session& s, const unsigned char* body, long len) {
     DS_YOEFIX_REPLY r{n};
     DS_HDR_REPLY h{DSM_YOEFIX, 0, {}, 0, 0};
     if (rctype rc = hpdsendr(s.so, h, s.native, s.level, &DS_YOEFIX_REPLY_D, &r); rc) return rc;
+    // Each index record's rcode names what became of it: 119, no repair needed.
+    h.rcode = 119;
     for (const u_sname& x : names) {
         DS_YOEFIX_INDEX_REPLY ix{};
         const char* t = "needed no repair";
@@ -334,8 +382,10 @@ rctype dirclose(Session& s, const unsigned char* body, long len) {
 
 void sessionend(Session& s) {
     std::lock_guard<std::mutex> g(apilock);
-    for (void* fid : s.tables)
-        if (fid) vrtaclose(fid);
+    for (Table& t : s.tables) {
+        if (t.fid) vrtaclose(t.fid);
+        portclose(t);
+    }
     for (void* lib : s.libs)
         if (lib) spldeasgn(lib);
 }
