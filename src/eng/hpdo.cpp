@@ -446,7 +446,7 @@ extern "C" rctype hpoopen(void* engid, void** xoe, XOPNSTR* opn) {
     // served (the generated conversions are not part of this engine yet).
     if (const HPD_OSTAG* tag = hpdostag(lib->server->osname); tag->trans) {
         char os[9];
-        std::snprintf(os, sizeof os, "%.8s", lib->server->osname);
+        std::snprintf(os, sizeof os, "%.*s", flen(lib->server->osname, 8), lib->server->osname);
         return fail(hpderrtxt(MSGGRP, 293, os));
     }
     // 4.
@@ -457,7 +457,8 @@ extern "C" rctype hpoopen(void* engid, void** xoe, XOPNSTR* opn) {
     std::memset(none.compress, ' ', 8);
     std::memset(none.type, ' ', 8);
     HPOOPT* opt = opn->peng_op ? static_cast<HPOOPT*>(opn->peng_op) : &none;
-    dcb->opt = opn->peng_op ? opt : nullptr;
+    // The host may free its options once the open is done: the bits are kept.
+    dcb->optbits = opt->debug;
     dcb->shrflag1 = opn->shr[0];
     dcb->shrflag2 = opn->shr[1];
     if (opt->debug & HPO_CNTLMEM) dcb->shrflag1 &= ~8;
@@ -814,7 +815,7 @@ extern "C" rctype hporopn(void* fid, int opnmode) {
         dcb->recordl = dcb->reclen8 = nl;
     }
     if (r.blockfactor > 0) dcb->blockfactor = r.blockfactor;
-    dcb->syncadd = macyes(dcb, "VRTASADD") || (dcb->opt && (dcb->opt->debug & HPO_SYNCADD));
+    dcb->syncadd = macyes(dcb, "VRTASADD") || (dcb->optbits & HPO_SYNCADD);
     dcb->syncread = macyes(dcb, "VRTASYRD") || (dcb->opnmode & 0x38000);
     dcb->resync = 1;
     return 0;

@@ -98,7 +98,7 @@ struct HPDDCB {
     char* labpool;     // 256 bytes a column: the labels
 
     // options
-    HPOOPT* opt;
+    int optbits;  // HPO_* bits of the table options
     int async;
     int opnmode;
     int verbose;
