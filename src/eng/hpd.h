@@ -137,6 +137,7 @@ struct HPDSNAME_INFO {
 using hpdnptr = HPDSNAME_INFO*;
 
 // An operator session; proxy and list sessions borrow its first fields.
+struct HPDOPT;
 struct HPDODCB {
     hpdlib lib;
     YXSOCK_OPEN* sopen;  // the domain's connection it derives from
@@ -145,6 +146,7 @@ struct HPDODCB {
     long recordl;
     int magic;
     int lportno;
+    HPDOPT* opt;         // user and password of the operator login
 };
 using hpdodcb = HPDODCB*;
 struct HPDBDCB {
@@ -228,7 +230,7 @@ rctype hpvallv(void* fid);
     X(hpldlst) X(hpldpnt) X(hpldnt) X(hplmnt) X(hplmpt) X(hplminf) X(hplinf) X(hplmdel) X(hplmren)      \
     X(hplmset) X(hplmops) X(hplmfd) X(hplmopg) X(hpldinf) X(hplmskp) X(hplals) X(hplname) \
     X(hpoinfr) X(hpcinfs) X(hpdtest) X(hplinfs) X(hplinfr) X(hpclock) X(hpssgrp) X(hpssget)  \
-    X(hpdlasgn) X(hpokeep)                                                                    \
+    X(hpokeep)                                                                    \
     X(hpeopen) X(hpeclos) X(hpesacl) X(hpelacl) X(hpeaacl) X(hpemacl) X(hpeuacl) X(hpedacl) X(hpepopr)  \
     X(hpepcls) X(hpeplba) X(hpelusr) X(hpeplbl) X(hpeplbd) X(hpeplbm) X(hpeplbc) X(hpepdba) X(hpepdbd)  \
     X(hpepdbl) X(hpesys) X(hperopr) X(hperusr) X(hpercan) X(hperlck)

@@ -204,6 +204,41 @@ rctype hporsrv(YXSOCK_OPEN** sopena, int s, const void* data, int datal) {
     return 0;
 }
 
+rctype hpdosrv(hpdodcb odcb, int s) {
+    YXSOCK_OPEN* so;
+    if (rctype rc = hpdport(odcb->sopen, s, nullptr, 0, HPD_DEFRECL, 0, 135, &so); rc) return rc;
+    int magic = 0, lport = 0;
+    if (!odcb->opt || init_conn_oper(so, odcb->opt, &magic, &lport) != 0) {
+        hpdsofree(so);
+        return hpderrtxt(MSGGRP, 136);
+    }
+    odcb->oopen = so;
+    odcb->magic = magic;
+    odcb->lportno = lport;
+    odcb->recordl = so->lrecl;
+    return 0;
+}
+
+rctype hpbosrv(hpdbdcb bdcb, int s) {
+    YXSOCK_OPEN* so;
+    if (rctype rc = hpdport(bdcb->sopen, s, nullptr, 0, HPD_DEFRECL, 1, 82, &so); rc) return rc;
+    char ack = 0;
+    if (hpcwrit(yxsfd(so), &ack, 1, so->gcb) != 0) {
+        hpdsofree(so);
+        xpmlog(MSGGRP, 75);
+        return HPD_RC_FAIL;
+    }
+    bdcb->oopen = so;
+    return 0;
+}
+
+rctype hpblsrv(hpdldcb ldcb, int s) {
+    YXSOCK_OPEN* so;
+    if (rctype rc = hpdport(ldcb->sopen, s, nullptr, 0, HPD_DEFRECL, 0, 82, &so); rc) return rc;
+    ldcb->oopen = so;
+    return 0;
+}
+
 rctype init_conn(YXSOCK_OPEN** sopena, hpdopt opt) {
     YXSOCK_OPEN* so = *sopena;
     char osuser[8], full[130];

@@ -45,6 +45,17 @@ rctype hporsrv(YXSOCK_OPEN** sopena, int s, const void* data, int datal);
 rctype hpdport(YXSOCK_OPEN* from, int port, const char* path, int pathl, long lrecl, int greet, int failmsg,
                YXSOCK_OPEN** out);
 
+// The sockets of an operator session, a proxy-to-proxy read and a list
+// read: port s on the host of the session's connection, stored in oopen.
+// An operator session logs in (2/135 when the port cannot be reached, the
+// text of 2/136 when the login fails); a proxy read is greeted with one byte
+// and answers with one; a list read has no greeting.
+rctype hpdosrv(hpdodcb odcb, int s);
+rctype hpbosrv(hpdbdcb bdcb, int s);
+rctype hpblsrv(hpdldcb ldcb, int s);
+// Record length of the sockets whose opener names none.
+constexpr long HPD_DEFRECL = HPD_MINRECL;
+
 // The logins, on an open socket.
 rctype init_conn(YXSOCK_OPEN** sopena, hpdopt opt);
 rctype init_conn_oper(YXSOCK_OPEN* sopen, hpdopt opt, int* magic, int* lport);

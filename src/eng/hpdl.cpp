@@ -144,7 +144,90 @@ rctype sendasg(HPDLIB* lib, hpdopt opt, const char* phys, int physl, int create,
     return 0;
 }
 
+// Keeps what an assign's reply says of the domain: its number, paths, token
+// and the name shown to the host. False without memory.
+bool storereply(HPDLIB* lib, const DS_YHELASG_REPLY& r) {
+    const YXSOCK_OPEN* so = lib->server->sopen;
+    lib->oport = r.oport;
+    lib->libid = r.libid;
+    lib->size = r.size;
+    lib->usertok = dupn(r.usertok, r.usertokl);
+    lib->usertokl = r.usertokl;
+    lib->metapath = dupn(r.metapath, r.metalen);
+    lib->metalen = r.metalen;
+    lib->indxpath = dupn(r.indxpath, r.indxlen);
+    lib->indxlen = r.indxlen;
+    lib->datapath = dupn(r.datapath, r.datalen);
+    lib->datalen = r.datalen;
+    lib->phys = dupn(r.phys, r.physlen);
+    lib->physl = r.physlen;
+    char pn[1400];
+    char host[129];
+    std::snprintf(host, sizeof host, "%s", so->hostname[0] ? so->hostname : so->ip);
+    for (char* c = host; *c; ++c) *c = static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
+    int n = std::snprintf(pn, sizeof pn, "%s:%d%.*s", host, r.pid, r.physlen, r.phys ? r.phys : "");
+    lib->pnl = std::min<int>(n, sizeof pn - 1);
+    lib->pn = dupn(pn, lib->pnl);
+    return lib->usertok && lib->metapath && lib->indxpath && lib->datapath && lib->phys && lib->pn;
+}
+
+// A directory assigned on the connection of the domain libx (hpdlasgn,
+// hpllasg): the same assign message with the caller's create word.
+rctype sublasg(HPDLIB* x, const char* name, const char* phys, int physl, int create, bool derived, HPDLIB** libp) {
+    *libp = nullptr;
+    if (!x || !x->server) return HPD_RC_NOALIAS;
+    YXSOCK_OPEN* so = x->sopen;
+    if (!so || so->eof) return hpderrtxt(MSGGRP, 79);
+    auto* lib = static_cast<HPDLIB*>(xmalloc(XM_THREADPOOL, sizeof(HPDLIB), XM_ZERO));
+    if (!lib) return HPD_RC_NOMEM;
+    std::memcpy(lib->id, "HPDL", 4);
+    std::memset(lib->name, ' ', 8);
+    if (name) std::memcpy(lib->name, name, strnlen(name, 8));
+    lib->server = x->server;
+    lib->sopen = so;
+    lib->hpd = x->hpd;
+    lib->level = x->level;
+    lib->async = 1;
+    std::memcpy(lib->domain, x->domain, 32);
+    if (derived) {
+        lib->where = x->where;
+        lib->perf = x->perf;
+        lib->wheresize = x->wheresize;
+    }
+    x->server->count += 1;
+    auto undo = [&](rctype rc) {
+        dropserv(lib->hpd, lib->server);
+        lib->server = nullptr;
+        hpdlfree(lib);
+        return rc;
+    };
+    HPDOPT o{};
+    std::memcpy(o.owner, "        ", 8);
+    std::string none;
+    DS_YHELASG_REPLY r{};
+    DS_HDR_REPLY h{};
+    if (rctype rc = sendasg(lib, &o, phys, physl, create, 0, &none, &r, &h); rc) return undo(rc);
+    std::string msg(r.msg ? r.msg : "", std::max(r.msglen, 0));
+    if (!storereply(lib, r)) return undo(HPD_RC_NOMEM);
+    linklib(lib->hpd, lib);
+    if (derived && x->handle) splasgn(lib->phys, &lib->handle);
+    hpdrmsg(h.rclass, msg.data(), static_cast<long>(msg.size()));
+    *libp = lib;
+    return 0;
+}
+
 }  // namespace
+
+rctype hpldir(const HPDLIB* x, const char* memname, int meml, char* out, int cap, int* outl) {
+    while (meml > 0 && memname[meml - 1] == ' ') --meml;
+    int n = std::snprintf(out, cap, "%.*s/%.*s", x->physl, x->phys ? x->phys : "", meml, memname);
+    if (n < 0 || n >= cap || meml <= 0) {
+        xrmksub(1, "the directory's name is empty or too long", -1);
+        return HPD_RC_FAIL;
+    }
+    *outl = n;
+    return 0;
+}
 
 HPDLIB* hpzlib(HPDLIB* head, const char* name8) {
     for (HPDLIB* l = head; l; l = l->next)
@@ -360,30 +443,9 @@ extern "C" rctype hpdlasg(void* engid, yhlibref* name, char* /*eng_name*/, void*
     if (rctype rc = sendasg(lib, opt, sendphys, sendl, create, flag, &aclres, &r, &h); rc) return undo(rc);
     // 17, before 16: the reply lies in the socket's buffer, which the
     // domain's own socket does not touch, but copies are made first anyway.
-    lib->oport = r.oport;
-    lib->libid = r.libid;
-    lib->size = r.size;
-    lib->usertok = dupn(r.usertok, r.usertokl);
-    lib->usertokl = r.usertokl;
-    lib->metapath = dupn(r.metapath, r.metalen);
-    lib->metalen = r.metalen;
-    lib->indxpath = dupn(r.indxpath, r.indxlen);
-    lib->indxlen = r.indxlen;
-    lib->datapath = dupn(r.datapath, r.datalen);
-    lib->datalen = r.datalen;
-    lib->phys = dupn(r.phys, r.physlen);
-    lib->physl = r.physlen;
-    char pn[1400];
-    char host[129];
-    std::snprintf(host, sizeof host, "%s", s->sopen->hostname[0] ? s->sopen->hostname : s->sopen->ip);
-    for (char* c = host; *c; ++c) *c = static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
-    int n = std::snprintf(pn, sizeof pn, "%s:%d%.*s", host, r.pid, r.physlen, r.phys ? r.phys : "");
-    lib->pn = dupn(pn, std::min<int>(n, sizeof pn - 1));
-    lib->pnl = std::min<int>(n, sizeof pn - 1);
     std::string msg(r.msg ? r.msg : "", std::max(r.msglen, 0));
     int rclass = h.rclass;
-    if (!lib->usertok || !lib->metapath || !lib->indxpath || !lib->datapath || !lib->phys || !lib->pn)
-        return undo(HPD_RC_NOMEM);
+    if (!storereply(lib, r)) return undo(HPD_RC_NOMEM);
     // 16.
     if (r.portno != 0) {
         if (rctype rc = hpolsrv(lib, r.portno); rc) return undo(rc);
@@ -475,5 +537,35 @@ extern "C" rctype hpdlins(void* engid, yhlibref* name, W_INFSTR** info) {
 
 extern "C" rctype hpdlinr(W_INFSTR* info) {
     if (info) xmfree(XM_THREADPOOL, info, sizeof(W_INFSTR));
+    return 0;
+}
+
+extern "C" rctype hpdlasgn(void* libx, char* name, char* memname, void** phs_name, int* sz, int create, void** libp) {
+    auto* x = static_cast<HPDLIB*>(libx);
+    if (libp) *libp = nullptr;
+    if (!x || !memname || !libp) return HPD_RC_NOALIAS;
+    // The member's directory below the domain; the count given includes one
+    // byte more than the name.
+    int meml = sz && *sz > 0 ? *sz - 1 : static_cast<int>(strnlen(memname, 32));
+    char path[1100];
+    int pl = 0;
+    if (rctype rc = hpldir(x, memname, meml, path, sizeof path, &pl); rc) return rc;
+    HPDLIB* lib = nullptr;
+    if (rctype rc = sublasg(x, name, path, pl, create, true, &lib); rc) return rc;
+    if (phs_name) *phs_name = lib->pn;
+    if (sz) *sz = lib->pnl;
+    *libp = lib;
+    return 0;
+}
+
+extern "C" rctype hpllasg(void* libx, char* name, void* phs_name, int sz, int create, void** libp) {
+    if (libp) *libp = nullptr;
+    if (!phs_name || sz <= 0 || !libp) return HPD_RC_NONAME;
+    HPDLIB* lib = nullptr;
+    if (rctype rc = sublasg(static_cast<HPDLIB*>(libx), name, static_cast<const char*>(phs_name), sz, create, false,
+                            &lib);
+        rc)
+        return rc;
+    *libp = lib;
     return 0;
 }

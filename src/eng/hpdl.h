@@ -25,6 +25,8 @@ HPDLIB* hpzlib(HPDLIB* head, const char* name8);
 rctype hpolsrv(hpdlib lib, int s);
 // Frees a domain and all it owns; unlinks it from its engine's list.
 void hpdlfree(hpdlib lib);
+// The directory of member memname below the domain x: its path and a "/".
+rctype hpldir(const HPDLIB* x, const char* memname, int meml, char* out, int cap, int* outl);
 
 }  // namespace vrta
 
@@ -34,4 +36,9 @@ rctype hpdlasg(void* engid, vrta::yhlibref* name, char* eng_name, void** phs_nam
 rctype hpdldas(void* engid, vrta::yhlibref* name);
 rctype hpdlins(void* engid, vrta::yhlibref* name, vrta::W_INFSTR** info);
 rctype hpdlinr(vrta::W_INFSTR* info);
+// A directory assigned on the connection of the domain libx: hpdlasgn the
+// member directory memname below it (its length plus one in *sz), hpllasg a
+// path as it stands. *libp receives the new domain; hpdldas gives it back.
+rctype hpdlasgn(void* libx, char* name, char* memname, void** phs_name, int* sz, int create, void** libp);
+rctype hpllasg(void* libx, char* name, void* phs_name, int sz, int create, void** libp);
 }

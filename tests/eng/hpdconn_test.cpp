@@ -412,3 +412,73 @@ TEST_F(Conn, BufferSizesAndDerivedPorts) {
     EXPECT_TRUE(log.has("The server did not greet the connection.")) << log.text();
     yxsclos(&mute);
 }
+
+TEST_F(Conn, OperatorProxyAndListPortsOfAConnection) {
+    auto sv = serv();
+    HPDOPT o = opt(sv->portText(), "alice", "secret1");
+    HPDSERV* s = nullptr;
+    ASSERT_EQ(hpdcsrv(&hpd, &o, &s), 0) << wiretest::subst();
+    char zero[] = "0";
+    // The operator port: a login of its own, whose magic and log port come back.
+    YXSOCK_OPEN op = wiretest::loopback(zero);
+    ASSERT_EQ(yxssopn(&op), 0);
+    std::string user;
+    std::thread peer([&] {
+        if (yxsacc(&op) != 0) return;
+        unsigned char m[4];
+        hpdput4(m, 77);
+        DS_HDR_METHOD h;
+        if (hpcwrit(op.cs, m, 4, nullptr) != 0 || hpdrecvxm(&op, &h) != 0 || h.id != DSM_SERVER_O_I) return;
+        DS_SERVER_O_I q{};
+        if (dsparse(q, HPD_LEVEL_LOGIN, static_cast<unsigned char*>(op.reca), op.recl) != 0 || q.magic != 77) return;
+        user.assign(q.user, q.userl);
+        DS_SERVER_O_I_REPLY r{};
+        r.msg = r.usertok = "";
+        r.logno = 4321;
+        hpdsendxr(&op, DS_HDR_REPLY{DSM_SERVER_O_I, 0, {}, 0, 0}, HPD_LEVEL_LOGIN, &DS_SERVER_O_I_REPLY_D, &r);
+    });
+    HPDODCB od{};
+    od.sopen = s->sopen;
+    od.opt = &o;
+    ASSERT_EQ(hpdosrv(&od, op.portno), 0) << wiretest::subst();
+    peer.join();
+    EXPECT_EQ(user, "alice");
+    EXPECT_EQ(od.magic, 77);
+    EXPECT_EQ(od.lportno, 4321);
+    hpdsofree(od.oopen);
+    // A port nobody listens on: the operator's own message, the login's text.
+    int gone = op.portno;
+    yxsclos(&op);
+    {
+        LogCatch log;
+        HPDODCB bad{};
+        bad.sopen = s->sopen;
+        bad.opt = &o;
+        EXPECT_EQ(hpdosrv(&bad, gone), HPD_RC_FAIL);
+        EXPECT_EQ(bad.oopen, nullptr);
+        EXPECT_TRUE(log.has("operator port")) << log.text();
+    }
+    // A proxy read is greeted and answers; a list read just connects.
+    for (int proxy : {1, 0}) {
+        YXSOCK_OPEN p = wiretest::loopback(zero);
+        ASSERT_EQ(yxssopn(&p), 0);
+        std::string got;
+        std::thread peer2([&] {
+            if (yxsacc(&p) != 0) return;
+            char g = 'G';
+            if (proxy && hpcwrit(p.cs, &g, 1, nullptr) != 0) return;
+            char b[2] = {};
+            ssize_t n = read(p.cs, b, proxy ? 1 : 2);  // a list read sends nothing: the end comes
+            got.assign(b, n > 0 ? n : 0);
+        });
+        HPDBDCB b{};
+        b.sopen = s->sopen;
+        ASSERT_EQ(proxy ? hpbosrv(&b, p.portno) : hpblsrv(&b, p.portno), 0) << wiretest::subst();
+        ASSERT_NE(b.oopen, nullptr);
+        hpdsofree(b.oopen);
+        peer2.join();
+        EXPECT_EQ(got, proxy ? std::string(1, '\0') : std::string());
+        yxsclos(&p);
+    }
+    hpdsfree(s);
+}

@@ -285,3 +285,44 @@ TEST_F(Assign, MembersOfARemoteDomainAreListedInPieces) {
     EXPECT_EQ(hpddopn(&hpd, &a, &d), HPD_RC_FAIL);
     EXPECT_EQ(wiretest::subst(), "The connection to the server was lost earlier; assign the domain again.");
 }
+
+TEST_F(Assign, MemberDirectoriesAndPathsOnTheSameConnection) {
+    auto sv = serv();
+    auto ns = names("SALES " + dir.file("sales") + " 127.0.0.1 " + sv->portText() + "\n");
+    mkdir(dir.file("sales/q1").c_str(), 0755);
+    HPDOPT o = opt(ns->port());
+    yhlibref a;
+    ASSERT_EQ(assign(&a, "S", "sales", &o), 0) << wiretest::subst();
+    auto* la = static_cast<HPDLIB*>(a.englib);
+    // A member directory: its name and one byte more in sz.
+    char mem[] = "q1";
+    void* pn = nullptr;
+    int sz = 3;
+    void* sub = nullptr;
+    ASSERT_EQ(hpdlasgn(la, const_cast<char*>("Q1"), mem, &pn, &sz, 0, &sub), 0) << wiretest::subst();
+    auto* ls = static_cast<HPDLIB*>(sub);
+    EXPECT_EQ(std::string(ls->phys, ls->physl), dir.file("sales/q1"));
+    EXPECT_EQ(std::string(static_cast<char*>(pn), sz), "127.0.0.1:" + std::to_string(sv->pid()) + dir.file("sales/q1"));
+    EXPECT_EQ(ls->server, la->server);
+    EXPECT_EQ(la->server->count, 2);
+    EXPECT_NE(ls->handle, nullptr);  // the parent has a direct path, so has the member
+    // A path as it stands; one that is not there is refused with the server's text.
+    std::string hr = dir.file("hr");
+    void* other = nullptr;
+    ASSERT_EQ(hpllasg(la, const_cast<char*>("H"), hr.data(), static_cast<int>(hr.size()), 0, &other), 0)
+        << wiretest::subst();
+    EXPECT_EQ(static_cast<HPDLIB*>(other)->handle, nullptr);
+    std::string none = dir.file("none");
+    void* bad = reinterpret_cast<void*>(1);
+    EXPECT_EQ(hpllasg(la, const_cast<char*>("N"), none.data(), static_cast<int>(none.size()), 0, &bad), HPD_RC_FAIL);
+    EXPECT_EQ(bad, nullptr);
+    EXPECT_NE(wiretest::subst().find("could not be assigned"), std::string::npos) << wiretest::subst();
+    EXPECT_EQ(la->server->count, 3);
+    for (void* l : {sub, other}) {
+        yhlibref r{};
+        r.englib = l;
+        EXPECT_EQ(hpdldas(&hpd, &r), 0) << wiretest::subst();
+    }
+    EXPECT_EQ(la->server->count, 1);
+    EXPECT_EQ(hpdldas(&hpd, &a), 0);
+}
