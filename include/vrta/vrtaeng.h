@@ -117,6 +117,7 @@ VRTA_STATIC_ASSERT(offsetof(XHEATTR, locale) == 80 && sizeof(XHEATTR) == 116, "X
 #undef VRTA_STATIC_ASSERT
 
 struct XOFPENT;
+struct NAMESTR;
 
 /* The host's open request (yoeopen, yoefix): the table, how it is opened,
  * its options and the host's macro table. */
@@ -132,6 +133,7 @@ typedef struct XOPNSTR {
     struct XOFPENT* fast_path;   /* the host's fast vector, filled by the open; may be null */
     unsigned char pw[3][4];      /* read, write and alter passwords, scrambled; filled by the open */
     unsigned char pwset[3];      /* 255 where the server gave a password word back */
+    struct NAMESTR* namestr;     /* out: the table's columns (INFOSTR num_vars of them), kept by the open until its close */
 } XOPNSTR;
 
 /* Token tracks: the stream of tokens the option parsers read (the

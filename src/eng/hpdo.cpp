@@ -713,6 +713,7 @@ extern "C" rctype hpoopen(void* engid, void** xoe, XOPNSTR* opn) {
     if (!dcb->recordc || (!(dcb->opnmode & 1) && !dcb->record)) return fail(HPD_RC_NOMEM);
     // 24.
     if (xoe) *xoe = dcb;
+    opn->namestr = dcb->namestr_array;
     // 25, 26.
     opendirect(dcb, -dcb->genhigh, directflags(lib));
     hpdrmsg(rclass, msg.data(), static_cast<long>(msg.size()));

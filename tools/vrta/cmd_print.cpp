@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <functional>
+#include <cctype>
 #include <string>
 #include <vector>
 
@@ -11,6 +13,7 @@
 #include "csv.h"
 #include "rowout.h"
 #include "engopts.h"
+#include "remote.h"
 #include "vrta.h"
 
 namespace vrtacli {
@@ -28,8 +31,8 @@ bool count(const std::string& s, int64_t* n) {
 
 // Calls each(row) for every live row from row `from` up to row `until`, at
 // most `limit` rows.
-template <class F>
-int scan(const OpenTable& t, int obslen, int64_t from, int64_t limit, int64_t until, F each) {
+int scan(const OpenTable& t, int obslen, int64_t from, int64_t limit, int64_t until,
+         const std::function<void(const unsigned char*)>& each) {
     const DirectApi* api = t.api;
     std::vector<unsigned char> buf(static_cast<size_t>(BUFROWS) * obslen);
     void* io = nullptr;
@@ -67,7 +70,13 @@ int scan(const OpenTable& t, int obslen, int64_t from, int64_t limit, int64_t un
     return 0;
 }
 
-int run(const std::vector<std::string>& args) {
+// One pass over the rows to print: each(row) for every one.
+using Pass = std::function<int(const std::function<void(const unsigned char*)>&)>;
+
+int run(const std::vector<std::string>& given) {
+    std::vector<std::string> args = given;
+    RemoteArgs ra;
+    if (int st = takeRemote(args, &ra)) return st;
     std::string key, opt;
     bool csv = false, hasopt = false;
     int64_t first = -1, last = -1;
@@ -94,12 +103,13 @@ int run(const std::vector<std::string>& args) {
             pos.push_back(a);
         }
     }
-    if (pos.size() != 2) return fail("print: needs DOMAIN_DIR TABLE (try --help)", 2);
+    const bool remote = !ra.nameserver.empty();
+    if (pos.size() != 2) return fail(remote ? "print: needs DOMAIN TABLE (try --help)" : "print: needs DOMAIN_DIR TABLE (try --help)", 2);
     if (first >= 0 && last >= 0) return fail("print: give --first or --last, not both", 2);
     // Table options: the key, and the rows by number.
     int64_t startobs = 1, endobs = INT64_MAX;
+    EngineOptions o;
     if (hasopt) {
-        EngineOptions o;
         if (int st = engineOptions("print", opt, OptKind::Table, &o)) return st;
         if (int st = onlyOptions("print", o, {"PW", "READ", "STARTOBS", "ENDOBS"})) return st;
         const vrta::HPOOPT* t = o.table;
@@ -113,26 +123,60 @@ int run(const std::vector<std::string>& args) {
         if (last >= 0 && (startobs > 1 || endobs < INT64_MAX))
             return fail("print: give --last or STARTOBS and ENDOBS, not both", 2);
     }
-    Domain dom;
-    if (int st = dom.assign(pos[0])) return st;
-    OpenTable t;
-    if (int st = t.open(dom, pos[1], key)) return st;
-    VRTAINFO vi;
-    int rc = dom.api->vrtainfo(t.fid, VRTAINFO_ALL, &vi);
-    if (rc != 0) return fail("print: " + dom.api->text(rc));
-    std::vector<ColInfo> cols = columns(t);
 
-    // The rows wanted: the first N from row 1, or the last N, found from a
-    // row early enough that deleted rows cannot leave fewer than N behind it.
-    int64_t from = startobs, limit = INT64_MAX;
-    if (first >= 0) limit = first;
-    if (last >= 0) from = std::max<int64_t>(1, vi.numobs - last - vi.numdelete + 1);
+    std::vector<ColInfo> cols;
+    Pass pass;
+    Domain dom;
+    OpenTable t;
+    RemoteDomain rdom;
+    RemoteTable rt;
+    int64_t limit = first >= 0 ? first : INT64_MAX;
+    if (remote) {
+        // The engine sends a table's key upper-cased; a key that would change
+        // is refused rather than sent wrong.
+        if (!key.empty()) {
+            for (char c : key)
+                if (std::islower(static_cast<unsigned char>(c)))
+                    return fail("print: over the wire a table's key goes in capitals; this key has small letters", 2);
+            if (key.size() > 12 || key.find('\'') != std::string::npos)
+                return fail("print: the key is longer than 12 characters or holds a quote", 2);
+            if (int st = engineOptions("print", "PW='" + key + "'", OptKind::Table, &o)) return st;
+        }
+        if (int st = rdom.assign("print", ra, pos[0])) return st;
+        if (int st = rt.open("print", rdom, pos[1], o.table, ra.road)) return st;
+        cols = rt.columns();
+        pass = [&](const std::function<void(const unsigned char*)>& each) {
+            int64_t done = 0;
+            return rt.rows("print", [&](const unsigned char* r) {
+                if (done >= limit) return false;
+                each(r);
+                return ++done < limit;
+            });
+        };
+    } else {
+        if (int st = dom.assign(pos[0])) return st;
+        if (int st = t.open(dom, pos[1], key)) return st;
+        VRTAINFO vi;
+        int rc = dom.api->vrtainfo(t.fid, VRTAINFO_ALL, &vi);
+        if (rc != 0) return fail("print: " + dom.api->text(rc));
+        cols = columns(t);
+        // The rows wanted: the first N from row 1, or the last N, found from a
+        // row early enough that deleted rows cannot leave fewer than N behind it.
+        int64_t from = startobs;
+        if (last >= 0) from = std::max<int64_t>(1, vi.numobs - last - vi.numdelete + 1);
+        int obslen = vi.obslen;
+        pass = [&t, obslen, from, limit, endobs](const std::function<void(const unsigned char*)>& each) {
+            return scan(t, obslen, from, limit, endobs, each);
+        };
+    }
+    int rowlen = 0;
+    for (const ColInfo& c : cols) rowlen = std::max(rowlen, c.pos + c.len);
     auto keep = [&](auto each) -> int {
-        if (last < 0) return scan(t, vi.obslen, from, limit, endobs, each);
+        if (last < 0) return pass(each);
         std::deque<std::vector<unsigned char>> tail;
-        int st = scan(t, vi.obslen, from, limit, endobs, [&](const unsigned char* r) {
+        int st = pass([&](const unsigned char* r) {
             if (last == 0) return;
-            tail.emplace_back(r, r + vi.obslen);
+            tail.emplace_back(r, r + rowlen);
             if (static_cast<int64_t>(tail.size()) > last) tail.pop_front();
         });
         if (st) return st;
@@ -148,6 +192,8 @@ int run(const std::vector<std::string>& args) {
 Register reg({"print", "print a table's rows, aligned or as CSV",
               "usage: vrta print DOMAIN_DIR TABLE [--csv] [--first N] [--last N] [--key KEY]\n"
               "                  [--opt 'TABLE OPTIONS']\n"
+              "       vrta print --name-server HOST:PORT --user USER DOMAIN TABLE [--road wire|direct]\n"
+              "                  [--csv] [--first N] [--last N] [--key KEY] [--opt 'TABLE OPTIONS']\n"
               "\n"
               "Prints the rows as an aligned table, numbers to the right, or with --csv as\n"
               "CSV with a header line, which vrta load reads back into the same rows.\n"
@@ -157,7 +203,14 @@ Register reg({"print", "print a table's rows, aligned or as CSV",
               "  --last N    only the last N rows\n"
               "  --key KEY   the key of an encrypted table\n"
               "  --opt TEXT  table options in the host's form: STARTOBS=n and ENDOBS=n (rows by\n"
-              "              their number), PW='key' or READ='key' (in quotes to keep its case)\n",
+              "              their number), PW='key' or READ='key' (in quotes to keep its case)\n"
+              "\n"
+              "With --name-server, DOMAIN is a name of the name server's map: the engine\n"
+              "assigns it, logs in as USER (password from VRTA_PASSWORD, or asked for on a\n"
+              "terminal) and reads the rows through its engine vector: over the wire, or on\n"
+              "the direct path when the data server runs on this machine. --road wire keeps\n"
+              "the direct path off; --road direct refuses to read over the wire. A key goes\n"
+              "to the server in capitals, so a key with small letters is refused.\n",
               run});
 
 }  // namespace

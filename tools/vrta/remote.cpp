@@ -23,6 +23,10 @@ using ydedrd_t = int (*)(void*, char*, int*, char*);
 using ydedcls_t = int (*)(void*);
 using yhelpfr_t = int (*)(void*);
 using rctext_t = int (*)(int, char*, int);
+using yoeopen_t = int (*)(void*, void**, XOPNSTR*);
+using yoeclos_t = int (*)(void*, int);
+using yoeropn_t = int (*)(void*, int);
+using yoeinfo_t = int (*)(void*, int, void*);
 
 constexpr int RC_EOF = 518;
 
@@ -72,7 +76,10 @@ bool quoted(const std::string& v, std::string* out) {
 int takeRemote(std::vector<std::string>& args, RemoteArgs* r) {
     std::vector<std::string> rest;
     for (size_t i = 0; i < args.size(); ++i) {
-        std::string* to = args[i] == "--name-server" ? &r->nameserver : args[i] == "--user" ? &r->user : nullptr;
+        std::string* to = args[i] == "--name-server" ? &r->nameserver
+                          : args[i] == "--user"      ? &r->user
+                          : args[i] == "--road"      ? &r->road
+                                                     : nullptr;
         if (!to) {
             rest.push_back(args[i]);
             continue;
@@ -87,6 +94,8 @@ int takeRemote(std::vector<std::string>& args, RemoteArgs* r) {
             return fail("--name-server wants HOST:PORT", 2);
         if (r->user.empty()) return fail("--name-server needs --user USER", 2);
     }
+    if (!r->road.empty() && r->road != "wire" && r->road != "direct") return fail("--road is wire or direct", 2);
+    if (!r->road.empty() && r->nameserver.empty()) return fail("--road needs --name-server", 2);
     return 0;
 }
 
@@ -96,6 +105,7 @@ RemoteDomain::~RemoteDomain() {
 }
 
 int RemoteDomain::assign(const std::string& cmd, const RemoteArgs& r, const std::string& domain) {
+    commandOutput();  // the module's diagnostics go to standard error from here on
     tbl_ = engineVector(&engid_);
     if (!tbl_) return 1;
     size_t colon = r.nameserver.rfind(':');
@@ -104,8 +114,10 @@ int RemoteDomain::assign(const std::string& cmd, const RemoteArgs& r, const std:
         !quoted(r.user, &user))
         return fail(cmd + ": the name server or user cannot be quoted", 2);
     EngineOptions eo;
-    if (int st = engineOptions(cmd, "HOST=" + host + " SERV=" + port + " USER=" + user, OptKind::Domain, &eo))
-        return st;
+    // The wire road keeps the direct path off; the engine then reads rows
+    // over the data port even on this machine.
+    std::string text = "HOST=" + host + " SERV=" + port + " USER=" + user + (r.road == "wire" ? " FASTOPT=NO" : "");
+    if (int st = engineOptions(cmd, text, OptKind::Domain, &eo)) return st;
     opts_ = eo.domain;
     std::string pw;
     if (!password(&pw)) return fail(cmd + ": no password: set VRTA_PASSWORD or run on a terminal", 2);
@@ -148,6 +160,74 @@ int RemoteDomain::tables(const std::string& cmd, std::vector<std::string>* names
     if (rc != RC_EOF) return fail(cmd + ": the list of tables broke off: " + rctext(rc));
     if (crc < 0) return fail(cmd + ": " + rctext(crc));
     return 0;
+}
+
+RemoteTable::~RemoteTable() {
+    if (fid_) reinterpret_cast<yoeclos_t>(tbl_->xhen.yoeclos)(fid_, 0);
+}
+
+int RemoteTable::open(const std::string& cmd, RemoteDomain& d, const std::string& table, vrta::HPOOPT* opts,
+                      const std::string& road) {
+    tbl_ = d.tbl_;
+    if (table.empty() || table.size() > 32) return fail(cmd + ": a table name has 1 to 32 characters", 2);
+    XOPNSTR q{};
+    q.peng_lib = d.ref_.englib;
+    q.peng_op = opts;
+    std::memset(q.memname, ' ', 32);
+    std::memcpy(q.memname, table.data(), table.size());
+    std::memset(q.memtype, ' ', 8);
+    q.openmode = XO_INPUT;
+    q.fast_path = &fast_;
+    int rc = reinterpret_cast<yoeopen_t>(tbl_->xhen.yoeopen)(d.engid_, &fid_, &q);
+    if (rc < 0 || !fid_) {
+        fid_ = nullptr;
+        return fail(cmd + ": table " + table + " could not be opened: " + rctext(rc));
+    }
+    auto info = reinterpret_cast<yoeinfo_t>(tbl_->xhen.yoeinfo);
+    int direct = 0;
+    if (info(fid_, HPOINFO_INFOSTR, &info_) != 0 || info(fid_, HPOINFO_DIRECT, &direct) != 0)
+        return fail(cmd + ": the engine could not describe " + table);
+    direct_ = direct != 0;
+    if (road == "direct" && !direct_)
+        return fail(cmd + ": " + table + " is read over the wire here: the direct path needs the server on this "
+                          "machine and the domain options allowing it",
+                    1);
+    for (int v = 0; v < info_.num_vars && q.namestr; ++v) {
+        const NAMESTR& n = q.namestr[v];
+        ColInfo c;
+        c.name.assign(n.name, n.namel);
+        c.label.assign(n.label, n.labell);
+        c.type = n.ntype;
+        c.pos = n.npos;
+        c.len = n.nlng;
+        cols_.push_back(c);
+    }
+    return 0;
+}
+
+int RemoteTable::blockfactor() const { return info_.rec_len > 0 ? info_.bufsize / info_.rec_len : 0; }
+
+std::vector<int> RemoteTable::sortOrder() const {
+    auto info = reinterpret_cast<yoeinfo_t>(tbl_->xhen.yoeinfo);
+    int32_t n = 0;
+    if (info(fid_, HPOINFO_SORTEDBY, &n) != 0 || n <= 0) return {};
+    std::vector<int32_t> v(static_cast<size_t>(n));
+    if (info(fid_, HPOINFO_SORTVARS, v.data()) != 0) return {};
+    return std::vector<int>(v.begin(), v.end());
+}
+
+int RemoteTable::rows(const std::string& cmd, const std::function<bool(const unsigned char*)>& each) {
+    if (passes_++ > 0) {
+        int rc = reinterpret_cast<yoeropn_t>(tbl_->xhen.yoeropn)(fid_, XO_INPUT);
+        if (rc < 0) return fail(cmd + ": the table could not be read again: " + rctext(rc));
+    }
+    for (;;) {
+        void* row = nullptr;
+        int rc = fast_.getn(fast_.fpfid, &row);
+        if (rc == VRTA_RC_ENDROWS) return 0;
+        if (rc < 0) return fail(cmd + ": reading rows failed: " + rctext(rc));
+        if (!each(static_cast<const unsigned char*>(row))) return 0;
+    }
 }
 
 }  // namespace vrtacli

@@ -2,16 +2,24 @@
 // vector, the domain options parsed by the module, the name server's
 // answer, and a login to the data server.
 #pragma once
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "apiload.h"
 #include "vrta/vrtaeng.h"
+#include "vrta/vrtahost.h"
+
+namespace vrta {
+struct HPOOPT;
+}
 
 namespace vrtacli {
 
 struct RemoteArgs {
     std::string nameserver;  // HOST:PORT, empty when not given
     std::string user;
+    std::string road;        // "wire", "direct" or empty: the engine's choice
 };
 
 // Takes "--name-server HOST:PORT" and "--user USER" out of args. 0, or the
@@ -32,6 +40,7 @@ public:
     int tables(const std::string& cmd, std::vector<std::string>* names);
 
 private:
+    friend class RemoteTable;
     const HPD_ENGTBL* tbl_ = nullptr;
     void* engid_ = nullptr;
     void* opts_ = nullptr;
@@ -40,6 +49,38 @@ private:
         void* englib;
     } ref_{};
     bool assigned_ = false;
+};
+
+// A table of a remote domain open for input through the engine; closed
+// when it goes.
+class RemoteTable {
+public:
+    RemoteTable() = default;
+    ~RemoteTable();
+    RemoteTable(const RemoteTable&) = delete;
+    RemoteTable& operator=(const RemoteTable&) = delete;
+    // Opens TABLE with the table options opts (or none). With road "direct"
+    // a table the engine reads over the wire is refused. 0 or an exit status.
+    int open(const std::string& cmd, RemoteDomain& d, const std::string& table, vrta::HPOOPT* opts,
+             const std::string& road);
+    const INFOSTR& info() const { return info_; }
+    const std::vector<ColInfo>& columns() const { return cols_; }
+    bool direct() const { return direct_; }
+    int blockfactor() const;
+    // The table's sort order: column numbers from 1, negative descending.
+    std::vector<int> sortOrder() const;
+    // One pass over the rows asked for, from the first: each(row) until it
+    // returns false. A second pass starts again from the first row.
+    int rows(const std::string& cmd, const std::function<bool(const unsigned char*)>& each);
+
+private:
+    const HPD_ENGTBL* tbl_ = nullptr;
+    void* fid_ = nullptr;
+    XOFPENT fast_{};
+    INFOSTR info_{};
+    std::vector<ColInfo> cols_;
+    bool direct_ = false;
+    int passes_ = 0;
 };
 
 }  // namespace vrtacli
