@@ -8,6 +8,7 @@
 #include "eng/hpd.h"
 #include "eng/hpdd.h"
 #include "eng/hpdl.h"
+#include "eng/hpdo.h"
 #include "eng/hpdopt.h"
 #include "hs/hs.h"
 #include "ssup/vv.h"
@@ -150,14 +151,14 @@ TEST(EngineVector, EntriesNotServedYetFailCleanlyAndNameThemselves) {
     xpgetpm(&oldfp, &olddata);
     xpsetpm(keepLine, &log);
     const HPD_ENGTBL* t = e.tbl();
-    void* xoe = reinterpret_cast<void*>(0x1234);
-    auto open = reinterpret_cast<int (*)(void*, void**, void*)>(t->xhen.yoeopen);
-    rctype rc = open(e.argv[VRTAENG_ID], &xoe, nullptr);
+    void* rec = reinterpret_cast<void*>(0x1234);
+    auto load = reinterpret_cast<int (*)(void*, void**)>(t->xhen.yoeload);
+    rctype rc = load(nullptr, &rec);
     EXPECT_EQ(rc, XP_RC_NOTYET);
     EXPECT_LT(rc, 0);
-    EXPECT_EQ(xoe, reinterpret_cast<void*>(0x1234));
+    EXPECT_EQ(rec, reinterpret_cast<void*>(0x1234));
     // The code carries the entry's name as its substitution.
-    EXPECT_EQ(subst(), "hpoopen");
+    EXPECT_EQ(subst(), "hpoload");
 
     rc = reinterpret_cast<int (*)(void*)>(t->hpdtbl.hperlck)(nullptr);
     EXPECT_EQ(rc, XP_RC_NOTYET);
@@ -165,7 +166,7 @@ TEST(EngineVector, EntriesNotServedYetFailCleanlyAndNameThemselves) {
     xpsetpm(oldfp, olddata);
 
     // Each refusal leaves one log line that names the entry.
-    EXPECT_NE(log.find("The request hpoopen is not available yet."), std::string::npos) << log;
+    EXPECT_NE(log.find("The request hpoload is not available yet."), std::string::npos) << log;
     EXPECT_NE(log.find("The request hperlck is not available yet."), std::string::npos) << log;
 }
 
