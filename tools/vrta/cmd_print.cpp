@@ -70,9 +70,6 @@ int scan(const OpenTable& t, int obslen, int64_t from, int64_t limit, int64_t un
     return 0;
 }
 
-// One pass over the rows to print: each(row) for every one.
-using Pass = std::function<int(const std::function<void(const unsigned char*)>&)>;
-
 int run(const std::vector<std::string>& given) {
     std::vector<std::string> args = given;
     RemoteArgs ra;
@@ -125,7 +122,7 @@ int run(const std::vector<std::string>& given) {
     }
 
     std::vector<ColInfo> cols;
-    Pass pass;
+    RowScan pass;
     Domain dom;
     OpenTable t;
     RemoteDomain rdom;
