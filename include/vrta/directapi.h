@@ -284,6 +284,41 @@ VRTA_API int sptmpdomain(char* tmpdom, int* tmpdomlen);
 VRTA_API int spnewpt(void* vfid, long bufsize, int64_t startobs, int64_t endobs, void** newpnt);
 VRTA_API int spfreept(void* vpnt);
 
+/* Indexes of a table. vrtaidxcreate builds a hybrid index over the
+ * table's columns (1-based), through a sort that spills to the work path
+ * when the rows do not fit memsize bytes; a failed or interrupted build
+ * leaves no index. vrtaidxlist fills up to n descriptions and returns how
+ * many indexes the table has; vrtaidxdrop removes one. */
+#define VRTAIX_UNIQUE 1 /* a value may have one row only */
+#define VRTAIX_NOMISS 2 /* rows whose key is missing are left out */
+typedef struct VRTAINDEXDEF {
+    const char* name;          /* 1 to 32 characters */
+    int ncols;                 /* 1 to 64 */
+    const int32_t* cols;       /* 1-based */
+    int flags;                 /* VRTAIX_UNIQUE, VRTAIX_NOMISS */
+    int64_t memsize;           /* sort memory; 0: INDEX_SORTSIZE, else SORTSIZE, else 64 MB */
+    const char* ekey;          /* key of an encrypted table, or null */
+    volatile int* interrupt;   /* polled; non-zero stops the build */
+    /* Called now and then: phase 1 rows sorted, 2 keys indexed; done of total. */
+    void (*progress)(void* arg, int phase, int64_t done, int64_t total);
+    void* progress_arg;
+} VRTAINDEXDEF;
+typedef struct VRTAIDXINFO {
+    char name[33];
+    int32_t ncols;
+    int32_t cols[64];          /* 1-based */
+    int32_t keyflags;
+    int32_t keylen;
+    int64_t numvals;           /* distinct values */
+    int64_t nummiss;           /* rows whose key is missing */
+    int64_t highobs;           /* rows indexed */
+    int64_t bytes;             /* size of the index's files */
+    int32_t usable;            /* 0: the index must be rebuilt before use */
+} VRTAIDXINFO;
+VRTA_API int vrtaidxcreate(void* vlib, const char* table, int table_l, const VRTAINDEXDEF* def);
+VRTA_API int vrtaidxlist(void* vlib, const char* table, int table_l, const char* ekey, VRTAIDXINFO* out, int n);
+VRTA_API int vrtaidxdrop(void* vlib, const char* table, int table_l, const char* index, const char* ekey);
+
 /* Files the text "Member=<mem> Reason=<text of rc>" for vrtaerrtext and
  * returns VRTA_RC_WRAPPED. */
 VRTA_API int MakeError(const u_sname* mem, int rc);

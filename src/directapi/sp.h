@@ -85,6 +85,10 @@ rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE*
 rctype spcreatev(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, int nvars, DA_NAMESTR* vars,
                  void** newfid);
 
+// A table opened at the storage layer in mode (DA_OMINPUT, DA_OMUTIL ..),
+// the member lock taken by the open; closed by its closefid.
+rctype spdaopen(void* vlib, const char* dsname, int dsnamelen, int mode, const char* ekey, DA_FID** fp);
+
 // Transcoding.
 rctype spnlsinit(SP_FID* spfid);
 rctype spnlsterm(SP_FID* spfid);

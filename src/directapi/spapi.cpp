@@ -272,6 +272,25 @@ int vrtaclose(void* vfid) {
 
 namespace vrta {
 
+rctype spdaopen(void* vlib, const char* dsname, int dsnamelen, int mode, const char* ekey, DA_FID** fp) {
+    auto* lp = static_cast<DA_LIB*>(vlib);
+    int nl = namelen(dsname, dsnamelen);
+    if (!lp || nl <= 0 || nl > 32 || !fp) return DA_BADARG;
+    DA_OPNSTR o{};
+    char nm[64];
+    snprintf(nm, sizeof nm, "%.*s", nl, dsname);
+    o.name = nm;
+    o.name_l = nl;
+    blankcopy(o.dstype, "DATA", 8);
+    o.mode = mode;
+    o.flags = mode == DA_OMINPUT ? SP_OPENFLAGS : SP_UPDFLAGS;
+    if (mode != DA_OMINPUT) memcpy(o.who_modified, WHO_MODIFIED, 8);
+    fillkey(o, ekey);
+    rctype rc = lp->mt->openfid(lp, &o, fp);
+    if (rc < 0) *fp = nullptr;
+    return rc;
+}
+
 rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, void** newfid) {
     if (!newfid) return DA_BADARG;
     *newfid = nullptr;

@@ -20,6 +20,9 @@ namespace vrta {
 namespace {
 
 constexpr int64_t DEFAULT_MEMORY = 64ll << 20;
+// Heap-sorted bins that stay in the processor's cache sort several times
+// faster than large ones; the merge of their runs is cheap beside that.
+constexpr int64_t BIN_MEMORY = 2ll << 20;
 constexpr long IOBYTES = 1 << 20;
 
 int64_t sortmemory(int64_t asked) {
@@ -134,8 +137,9 @@ rctype direct(Build& b) {
 rctype sorted(Build& b) {
     SR_PARMS p{};
     p.skb = b.skb;
-    p.mem_size = static_cast<size_t>(sortmemory(b.req->memsize));
-    p.merge_size = p.mem_size;
+    int64_t mem = sortmemory(b.req->memsize);
+    p.mem_size = static_cast<size_t>(std::min(mem, BIN_MEMORY));
+    p.merge_size = static_cast<size_t>(mem);
     p.flags = SR_EXACTMEM;
     p.interrupt = b.req->interrupt;
     rctype rc = sropen(&p, &b.sp);

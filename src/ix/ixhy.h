@@ -209,7 +209,7 @@ struct IX_BUILDREQ {
     int nvar;
     const int32_t* varnos;     // 1-based columns
     int flags;                 // IX_BUNIQUE, IX_BNOMISS
-    int64_t memsize;           // sort memory; 0: INDEX_SORTSIZE, SORTSIZE, else 64 MB
+    int64_t memsize;           // sort memory; 0: INDEX_SORTSIZE, SORTSIZE, else 64 MB (bins of 2 MB at most)
     volatile int* interrupt;   // polled; non-zero stops the build
     // phase 1 rows read into the sort, 2 keys into the index; done of total
     void (*progress)(void* arg, int phase, int64_t done, int64_t total);

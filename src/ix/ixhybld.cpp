@@ -671,7 +671,7 @@ rctype ixhysrtadd(IXH_HEADER_B* h, const void* value, hs_obsno_t obsno, int) {
         memcpy(&be, key + h->keylen, 8);
         obsno = static_cast<hs_obsno_t>(__builtin_bswap64(be));
     }
-    int32_t seg;
+    int32_t seg = 0;
     rctype rc = rowcheck(h, obsno, &seg);
     if (rc < 0) return rc;
     h->is_sorted_append = 1;
@@ -695,7 +695,7 @@ rctype ixhysrtadd(IXH_HEADER_B* h, const void* value, hs_obsno_t obsno, int) {
 }
 
 rctype ixhyadd(IXH_HEADER_B* h, const void* value, hs_obsno_t obs_no, int) {
-    int32_t seg;
+    int32_t seg = 0;
     rctype rc = rowcheck(h, obs_no, &seg);
     if (rc < 0) return rc;
     if (!h->skb) return h->add_error = IX_BADOPTS;

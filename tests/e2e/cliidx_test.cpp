@@ -79,3 +79,51 @@ TEST(CliIndex, MdfShowsTheRecordAndIdxShowsTheTrees) {
     EXPECT_EQ(2, runvrta("idx " + part + " --entries x").status);
     EXPECT_EQ(1, runvrta("idx " + tmp.path() + "/nothing").status);
 }
+
+// A user's road: a load that indexes a column, an index made and listed,
+// the .hbx side printed, a unique index refused over repeated values, a
+// missing column named, a drop.
+TEST(CliIndex, IndexCommandsCreateListShowAndDrop) {
+    vrtatest::TempDir tmp;
+    std::string dom = tmp.file("dom"), csv = tmp.file("p.csv");
+    std::string text = "id,name,grp\n";
+    for (int i = 1; i <= 300; ++i) text += std::to_string(i) + ",n" + std::to_string(i % 37) + ",g" + std::to_string(i % 4) + "\n";
+    vrtatest::writeFile(csv, text);
+    vrtatest::Result r = runvrta("load " + dom + " people " + csv + " --index grp");
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(r.out, "indexed people on grp")) << r.out;
+    r = runvrta("index create " + dom + " people byid --on id --unique");
+    ASSERT_EQ(0, r.status) << r.err;
+    r = runvrta("index create " + dom + " people both --on name,id");
+    ASSERT_EQ(0, r.status) << r.err;
+    r = runvrta("index list " + dom + " people");
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(r.out, "\ngrp ")) << r.out;
+    EXPECT_TRUE(has(r.out, "usable, unique")) << r.out;
+    EXPECT_TRUE(has(r.out, "name,id")) << r.out;
+    EXPECT_EQ(3u, count(r.out, "usable")) << r.out;
+    EXPECT_TRUE(has(r.out, "           4          300")) << r.out;  // 4 values over 300 rows
+
+    r = runvrta("idx " + dom + "/people.hbxgrp --entries 4");
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(r.out, "type 5 (hybrid)")) << r.out;
+    EXPECT_TRUE(has(r.out, "values 4")) << r.out;
+    EXPECT_EQ(4u, count(r.out, "\nvalue ")) << r.out;
+    EXPECT_TRUE(has(r.out, "  segment 0: ")) << r.out;
+
+    r = runvrta("index create " + dom + " people u --on grp --unique");
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "0x80000523")) << r.err;
+    r = runvrta("index create " + dom + " people x --on nope");
+    EXPECT_EQ(2, r.status);
+    EXPECT_TRUE(has(r.err, "no column 'nope'")) << r.err;
+    r = runvrta("index create " + dom + " people grp --on grp");
+    EXPECT_EQ(1, r.status);
+    r = runvrta("index drop " + dom + " people both");
+    ASSERT_EQ(0, r.status) << r.err;
+    r = runvrta("index list " + dom + " people");
+    EXPECT_EQ(2u, count(r.out, "usable")) << r.out;
+    EXPECT_FALSE(has(r.out, "name,id")) << r.out;
+    EXPECT_EQ(1, runvrta("index drop " + dom + " people both").status);
+    EXPECT_EQ(2, runvrta("index frob " + dom + " people").status);
+}

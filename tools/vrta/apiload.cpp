@@ -60,6 +60,9 @@ DirectApi* loadApi() {
     VRTA_GET(spreaddir) VRTA_GET(spclosedir) VRTA_GET(spnewrd) VRTA_GET(spnewwr) VRTA_GET(spfreerd)
     VRTA_GET(spfreeio) VRTA_GET(spsetloc) VRTA_GET(spreadv) VRTA_GET(spwritev) VRTA_GET(vrtaerrtext)
     VRTA_GET(vrtasort)
+    VRTA_GET(vrtaidxcreate)
+    VRTA_GET(vrtaidxlist)
+    VRTA_GET(vrtaidxdrop)
 #undef VRTA_GET
     if (!m.ok) {
         delete api;

@@ -32,6 +32,9 @@ struct DirectApi {
     VRTA_API_FN(spwritev)
     VRTA_API_FN(vrtaerrtext)
     VRTA_API_FN(vrtasort)
+    VRTA_API_FN(vrtaidxcreate)
+    VRTA_API_FN(vrtaidxlist)
+    VRTA_API_FN(vrtaidxdrop)
 #undef VRTA_API_FN
 
     // "text (0x........)" for a code the API returned.

@@ -12,6 +12,7 @@
 
 #include "hs/hs.h"
 #include "ix/bt.h"
+#include "ix/ixhy.h"
 #include "sda/daidx.h"
 #include "sda/danames.h"
 #include "vrta.h"
@@ -25,7 +26,9 @@ const char kUsage[] =
     "\n"
     "Prints an index file: the header and meta page of its B-tree, the\n"
     "segment page directory and every segment page with the trees it\n"
-    "describes, then each tree: its root, length, depth and entries.\n"
+    "describes, then each tree: its root, length, depth and entries. For the\n"
+    ".hbx file of a hybrid index: its header and, with --entries, the first\n"
+    "values (named by the .idx file beside it) with each of their segments.\n"
     "\n"
     "  --entries N  also print the first N entries of each tree (key in hex,\n"
     "               then the row number or the data in hex)\n"
@@ -33,7 +36,7 @@ const char kUsage[] =
     "  --pages      also print the head of every page of each tree\n"
     "\n"
     "FILE is the index file's partition (NAME.idxINDEX.<id>.0.<rev>.vrta9), or\n"
-    "NAME.idxINDEX in its directory. The file is read as one partition. A\n"
+    "NAME.idxINDEX (NAME.hbxINDEX) in its directory. The file is read as one partition. A\n"
     "damaged file is read as far as it can be; the first fault is named with\n"
     "its page.\n"
     "\n"
@@ -95,6 +98,95 @@ void meta(const _btmeta& m, int swapped) {
     }
 }
 
+const char* formname(int t) {
+    static const char* const n[] = {"none", "bitmap", "compressed", "list", "one row", "deleted", "eval", "?"};
+    return n[t & 7];
+}
+
+// A hybrid index's record of a value.
+std::string btdata(const void* p) {
+    IXHYBRID_BTDATA_D b;
+    memcpy(&b, p, sizeof b);
+    char buf[200];
+    if (ixbt_one_segment(b))
+        snprintf(buf, sizeof buf, "one segment %d, %s, %s %" PRId64 " at %" PRId64, ixbt_high_segno(b),
+                 formname(ixbt_bm_type(b)), ixbt_bm_type(b) == Bm_One_Bit_Set ? "row" : "rows",
+                 static_cast<int64_t>(b.obs_data), static_cast<int64_t>(b.data_loc));
+    else
+        snprintf(buf, sizeof buf, "rows %" PRId64 " in %d segments up to %d, newest chunk at %" PRId64 "%s",
+                 static_cast<int64_t>(b.obs_data), b.seg_data, ixbt_high_segno(b), static_cast<int64_t>(b.data_loc),
+                 ixbt_spare_segl(b) ? ", room in it" : "");
+    return buf;
+}
+
+// The .hbx side: its header, and with entries, each value's segments (the
+// values come from the .idx file beside it).
+int hbx(DA_IDX* ip, const std::string& path, long nentries) {
+    IXH_HEADER_D h;
+    rctype rc = ixhy_rdhdr(ip, &h, IXH_OREPAIR);
+    long nread = 0;
+    if (rc == IX_READFAIL || ip->mt->readidx(ip, &h, sizeof h, 0, &nread) < 0 || nread != static_cast<long>(sizeof h))
+        return vrtacli::fail("idx: " + path + ": the header cannot be read");
+    std::printf("header: version %d type %d (%s) segment_size %" PRId64 " value_len %d state %d (%s)\n",
+                h.common.version, h.common.type, typename_(h.common.type), static_cast<int64_t>(h.common.segment_size),
+                h.common.value_len, h.common.state,
+                h.common.state == IX_CLEAN ? "clean" : h.common.state == IX_DIRTY ? "dirty" : "?");
+    static const char* const dstates[] = {"good", "partial repair", "full repair", "cannot be repaired"};
+    std::printf("hybrid: version %d.%d segments %d values %" PRId64 " with chains %" PRId64 " chunks %" PRId64
+                " list up to %d rows%s\n",
+                h.version, h.subversion, h.n_segs, static_cast<int64_t>(h.n_values),
+                static_cast<int64_t>(h.n_segl_values), static_cast<int64_t>(h.n_chunks), h.max_obslist_size,
+                h.is_unique ? " unique" : "");
+    std::printf("        state %d (%s) dead bytes %.0f deleted values %" PRId64 " spare chunk slots %d\n", h.dstate,
+                h.dstate >= 0 && h.dstate <= 3 ? dstates[h.dstate] : "?", h.discarded_bytes,
+                static_cast<int64_t>(h.n_vdeletes), h.n_spare_chunkslots);
+    if (rc < 0 && rc != IX_NEEDREPAIR && rc != IX_NOREPAIR)
+        return vrtacli::fail("idx: " + path + ": " + hsstrer(rc));
+    if (nentries <= 0) return 0;
+    // NAME.hbxINDEX.<id>.0.<rev>.vrta9 beside NAME.idxINDEX.<id>.0.<rev>.vrta9
+    std::string idxpath = path;
+    size_t slash = idxpath.rfind('/');
+    size_t at = idxpath.find(".hbx", slash == std::string::npos ? 0 : slash);
+    if (at == std::string::npos) return vrtacli::fail("idx: " + path + ": no .idx file to name the values");
+    idxpath.replace(at, 4, ".idx");
+    DA_IDX* ii = nullptr;
+    if (daopidxf(idxpath.c_str(), 0, &ii) < 0) return vrtacli::fail("idx: cannot open " + idxpath);
+    BTREEINFO info{};
+    info.openmode = BT_OREAD;
+    info.options_present = 1;
+    DB* db = nullptr;
+    int orc = __bt_open(ii, BT_OREAD, &info, nullptr, &db, 0);
+    if (orc == 0) orc = __bt_open(ii, BT_OREAD, &info, nullptr, &db, 1);
+    int status = 0;
+    if (orc != 0) {
+        status = vrtacli::fail("idx: " + idxpath + ": " + hsstrer(bt_openrc(orc)));
+    } else {
+        DBT k, d;
+        long n = 0;
+        rctype r;
+        for (r = db->seq(db, &k, &d, R_FIRST); r == 0 && n < nentries; r = db->seq(db, &k, &d, R_NEXT), ++n) {
+            IXHYBRID_BTDATA_D b;
+            if (d.size == sizeof(IXHYBRID_UNIQ_BTDATA_D))
+                ixhy_convert_uniq_btdata(static_cast<const IXHYBRID_UNIQ_BTDATA_D*>(d.data), h.common.segment_size, &b);
+            else
+                memcpy(&b, d.data, sizeof b);
+            std::printf("value %s: %s\n", hex(k.data, k.size).c_str(), btdata(&b).c_str());
+            IXH_ST_ENTRY_D* segs = nullptr;
+            int64_t ns = 0;
+            if ((r = ixhy_value_segs(ip, &h, &b, &segs, &ns)) < 0) break;
+            for (int64_t i = 0; i < ns; ++i)
+                std::printf("  segment %d: %s, %s %" PRId64 " at %" PRId64 "\n", ixste_seg_no(segs[i]),
+                            formname(ixste_bm_type(segs[i])), ixste_bm_type(segs[i]) == Bm_One_Bit_Set ? "row" : "bytes",
+                            static_cast<int64_t>(segs[i].data), static_cast<int64_t>(segs[i].bm_offset));
+            free(segs);
+        }
+        if (r < 0) status = vrtacli::fail("idx: " + path + ": " + hsstrer(r));
+    }
+    if (db) db->close(db, -1, nullptr, 1);
+    ii->mt->closeidx(ii, 0);
+    return status;
+}
+
 // Walks one tree: depth, pages, entries; prints what was asked.
 rctype tree(DB* db, int64_t n, long nentries, bool pages) {
     BTREE* t = db->internal;
@@ -138,6 +230,7 @@ rctype tree(DB* db, int64_t n, long nentries, bool pages) {
             if (count >= nentries) continue;
             std::string line = "  " + hex(k.data, k.size);
             if (!(t->bt_flags & B_NOEQUALS)) line += " row " + std::to_string(bt_rowof(d.data));
+            else if (d.size == sizeof(IXHYBRID_BTDATA_D)) line += " " + btdata(d.data);
             else line += " data " + hex(d.data, d.size);
             lines.push_back(line);
         }
@@ -184,6 +277,22 @@ int run(const std::vector<std::string>& args) {
     rctype rc = daopidxf(path.c_str(), 0, &ip);
     if (rc < 0) return vrtacli::fail("idx: cannot open " + file + ": " + hsstrer(rc));
     std::printf("file %s (%" PRId64 " bytes)\n", path.c_str(), static_cast<int64_t>(ip->filesize));
+    {
+        // A hybrid index's .hbx file: no B-tree behind its header.
+        IX_HEADER_D head{};
+        uint32_t magic = 0;
+        long got = 0;
+        char first[sizeof head + 4] = {};
+        if (ip->mt->readidx(ip, first, sizeof first, 0, &got) == 0 && got == static_cast<long>(sizeof first)) {
+            memcpy(&head, first, sizeof head);
+            memcpy(&magic, first + sizeof head, 4);
+        }
+        if (head.type == IX_HYBRID && magic != BTREEMAGIC && magic != __builtin_bswap32(BTREEMAGIC)) {
+            int st = hbx(ip, path, nentries);
+            ip->mt->closeidx(ip, 0);
+            return st;
+        }
+    }
     // The meta page as it stands, before the tree's own checks.
     char raw[BT_MINPSIZE] = {};
     long nread = 0;

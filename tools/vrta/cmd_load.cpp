@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "apiload.h"
+#include "index.h"
 #include "engopts.h"
 #include "csv.h"
 #include "progress.h"
@@ -199,6 +200,7 @@ std::string where(const std::string& file, long line) { return file + ":" + std:
 int run(const std::vector<std::string>& args) {
     std::vector<std::string> pos;
     std::string compress, encrypt, key, types, opt, label;
+    std::vector<std::string> indexes;
     bool haskey = false, hasopt = false;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
@@ -220,6 +222,10 @@ int run(const std::vector<std::string>& args) {
             haskey = true;
         } else if (a == "--types") {
             if (!value(types)) return fail("load: --types needs a list like id:num,name:char(20)", 2);
+        } else if (a == "--index") {
+            std::string on;
+            if (!value(on) || on.empty()) return fail("load: --index needs a column, or COL,COL", 2);
+            indexes.push_back(on);
         } else if (a.size() > 1 && a[0] == '-' && a != "-") {
             return fail("load: unknown option '" + a + "' (try --help)", 2);
         } else {
@@ -452,12 +458,21 @@ int run(const std::vector<std::string>& args) {
     FILE* out = commandOutput();
     std::fprintf(out, "loaded %ld rows of %zu columns into %s\n", rows, ncol, table.c_str());
     std::fflush(out);
+    // Each index is named after its columns.
+    for (const std::string& on : indexes) {
+        std::string name;
+        for (char c : on) name += c == ',' ? '_' : c;
+        if (name.size() > 32) name.resize(32);
+        if (int st = buildIndex(dom, table, name, on, false, key)) return st;
+        std::fprintf(out, "indexed %s on %s\n", table.c_str(), on.c_str());
+        std::fflush(out);
+    }
     return 0;
 }
 
 Register reg({"load", "make a table from a CSV file",
               "usage: vrta load DOMAIN_DIR TABLE FILE.csv [--compress NAME] [--encrypt NAME --key KEY]\n"
-              "                 [--types LIST] [--opt 'TABLE OPTIONS']\n"
+              "                 [--types LIST] [--opt 'TABLE OPTIONS'] [--index COL[,COL]]...\n"
               "\n"
               "Makes the table TABLE in the domain directory (made when missing) from a CSV file\n"
               "whose first line names the columns. A column becomes a number only when a number\n"
@@ -476,6 +491,8 @@ Register reg({"load", "make a table from a CSV file",
               "                   characters); the table then opens only with --key KEY\n"
               "  --opt TEXT       table options in the host's form: COMPRESS=NAME (or NO) and\n"
               "                   LABEL='text'\n"
+              "  --index COLS     after the load, an index over the column(s), named after them\n"
+              "                   (see vrta index); may be given more than once\n"
               "\n"
               "A bad line stops the load with its line number, and no table is left.\n",
               run});
