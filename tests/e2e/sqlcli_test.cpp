@@ -69,7 +69,8 @@ struct Table {
         std::string csv = "K1,K2,X,Y\n", sql = "CREATE TABLE t(k1 REAL, k2 TEXT, x REAL, y REAL);\nBEGIN;\n";
         for (int i = 0; i < nrows; i++) {
             int k1 = static_cast<int>(g() % 5);
-            std::string k2 = "s" + std::to_string(g() % (nrows / 3 + 1));
+            std::string k2 = "s";
+            k2 += std::to_string(g() % (nrows / 3 + 1));
             bool xmiss = g() % 9 == 0;
             int x = static_cast<int>(g() % 2001) - 1000;
             int y = static_cast<int>(g() % 100);

@@ -254,7 +254,8 @@ TEST_F(Assign, MembersOfARemoteDomainAreListedInPieces) {
         cr.ncols = 1;
         cr.cols = col;
         void* fid = nullptr;
-        std::string n = "t" + std::to_string(i);
+        std::string n = "t";
+        n += std::to_string(i);
         ASSERT_EQ(vrtacreate(dl, n.c_str(), -1, &cr, &fid), 0);
         ASSERT_EQ(vrtaclose(fid), 0);
     }

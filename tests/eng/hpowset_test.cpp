@@ -292,7 +292,10 @@ struct Gen {
     std::string list(bool numeric) {
         std::string l = "(";
         int n = 1 + pick(pick(4) == 0 ? 30 : 4);
-        for (int i = 0; i < n; i++) l += (i ? "," + sp() : "") + (numeric ? number() : string());
+        for (int i = 0; i < n; i++) {
+            if (i) l += ",", l += sp();
+            l += numeric ? number() : string();
+        }
         return l + ")";
     }
     std::string pred(int d) {

@@ -238,7 +238,8 @@ TEST(BtreeModel, SegmentDirectoryFillsThenChains) {
     Tree tr;
     ASSERT_TRUE(tr.open(path, BT_OCREATE, seginfo(psize, segsize)));
     for (int64_t row = 1; row <= ntrees * segsize; ++row) {
-        std::string key = "k" + std::to_string(10000 + row % 7);
+        std::string key = "k";
+        key += std::to_string(10000 + row % 7);
         rows.keys.push_back(key);
         std::string d = rowdata(row);
         DBT k = dbt(key), dd = dbt(d);

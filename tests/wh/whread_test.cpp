@@ -186,13 +186,15 @@ TEST(WhRead, EveryDamageIsRefusedWithTheWireCodeAndNoTree) {
         body.raw(good.data() + 4, n > 4 ? n - 4 : 0);
         EXPECT_NE(readback(body.framed(), &t), 0) << n;
     }
+    const size_t tree = 4 + 21;  // the root's code word
+    const size_t nmword = tree + 24 + 12;  // the name length of AMOUNT
+    ASSERT_GE(good.size(), nmword + 4);
     auto patched = [&](size_t at, int32_t v) {
         Bytes b = good;
+        if (at + 4 > b.size()) return b;  // never: every word patched lies in the clause
         for (int i = 0; i < 4; i++) b[at + i] = static_cast<uint8_t>(static_cast<uint32_t>(v) >> (24 - 8 * i));
         return b;
     };
-    const size_t tree = 4 + 21;  // the root's code word
-    const size_t nmword = tree + 24 + 12;  // the name length of AMOUNT
     struct Case {
         Bytes b;
         const char* what;

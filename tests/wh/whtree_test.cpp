@@ -111,9 +111,11 @@ TEST(WhTree, FunctionLeavesReleaseTheirBlocksAndReportAClockSeededStream) {
     for (int fflags : {-1, 1}) {
         for (const char* name : {"RANUNI", "RANUNI$", "ABS"}) {
             SQLOP* f = node(OP_FUNC);
+            ASSERT_NE(f, nullptr);
             f->u.func.namelen = static_cast<short>(std::strlen(name));
             std::memcpy(f->u.func.name, name, f->u.func.namelen);
             auto* par = static_cast<FNCPAR*>(calloc(1, xfparsize(2)));
+            ASSERT_NE(par, nullptr);
             par->par[0].loc.n = 2;
             par->par[1].type = XF_NUM;
             par->par[1].loc.dp = static_cast<double*>(malloc(8));
@@ -128,6 +130,7 @@ TEST(WhTree, FunctionLeavesReleaseTheirBlocksAndReportAClockSeededStream) {
         }
     }
     SQLOP* f = node(OP_FUNC);
+    ASSERT_NE(f, nullptr);
     std::memcpy(f->u.func.name, "RANUNI", 6);
     f->u.func.namelen = 6;
     EXPECT_EQ(free_node(f, nullptr), 0);
