@@ -125,7 +125,8 @@ std::vector<std::string> slice(const std::vector<std::string>& v, size_t from, s
 TEST_F(Read, EveryRoadGivesTheSameRowsAtBlockEdges) {
     // A block's worth of rows, one less, one more, several blocks and a tail.
     for (long n : {1L, BF - 1L, BF * 1L, BF + 1L, 3L * BF + 5}) {
-        std::string name = "t" + std::to_string(n);
+        std::string name = "t";
+        name += std::to_string(n);
         make(name, n);
         auto want = wiretest::directRows(r.domain("d"), name);
         ASSERT_EQ(want.size(), static_cast<size_t>(n));

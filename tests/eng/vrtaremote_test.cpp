@@ -66,8 +66,8 @@ TEST(VrtaRemote, PrintAndDescribeOnEitherRoadMatchTheEmbeddedOnes) {
     // Enough rows for several blocks of the wire, values of every kind.
     std::string csv = "id,name,x\n";
     for (int i = 1; i <= 3000; ++i)
-        csv += std::to_string(i) + "," + (i % 11 ? "n" + std::to_string(i * 7) : "\"a, b\"") + "," +
-               (i % 5 ? std::to_string(i) + ".25" : "") + "\n";
+        csv += std::to_string(i) + "," + (i % 11 ? std::string(1, 'n').append(std::to_string(i * 7)) : "\"a, b\"") +
+               "," + (i % 5 ? std::to_string(i) + ".25" : "") + "\n";
     vrtatest::writeFile(dir.file("p.csv"), csv);
     ASSERT_EQ(vrtatest::runCommand(vrtabin() + " load " + dom + " people " + dir.file("p.csv")).status, 0);
     ASSERT_TRUE(wiretest::addUser(dir.file("pw"), "alice", "secret1"));
