@@ -127,10 +127,14 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
     }
     if (fcb->xcext) {
         DA_XCEXT* xc = fcb->xcext;
-        if ((disp & 1) && xc->xcthdl) {
+        // The exit's handle goes even when an open failed half way (disp 2):
+        // only the bag's write-back belongs to a real close.
+        if (xc->xcthdl) {
+            // A failed open reports its own cause, not the exit's close.
             rctype rc = daxcclose(xc);
-            if (rc < 0) last = rc;
-            else if (writes && xc->xcb && (xc->xcb->xcflags & DA_XCBAG) && xc->xchdr.baglen > 0 &&
+            if (rc < 0 && (disp & 1)) {
+                last = rc;
+            } else if ((disp & 1) && writes && xc->xcb && (xc->xcb->xcflags & DA_XCBAG) && xc->xchdr.baglen > 0 &&
                      fcb->dshdr.links[DA_LNKXCH] >= 0) {
                 da_off_t off = fcb->dshdr.links[DA_LNKXCH];
                 rc = dawrods(fcb->mdfio, &xc->xchdr, &off);
