@@ -9,7 +9,6 @@
 //
 // Every run prints "rows=N sum=S" (S the sum of ID over the rows, where the
 // engine hands rows back) so that the script can check that all agree.
-#include <dlfcn.h>
 #include <sqlite3.h>
 
 #include <cinttypes>
@@ -19,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "benchduck.h"
 #include "vrta/directapi.h"
 #include "vrta/vrtawh.h"
 
@@ -191,52 +191,9 @@ int runsqlite(const char* dir, const Query& q) {
     return 0;
 }
 
-// The few calls of DuckDB's C library that are needed, declared here.
-struct duckdb_result {
-    uint64_t deprecated_column_count, deprecated_row_count, deprecated_rows_changed;
-    void* deprecated_columns;
-    char* deprecated_error_message;
-    void* internal_data;
-};
-struct Duck {
-    int (*open)(const char*, void**);
-    int (*connect)(void*, void**);
-    int (*query)(void*, const char*, duckdb_result*);
-    uint64_t (*row_count)(duckdb_result*);
-    int64_t (*value_int64)(duckdb_result*, uint64_t, uint64_t);
-    const char* (*result_error)(duckdb_result*);
-    void (*destroy_result)(duckdb_result*);
-    void (*disconnect)(void**);
-    void (*close)(void**);
-};
-
-bool loadduck(Duck* d) {
-    const char* path = std::getenv("VRTA_DUCKDB_LIB");
-    void* h = dlopen(path && *path ? path : "libduckdb.so", RTLD_NOW);
-    if (!h) {
-        std::fprintf(stderr, "bench_where: %s\n", dlerror());
-        return false;
-    }
-    bool ok = true;
-    auto get = [&](auto& slot, const char* name) {
-        slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(dlsym(h, name));
-        ok = ok && slot;
-    };
-    get(d->open, "duckdb_open");
-    get(d->connect, "duckdb_connect");
-    get(d->query, "duckdb_query");
-    get(d->row_count, "duckdb_row_count");
-    get(d->value_int64, "duckdb_value_int64");
-    get(d->result_error, "duckdb_result_error");
-    get(d->destroy_result, "duckdb_destroy_result");
-    get(d->disconnect, "duckdb_disconnect");
-    get(d->close, "duckdb_close");
-    return ok;
-}
-
 int runduck(const char* dir, const char* what) {
     Duck d{};
-    if (!loadduck(&d)) return die("DuckDB's library is not usable");
+    if (!loadduck(&d, "bench_where")) return die("DuckDB's library is not usable");
     std::string file = std::string(dir) + "/t.duckdb";
     void* db = nullptr;
     void* con = nullptr;

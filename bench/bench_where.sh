@@ -27,32 +27,14 @@ if [ ! -x "$build/bench/bench_where" ]; then
 fi
 prog=$build/bench/bench_where
 
-duck=$cache/duckdb/package/libduckdb.so
-if [ ! -f "$duck" ]; then
-    mkdir -p "$cache/duckdb"
-    (cd "$cache/duckdb" && npm pack --silent @duckdb/node-bindings-linux-x64 >/dev/null && tar xzf duckdb-node-bindings-linux-x64-*.tgz)
-fi
-export VRTA_DUCKDB_LIB="$duck"
+. "$here/bench/benchlib.sh"
+fetch_duck
 
 mkdir -p "$work"
 trap 'rm -rf "$work"' EXIT INT TERM
 "$prog" make "$work" "$nrows"
 "$prog" duckmake "$work"
 rm -f "$work/t.csv"
-
-now() { date +%s.%N; }
-best() { # command...; prints the best wall time of three, after one warm-up
-    "$@" >"$work/out" 2>&1
-    b=999999
-    for i in 1 2 3; do
-        t0=$(now)
-        "$@" >/dev/null
-        t1=$(now)
-        t=$(echo "$t1 - $t0" | bc -l)
-        if [ "$(echo "$t < $b" | bc)" = 1 ]; then b=$t; fi
-    done
-    echo "$b"
-}
 
 printf "%-6s %10s %10s %10s %12s %12s\n" query vrta sqlite duckdb sqlite/vrta duckdb/vrta
 status=0
