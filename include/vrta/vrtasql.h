@@ -3,9 +3,9 @@
  *          [ORDER BY items [ASC|DESC]] [LIMIT n]
  * An item is * or an expression of the WHERE language (vrtawh.h) with
  * aggregates COUNT(*), COUNT([DISTINCT] x), SUM, AVG, MEAN, MIN, MAX, STD,
- * VAR, CSS, USS, NMISS, RANGE, STDERR and N of a column, and an optional
- * [AS] alias. GROUP BY names columns, select aliases or positions; ORDER BY
- * takes aliases, positions or expressions. The WHERE clause, the group-by
+ * VAR, CSS, USS, NMISS, RANGE, STDERR and N of an expression over the row,
+ * and an optional [AS] alias. GROUP BY takes columns, select aliases or
+ * positions and expressions; ORDER BY aliases, positions or expressions. The WHERE clause, the group-by
  * request and the sort are the engine's own.
  *
  * Plain C: a host may include it from C. */

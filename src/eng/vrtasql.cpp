@@ -39,6 +39,16 @@ struct Agg {
     int off = 0;     // in the group-by result row
 };
 
+// A value the group-by reads from each row that is not a column of the
+// table: an aggregate's argument or a GROUP BY expression, computed into the
+// tail of the row handed to the group-by.
+struct Comp {
+    SQLOP* tree = nullptr;
+    std::string text;  // as rendered, to name it
+    int type = 1, len = 8;
+    int at = 0;        // in the row handed to the group-by
+};
+
 struct Item {
     SQLOP* tree = nullptr;
     std::string name;
@@ -55,13 +65,15 @@ struct Query {
     std::vector<Item> items;   // visible, then hidden order items
     int nvisible = 0;
     std::vector<std::pair<int, bool>> order;  // item, descending
-    std::vector<int> groups;  // nvar0 of the group columns
+    std::vector<int> groups;  // nvar0 of the group columns; past the table's, computed ones
+    std::vector<Comp> comps;
     SQLOP* where = nullptr;
     SQLOP* having = nullptr;
     WH_PERR err{};
     std::string plan;
     ~Query() {
         for (Item& i : items) free_tree(&i.tree, nullptr);
+        for (Comp& c : comps) free_tree(&c.tree, nullptr);
         free_tree(&where, nullptr);
         free_tree(&having, nullptr);
     }
@@ -77,6 +89,63 @@ rctype sqlfail(Query& q, rctype rc, int pos, const char* fmt, ...) {
     va_end(ap);
     return rc;
 }
+
+// A column of the table, or a computed value numbered after them.
+WH_PCOL colof(const Query& q, int nvar0) {
+    int n = static_cast<int>(q.cols.size());
+    if (nvar0 <= n) return q.cols[nvar0 - 1];
+    const Comp& c = q.comps[nvar0 - n - 1];
+    return WH_PCOL{c.text.c_str(), static_cast<int>(c.text.size()), c.type, c.len, c.at, nvar0};
+}
+
+// Whether two trees compute the same value; a leaf of a kind not known here
+// never matches, so at worst a value is computed twice.
+bool sametree(const SQLOP* a, const SQLOP* b) {
+    if (!a || !b) return a == b;
+    if (a->code != b->code || a->type != b->type) return false;
+    if (a->code >= OP_FIRSTOP) {
+        if (a->u.node.narg != b->u.node.narg) return false;
+        for (int i = 0; i < a->u.node.narg; i++)
+            if (!sametree(get_child(a, i), get_child(b, i))) return false;
+        return true;
+    }
+    switch (a->code) {
+    case OP_NAME:
+        return a->u.vleaf.nvar0 == b->u.vleaf.nvar0;
+    case OP_LITN:
+        return memcmp(&a->u.nleaf.nbr, &b->u.nleaf.nbr, 8) == 0;
+    case OP_LITC:
+        return a->u.cleaf.leng == b->u.cleaf.leng && memcmp(a->u.cleaf.c, b->u.cleaf.c, a->u.cleaf.leng) == 0;
+    case OP_FUNC:
+        return a->u.func.namelen == b->u.func.namelen && memcmp(a->u.func.name, b->u.func.name, a->u.func.namelen) == 0;
+    default:
+        return false;
+    }
+}
+
+// The computed value of tree (taken over), shared with an equal one already
+// there; *nvar0 gets its number.
+rctype addcomp(Query& q, SQLOP* tree, int* nvar0) {
+    int n = static_cast<int>(q.cols.size());
+    for (size_t i = 0; i < q.comps.size(); i++)
+        if (sametree(q.comps[i].tree, tree)) {
+            free_tree(&tree, nullptr);
+            *nvar0 = n + static_cast<int>(i) + 1;
+            return 0;
+        }
+    Comp c;
+    char* txt = nullptr;
+    if (whsayit(tree, &txt) == 0 && txt) c.text = txt;
+    free(txt);
+    c.tree = tree;
+    c.type = tree->type > 0 ? 2 : 1;
+    c.len = c.type == 2 ? tree->type : 8;
+    q.comps.push_back(c);
+    *nvar0 = n + static_cast<int>(q.comps.size());
+    return 0;
+}
+
+bool hasagg(SQLOP* t);
 
 struct AggName {
     const char* sql;
@@ -113,10 +182,15 @@ rctype makeagg(void* ctx, const char* name, int len, bool distinct, SQLOP* arg, 
     if (!arg) {
         if (nm != "COUNT") return refuse(WH_RC_SQLSYNTAX, nm + "(*) is not an aggregate: only COUNT(*) is");
     } else {
-        if (arg->code != OP_NAME)
-            return refuse(WH_RC_SQLSYNTAX, "the argument of " + nm + " must be a column");
-        nvar0 = arg->u.vleaf.nvar0;
-        const WH_PCOL& c = q->cols[nvar0 - 1];
+        if (arg->code == OP_NAME && arg->u.vleaf.nvar0 > 0) {
+            nvar0 = arg->u.vleaf.nvar0;
+            free_tree(&arg, nullptr);
+        } else {
+            SQLOP* t = arg;
+            arg = nullptr;
+            if (rctype rc = addcomp(*q, t, &nvar0)) return refuse(rc, "out of memory");
+        }
+        const WH_PCOL c = colof(*q, nvar0);
         bool minmax = nm == "MIN" || nm == "MAX";
         bool anyt = minmax || nm == "COUNT" || nm == "N" || nm == "NMISS";
         if (c.type == 2 && !anyt) return refuse(WH_RC_TYPES, nm + " needs a numeric column");
@@ -124,7 +198,6 @@ rctype makeagg(void* ctx, const char* name, int len, bool distinct, SQLOP* arg, 
             type = c.length;
             rlen = c.length;
         }
-        free_tree(&arg, nullptr);
     }
     Agg g{};
     memset(g.func, ' ', 8);
@@ -174,6 +247,10 @@ rctype eachname(SQLOP* n, F&& f) {
     for (int i = 0; i < n->u.node.narg; i++)
         if (rctype rc = eachname(get_child(n, i), f)) return rc;
     return 0;
+}
+
+bool hasagg(SQLOP* t) {
+    return eachname(t, [](SQLOP* n) -> rctype { return n->u.vleaf.nvar0 < 0 ? 1 : 0; }) != 0;
 }
 
 std::string itemname(const Query& q, int from, int to) {
@@ -246,28 +323,43 @@ int itemref(Query& q, int ts, int tl) {
     return -1;
 }
 
+// GROUP BY: select aliases and positions, columns, and expressions over the
+// row, which become computed values.
 rctype parsegroup(Query& q, const WHSQL_PART& p) {
     int pos = p.start;
     for (;;) {
         int ts, tl;
         whsqltoken(q.text, pos, p.end, &ts, &tl);
-        int nv = 0;
-        int r = itemref(q, ts, tl);
+        int after, al;
+        whsqltoken(q.text, ts + tl, p.end, &after, &al);
+        bool single = !al || (al == 1 && q.text[after] == ',');
+        int r = single ? itemref(q, ts, tl) : -1;
         if (r == -2) return sqlfail(q, WH_RC_SQLSYNTAX, ts, "GROUP BY %.*s: no such select item", tl, q.text + ts);
+        int nv = 0;
+        SQLOP* t = nullptr;
         if (r >= 0) {
-            SQLOP* t = q.items[r].tree;
-            if (t->code != OP_NAME || t->u.vleaf.nvar0 <= 0)
-                return sqlfail(q, WH_RC_SQLSYNTAX, ts, "GROUP BY takes columns: item %d is not one", r + 1);
-            nv = t->u.vleaf.nvar0;
+            const SQLOP* it = q.items[r].tree;
+            if (hasagg(q.items[r].tree))
+                return sqlfail(q, WH_RC_SQLAGGR, ts, "GROUP BY %.*s: the item holds an aggregate", tl, q.text + ts);
+            if (it->code == OP_NAME) nv = it->u.vleaf.nvar0;
+            else if (rctype rc = whtreecopy(it, &t)) return sqlfail(q, rc, ts, "out of memory");
+            pos = ts + tl;
         } else {
-            for (const WH_PCOL& c : q.cols)
-                if (c.namelen == tl && whsqlis(q.text, ts, tl, std::string(c.name, c.namelen).c_str())) nv = c.nvar0;
-            if (!nv)
-                return sqlfail(q, WH_RC_NOCOLUMN, ts, "GROUP BY takes columns, select aliases or positions: %.*s",
-                               tl, q.text + ts);
+            int end = 0;
+            if (rctype rc = expr(q, ts, &t, &end)) return rc;
+            if (end > p.end) {
+                free_tree(&t, nullptr);
+                return sqlfail(q, WH_RC_SQLSYNTAX, ts, "a GROUP BY item runs into the next clause");
+            }
+            pos = end;
+            if (t->code == OP_NAME) {
+                nv = t->u.vleaf.nvar0;
+                free_tree(&t, nullptr);
+            }
         }
+        if (t)
+            if (rctype rc = addcomp(q, t, &nv)) return sqlfail(q, rc, ts, "out of memory");
         if (std::find(q.groups.begin(), q.groups.end(), nv) == q.groups.end()) q.groups.push_back(nv);
-        pos = ts + tl;
         whsqltoken(q.text, pos, p.end, &ts, &tl);
         if (!tl) return 0;
         if (tl != 1 || q.text[ts] != ',') return sqlfail(q, WH_RC_SQLSYNTAX, ts, "expected ',' in GROUP BY");
@@ -311,6 +403,39 @@ rctype parseorder(Query& q, const WHSQL_PART& p) {
     }
 }
 
+// Where a part of an expression is a GROUP BY expression, that part becomes
+// a leaf for the group column.
+rctype matchgroups(Query& q, SQLOP** slot) {
+    SQLOP* n = *slot;
+    if (!n || n->code == OP_NAME) return 0;
+    int ncols = static_cast<int>(q.cols.size());
+    for (int g : q.groups) {
+        if (g <= ncols || !sametree(n, q.comps[g - ncols - 1].tree)) continue;
+        const Comp& c = q.comps[g - ncols - 1];
+        SQLOP* leaf = nullptr;
+        if (rctype rc = get_node(&leaf)) return rc;
+        leaf->code = OP_NAME;
+        leaf->type = static_cast<short>(c.type == 1 ? -8 : c.len);
+        leaf->u.vleaf.nvar0 = g;
+        leaf->u.vleaf.leng = static_cast<short>(c.len);
+        int nl = std::min(static_cast<int>(c.text.size()), 32);
+        memcpy(leaf->u.vleaf.name, c.text.data(), nl);
+        leaf->u.vleaf.namelen = static_cast<short>(nl);
+        free_tree(slot, nullptr);
+        *slot = leaf;
+        return 0;
+    }
+    if (n->code < OP_FIRSTOP) return 0;
+    for (int i = 0; i < n->u.node.narg; i++) {
+        SQLOP* k = get_child(n, i);
+        SQLOP* was = k;
+        if (rctype rc = matchgroups(q, &k)) return rc;
+        if (k != was)
+            if (rctype rc = set_child(n, i, k)) return rc;
+    }
+    return 0;
+}
+
 // Binds NAME leaves of a grouped query to the group-by result row.
 rctype bindgrouped(Query& q, SQLOP* tree, const std::vector<int>& groupoff) {
     return eachname(tree, [&](SQLOP* n) -> rctype {
@@ -324,7 +449,7 @@ rctype bindgrouped(Query& q, SQLOP* tree, const std::vector<int>& groupoff) {
         if (it == q.groups.end())
             return sqlfail(q, WH_RC_SQLGROUP, -1, "the column %.*s is neither grouped nor aggregated", v.namelen,
                            v.name);
-        const WH_PCOL& c = q.cols[v.nvar0 - 1];
+        const WH_PCOL c = colof(q, v.nvar0);
         v.offset = groupoff[it - q.groups.begin()];
         if (c.type == 1) {
             n->type = -8;
@@ -332,6 +457,25 @@ rctype bindgrouped(Query& q, SQLOP* tree, const std::vector<int>& groupoff) {
         }
         return 0;
     });
+}
+
+// The value of tree on the row at src into dst: a number (a condition as 1 or
+// 0), or len bytes of text padded with blanks.
+rctype evalvalue(wh_env_t* env, SQLOP* tree, const char* src, int type, int len, char* dst) {
+    SQLOP res;
+    memset(&res, 0, sizeof res);
+    int truth = 0;
+    rctype rc = wheval(env, tree, src, &res, 1, &truth);
+    if (rc) return rc;
+    if (type == 1) {
+        double d = res.code == OP_LITN ? res.u.nleaf.nbr : (truth ? 1.0 : 0.0);
+        memcpy(dst, &d, 8);
+    } else {
+        int n = res.code == OP_LITC ? std::min(res.u.cleaf.leng, len) : 0;
+        if (n) memcpy(dst, res.u.cleaf.c, n);
+        memset(dst + n, ' ', len - n);
+    }
+    return 0;
 }
 
 // An item's value into the final row.
@@ -355,20 +499,7 @@ rctype evalitem(wh_env_t* env, Item& it, const char* src, char* dst) {
         }
         return 0;
     }
-    SQLOP res;
-    memset(&res, 0, sizeof res);
-    int truth = 0;
-    rctype rc = wheval(env, t, src, &res, 1, &truth);
-    if (rc) return rc;
-    if (it.type == 1) {
-        double d = res.code == OP_LITN ? res.u.nleaf.nbr : (truth ? 1.0 : 0.0);
-        memcpy(dst, &d, 8);
-    } else {
-        int n = res.code == OP_LITC ? std::min(res.u.cleaf.leng, it.len) : 0;
-        if (n) memcpy(dst, res.u.cleaf.c, n);
-        memset(dst + n, ' ', it.len - n);
-    }
-    return 0;
+    return evalvalue(env, t, src, it.type, it.len, dst);
 }
 
 struct Final {
@@ -397,28 +528,77 @@ rctype storegroups(char* buffer, long nrows, const WHGS_ROWINFO* ri, void* cb) {
     return 0;
 }
 
+// A scan thread's own copies of the computed values' trees (evaluation keeps
+// scratch in them) and its rows widened by those values.
+struct CompThread {
+    const Query* q = nullptr;
+    std::vector<SQLOP*> trees;
+    wh_env_t env{};
+    int extlen = 0;
+    std::vector<char> rows;
+    CompThread() = default;
+    CompThread(const CompThread&) = delete;
+    CompThread& operator=(const CompThread&) = delete;
+    ~CompThread() {
+        for (SQLOP*& t : trees) free_tree(&t, nullptr);
+    }
+    rctype init(const Query& qq, int rowlen) {
+        q = &qq;
+        extlen = rowlen;
+        env.targenv = env.dataenv = qq.fid->nlsenv;
+        for (const Comp& c : qq.comps) {
+            SQLOP* t = nullptr;
+            if (rctype rc = whtreecopy(c.tree, &t)) return rc;
+            trees.push_back(t);
+        }
+        return 0;
+    }
+};
+constexpr long COMPROWS = 512;  // rows widened at a time
+
 struct Feed {
     WHGS_HANDLE* gsh;
     int t;
     const char* rows;
     int obslen;
     long n;
+    CompThread* ct;
     rctype rc;
 };
+rctype feedrows(Feed* f) {
+    CompThread* ct = f->ct;
+    if (!ct) return whgsaggr(f->gsh, f->t, f->rows, f->obslen, f->n);
+    ct->rows.resize(static_cast<size_t>(COMPROWS) * ct->extlen);
+    for (long i = 0; i < f->n; i += COMPROWS) {
+        long m = std::min(COMPROWS, f->n - i);
+        for (long j = 0; j < m; j++) {
+            const char* src = f->rows + (i + j) * f->obslen;
+            char* dst = ct->rows.data() + j * ct->extlen;
+            memcpy(dst, src, f->obslen);
+            for (size_t k = 0; k < ct->trees.size(); k++) {
+                const Comp& c = ct->q->comps[k];
+                if (rctype rc = evalvalue(&ct->env, ct->trees[k], src, c.type, c.len, dst + c.at)) return rc;
+            }
+        }
+        if (rctype rc = whgsaggr(f->gsh, f->t, ct->rows.data(), ct->extlen, m)) return rc;
+    }
+    return 0;
+}
 void* feed(void* a) {
     auto* f = static_cast<Feed*>(a);
-    f->rc = whgsaggr(f->gsh, f->t, f->rows, f->obslen, f->n);
+    f->rc = feedrows(f);
     return nullptr;
 }
 
-// Hands a chunk of rows to the scan threads, a slice each.
-rctype feedchunk(WHGS_HANDLE* gsh, int nthreads, const char* rows, int obslen, long n) {
+// Hands a chunk of rows to the scan threads, a slice each; with computed
+// values, ct holds each thread's means to compute them.
+rctype feedchunk(WHGS_HANDLE* gsh, int nthreads, const char* rows, int obslen, long n, CompThread* ct) {
     Feed fs[MAXTHREADS];
     thread_t tids[MAXTHREADS];
     bool started[MAXTHREADS] = {};
     for (int t = 0; t < nthreads; t++) {
         long from = n * t / nthreads, to = n * (t + 1) / nthreads;
-        fs[t] = Feed{gsh, t, rows + from * obslen, obslen, to - from, 0};
+        fs[t] = Feed{gsh, t, rows + from * obslen, obslen, to - from, ct ? &ct[t] : nullptr, 0};
     }
     for (int t = 1; t < nthreads; t++)
         started[t] = thr_create(nullptr, 0, feed, &fs[t], 0, &tids[t]) == 0;
@@ -579,6 +759,14 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
         std::vector<GS_ColDesc_t> cd;
         std::vector<int> groupoff;
         int goff = 0;
+        // Computed values follow the row, each in its own 8-byte slot.
+        int obslen = 0;
+        vrtainfo(fid, VRTAINFO_OBSLEN, &obslen);
+        int extlen = (obslen + 7) & ~7;
+        for (Comp& c : q.comps) {
+            c.at = extlen;
+            extlen += (c.len + 7) & ~7;
+        }
         auto coldesc = [&](const char* func, int nvar0, int len, char ntype) {
             GS_ColDesc_t c{};
             memset(c.func, ' ', 8);
@@ -589,14 +777,14 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
             c.ntype = ntype;
             memset(c.colsym, ' ', 32);
             if (nvar0 > 0) {
-                const WH_PCOL& pc = q.cols[nvar0 - 1];
+                const WH_PCOL pc = colof(q, nvar0);
                 memcpy(c.colsym, pc.name, std::min(pc.namelen, 32));
             }
             cd.push_back(c);
             goff += (len + 7) & ~7;
         };
         for (int g : q.groups) {
-            const WH_PCOL& c = q.cols[g - 1];
+            const WH_PCOL c = colof(q, g);
             groupoff.push_back(goff);
             coldesc("", g, c.type == 1 ? 8 : c.length, static_cast<char>(c.type));
         }
@@ -605,8 +793,8 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
             coldesc(a.func, a.nvar0, a.len, a.type < 0 ? 1 : 2);
         }
         for (Item& it : q.items)
-            if ((rc = bindgrouped(q, it.tree, groupoff))) return rc;
-        if (q.having && (rc = bindgrouped(q, q.having, groupoff))) return rc;
+            if ((rc = matchgroups(q, &it.tree)) || (rc = bindgrouped(q, it.tree, groupoff))) return rc;
+        if (q.having && ((rc = matchgroups(q, &q.having)) || (rc = bindgrouped(q, q.having, groupoff)))) return rc;
         GS_MainRec_t mr{static_cast<int>(cd.size()), 0, static_cast<int>(cd.size()), goff,
                         static_cast<int>(q.groups.size()), 0, 0};
         if (q.having) mr.flags |= GS_F_HAVING | GS_F_HAVTREE;
@@ -616,7 +804,29 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
         WHGS_HANDLE* gsh = nullptr;
         char* err = nullptr;
         whgssetcache(opt && opt->memlimit > 0 ? opt->memlimit : -1);
-        rc = whgsinit(q.fid->nlsenv, q.fid, &mr, cd.data(), q.groups.data(), nullptr, q.having, nthreads, &gsh, &err);
+        // With computed values the group-by reads widened rows: the table's
+        // columns and then theirs.
+        std::vector<DA_NAMESTR> vars;
+        if (q.comps.empty()) {
+            rc = whgsinit(q.fid->nlsenv, q.fid, &mr, cd.data(), q.groups.data(), nullptr, q.having, nthreads, &gsh,
+                          &err);
+        } else {
+            vars.assign(q.fid->vars, q.fid->vars + q.fid->numvar);
+            for (size_t i = 0; i < q.comps.size(); i++) {
+                const Comp& c = q.comps[i];
+                DA_NAMESTR v{};
+                v.npos = c.at;
+                v.nlng = c.len;
+                v.type = static_cast<int8_t>(c.type);
+                v.nvar0 = q.fid->numvar + static_cast<int>(i);
+                v.name = const_cast<char*>(c.text.c_str());
+                v.name_l = static_cast<int16_t>(std::min<size_t>(c.text.size(), 32));
+                vars.push_back(v);
+            }
+            mr.reclen = extlen;
+            rc = whgsvtinit(q.fid->nlsenv, &mr, cd.data(), static_cast<int>(vars.size()), vars.data(),
+                            q.groups.data(), nullptr, q.having, nthreads, &gsh, &err);
+        }
         whgssetcache(-1);
         if (rc) {
             sqlfail(q, rc, -1, "%s", err ? err : "the group-by request was refused");
@@ -636,8 +846,13 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
         q.plan += "group by: " + std::to_string(q.groups.size()) + " column(s), " + std::to_string(q.aggs.size()) +
                   " aggregate(s)\nmetascan: " + (ism ? "used, no row read\n" : "not used\n");
         if (!ism) {
-            rc = scan(q, fid, wire, nthreads, intr, [&](const char* rows, int obslen, long n) -> rctype {
-                return feedchunk(gsh, nthreads, rows, obslen, n);
+            std::vector<CompThread> cts(q.comps.empty() ? 0 : nthreads);
+            for (CompThread& ct : cts)
+                if ((rc = ct.init(q, extlen))) return sqlfail(q, rc, -1, "out of memory");
+            if (!q.comps.empty())
+                q.plan += "computed: " + std::to_string(q.comps.size()) + " value(s) per row for the group-by\n";
+            rc = scan(q, fid, wire, nthreads, intr, [&](const char* rows, int rl, long n) -> rctype {
+                return feedchunk(gsh, nthreads, rows, rl, n, cts.empty() ? nullptr : cts.data());
             });
             if (rc) return rc;
         }

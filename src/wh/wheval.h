@@ -56,6 +56,8 @@ int whecmp(wh_env_t* whenv, const SQLOP* temp1, const SQLOP* temp2, int ctype);
 // the tree keeps scratch in its nodes, with WHP_JOIN the INDEX tree joined in.
 rctype whevalprep(WH_HANDLE* wh, SQLOP** tree_handle, int flags);
 rctype whevalterm(SQLOP** tree_handle, int termflags);
+// A private copy of tree (scratch not shared) for a thread of its own.
+rctype whtreecopy(const SQLOP* tree, SQLOP** copy);
 
 // Pattern match; action 0 compile and free, 1 keep the compiled pattern in
 // *pfirst, 2 recompile, 3 only free. 1 match, 0 none.

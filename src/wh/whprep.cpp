@@ -92,6 +92,11 @@ rctype copytree(const SQLOP* n, SQLOP** out, int depth) {
 
 }  // namespace
 
+rctype whtreecopy(const SQLOP* tree, SQLOP** copy) {
+    if (!copy) return WH_RC_NULLARG;
+    return copytree(tree, copy, 0);
+}
+
 rctype whevalprep(WH_HANDLE* wh, SQLOP** tree_handle, int flags) {
     if (!wh || !tree_handle) return WH_RC_NULLARG;
     *tree_handle = nullptr;

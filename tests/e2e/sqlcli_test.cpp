@@ -90,19 +90,22 @@ struct Table {
 };
 
 std::string genquery(std::mt19937& g) {
-    const char* groups[] = {"", "k1", "k2", "k1, k2"};
-    std::string grp = groups[g() % 4];
+    // Group keys: columns, and expressions named in GROUP BY as written or by position.
+    const char* groups[] = {"", "k1", "k2", "k1, k2", "k1 * 2 + 1", "y - k1", "k2, y / 4"};
+    std::string grp = groups[g() % 7];
     const char* aggs[] = {"COUNT(*)", "COUNT(x)", "SUM(x)", "AVG(x)", "MIN(x)", "MAX(x)", "SUM(y)", "MIN(k2)",
-                          "COUNT(DISTINCT x)", "COUNT(DISTINCT k2)", "AVG(y)"};
+                          "COUNT(DISTINCT x)", "COUNT(DISTINCT k2)", "AVG(y)", "SUM(x * 2)", "AVG(x + y)",
+                          "MAX(y - k1)", "COUNT(DISTINCT y / 2)", "SUM(abs(x)) / COUNT(*)", "MIN(x * 2) + MAX(x*2)"};
     std::string sel = grp;
     int na = 1 + static_cast<int>(g() % 3);
-    for (int i = 0; i < na; i++) sel += std::string(sel.empty() ? "" : ", ") + aggs[g() % 11];
+    for (int i = 0; i < na; i++) sel += std::string(sel.empty() ? "" : ", ") + aggs[g() % 17];
     std::string q = "SELECT " + sel + " FROM t";
     // Conditions that mean the same with NULL as with a missing value.
     const char* where[] = {"", " WHERE x > 100", " WHERE y < 50", " WHERE k1 = 2 OR y >= 90", " WHERE x >= -500 AND y > 10"};
     q += where[g() % 5];
     if (!grp.empty()) {
-        q += " GROUP BY " + grp;
+        bool bypos = grp.find(' ') != std::string::npos && grp.find(',') == std::string::npos && g() % 2;
+        q += " GROUP BY " + (bypos ? std::string("1") : grp);
         if (g() % 3 == 0) q += " HAVING COUNT(*) > " + std::to_string(g() % 4);
         q += " ORDER BY " + grp;
         if (g() % 4 == 0) q += " LIMIT " + std::to_string(1 + g() % 7);
@@ -160,6 +163,10 @@ TEST(SqlCli, BadQueriesSayWhyAndPrintNothing) {
         {"SELECT k1 FROM t LIMIT x", "LIMIT takes a whole number"},
         {"SELECT k1 FROM t ORDER BY 9", "no such select item"},
         {"SELECT SUM(COUNT(x)) FROM t", "inside another"},
+        {"SELECT x, COUNT(*) FROM t GROUP BY x / 10", "neither grouped nor aggregated"},
+        {"SELECT COUNT(*) FROM t GROUP BY COUNT(*)", "cannot stand in WHERE or GROUP BY"},
+        {"SELECT k1, SUM(x) FROM t GROUP BY 2", "holds an aggregate"},
+        {"SELECT SUM(k2 || 'a') FROM t", "needs a numeric"},
         {"SELECT k1 FROM t GROUP BY k1 HAVING", "HAVING is empty"},
     };
     for (const Bad& b : bad) {
@@ -168,7 +175,11 @@ TEST(SqlCli, BadQueriesSayWhyAndPrintNothing) {
         EXPECT_TRUE(r.out.empty()) << b.q << ": " << r.out;
         EXPECT_TRUE(has(r.err, b.says)) << b.q << ": " << r.err;
     }
-    Result r = vrta("sql " + t.dom + " \"SELECT k1 AS key, COUNT(*) n FROM t GROUP BY key ORDER BY n DESC, 1 LIMIT 2\"");
+    // The same expression twice is computed once, also when written apart.
+    Result r = vrta("sql " + t.dom + " \"SELECT y*2 + 1, SUM(x * 2), AVG(x*2) FROM t GROUP BY y * 2 + 1\" --explain");
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(r.out, "computed: 2 value(s)")) << r.out;
+    r = vrta("sql " + t.dom + " \"SELECT k1 AS key, COUNT(*) n FROM t GROUP BY key ORDER BY n DESC, 1 LIMIT 2\"");
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_TRUE(has(r.out, "key")) << r.out;
     EXPECT_TRUE(has(r.out, "(2 rows)")) << r.out;
