@@ -94,9 +94,11 @@ void hshifree(void* maddr, size_t msize) {
     if (mode == 2) hsprint("hshifree: maddr=0x%lx msize=%ld\n", reinterpret_cast<unsigned long>(maddr), static_cast<long>(msize));
 }
 
+// Never writable and executable at once: the code generator writes its code
+// here and then makes those pages read+execute.
 void* hscgmalloc(size_t size, int* zeroed) {
     hsmeminit();
-    void* m = mmap(nullptr, pageround(size), PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* m = mmap(nullptr, pageround(size), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (m == MAP_FAILED) {
         hsprint("hscgmalloc: mmap failed: size=%ld errno=%d\n", static_cast<long>(size), errno);
         return nullptr;

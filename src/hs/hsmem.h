@@ -14,7 +14,8 @@ void hsmemterm(void* vgcb);
 int hshimemenabled();
 void* hshimalloc(size_t msize);
 void hshifree(void* maddr, size_t msize);
-// Read, write and execute; *zeroed is set to 1 on success.
+// Read and write, for code that is made read+execute once written (never
+// both at once); *zeroed is set to 1 on success.
 void* hscgmalloc(size_t size, int* zeroed);
 void hscgfree(void* addr, size_t size);
 

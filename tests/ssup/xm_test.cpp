@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <algorithm>
+#include <unistd.h>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -290,7 +291,7 @@ TEST(MemoryPools, SpecialIdsResolveToSharedPools) {
     EXPECT_NE(nullptr, xmemex(8));
 }
 
-TEST(MemoryPools, CodegenPuddlesAreExecutableAndHighMemoryWorks) {
+TEST(MemoryPools, CodegenPuddlesRunOnceMadeExecutableAndHighMemoryWorks) {
     manager();
     xmpid cg = xmpoolc(4096, 4096, XM_CODEGEN);
     ASSERT_NE(nullptr, cg);
@@ -298,6 +299,10 @@ TEST(MemoryPools, CodegenPuddlesAreExecutableAndHighMemoryWorks) {
     ASSERT_NE(nullptr, code);
     const unsigned char ret42[] = {0xB8, 42, 0, 0, 0, 0xC3};  // mov eax, 42; ret
     memcpy(code, ret42, sizeof(ret42));
+    // Written while writable, then read+execute: never both.
+    long page = sysconf(_SC_PAGESIZE);
+    void* start = reinterpret_cast<void*>(reinterpret_cast<unsigned long>(code) & ~static_cast<unsigned long>(page - 1));
+    ASSERT_EQ(0, mprotect(start, page, PROT_READ | PROT_EXEC));
     int (*fn)() = reinterpret_cast<int (*)()>(code);
     EXPECT_EQ(42, fn());
     xmpoold(cg);
