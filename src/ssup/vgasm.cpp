@@ -239,7 +239,9 @@ bool encode1(const INST& in, Enc& e) {
         }
         return true;
     case IC_TEST:
-        if (isrm(d) && d.type != OT_X && s.type == OT_R) {
+        if (d.type == OT_R && ismem(s)) {
+            regrm1(e, 0, w, 0x85, d.reg, s, in.add_disp);  // the same test either way round
+        } else if (isrm(d) && d.type != OT_X && s.type == OT_R) {
             regrm1(e, 0, w, 0x85, s.reg, d, in.add_disp);
         } else if (isrm(d) && d.type != OT_X && s.type == OT_I && fits32(imm)) {
             regrm1(e, 0, w, 0xF7, 0, d, in.add_disp);
@@ -383,8 +385,11 @@ int gencode(VGSEGHD* s, const INST* inst, int count, unsigned char* out) {
     for (int i = 0; i < count; i++) {
         Enc e;
         if (!encode1(inst[i], e)) {
-            if (s) vvgassert(s, __LINE__);
-            return -1;
+            if (!s || !s->err_jbuf) return -1;
+            short op = inst[i].opcode;
+            vgfail("gencode: %s has no form for operands %d, %d", op >= 0 && op < VG_NINSTS ? insts[op].name : "?",
+                   inst[i].dest.type, inst[i].source.type);
+            longjmp(*s->err_jbuf, 1);
         }
         memcpy(out + total, e.b, e.n);
         total += e.n;

@@ -315,7 +315,7 @@ void add(char* text, int textlen, const char* s) {
 void printimm(char* text, int textlen, long v) {
     char b[32];
     if (v >= -9 && v <= 9) snprintf(b, sizeof(b), "%ld", v);
-    else if (v < 0) snprintf(b, sizeof(b), "-0x%lx", static_cast<unsigned long>(-v));
+    else if (v < 0) snprintf(b, sizeof(b), "-0x%lx", 0ul - static_cast<unsigned long>(v));
     else snprintf(b, sizeof(b), "0x%lx", static_cast<unsigned long>(v));
     add(text, textlen, b);
 }

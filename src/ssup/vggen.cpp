@@ -8,7 +8,8 @@
 // instruction that can trap; XMM0 is where a trap's result arrives, so it
 // holds no object across such an instruction. Objects are cached in
 // registers within straight-line code and written back before every label,
-// branch, call and exit; memory is the truth across them.
+// branch, call, exit and instruction that can trap; memory is the truth
+// across them.
 //
 // Nothing here holds a destructor: vvgassert leaves by longjmp.
 #include <cstdio>
@@ -172,6 +173,8 @@ void setbool(VGGEN* g, int cc, int r) {
     put(g, mk(I_MOVZX, opr(r), opr(r), 0, INSTF_W32));
 }
 
+void flushall(VGGEN* g);
+
 // A jump (cc -1) or LEA of R15 to a place further on: returns where its
 // 32-bit displacement ends, for patchhere.
 long jfwd(VGGEN* g, int cc) {
@@ -179,7 +182,11 @@ long jfwd(VGGEN* g, int cc) {
     put(g, in);
     return g->cur - g->code;
 }
+// Sets R15 to where the code goes on after a trap. Objects are written back
+// first: a trap may end the run, and then memory must be as it was after the
+// previous instruction.
 long trapbegin(VGGEN* g) {
+    flushall(g);
     putrip(g, mk(I_LEA, opr(R15), opm(VG_RIP)), g->cur);
     return g->cur - g->code;
 }
@@ -602,7 +609,10 @@ void idivmod(VGGEN* g, bool mod) {
     rslt(g, R, mod ? RDX : RAX);
 }
 
+// A trap's write-back must happen on every path, so it comes before the
+// instruction branches inside itself.
 void iexp(VGGEN* g) {
+    flushall(g);
     rclr(g, XMM0);
     lckr(g, XMM0);
     rclr(g, RAX);
@@ -648,6 +658,7 @@ void iexp(VGGEN* g) {
 }
 
 void fexp(VGGEN* g) {
+    flushall(g);
     rclr(g, XMM0);
     lckr(g, XMM0);
     int base = loadxw(g, A);
@@ -793,6 +804,7 @@ void vvgsum(VGGEN* g, PINST* p) {
         iop(g, I_ADD);
         return;
     }
+    flushall(g);
     rclr(g, XMM0);
     lckr(g, XMM0);
     int rb = loadgp(g, B);
@@ -1434,13 +1446,11 @@ void vvgprolog(VGSEGHD* s) {
     s->exit_rc = g->cur;
     emit_a_m(g, &s->gl_ret_rc);
     jback(g, -1, s->stcode);
-    // After a trap the handler chose to go on from: the result in XMM0.
+    // After a trap the handler chose to go on from: the result in XMM0 and
+    // every other register as the trap found it.
     s->stub1 = g->cur;
     s->flags |= VG_FRESUME;
-    emit_a_m(g, &s->except_result);
-    emit_r_r(g, I_MOVQ, XMM0, RAX);
-    emit_r_i(g, I_MOV, RAX, 0);
-    emit_m_a(g, &s->fault_addr);
+    emit_r_m(g, I_MOVSD, XMM0, s2(g, VG2_RESULT));
     emit_r(g, I_JMP, R15);
     // A fault the code found itself: ask the exception function.
     s->stub2 = g->cur;
@@ -1491,9 +1501,12 @@ void vvgcodegen(VGSEGHD* s) {
         for (int k = 0; k < 3; k++)
             if (use[k] & (VGU_READ | VGU_WRITE)) g->objs[objindex(g, f[k])].lasticode = i;
     }
+    if (vgoption('D') && i > 0) s->dumpmap = static_cast<long*>(xmalloc(s->vgpool, i * sizeof(long), 0));
+    s->ndumpmap = 0;
     i = 0;
     for (PINST* p = vgfirst(s, &it); p; p = vgnextp(&it), i++) {
         g->icode = i;
+        if (s->dumpmap) s->dumpmap[s->ndumpmap++] = ((g->cur - g->code) << 8) | p->opcode;
         unsigned char* cur0 = g->cur;
         long wb0 = g->wbbytes;
         g->newdirty = 0;

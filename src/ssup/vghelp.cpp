@@ -1,6 +1,7 @@
 // The run-time helpers. Generated code runs with floating-point traps
-// armed; a helper that uses the library's floating-point code masks them for
-// its own time, so that only the instruction that was asked for can trap.
+// armed; a helper that does any floating-point work (a compare of a NaN is
+// enough) masks them for its own time, so that only the instruction that was
+// asked for can trap.
 // Helpers hold nothing with a destructor: a trap may leave them by longjmp.
 #include "ssup/vghelp.h"
 #include <bit>
@@ -73,6 +74,13 @@ void putle(void* dst, long len, uint64_t v) {
     }
 }
 
+// Vectors may lie at any address.
+double at(const void* v, long i) {
+    double d;
+    memcpy(&d, static_cast<const char*>(v) + 8 * i, 8);
+    return d;
+}
+
 bool truth(double d) {
     uint64_t b = std::bit_cast<uint64_t>(d);
     return (b << 1) != 0 && !vzismiss(d);
@@ -133,7 +141,9 @@ unsigned long vgcollkey(unsigned long bits) {
 
 long vvgctdbl(const void* src, long sl, void* dst, long dl, long) {
     if (!lenok(sl) || !lenok(dl)) return 0;
+    unsigned saved = fpmask();
     zctdbl(getnum(src, sl), dst, static_cast<int>(dl));
+    fpunmask(saved);
     return 0;
 }
 
@@ -146,7 +156,9 @@ long vvgrtdbl(const void* src, long sl, void* dst, long dl, long) {
 long vvgcidbl(const void* src, long sl, void* dst, long dl, long) {
     if (!lenok(sl) || !lenok(dl)) return 0;
     unsigned char b[8];
+    unsigned saved = fpmask();
     zctdbl(getnum(src, sl), b, 8);
+    fpunmask(saved);
     if (tailzero(b, 8) && (b[0] & 0x7F) && toebcdic(b[0])) b[0] = toebcdic(b[0]);
     memcpy(dst, b, dl);
     return 0;
@@ -173,7 +185,7 @@ long vvgcvdbl(const void* src, long sl, void* dst, long dl, long) {
     uint64_t v = 0;  // the D value as one 64-bit number, word 0 on top
     int e = static_cast<int>((bits >> 52) & 0x7FF);
     uint64_t s = bits >> 63;
-    if (vzismiss(d) || std::isnan(d)) {
+    if (vzismiss(d) || (e == 0x7FF && (bits & ((1ull << 52) - 1)))) {
         v = (1ull << 63) | static_cast<unsigned char>(vzismiss(d) ? vzmisschar(d) : '.');
     } else if (e == 0x7FF || e - 894 > 255) {
         v = (s << 63) | (255ull << 55) | ((1ull << 55) - 1);  // the largest magnitude
@@ -401,54 +413,46 @@ long vvgminf(const void* src, long sl, void* dst, long dl, long x) { return vvgm
 // ------------------------------------------------------------ vectors
 
 long vvgandr(const void* v, long n, void*, long, long) {
-    const auto* d = static_cast<const double*>(v);
     for (long i = 0; i < n; i++)
-        if (!truth(d[i])) return 0;
+        if (!truth(at(v, i))) return 0;
     return 1;
 }
 long vvgorr(const void* v, long n, void*, long, long) {
-    const auto* d = static_cast<const double*>(v);
     for (long i = 0; i < n; i++)
-        if (truth(d[i])) return 1;
+        if (truth(at(v, i))) return 1;
     return 0;
 }
 long vvgandrn(const void* v, long n, void*, long, long) {
-    const auto* d = static_cast<const double*>(v);
     for (long i = 0; i < n; i++)
-        if (truth(d[i])) return 0;
+        if (truth(at(v, i))) return 0;
     return 1;
 }
 long vvgorrn(const void* v, long n, void*, long, long) {
-    const auto* d = static_cast<const double*>(v);
     for (long i = 0; i < n; i++)
-        if (!truth(d[i])) return 1;
+        if (!truth(at(v, i))) return 1;
     return 0;
 }
 
 double vvgminr(const void* v, long n, void*, long, long) {
-    const auto* d = static_cast<const double*>(v);
     if (n <= 0) return VZ_MISSING;
-    double m = d[0];
-    for (long i = 1; i < n; i++) m = pick(m, d[i], false);
+    double m = at(v, 0);
+    for (long i = 1; i < n; i++) m = pick(m, at(v, i), false);
     return m;
 }
 double vvgmaxr(const void* v, long n, void*, long, long) {
-    const auto* d = static_cast<const double*>(v);
     if (n <= 0) return VZ_MISSING;
-    double m = d[0];
-    for (long i = 1; i < n; i++) m = pick(m, d[i], true);
+    double m = at(v, 0);
+    for (long i = 1; i < n; i++) m = pick(m, at(v, i), true);
     return m;
 }
 
 long vvgcmpr(const void* a, long an, void* b, long bn, long) {
-    const auto* x = static_cast<const double*>(a);
-    const auto* y = static_cast<const double*>(b);
     if (an < 0) an = 0;
     if (bn < 0) bn = 0;
     long n = an < bn ? an : bn;
     for (long i = 0; i < n; i++) {
-        unsigned long kx = vgcollkey(std::bit_cast<unsigned long>(x[i]));
-        unsigned long ky = vgcollkey(std::bit_cast<unsigned long>(y[i]));
+        unsigned long kx = vgcollkey(std::bit_cast<unsigned long>(at(a, i)));
+        unsigned long ky = vgcollkey(std::bit_cast<unsigned long>(at(b, i)));
         if (kx != ky) return kx < ky ? -1 : 1;
     }
     return an == bn ? 0 : an < bn ? -1 : 1;
@@ -508,9 +512,8 @@ double vvgt2n(const void* src, long sl, void*, long, long) {
 }
 
 long vvgcvlr(double v) {
-    if (!(v >= -9223372036854775808.0 && v < 9223372036854775808.0)) return INT64_MIN;
     unsigned saved = fpmask();
-    long r = std::lrint(v);
+    long r = v >= -9223372036854775808.0 && v < 9223372036854775808.0 ? std::lrint(v) : INT64_MIN;
     fpunmask(saved);
     return r;
 }
@@ -518,21 +521,21 @@ long vvgcvlr(double v) {
 double vvgdiv(double a, double b) {
     if (vzismiss(a)) return a;
     if (vzismiss(b)) return b;
-    if (b == 0.0) return VZ_MISSING;
     unsigned saved = fpmask();
-    double r = a / b;
+    double r = b == 0.0 ? VZ_MISSING : a / b;
+    if (std::isnan(r) || (std::isinf(r) && std::isfinite(a))) r = VZ_MISSING;
     fpunmask(saved);
-    return std::isnan(r) || (std::isinf(r) && std::isfinite(a)) ? VZ_MISSING : r;
+    return r;
 }
 
 double vvgmodr(double a, double b) {
     if (vzismiss(a)) return a;
     if (vzismiss(b)) return b;
-    if (b == 0.0) return VZ_MISSING;
     unsigned saved = fpmask();
-    double r = std::fmod(a, b);
+    double r = b == 0.0 ? VZ_MISSING : std::fmod(a, b);
+    if (std::isnan(r)) r = VZ_MISSING;
     fpunmask(saved);
-    return std::isnan(r) ? VZ_MISSING : r;
+    return r;
 }
 
 VGHELP vgtranshelper(int type, long fsrc, long fdst, unsigned long modifier) {

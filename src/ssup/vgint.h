@@ -123,6 +123,7 @@ constexpr int VG2_MARK = 16;
 constexpr int VG2_ATTN = 24;
 constexpr int VG2_MXCSR = 32;    // the caller's MXCSR, saved at entry
 constexpr int VG2_ARMED = 36;    // MXCSR while generated code runs
+constexpr int VG2_RESULT = 40;   // except_result, where the resume stub can reach it
 constexpr int VG2_SIZE = 48;
 constexpr int VG_MAXLINK = 64;   // LINK_ nesting
 
@@ -178,6 +179,8 @@ struct VGSEGHD {
     xmpid genpool;                // scratch of one code generation
     void* gen;
     unsigned char* exit_pop;      // the exit sequence's pops
+    long* dumpmap;                // for the dump: code offset << 8 | opcode of each instruction
+    long ndumpmap;
     int tid;
     int nstubs;
 };

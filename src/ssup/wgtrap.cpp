@@ -75,6 +75,7 @@ void vvgexcept(int signo, siginfo_t* si, void* context) {
     // The exception function runs with the caller's floating-point setting.
     _mm_setcsr(*mxslot(s, VG2_MXCSR) & ~0x3Fu);
     int r = s->except_func(cause, &s->except_result, &jmp, &resume);
+    memcpy(s->segs[2].address + VG2_RESULT, &s->except_result, 8);
     s->fault_addr = nullptr;
     if (r == -1) giveup(s, signo);
     if (r == 0) {
@@ -165,6 +166,7 @@ extern "C" int vvgcgunk(VGSEGHD* s) {
     jmp_buf* jmp = nullptr;
     void* resume = nullptr;
     int r = s->except_func(5, &s->except_result, &jmp, &resume);
+    memcpy(s->segs[2].address + VG2_RESULT, &s->except_result, 8);
     _mm_setcsr(armed);
     if (r == -1) giveup(s, 0);
     if (r == 0) return 0;
@@ -187,12 +189,17 @@ wrcode wgstop(VGSEGHD* s, wrcode rc) {
 
 void vgdisasm(VGSEGHD* s) {
     char line[160];
-    snprintf(line, sizeof(line), "Generated code of session %p: %ld bytes, estimate %ld, worst case %ld, %ld instructions",
-             static_cast<void*>(s), s->codesize, s->estimate, s->worst, s->ninst);
+    snprintf(line, sizeof(line), "Generated code of session %p at %p: %ld bytes, estimate %ld, worst case %ld, %ld instructions",
+             static_cast<void*>(s), static_cast<void*>(s->stcode), s->codesize, s->estimate, s->worst, s->ninst);
     xpslog("%s", line);
     unsigned char* p = s->stcode;
     char text[96];
+    long k = 0;
     while (p < s->curcode) {
+        for (; s->dumpmap && k < s->ndumpmap && (s->dumpmap[k] >> 8) <= p - s->stcode; k++) {
+            snprintf(line, sizeof(line), "        ; %ld %.9s", k, opname[s->dumpmap[k] & 0xFF]);
+            xpslog("%s", line);
+        }
         int n = disasm(p, static_cast<int>(s->curcode - p), text, sizeof(text));
         if (n <= 0) {
             snprintf(line, sizeof(line), "%6ld  ?? %02x", static_cast<long>(p - s->stcode), *p);
