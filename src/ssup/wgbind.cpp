@@ -176,7 +176,10 @@ static wrcode vgcheck(VGSEGHD* s, VGCOUNTS* n) {
             bool ok = prev && (iinfo[prev->opcode].flags & IF_OVFL) && prev->type != WG_TDBL;
             if (!ok) return vgfail("wgbind: %.9s at instruction %ld does not follow an integer ADD_, SUB_, MUL_ or NEG_", name, idx);
         }
-        if (p->opcode == MOV_ && (p->modifier & WG_MLABEL)) n->nlabdata++;
+        if (p->opcode == MOV_ && (p->modifier & WG_MLABEL)) {
+            n->nlabdata++;
+            n->nrels++;
+        }
         if (p->opcode == STMTID_) n->nstmt++;
         if (iinfo[p->opcode].flags & (IF_RLAB | IF_BLOCK)) n->nrels += 3;
         if (p->opcode == TRANS_ && (p->type == WG_TDBL || p->type == WG_TINTCV)) {
