@@ -364,16 +364,16 @@ int loadreg(VGGEN* g, OPDESC* o, const int* list, bool wantx) {
 int loadgp(VGGEN* g, OPDESC* o, const int* list = GPL) { return loadreg(g, o, list, false); }
 int loadx(VGGEN* g, OPDESC* o, const int* list = XL) { return loadreg(g, o, list, true); }
 
-// A locked register holding o's value that the caller may change. The
-// instruction's result, when the register holds it, is about to be replaced
-// and is not written back.
-int loadregw(VGGEN* g, OPDESC* o, const int* list, bool wantx) {
+// A locked register holding o's value that the caller may change. When no
+// operand is read after this one (last), the instruction's result, if the
+// register holds it, is about to be replaced and is not written back.
+int loadregw(VGGEN* g, OPDESC* o, const int* list, bool wantx, bool last) {
     int h = o->type == OD_OBJ ? o->basereg : -1;
     if (h >= 0 && isx(h) == wantx && !g->regs[h].lock) {
         bool ok = false;
         for (const int* r = list; *r >= 0; r++) ok |= *r == h;
         if (ok) {
-            if (OPDESC* res = g->ops[0]; res && res->basereg == h) {
+            if (OPDESC* res = g->ops[0]; last && res && res->basereg == h) {
                 int use[3];
                 vgopuse(g->cur_pinst, use);
                 if (use[0] == VGU_WRITE) detach(g, res);
@@ -387,8 +387,8 @@ int loadregw(VGGEN* g, OPDESC* o, const int* list, bool wantx) {
     load_into(g, o, r);
     return r;
 }
-int loadgpw(VGGEN* g, OPDESC* o, const int* list = GPL) { return loadregw(g, o, list, false); }
-int loadxw(VGGEN* g, OPDESC* o, const int* list = XL) { return loadregw(g, o, list, true); }
+int loadgpw(VGGEN* g, OPDESC* o, const int* list = GPL, bool last = false) { return loadregw(g, o, list, false, last); }
+int loadxw(VGGEN* g, OPDESC* o, const int* list = XL) { return loadregw(g, o, list, true, false); }
 
 // A second operand: a register, memory, or a 32-bit immediate.
 struct SRC {
@@ -499,9 +499,39 @@ void otrg(VGGEN* g, VGLABEL* labels, REL* branch, unsigned char* place, int extr
 // when an OPDESC is null). res 0: none, 1: RAX, 2: XMM0, into r.
 void callhelper(VGGEN* g, const void* fn, OPDESC* const* args, int nargs, bool writes, int res, OPDESC* r) {
     flushall(g);
+    // Arguments whose values sit in registers move straight into place, each
+    // source read before its register is overwritten (R11 breaks a cycle).
+    int src[5];
+    bool done[5];
+    for (int i = 0; i < nargs; i++) {
+        src[i] = args[i]->type == OD_OBJ ? args[i]->basereg : -1;
+        done[i] = src[i] < 0;
+    }
+    for (;;) {
+        bool progress = false, left = false;
+        for (int i = 0; i < nargs; i++) {
+            if (done[i]) continue;
+            left = true;
+            bool busy = false;
+            for (int j = 0; j < nargs; j++) busy |= j != i && !done[j] && src[j] == ARGREG[i];
+            if (busy) continue;
+            if (src[i] != ARGREG[i]) emit_r_r(g, isx(src[i]) ? I_MOVQ : I_MOV, ARGREG[i], src[i]);
+            done[i] = progress = true;
+        }
+        if (!left) break;
+        if (!progress) {
+            int k = 0;
+            while (done[k]) k++;
+            int from = src[k];
+            emit_r_r(g, I_MOV, R11, from);
+            for (int j = 0; j < nargs; j++)
+                if (!done[j] && src[j] == from) src[j] = R11;
+        }
+    }
     rclr_scratch(g);
     for (const int* q = SCRATCH; *q >= 0; q++) lckr(g, *q);
-    for (int i = 0; i < nargs; i++) load_into(g, args[i], ARGREG[i]);
+    for (int i = 0; i < nargs; i++)
+        if (args[i]->type != OD_OBJ || src[i] < 0) load_into(g, args[i], ARGREG[i]);
     emit_r_i(g, I_MOV, R10, reinterpret_cast<long>(fn));
     emit_r(g, I_CALL, R10);
     if (writes) forgetall(g);
@@ -570,10 +600,11 @@ void missflags(VGGEN* g, int reg, int tmp) {
 #define A (g->ops[1])
 #define B (g->ops[2])
 
-void iop(VGGEN* g, short op) {
+void iop(VGGEN* g, short op, bool flags = true) {
     SRC sb = gpsrc(g, B, GPL, op != I_IMUL);
-    int ra = loadgpw(g, A);
-    emit_src(g, op, ra, sb);
+    int ra = loadgpw(g, A, GPL, true);
+    // Address arithmetic leaves no overflow to test: adding 0 is nothing.
+    if (flags || sb.op.type != OT_I || sb.imm != 0) emit_src(g, op, ra, sb);
     rslt(g, R, ra);
 }
 
@@ -785,7 +816,7 @@ void vvgmiss(VGGEN* g, PINST* p) {
 }
 
 void vvgneg(VGGEN* g, PINST* p) {
-    int ra = loadgpw(g, A);
+    int ra = loadgpw(g, A, GPL, true);
     if (p->type != WG_TDBL) {
         emit_r(g, I_NEG, ra);
         rslt(g, R, ra);
@@ -891,8 +922,8 @@ void vvgoper(VGGEN* g, PINST* p) {
         else if (p->modifier & WG_MNOTRAP) callnum(g, reinterpret_cast<const void*>(vvgdiv), A, B, 2, R);
         else fop(g, I_DIVSD);
         break;
-    case ADDR_: iop(g, I_ADD); break;
-    case PTRDIF_: iop(g, I_SUB); break;
+    case ADDR_: iop(g, I_ADD, false); break;
+    case PTRDIF_: iop(g, I_SUB, false); break;
     case EXP_: dbl ? fexp(g) : iexp(g); break;
     default: cmpval(g, p); break;
     }
@@ -1168,6 +1199,76 @@ void vvgtrans(VGGEN* g, PINST* p) {
     callhelper(g, reinterpret_cast<const void*>(fn), args, 5, true, 0, nullptr);
 }
 
+// A move of a few [RSI + k] to [RDI + k].
+void wordmove(VGGEN* g, long k, bool w32, int via) {
+    INST ld = mk(I_MOV, opr(via), opm(RSI), 0, w32 ? INSTF_W32 : 0);
+    ld.add_disp = static_cast<int>(k);
+    put(g, ld);
+    INST st = mk(I_MOV, opm(RDI), opr(via), 0, w32 ? INSTF_W32 : 0);
+    st.add_disp = static_cast<int>(k);
+    put(g, st);
+}
+
+// n bytes from RSI to RDI, leaving RDI past them. Short moves go by whole
+// words, which is much cheaper than starting the string instruction; areas
+// that overlap keep its byte-by-byte forward copy.
+void charmove(VGGEN* g, long n) {
+    if (n <= 0) return;
+    if (n < 4 || n > 64) {
+        emit_r_i(g, I_MOV, RCX, n, INSTF_W32);
+        emit_none(g, I_MOVS);
+        return;
+    }
+    emit_r_r(g, I_MOV, RAX, RDI);
+    emit_r_r(g, I_SUB, RAX, RSI);
+    emit_r_i(g, I_ADD, RAX, n - 1);
+    emit_r_i(g, I_CMP, RAX, 2 * n - 1);
+    long slow = jfwd(g, CC_B);
+    if (n < 8) {
+        INST a = mk(I_MOV, opr(RCX), opm(RSI), 0, INSTF_W32), b = a;
+        b.dest = opr(RAX);
+        b.add_disp = static_cast<int>(n - 4);
+        put(g, a);
+        put(g, b);
+        INST c = mk(I_MOV, opm(RDI), opr(RCX), 0, INSTF_W32), d = mk(I_MOV, opm(RDI), opr(RAX), 0, INSTF_W32);
+        d.add_disp = static_cast<int>(n - 4);
+        put(g, c);
+        put(g, d);
+    } else {
+        for (long k = 0; k + 8 <= n; k += 8) wordmove(g, k, false, RCX);
+        if (n % 8) wordmove(g, n - 8, false, RCX);
+    }
+    emit_r_i(g, I_ADD, RDI, n);
+    long done = jfwd(g, -1);
+    patchhere(g, slow);
+    emit_r_i(g, I_MOV, RCX, n, INSTF_W32);
+    emit_none(g, I_MOVS);
+    patchhere(g, done);
+}
+
+// n bytes of c at RDI.
+void charpad(VGGEN* g, long n, long c) {
+    if (n < 4 || n > 64) {
+        emit_r_i(g, I_MOV, RAX, c * 0x01010101L, INSTF_W32);
+        emit_r_i(g, I_MOV, RCX, n, INSTF_W32);
+        emit_none(g, I_STOS);
+        return;
+    }
+    emit_r_i(g, I_MOV, RAX, static_cast<long>(static_cast<unsigned long>(c) * 0x0101010101010101ul));
+    auto store = [g](long k, bool w32) {
+        INST st = mk(I_MOV, opm(RDI), opr(RAX), 0, w32 ? INSTF_W32 : 0);
+        st.add_disp = static_cast<int>(k);
+        put(g, st);
+    };
+    if (n < 8) {
+        store(0, true);
+        store(n - 4, true);
+        return;
+    }
+    for (long k = 0; k + 8 <= n; k += 8) store(k, false);
+    if (n % 8) store(n - 8, false);
+}
+
 void vvgmovegen(VGGEN* g, PINST* p) {
     VGPARM& s = g->parms[0];
     VGPARM& d = g->parms[1];
@@ -1196,15 +1297,14 @@ void vvgmovegen(VGGEN* g, PINST* p) {
             emit_none(g, I_STOS);
         }
         if (dbl && dd < 0) emit_r_i(g, I_ADD, RSI, -dd);
-        if (n > 0) {
-            emit_r_i(g, I_MOV, RCX, n, INSTF_W32);
-            emit_none(g, I_MOVS);
-        }
-        if (!dbl && dd > 0) {
-            long pad = (p->modifier & WG_MPADC) ? (p->modifier & 0xFF) : 0x20;
-            emit_r_i(g, I_MOV, RAX, pad * 0x01010101L, INSTF_W32);
-            emit_r_i(g, I_MOV, RCX, dd, INSTF_W32);
-            emit_none(g, I_STOS);
+        if (dbl) {
+            if (n > 0) {
+                emit_r_i(g, I_MOV, RCX, n, INSTF_W32);
+                emit_none(g, I_MOVS);
+            }
+        } else {
+            charmove(g, n);
+            if (dd > 0) charpad(g, dd, (p->modifier & WG_MPADC) ? (p->modifier & 0xFF) : 0x20);
         }
         forgetall(g);
         return;

@@ -149,6 +149,13 @@ private:
     }
     Opd opd(bool dbl) { return dbl ? dopd() : iopd(); }
     unsigned long ires() { return o0(OI + pick(0, NI - 1)); }
+    // The result object read as an operand too, where register reuse is
+    // easiest to get wrong.
+    void alias(unsigned long r, Opd& a, Opd& b) {
+        if (coin(15)) a = {r, false};
+        if (coin(15)) b = {r, false};
+        if (coin(5)) b = a;
+    }
     unsigned long dres() { return coin(90) ? o0(OD + pick(0, ND - 1)) : ires(); }
     unsigned long mods(Opd a, Opd b) { return (a.imm ? WG_MIMMA : 0) | (b.imm ? WG_MIMMB : 0); }
     int itype() { return coin(50) ? WG_TINT : WG_TPTR; }
@@ -197,8 +204,10 @@ private:
             static const int ops[] = {ADD_, SUB_, MUL_, DIV_, MOD_, EXP_, ADDR_, PTRDIF_, ANDB_, ORB_, XORB_, SUM_, MIN_, MAX_, NEG_};
             int op = ops[pick(0, 14)];
             Opd a = iopd(), b = iopd();
+            unsigned long r = ires();
+            alias(r, a, b);
             if (op == EXP_ && coin(60)) b = {static_cast<unsigned long>(pick(-3, 70)), true};
-            emit(op, itype(), mods(a, b), a.v, b.v, ires());
+            emit(op, itype(), mods(a, b), a.v, b.v, r);
             if ((op == ADD_ || op == SUB_ || op == MUL_ || op == NEG_) && coin(40))
                 emit(coin(50) ? BTOVFL_ : BFOVFL_, WG_TINT, 0, 0, 0, fwd(pending));
             break;
@@ -208,10 +217,13 @@ private:
         case 4: {  // double arithmetic
             static const int ops[] = {ADD_, SUB_, MUL_, DIV_, MOD_, EXP_, SUM_, MIN_, MAX_, NEG_};
             int op = ops[pick(0, 9)];
-            Opd a = dopd(), b = op == EXP_ ? Opd{static_cast<unsigned long>(pick(-40, 1100)), true} : dopd();
+            Opd a = dopd(), b = dopd();
+            unsigned long r = dres();
+            alias(r, a, b);
+            if (op == EXP_) b = Opd{static_cast<unsigned long>(pick(-40, 1100)), true};
             unsigned long m = mods(a, b);
             if (op == DIV_ && coin(30)) m |= WG_MNOTRAP;
-            emit(op, WG_TDBL, m, a.v, b.v, dres());
+            emit(op, WG_TDBL, m, a.v, b.v, r);
             break;
         }
         case 5: {  // comparisons to a value
