@@ -155,7 +155,10 @@ static wrcode vgcheck(VGSEGHD* s, VGCOUNTS* n) {
             } else if (use[i] & (VGU_READ | VGU_WRITE)) {
                 if (!validobj(s, ops[i], use[i] & VGU_WRITE))
                     return vgfail("wgbind: operand %c of %.9s at instruction %ld is outside its segment", "rab"[i], name, idx);
-            } else if (use[i] == VGU_IMM && p->type == WG_TDBL && p->opcode != IPARM_) {
+            } else if (use[i] == VGU_IMM && p->opcode != IPARM_ &&
+                       (p->type == WG_TDBL || p->opcode == CVI_ || p->opcode == CVL_)) {
+                // A double given in the instruction is read from the literal
+                // pool; conversions read one whatever their result's type.
                 n->nlits++;
             }
         }

@@ -1,6 +1,7 @@
 // Code sessions: the stream of intermediate code, binding, ending, and what
 // a bad instruction or a misuse gets back.
 #include <gtest/gtest.h>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -119,6 +120,25 @@ TEST(CodeSessions, AJumpToTheNextInstructionIsDroppedAndSmallSessionsEstimateThe
     EXPECT_GT(big.s->worst, 4096);
     ASSERT_EQ(0, big.bind()) << subtext();  // bound, never run: the areas are not real
     EXPECT_EQ(12 * iinfo[MOVEGEN_].estimate, big.s->estimate);
+}
+
+TEST(CodeSessions, DoublesWrittenIntoConversionsAllFindRoomAmongTheLiterals) {
+    // Integer-typed conversions read their double from the literal pool too.
+    Sess t;
+    const double v[] = {1.5, -2.5, 40.25, 1e6, -7.75, 123.0, 0.5, 3e9};
+    objloc r[8], sum = t.obj();
+    for (int i = 0; i < 8; i++) {
+        r[i] = t.obj();
+        unsigned long bits;
+        memcpy(&bits, &v[i], 8);
+        t.e(i % 2 ? CVL_ : CVI_, i % 3 ? WG_TINT : WG_TPTR, WG_MIMMA, bits, 0, r[i]);
+    }
+    for (int i = 0; i < 8; i++) t.e(ADD_, WG_TINT, 0, sum, r[i], sum);
+    t.e(TERM_, WG_TINT, 0, 0, 0, sum);
+    ASSERT_EQ(0, t.bind()) << subtext();
+    long want = 0;
+    for (int i = 0; i < 8; i++) want += i % 2 ? std::lrint(v[i]) : static_cast<long>(v[i]);
+    EXPECT_EQ(want, t.run());
 }
 
 TEST(CodeSessions, BadInstructionsAreRefusedWithWhatIsWrongAndLeaveNoCodeBehind) {
