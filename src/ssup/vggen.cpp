@@ -640,6 +640,24 @@ void idivmod(VGGEN* g, bool mod) {
     rslt(g, R, mod ? RDX : RAX);
 }
 
+// res times base for each set bit of the exponent e, base squared on the
+// way, until e runs out.
+void powloop(VGGEN* g, short mul, int res, int base, int e) {
+    unsigned char* loop = g->cur;
+    emit_r_r(g, I_TEST, e, e);
+    long end1 = jfwd(g, CC_E);
+    emit_r_i(g, I_TEST, e, 1);
+    long skip = jfwd(g, CC_E);
+    emit_r_r(g, mul, res, base);
+    patchhere(g, skip);
+    emit_r_i(g, I_SHR, e, 1);
+    long end2 = jfwd(g, CC_E);
+    emit_r_r(g, mul, base, base);
+    jback(g, -1, loop);
+    patchhere(g, end1);
+    patchhere(g, end2);
+}
+
 // A trap's write-back must happen on every path, so it comes before the
 // instruction branches inside itself.
 void iexp(VGGEN* g) {
@@ -660,19 +678,7 @@ void iexp(VGGEN* g) {
     long pos = jfwd(g, CC_NS);
     emit_r(g, I_NEG, e);
     patchhere(g, pos);
-    unsigned char* loop = g->cur;
-    emit_r_r(g, I_TEST, e, e);
-    long end1 = jfwd(g, CC_E);
-    emit_r_i(g, I_TEST, e, 1);
-    long skip = jfwd(g, CC_E);
-    emit_r_r(g, I_IMUL, res, base);
-    patchhere(g, skip);
-    emit_r_i(g, I_SHR, e, 1);
-    long end2 = jfwd(g, CC_E);
-    emit_r_r(g, I_IMUL, base, base);
-    jback(g, -1, loop);
-    patchhere(g, end1);
-    patchhere(g, end2);
+    powloop(g, I_IMUL, res, base, e);
     emit_r_r(g, I_MOV, RAX, res);
     emit_r_r(g, I_TEST, sgn, sgn);
     long done = jfwd(g, CC_NS);
@@ -703,19 +709,7 @@ void fexp(VGGEN* g) {
     emit_r(g, I_NEG, e);
     patchhere(g, pos);
     long t = trapbegin(g);
-    unsigned char* loop = g->cur;
-    emit_r_r(g, I_TEST, e, e);
-    long end1 = jfwd(g, CC_E);
-    emit_r_i(g, I_TEST, e, 1);
-    long skip = jfwd(g, CC_E);
-    emit_r_r(g, I_MULSD, XMM0, base);
-    patchhere(g, skip);
-    emit_r_i(g, I_SHR, e, 1);
-    long end2 = jfwd(g, CC_E);
-    emit_r_r(g, I_MULSD, base, base);
-    jback(g, -1, loop);
-    patchhere(g, end1);
-    patchhere(g, end2);
+    powloop(g, I_MULSD, XMM0, base, e);
     emit_r_r(g, I_TEST, sgn, sgn);
     long cont = jfwd(g, CC_NS);
     emit_r_r(g, I_MOVAPD, base, XMM0);

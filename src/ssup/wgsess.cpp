@@ -112,9 +112,9 @@ wrcode vgfail(const char* fmt, ...) {
 
 int vgreclen(const PINST* p) { return p->opcode == 0 ? p->type : PINST_HEAD + iinfo[p->opcode].oplen; }
 
-PINST* vgfirst(VGSEGHD* s, VGITER* it) {
-    it->c = s->first_icodes;
-    it->pos = it->c ? it->c->memblock : nullptr;
+namespace {
+// From it->pos on, the first record that is not a hole, across blocks.
+PINST* skipholes(VGITER* it) {
     while (it->c) {
         if (it->pos < it->c->curpos) {
             auto* p = reinterpret_cast<PINST*>(it->pos);
@@ -127,21 +127,18 @@ PINST* vgfirst(VGSEGHD* s, VGITER* it) {
     }
     return nullptr;
 }
+}  // namespace
+
+PINST* vgfirst(VGSEGHD* s, VGITER* it) {
+    it->c = s->first_icodes;
+    it->pos = it->c ? it->c->memblock : nullptr;
+    return skipholes(it);
+}
 
 PINST* vgnextp(VGITER* it) {
     if (!it->c) return nullptr;
     it->pos += vgreclen(reinterpret_cast<PINST*>(it->pos));
-    while (it->c) {
-        if (it->pos < it->c->curpos) {
-            auto* p = reinterpret_cast<PINST*>(it->pos);
-            if (p->opcode) return p;
-            it->pos += vgreclen(p);
-            continue;
-        }
-        it->c = it->c->next;
-        it->pos = it->c ? it->c->memblock : nullptr;
-    }
-    return nullptr;
+    return skipholes(it);
 }
 
 void* wginit() {
