@@ -15,7 +15,7 @@ if [ ! -x "$build/bench/bench_codegen" ]; then
 fi
 out=$(MSGPATH="$here/msg" "$build/bench/bench_codegen" --benchmark_repetitions=3 \
       --benchmark_report_aggregates_only=true --benchmark_format=csv 2>/dev/null)
-rate() { echo "$out" | grep "^\"$1/iterations:[0-9]*_median\"" | cut -d, -f10; }
+rate() { echo "$out" | grep "^\"$1/iterations:[0-9]*_median\"" | cut -d, -f7; }
 gen=$(rate BM_Generated)
 hand=$(rate BM_HandLoop)
 inl=$(rate BM_HandInline)
@@ -24,6 +24,8 @@ printf 'generated code          %14.0f rows/s\n' "$gen"
 printf 'hand loop, helper calls %14.0f rows/s\n' "$hand"
 printf 'hand loop, inline swap  %14.0f rows/s\n' "$inl"
 printf 'reference interpreter   %14.0f rows/s\n' "$interp"
-printf 'generated / interpreter %14.2f\n' "$(echo "$gen / $interp" | bc -l)"
-printf 'hand loop / generated   %14.2f\n' "$(echo "$hand / $gen" | bc -l)"
-printf 'inline loop / generated %14.2f\n' "$(echo "$inl / $gen" | bc -l)"
+# Rates come in exponent form, which awk reads and bc does not.
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+printf 'generated / interpreter %14s\n' "$(ratio "$gen" "$interp")"
+printf 'generated / hand loop   %14s\n' "$(ratio "$gen" "$hand")"
+printf 'inline loop / generated %14s\n' "$(ratio "$inl" "$gen")"

@@ -1175,6 +1175,26 @@ void vvgfunc(VGGEN* g, PINST* p) {
 
 // ---------------------------------------------------------------- data
 
+// Eight bytes of a double between this machine and another IEEE host: a
+// load, a byte swap unless the other host is little-endian, and a store,
+// which is all the helper does for these lengths. The area may hold objects,
+// so memory is the truth on both sides of the store.
+bool transieee(VGGEN* g, VGHELP fn, long other) {
+    OPDESC* sl = g->parms[0].b;
+    OPDESC* dl = g->parms[1].b;
+    if (fn != vvgredbl && fn != vvgcedbl) return false;
+    if (sl->type != OD_IMM || dl->type != OD_IMM || sl->value != 8 || dl->value != 8) return false;
+    int from = loadgp(g, A);
+    int to = loadgp(g, R);
+    int t = selr(g, GPL);
+    flushall(g);
+    put(g, mk(I_MOV, opr(t), opm(from)));
+    if (!(other & (WG_FLITTLE | WG_FNT))) emit_r(g, I_BSWAP, t);
+    put(g, mk(I_MOV, opm(to), opr(t)));
+    forgetall(g);
+    return true;
+}
+
 void vvgtrans(VGGEN* g, PINST* p) {
     VGPARM& s = g->parms[0];
     VGPARM& d = g->parms[1];
@@ -1184,6 +1204,7 @@ void vvgtrans(VGGEN* g, PINST* p) {
         fn = vgtranshelper(p->type, s.a->value, d.a->value, p->modifier);
         if (!fn) vvgassert(g->s, __LINE__);
         long other = (s.a->value & WG_FNATIVE) ? d.a->value : s.a->value;
+        if (transieee(g, fn, other)) return;
         x = immop(g, other);
     } else {
         fn = vvgtxxlt;

@@ -331,8 +331,10 @@ private:
             }
             if (k == 2) type = WG_TCHAR;
             int hi = type == WG_TCHAR ? 40 : 8;
-            iparm({static_cast<unsigned long>(sf), true}, arealen(1, hi));
-            iparm({static_cast<unsigned long>(df), true}, arealen(1, hi));
+            // Whole doubles both sides often: they take a path of their own.
+            bool whole = type == WG_TDBL && coin(40);
+            iparm({static_cast<unsigned long>(sf), true}, whole ? Opd{8, true} : arealen(1, hi));
+            iparm({static_cast<unsigned long>(df), true}, whole ? Opd{8, true} : arealen(1, hi));
             Opd src = areaaddr(40);
             unsigned long dst = o1(KP + pick(0, NP - 1));
             Opd tab = {coin(50) ? reinterpret_cast<unsigned long>(upper) : 0, true};
