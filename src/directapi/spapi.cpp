@@ -387,9 +387,9 @@ rctype spcreatev(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE
     rctype drc = s->dafid->mt->defvars(s->dafid, nvars, vars);
     if (drc < 0) {
         // Nothing half made is left: the new table goes again.
-        s->dafid->mt->closefid(s->dafid);
+        daignore(s->dafid->mt->closefid(s->dafid));
         s->dafid = nullptr;
-        lp->mt->del(lp, nm, "DATA    ");
+        daignore(lp->mt->del(lp, nm, "DATA    "));
         rc = wrap(s, drc);
         freespfid(s);
         return rc;
@@ -573,7 +573,7 @@ int spopendir(void* vlib, void** newdir) {
     // The directory handle needs its library's methods to read and close.
     void** h = static_cast<void**>(malloc(2 * sizeof(void*)));
     if (!h) {
-        lp->mt->cldir(dh);
+        daignore(lp->mt->cldir(dh));
         return SP_NOMEM;
     }
     h[0] = lp;

@@ -160,23 +160,24 @@ int spdelobs(void* vdcp, int64_t obsnum) {
         // A row that is already gone reads as the next live one, or not at all.
         if (rc >= 0 && (dc->iob.numobs < 1 || dc->iocb->curobs - 1 != obsnum)) rc = DA_NOTFOUND;
         if (rc < 0) {
-            if (dyn) fp->mt->setshare(fp, DA_SHRCLEAR);
+            if (dyn) daignore(fp->mt->setshare(fp, DA_SHRCLEAR));
             return DeleteError(dc, obsnum, "DAREADV", rc);
         }
     }
     rc = fp->mt->delobs(fp, obsnum);
     if (rc < 0) {
-        if (dyn) fp->mt->setshare(fp, DA_SHRCLEAR);
+        if (dyn) daignore(fp->mt->setshare(fp, DA_SHRCLEAR));
         return DeleteError(dc, obsnum, "DADELOBS", rc);
     }
     if (dc->xoehdr->flags & DA_XOEBACKUP) {
         rc = UpdateBackup(dc, obsnum);
         if (rc < 0) {
-            if (dyn) fp->mt->setshare(fp, DA_SHRCLEAR);
+            if (dyn) daignore(fp->mt->setshare(fp, DA_SHRCLEAR));
             return DeleteError(dc, obsnum, "DAWRITEV", rc);
         }
     }
-    if (dyn) fp->mt->setshare(fp, DA_SHRCLEAR);
+    // Clearing the share also makes the delete durable: its failure counts.
+    if (dyn && (rc = fp->mt->setshare(fp, DA_SHRCLEAR)) < 0) return DeleteError(dc, obsnum, "SETSHARE", rc);
     return 0;
 }
 

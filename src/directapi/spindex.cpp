@@ -79,8 +79,8 @@ extern "C" int vrtaidxlist(void* vlib, const char* table, int table_l, const cha
         o.bytes = filebytes(icb);
         o.usable = !(k.checks & DA_ICBBAD);
     }
-    fp->mt->closefid(fp);
-    return count;
+    rctype crc = fp->mt->closefid(fp);
+    return crc < 0 ? crc : count;
 }
 
 extern "C" int vrtaidxdrop(void* vlib, const char* table, int table_l, const char* index, const char* ekey) {

@@ -31,8 +31,8 @@ rctype rawread(SP_IOB* sp) {
     DA_FID* fp = s->dafid;
     rctype rc = fp->mt->setshare(fp, DA_SHRREAD);
     if (rc >= 0) rc = iocb->mt->dareadv(iocb, 1);
-    fp->mt->setshare(fp, DA_SHRCLEAR);
-    return rc;
+    rctype crc = fp->mt->setshare(fp, DA_SHRCLEAR);
+    return rc < 0 ? rc : (crc < 0 ? crc : rc);
 }
 
 // The caller's view of bufsize bytes: decides block mode, makes the block
@@ -146,7 +146,7 @@ int spnewrd(void* vfid, long bufsize, void* iobuf, void** newiocb) {
     if (rc < 0) return rc;
     SP_IOB* sp = newspiob(s, iocb, SP_IOREAD);
     if (!sp) {
-        iocb->mt->freeiocb(iocb);
+        daignore(iocb->mt->freeiocb(iocb));
         return SP_NOMEM;
     }
     if (bufsize >= 1) {
@@ -175,7 +175,7 @@ int spnewwr(void* vfid, long bufsize, void* iobuf, int flags, void** newiocb) {
     if (rc < 0) return rc;
     SP_IOB* sp = newspiob(s, iocb, SP_IOWRITE);
     if (!sp) {
-        iocb->mt->freeiocb(iocb);
+        daignore(iocb->mt->freeiocb(iocb));
         return SP_NOMEM;
     }
     sp->daiob.bufptr = iobuf;
@@ -294,8 +294,8 @@ int spwritev(void* viocb, long numobs) {
     DA_FID* fp = s->dafid;
     rctype rc = fp->mt->setshare(fp, DA_SHRUPDATE);
     if (rc >= 0) rc = iocb->mt->dawritev(iocb, 1);
-    fp->mt->setshare(fp, DA_SHRCLEAR);
-    return rc;
+    rctype crc = fp->mt->setshare(fp, DA_SHRCLEAR);
+    return rc < 0 ? rc : (crc < 0 ? crc : rc);
 }
 
 int spgetr(void* viocb, int64_t obsnum, void** bufp) {
@@ -328,7 +328,8 @@ int spgetr(void* viocb, int64_t obsnum, void** bufp) {
         // The row is deleted and the reader went on to the next live one:
         // the position stays on that row, so that a sequential read takes it.
         hs_obsno_t next = iocb->curobs - 1;
-        iocb->mt->setloc(iocb, next);
+        rc = iocb->mt->setloc(iocb, next);
+        if (rc < 0) return rc;
         if (sp->flags & SP_IOBLOCK) spsetloc(viocb, next);
         return -1;
     }

@@ -64,7 +64,7 @@ rctype sp_initpnt(size_t strsize, void* vfid, long bufsize, int64_t startobs, in
     iocb->iobvec = &p->iobvec;
     rc = iocb->mt->setbuf(iocb, &p->iobvec, p->iobufsize);
     if (rc < 0) {
-        iocb->mt->freeiocb(iocb);
+        daignore(iocb->mt->freeiocb(iocb));
         std::free(mem);
         return rc;
     }

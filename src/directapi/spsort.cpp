@@ -134,8 +134,8 @@ rctype copyexit(const VRTAINFO& vi, const VRTASORT* r, CopyExit* e) {
     if (rc >= 0) rc = daldxcb(std::string(name, 8).c_str(), &x);
     if (rc < 0) return rc;
     rc = daxccheck(x, flags, asked.c_str());
-    dafrxcb(x);
-    return rc < 0 ? rc : 0;
+    rctype frc = dafrxcb(x);
+    return rc < 0 ? rc : (frc < 0 ? frc : 0);
 }
 
 // The new table: the input's columns whole, its sort order marked in them.

@@ -304,7 +304,11 @@ int spwhset(void* vwhh, const void* where_tree, int init_flags, int numxidx, con
         if (rc >= 0)
             rc = whinit(s->clenv, where_tree, fp, init_flags, &threads, &flags, nullptr, 0, nullptr, nullptr,
                         nullptr, &wh);
-        fp->mt->setshare(fp, DA_SHRCLEAR);
+        rctype crc = fp->mt->setshare(fp, DA_SHRCLEAR);
+        if (rc >= 0 && crc < 0) {
+            whterm(wh);
+            rc = crc;
+        }
     } else {
         rc = whinit(s->clenv, where_tree, s->dafid, init_flags, &threads, &flags, nullptr, 0, nullptr, nullptr,
                     nullptr, &wh);

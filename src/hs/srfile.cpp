@@ -136,9 +136,9 @@ void sr_sweep_spill_files(const char* dir) {
         if (kill(pid, 0) == 0 || errno != ESRCH) continue;  // its sort may still run
         char full[2048];
         if (dafulln(dir, name, full, sizeof full) < 0) continue;
-        dadelef(full);
+        daignore(dadelef(full));  // one left now goes at a later sweep
     }
-    daucldir(h);
+    daignore(daucldir(h));
 }
 
 rctype sr_create_spill_file(const char* name_hdr, SR_FILE* fstrp, int random_place, DA_FD** fd) {

@@ -73,7 +73,7 @@ rctype eachrows(DA_FID* fp, F take) {
     iob.obsvec = x.numdelete > 0 ? obs.data() : nullptr;
     iob.locator = -1;
     if ((rc = iocb->mt->setbuf(iocb, &iob, bufsize)) < 0) {
-        iocb->mt->freeiocb(iocb);
+        daignore(iocb->mt->freeiocb(iocb));
         return rc;
     }
     hs_obsno_t next = 1;
@@ -269,9 +269,9 @@ rctype ixhybuild(DA_FID* fp, const IX_BUILDREQ* r) {
         rctype c = b.hbx->mt->closeidx(b.hbx, rc == 0 ? DA_IDXCLEAN : DA_IDXDIRTY);
         if (rc == 0 && c < 0) rc = c;
     }
+    DA_KEYSTR k{};
+    if (rc == 0) rc = fp->mt->queryicb(fp, r->name, &k);
     if (rc == 0) {
-        DA_KEYSTR k{};
-        fp->mt->queryicb(fp, r->name, &k);
         DA_KEYSTAT ks{};
         // The statistics keep keys as long as the columns; a transcoded key may differ.
         ks.minmax = st.has_minmax && k.keylen == b.skb->info.colkeylen ? minmax.data() : nullptr;

@@ -124,14 +124,14 @@ struct DA_DIRENT {
 
 // Library methods, chosen at assign.
 struct DA_LIBMT {
-    rctype (*openfid)(DA_LIB* lp, DA_OPNSTR* ostr, DA_FID** newfp);
-    rctype (*freelib)(DA_LIB* lp);
-    rctype (*opdir)(DA_LIB* lp, int flags, DA_DIRH** dh);
-    rctype (*rddir)(DA_DIRH* dh, DA_DIRENT* ent);
-    rctype (*cldir)(DA_DIRH* dh);
-    rctype (*exist)(DA_LIB* lp, const char* name, const char* type);
-    rctype (*rename)(DA_LIB* lp, const char* name, const char* type, const char* newname);
-    rctype (*del)(DA_LIB* lp, const char* name, const char* type);
+    rctype (*openfid)(DA_LIB* lp, DA_OPNSTR* ostr, DA_FID** newfp) __attribute__((warn_unused_result));
+    rctype (*freelib)(DA_LIB* lp) __attribute__((warn_unused_result));
+    rctype (*opdir)(DA_LIB* lp, int flags, DA_DIRH** dh) __attribute__((warn_unused_result));
+    rctype (*rddir)(DA_DIRH* dh, DA_DIRENT* ent) __attribute__((warn_unused_result));
+    rctype (*cldir)(DA_DIRH* dh) __attribute__((warn_unused_result));
+    rctype (*exist)(DA_LIB* lp, const char* name, const char* type) __attribute__((warn_unused_result));
+    rctype (*rename)(DA_LIB* lp, const char* name, const char* type, const char* newname) __attribute__((warn_unused_result));
+    rctype (*del)(DA_LIB* lp, const char* name, const char* type) __attribute__((warn_unused_result));
 };
 
 struct DA_LIB {
@@ -276,31 +276,31 @@ struct DA_GCB {
     int miniobuf;
     xmpid pool;          // lock blocks and library file blocks
     // Closes one open table of a library at free; set by the table layer.
-    rctype (*closefid)(DA_LINK* fidlink);
+    rctype (*closefid)(DA_LINK* fidlink) __attribute__((warn_unused_result));
 };
 
 extern DA_GCB dagcb;
 
 // Start and end.
-rctype dainit();
-rctype daterm();
+[[nodiscard]] rctype dainit();
+[[nodiscard]] rctype daterm();
 // Slots a mode forbids, and slots with nothing to do.
-rctype danoval();
-rctype dafatal();
+[[nodiscard]] rctype danoval();
+[[nodiscard]] rctype dafatal();
 
 // Libraries.
-rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet);
-rctype dafrlib(DA_LIB* lp);
-rctype daqylib(const char* name, DA_LIB** lp);
-rctype daopenlib(DA_LIB* lib, int flags, int dirmode);
-rctype dacloselib(DA_LIB* lib);
-rctype dalocklib(DA_LIB* lib, int mode);
-rctype daunlocklib(DA_LIB* lib);
-rctype dastatlib(DA_LIB* lib);
-rctype dadellib(const char* path, int plen);
-rctype CheckPath(const char* pclass, int mode, int npath, DA_PATHINFO* paths);
-rctype dasavpi(DA_PATHINFO* p, const char* path, int pathlen, xmpid pool);
-rctype daparsp(int qplen, const char* qpath, int modlock, int* numvec, DA_PATHINFO** pvec, xmpid pool);
+[[nodiscard]] rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet);
+[[nodiscard]] rctype dafrlib(DA_LIB* lp);
+[[nodiscard]] rctype daqylib(const char* name, DA_LIB** lp);
+[[nodiscard]] rctype daopenlib(DA_LIB* lib, int flags, int dirmode);
+[[nodiscard]] rctype dacloselib(DA_LIB* lib);
+[[nodiscard]] rctype dalocklib(DA_LIB* lib, int mode);
+[[nodiscard]] rctype daunlocklib(DA_LIB* lib);
+[[nodiscard]] rctype dastatlib(DA_LIB* lib);
+[[nodiscard]] rctype dadellib(const char* path, int plen);
+[[nodiscard]] rctype CheckPath(const char* pclass, int mode, int npath, DA_PATHINFO* paths);
+[[nodiscard]] rctype dasavpi(DA_PATHINFO* p, const char* path, int pathlen, xmpid pool);
+[[nodiscard]] rctype daparsp(int qplen, const char* qpath, int modlock, int* numvec, DA_PATHINFO** pvec, xmpid pool);
 // Holds and releases libLock of a library; one thread may nest.
 void dalklib(DA_LIB* lp);
 void daullib(DA_LIB* lp);
@@ -309,36 +309,36 @@ void dalinkadd(DA_LINK* head, DA_LINK* node);
 void dalinkdel(DA_LINK* node);
 
 // Member locks.
-rctype dalkmem(DA_LIB* lp, const char* memname, const char* memtype, int level, int omode, thread_t tid,
+[[nodiscard]] rctype dalkmem(DA_LIB* lp, const char* memname, const char* memtype, int level, int omode, thread_t tid,
                int dynflag, DA_LOCK** lid, pid_t* ownpid);
-rctype daulmem(DA_LIB* lp, DA_LOCK* lid, int level, int omode, thread_t tid);
-rctype daconlk(DA_LIB* lp, DA_LOCK* lid, int level, int omode, int nmode, thread_t tid, pid_t* ownpid);
-rctype dalkdyn(DA_LOCK* lcb, int mode);
+[[nodiscard]] rctype daulmem(DA_LIB* lp, DA_LOCK* lid, int level, int omode, thread_t tid);
+[[nodiscard]] rctype daconlk(DA_LIB* lp, DA_LOCK* lid, int level, int omode, int nmode, thread_t tid, pid_t* ownpid);
+[[nodiscard]] rctype dalkdyn(DA_LOCK* lcb, int mode);
 
 // Directory.
-rctype daopdir(DA_LIB* lp, int flags, DA_DIRH** dh);
-rctype darddir(DA_DIRH* dh, DA_DIRENT* ent);
-rctype dacldir(DA_DIRH* dh);
-rctype daexist(DA_LIB* lp, const char* name, const char* type);
-rctype dafindds(DA_LIB* lp, const char* name, int* kind);
-rctype darenam(DA_LIB* lp, const char* name, const char* type, const char* newname);
-rctype dadelet(DA_LIB* lp, const char* name, const char* type);
+[[nodiscard]] rctype daopdir(DA_LIB* lp, int flags, DA_DIRH** dh);
+[[nodiscard]] rctype darddir(DA_DIRH* dh, DA_DIRENT* ent);
+[[nodiscard]] rctype dacldir(DA_DIRH* dh);
+[[nodiscard]] rctype daexist(DA_LIB* lp, const char* name, const char* type);
+[[nodiscard]] rctype dafindds(DA_LIB* lp, const char* name, int* kind);
+[[nodiscard]] rctype darenam(DA_LIB* lp, const char* name, const char* type, const char* newname);
+[[nodiscard]] rctype dadelet(DA_LIB* lp, const char* name, const char* type);
 
 // Work files: a logical file on the library's work paths, removed at close.
-rctype daworkf(DA_LIB* lp, int opnflags, DA_FD** rfd);
+[[nodiscard]] rctype daworkf(DA_LIB* lp, int opnflags, DA_FD** rfd);
 
 // Utility members: one logical file with a 156-byte head; the methods address
 // the data behind the head.
 struct DA_UFILE;
 struct DA_UFMT {
-    rctype (*daufclo)(DA_UFILE* uf);
-    rctype (*dauftrc)(DA_UFILE* uf, da_off_t endoff);
-    rctype (*daufren)(DA_UFILE* uf, const char* newname);
-    rctype (*daufread)(DA_UFILE* uf, void* buf, long size, da_off_t off, long* nread);
-    rctype (*daufwrite)(DA_UFILE* uf, const void* buf, long size, da_off_t* off);
-    rctype (*dauflock)(DA_UFILE* uf, int mode);
-    rctype (*daufdelete)(DA_UFILE* uf);
-    rctype (*daufreopen)(DA_UFILE* uf, int flags);
+    rctype (*daufclo)(DA_UFILE* uf) __attribute__((warn_unused_result));
+    rctype (*dauftrc)(DA_UFILE* uf, da_off_t endoff) __attribute__((warn_unused_result));
+    rctype (*daufren)(DA_UFILE* uf, const char* newname) __attribute__((warn_unused_result));
+    rctype (*daufread)(DA_UFILE* uf, void* buf, long size, da_off_t off, long* nread) __attribute__((warn_unused_result));
+    rctype (*daufwrite)(DA_UFILE* uf, const void* buf, long size, da_off_t* off) __attribute__((warn_unused_result));
+    rctype (*dauflock)(DA_UFILE* uf, int mode) __attribute__((warn_unused_result));
+    rctype (*daufdelete)(DA_UFILE* uf) __attribute__((warn_unused_result));
+    rctype (*daufreopen)(DA_UFILE* uf, int flags) __attribute__((warn_unused_result));
 };
 struct DA_UFILE {
     const DA_UFMT* mt;
@@ -354,7 +354,7 @@ struct DA_UFILE {
     DA_OWNINFO owner;
 };
 // flags: 1 open for writing, 4 create (exclusive for a nameless file).
-rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFILE** uf);
+[[nodiscard]] rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFILE** uf);
 
 // Random path and sequence numbers.
 int dagetranpath(DA_LIB* lib, int pmax);

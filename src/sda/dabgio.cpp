@@ -26,7 +26,7 @@ struct DA_BIOCB : DA_GIOCB {
 
 int32_t tfactor(const DA_FCB* fcb) { return fcb->xoe.transferfactor > 0 ? fcb->xoe.transferfactor : 1; }
 
-rctype writetransfer(DA_BIOCB* c) {
+[[nodiscard]] rctype writetransfer(DA_BIOCB* c) {
     if (!(c->ioflags & 1)) return 0;
     DA_FCB* fcb = c->fcb;
     int64_t ts = fcb->xoe.transfersize;
@@ -44,7 +44,7 @@ rctype writetransfer(DA_BIOCB* c) {
     return 0;
 }
 
-rctype readtransfer(DA_BIOCB* c, int64_t unit) {
+[[nodiscard]] rctype readtransfer(DA_BIOCB* c, int64_t unit) {
     if (c->transnum == unit) return 0;
     rctype rc = writetransfer(c);
     if (rc < 0) return rc;
@@ -67,7 +67,7 @@ rctype readtransfer(DA_BIOCB* c, int64_t unit) {
 }
 
 // GetTransfer: rows [obs, obs+n) out of their units.
-rctype gettransfer(DA_BIOCB* c, hs_obsno_t obs, long n, char* out) {
+[[nodiscard]] rctype gettransfer(DA_BIOCB* c, hs_obsno_t obs, long n, char* out) {
     DA_FCB* fcb = c->fcb;
     const int32_t tf = tfactor(fcb), ol = fcb->xoe.obslen;
     while (n > 0) {
@@ -85,7 +85,7 @@ rctype gettransfer(DA_BIOCB* c, hs_obsno_t obs, long n, char* out) {
     return 0;
 }
 
-rctype puttransfer(DA_BIOCB* c, hs_obsno_t obs, long n, const char* p) {
+[[nodiscard]] rctype puttransfer(DA_BIOCB* c, hs_obsno_t obs, long n, const char* p) {
     DA_FCB* fcb = c->fcb;
     const int32_t tf = tfactor(fcb), ol = fcb->xoe.obslen;
     while (n > 0) {
@@ -109,7 +109,7 @@ rctype puttransfer(DA_BIOCB* c, hs_obsno_t obs, long n, const char* p) {
     return 0;
 }
 
-rctype rdiob(DA_BIOCB* c, DA_IOB* iob) {
+[[nodiscard]] rctype rdiob(DA_BIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     hs_obsno_t numobs = fcb->xoe.numobs;
     auto rd = [c](hs_obsno_t obs, long n, char* out) { return gettransfer(c, obs, n, out); };
@@ -120,7 +120,7 @@ rctype rdiob(DA_BIOCB* c, DA_IOB* iob) {
     });
 }
 
-rctype dabreadv(DA_IOCB* ic, int numbuf) {
+[[nodiscard]] rctype dabreadv(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_BIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
     DA_UPDLK lk(c->fcb, false, daupdmode(c->mode) && !(c->iom & DA_IOMSHARELK));
@@ -129,7 +129,7 @@ rctype dabreadv(DA_IOCB* ic, int numbuf) {
     return dareadbufs(c, c->fcb, numbuf, [c](DA_IOB* iob) { return rdiob(c, iob); });
 }
 
-rctype dabwritev(DA_IOCB* ic, int numbuf) {
+[[nodiscard]] rctype dabwritev(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_BIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
     DA_UPDLK lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
@@ -139,7 +139,7 @@ rctype dabwritev(DA_IOCB* ic, int numbuf) {
         nullptr);
 }
 
-rctype dabsbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
+[[nodiscard]] rctype dabsbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
     DA_FID* fp = c->fp;
     int32_t reclen = fp->xoehdr->ioreclen;
     if (fp->blocksize <= 0 || reclen <= 0 || bufsize <= 0 || !iobvec) return DA_BADARG;
@@ -151,7 +151,7 @@ rctype dabsbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
     return 0;
 }
 
-rctype dabfree(DA_IOCB* ic) {
+[[nodiscard]] rctype dabfree(DA_IOCB* ic) {
     auto* c = static_cast<DA_BIOCB*>(ic);
     rctype rc = writetransfer(c);
     free(c->iobuf);
@@ -164,7 +164,7 @@ const DA_IOCBMT mt_write = {dabfree, dabreadv, dabwritev, dasetloc, dabsbuf};
 
 }  // namespace
 
-rctype dabgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
+[[nodiscard]] rctype dabgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
     DA_FIDP* f = fidpof(fp);
     DA_FCB* fcb = f->fcb;
     const DA_XOEODS& x = fcb->xoe;

@@ -36,7 +36,7 @@ void fileof(DA_FCB* fcb, char* out, size_t size) {
         snprintf(out, size, "%s.mdf", fcb->iname);
 }
 
-rctype bad(const Ctx& c, const char* record, int col, const char* field, int64_t value) {
+[[nodiscard]] rctype bad(const Ctx& c, const char* record, int col, const char* field, int64_t value) {
     char where[32] = "";
     if (col > 0) snprintf(where, sizeof where, " of column %d", col);
     hsprint("daopfcb: Damaged field %s%s in %s: Value=%" PRId64 ": File=%s Reason=%s\n", field, where, record,
@@ -48,7 +48,7 @@ da_off_t mdfsize(DA_FCB* fcb) { return fcb->mdfd && fcb->mdfd->filesize ? *fcb->
 
 }  // namespace
 
-rctype dachkxoe(DA_FCB* fcb, const DA_DSFHEAD& h, const DA_XOEODS& x) {
+[[nodiscard]] rctype dachkxoe(DA_FCB* fcb, const DA_DSFHEAD& h, const DA_XOEODS& x) {
     Ctx c{fcb, {}};
     fileof(fcb, c.file, sizeof c.file);
     const da_off_t end = mdfsize(fcb);
@@ -103,7 +103,7 @@ rctype dachkxoe(DA_FCB* fcb, const DA_DSFHEAD& h, const DA_XOEODS& x) {
     return 0;
 }
 
-rctype dachkvars(DA_FCB* fcb, const DA_NAME7ODS* v, int32_t nvar) {
+[[nodiscard]] rctype dachkvars(DA_FCB* fcb, const DA_NAME7ODS* v, int32_t nvar) {
     Ctx c{fcb, {}};
     fileof(fcb, c.file, sizeof c.file);
     const DA_XOEODS& x = fcb->xoe;

@@ -13,10 +13,10 @@
 
 namespace vrta {
 
-rctype dafvbcb(DA_FCB*) __attribute__((weak));
-rctype daffbcb(DA_FCB*) __attribute__((weak));
+[[nodiscard]] rctype dafvbcb(DA_FCB*) __attribute__((weak));
+[[nodiscard]] rctype daffbcb(DA_FCB*) __attribute__((weak));
 
-rctype dasyncfcb(DA_FCB* fcb) {
+[[nodiscard]] rctype dasyncfcb(DA_FCB* fcb) {
     rctype rc = 0;
     rc = dasyncidx(fcb);
     if (rc >= 0 && fcb->dffd) rc = fcb->dffd->fdcntl(fcb->dffd, DA_FDDATASYNC, nullptr);
@@ -26,7 +26,7 @@ rctype dasyncfcb(DA_FCB* fcb) {
     return rc < 0 ? rc : 0;
 }
 
-rctype dawrfcbxoe(DA_FCB* fcb) {
+[[nodiscard]] rctype dawrfcbxoe(DA_FCB* fcb) {
     // Only a description that counts more (or other) rows or columns needs
     // them on disk first; a deletion's count is rewritten without a sync.
     if (fcb->xoe.numobs != fcb->pubobs || fcb->xoe.nvar != fcb->pubnvar) {
@@ -43,7 +43,7 @@ rctype dawrfcbxoe(DA_FCB* fcb) {
     return rc;
 }
 
-rctype daflfcb(DA_FCB* fcb) {
+[[nodiscard]] rctype daflfcb(DA_FCB* fcb) {
     if (!fcb->mdfd) return 0;
     rctype rc = 0;
     if (fcb->flags & DA_FCBIDX) {
@@ -81,7 +81,7 @@ rctype daflfcb(DA_FCB* fcb) {
     return 0;
 }
 
-rctype dauprev(DA_FCB* fcb) {
+[[nodiscard]] rctype dauprev(DA_FCB* fcb) {
     if (!dagcb.revnumupdate) return 0;
     rctype first = 0;
     first = darevidx(fcb);
@@ -103,7 +103,7 @@ rctype dauprev(DA_FCB* fcb) {
     return first;
 }
 
-rctype dafrfcb(DA_FCB* fcb, int disp) {
+[[nodiscard]] rctype dafrfcb(DA_FCB* fcb, int disp) {
     if (--fcb->refCount > 0) return 0;
     rctype last = 0;
     bool acl = fcb->xoe.semtype == DA_SEMVRTAACL;
@@ -144,15 +144,20 @@ rctype dafrfcb(DA_FCB* fcb, int disp) {
                 }
             }
         }
-        if (xc->xcb) dafrxcb(xc->xcb);
+        if (xc->xcb) {
+            rctype rc = dafrxcb(xc->xcb);
+            if (rc < 0) last = rc;
+        }
         free(xc);
         fcb->xcext = nullptr;
     }
-    dafrdmp(fcb);
+    rctype mrc = dafrdmp(fcb);
+    if (mrc < 0) last = mrc;
     free(fcb->vars);
     fcb->vars = nullptr;
     dafrvstat(fcb);
-    dafrstrp(fcb->phdl);
+    rctype prc = dafrstrp(fcb->phdl);
+    if (prc < 0) last = prc;
     fcb->phdl = nullptr;
     if (fcb->constrMalloc) free(fcb->constr);
     if (fcb->mdfd && !acl && (disp & 1) && writes && (fcb->dshdr.flags & 1)) {

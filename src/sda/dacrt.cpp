@@ -17,16 +17,16 @@
 
 namespace vrta {
 
-rctype daivbcb(DA_FCB*) __attribute__((weak));
-rctype daifbcb(DA_FCB*) __attribute__((weak));
+[[nodiscard]] rctype daivbcb(DA_FCB*) __attribute__((weak));
+[[nodiscard]] rctype daifbcb(DA_FCB*) __attribute__((weak));
 
 namespace {
 
-rctype fdioread(void* ctx, void* buf, long size, da_off_t off, long* nread) {
+[[nodiscard]] rctype fdioread(void* ctx, void* buf, long size, da_off_t off, long* nread) {
     auto* fd = static_cast<DA_FD*>(ctx);
     return fd->fdread(fd, buf, size, off, nread);
 }
-rctype fdiowrite(void* ctx, const void* buf, long size, da_off_t* off) {
+[[nodiscard]] rctype fdiowrite(void* ctx, const void* buf, long size, da_off_t* off) {
     auto* fd = static_cast<DA_FD*>(ctx);
     if (da_writehook) da_writehook("mdf");
     return fd->fdwrite(fd, buf, size, off);
@@ -84,7 +84,7 @@ DA_FCB* danewfcb(DA_LIBP* lp, const char* name, int namelen, int mode) {
     return fcb;
 }
 
-rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
+[[nodiscard]] rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     bool acl = ostr->semtype == DA_SEMVRTAACL;
     DA_FCB* fcb = danewfcb(lp, ostr->name, ostr->name_l, DA_OMOUTPUT);
     if (!fcb) return DA_NOMEM;
@@ -148,7 +148,7 @@ rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         }
     }
     if (rc < 0) {
-        dafrfcb(fcb, 2);
+        daignore(dafrfcb(fcb, 2));
         return rc;
     }
     if (dagcb.nlstranscode) {
@@ -184,8 +184,8 @@ rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
             if (!fcb->xcext) rc = DA_NOMEM;
         }
         if (rc < 0) {
-            if (xcb) dafrxcb(xcb);
-            dafrfcb(fcb, 2);
+            if (xcb) daignore(dafrxcb(xcb));
+            daignore(dafrfcb(fcb, 2));
             return rc;
         }
         fcb->xcext->xcb = xcb;
@@ -210,7 +210,7 @@ rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     rc = dafdopn(&fs, &fcb->mdfd);
     if (rc < 0) {
         if (rc == DA_EXISTS || rc == DA_ACCESS) rc = DA_EXISTS;
-        dafrfcb(fcb, 2);
+        daignore(dafrfcb(fcb, 2));
         return rc;
     }
     fcb->mdfio = damdfio(fcb);
@@ -269,17 +269,17 @@ rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     }
     if (rc < 0) {
         // Take back the files this create made.
-        if (fcb->dffd) fcb->dffd->fddelete(fcb->dffd, h.links[DA_LNKDPFFIB]);
-        if (fcb->mdfd) fcb->mdfd->fddelete(fcb->mdfd, -1);
-        dafrfcb(fcb, 2);
+        if (fcb->dffd) daignore(fcb->dffd->fddelete(fcb->dffd, h.links[DA_LNKDPFFIB]));
+        if (fcb->mdfd) daignore(fcb->mdfd->fddelete(fcb->mdfd, -1));
+        daignore(dafrfcb(fcb, 2));
         return rc;
     }
     rc = hsnlsgetenv(fcb->encoding, fcb->locale, -1, 0, &fcb->nlsenv);
     if (rc < 0) {
         fcb->nlsenv = nullptr;
-        if (fcb->dffd) fcb->dffd->fddelete(fcb->dffd, h.links[DA_LNKDPFFIB]);
-        fcb->mdfd->fddelete(fcb->mdfd, -1);
-        dafrfcb(fcb, 2);
+        if (fcb->dffd) daignore(fcb->dffd->fddelete(fcb->dffd, h.links[DA_LNKDPFFIB]));
+        daignore(fcb->mdfd->fddelete(fcb->mdfd, -1));
+        daignore(dafrfcb(fcb, 2));
         return rc;
     }
     dalinkadd(&lp->fcbs, &fcb->link);
@@ -288,7 +288,7 @@ rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
 }
 
 // Writes the names and labels to the string pool and the vector to the MDF.
-rctype dastv7nam(DA_FCB* fcb, int nvars, DA_NAMESTR* vars) {
+[[nodiscard]] rctype dastv7nam(DA_FCB* fcb, int nvars, DA_NAMESTR* vars) {
     auto* v = static_cast<DA_NAME7ODS*>(calloc(nvars, sizeof(DA_NAME7ODS)));
     if (!v) return DA_NOMEM;
     rctype rc = 0;
@@ -327,7 +327,7 @@ rctype dastv7nam(DA_FCB* fcb, int nvars, DA_NAMESTR* vars) {
 }
 
 // The in-memory columns: descriptors with their strings in one allocation.
-rctype dabldvars(DA_FCB* fcb, int nvars, const DA_NAME7ODS* v) {
+[[nodiscard]] rctype dabldvars(DA_FCB* fcb, int nvars, const DA_NAME7ODS* v) {
     size_t strbytes = 0;
     for (int i = 0; i < nvars; ++i)
         strbytes += 4 + (v[i].name_l > 0 ? v[i].name_l : 0) + (v[i].label_l > 0 ? v[i].label_l : 0) +
@@ -369,7 +369,7 @@ rctype dabldvars(DA_FCB* fcb, int nvars, const DA_NAME7ODS* v) {
     return 0;
 }
 
-rctype daldefv(DA_FID* f, int nvars, DA_NAMESTR* vars) {
+[[nodiscard]] rctype daldefv(DA_FID* f, int nvars, DA_NAMESTR* vars) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     DA_XOEODS& x = fcb->xoe;
@@ -474,7 +474,7 @@ rctype daldefv(DA_FID* f, int nvars, DA_NAMESTR* vars) {
 }
 
 // In util mode the columns may be redefined when the table holds no rows.
-rctype dalupdv(DA_FID* f, int nvars, DA_NAMESTR* vars) {
+[[nodiscard]] rctype dalupdv(DA_FID* f, int nvars, DA_NAMESTR* vars) {
     DA_FCB* fcb = fcbof(f);
     if (fcb->xoe.nvar == 0) return daldefv(f, nvars, vars);
     if (fcb->xoe.numobs != 0 || fcb->xoe.nindexes != 0) return DA_BADARG;

@@ -21,20 +21,20 @@ int64_t segof(const DA_FCB* fcb, hs_obsno_t obsno) {
     return s * ((obsno - 1) / s) + 1;
 }
 
-rctype wrraw(DA_FCB* fcb, const void* buf, long len, da_off_t* off) {
+[[nodiscard]] rctype wrraw(DA_FCB* fcb, const void* buf, long len, da_off_t* off) {
     if (da_writehook) da_writehook("dmap");
     rctype rc = fcb->mdfd->fdwrite(fcb->mdfd, buf, len, off);
     return rc < 0 ? rc : 0;
 }
 
-rctype rdraw(DA_FCB* fcb, void* buf, long len, da_off_t off) {
+[[nodiscard]] rctype rdraw(DA_FCB* fcb, void* buf, long len, da_off_t off) {
     long got = 0;
     rctype rc = fcb->mdfd->fdread(fcb->mdfd, buf, len, off, &got);
     if (rc < 0) return rc;
     return (rc == DA_EOF || got != len) ? DA_INTERNAL : 0;
 }
 
-rctype wrods(DA_FCB* fcb, const void* rec, da_off_t* off) {
+[[nodiscard]] rctype wrods(DA_FCB* fcb, const void* rec, da_off_t* off) {
     if (da_writehook) da_writehook("dmap");
     return dawrods(fcb->mdfio, rec, off);
 }
@@ -69,14 +69,14 @@ void freehash(DA_DMPCB* d) {
     d->ht = nullptr;
 }
 
-rctype makehash(DA_DMPCB* d) {
+[[nodiscard]] rctype makehash(DA_DMPCB* d) {
     d->numht = (d->dmphdr.numdmpdir * DA_DMPNENT) / 2 + 1;
     d->ht = static_cast<DA_DMPHT**>(calloc(d->numht, sizeof(DA_DMPHT*)));
     return d->ht ? 0 : DA_NOMEM;
 }
 
 // Reads the bitmap of a segment into bmp, unless it already holds it.
-rctype loadbm(DA_FCB* fcb, DA_DMPHT* h, DA_DMPBM* bmp) {
+[[nodiscard]] rctype loadbm(DA_FCB* fcb, DA_DMPHT* h, DA_DMPBM* bmp) {
     int32_t bs = fcb->dmpcb->dmphdr.bmapsize;
     if (!bmp->bitmap || bmp->bmsize != bs) {
         free(bmp->bitmap);
@@ -106,7 +106,7 @@ inline bool bitset(const uint32_t* bm, int64_t bit) { return bm[bit >> 5] & (0x8
 
 }  // namespace
 
-rctype danewdm(DA_FCB* fcb) {
+[[nodiscard]] rctype danewdm(DA_FCB* fcb) {
     auto* d = static_cast<DA_DMPCB*>(calloc(1, sizeof(DA_DMPCB)));
     if (!d) return DA_NOMEM;
     dainitdmph(&d->dmphdr, fcb->xoe.idxsegsize);
@@ -139,13 +139,14 @@ rctype danewdm(DA_FCB* fcb) {
     return 0;
 }
 
-rctype dalddmp(DA_FCB* fcb) {
-    dafrdmp(fcb);
+[[nodiscard]] rctype dalddmp(DA_FCB* fcb) {
+    rctype rc = dafrdmp(fcb);
+    if (rc < 0) return rc;
     auto* d = static_cast<DA_DMPCB*>(calloc(1, sizeof(DA_DMPCB)));
     if (!d) return DA_NOMEM;
     d->bmap.offset = -1;
     d->hdroff = fcb->dshdr.links[DA_LNKDMP];
-    rctype rc = darddmph(fcb->mdfio, &d->dmphdr, d->hdroff);
+    rc = darddmph(fcb->mdfio, &d->dmphdr, d->hdroff);
     if (rc == 0 && (d->dmphdr.numdmpdir < 1 || d->dmphdr.bmapsize <= 0 ||
                     d->dmphdr.bmapsize < (fcb->xoe.idxsegsize + 7) / 8))
         rc = DA_INTERNAL;
@@ -177,7 +178,7 @@ rctype dalddmp(DA_FCB* fcb) {
     return 0;
 }
 
-rctype dafrdmp(DA_FCB* fcb) {
+[[nodiscard]] rctype dafrdmp(DA_FCB* fcb) {
     DA_DMPCB* d = fcb->dmpcb;
     if (!d) return 0;
     freehash(d);
@@ -187,13 +188,13 @@ rctype dafrdmp(DA_FCB* fcb) {
     return 0;
 }
 
-rctype dalocdm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp) {
+[[nodiscard]] rctype dalocdm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp) {
     DA_DMPHT* h = hashfind(fcb->dmpcb, segobs);
     if (!h) return DA_NOTFOUND;
     return loadbm(fcb, h, bmp);
 }
 
-rctype danewbm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp) {
+[[nodiscard]] rctype danewbm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp) {
     DA_DMPCB* d = fcb->dmpcb;
     rctype rc;
     // Each new record is on disk before anything links it: a power loss may
@@ -235,7 +236,7 @@ rctype danewbm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp) {
     return dalocdm(fcb, segobs, bmp);
 }
 
-rctype dadodmp(DA_FID* f, hs_obsno_t obsno) {
+[[nodiscard]] rctype dadodmp(DA_FID* f, hs_obsno_t obsno) {
     DA_FCB* fcb = fcbof(f);
     if (obsno < 1 || obsno > fcb->xoe.numobs) return DA_BADARG;
     if (rw_wrlock(&fcb->updateLock) != 0) return DA_RWFAIL;
@@ -289,7 +290,7 @@ bool dadmisdel(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t obsno) {
     return bitset(bmp->bitmap, obsno - segobs);
 }
 
-rctype dadmrunbm(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t curobs, hs_obsno_t remain, hs_obsno_t numobs,
+[[nodiscard]] rctype dadmrunbm(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t curobs, hs_obsno_t remain, hs_obsno_t numobs,
                  hs_obsno_t* runobs, hs_obsno_t* numrun) {
     *numrun = 0;
     *runobs = curobs;
@@ -331,7 +332,7 @@ rctype dadmrunbm(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t curobs, hs_obsno_t remai
     return 0;
 }
 
-rctype dadmdelrun(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t* delrun) {
+[[nodiscard]] rctype dadmdelrun(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t* delrun) {
     *delrun = 0;
     if (!fcb->dmpcb || fcb->xoe.numdelete == 0) return 0;
     DA_DMPBM* bmp = &fcb->dmpcb->bmap;
@@ -350,7 +351,7 @@ rctype dadmdelrun(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t* delrun) {
     return 0;
 }
 
-rctype dadmfindbm(DA_FCB* fcb, hs_obsno_t* delobs, hs_obsno_t* delrun) {
+[[nodiscard]] rctype dadmfindbm(DA_FCB* fcb, hs_obsno_t* delobs, hs_obsno_t* delrun) {
     *delobs = 0;
     *delrun = 0;
     if (!fcb->dmpcb || fcb->xoe.numdelete == 0) return 0;
@@ -374,7 +375,7 @@ rctype dadmfindbm(DA_FCB* fcb, hs_obsno_t* delobs, hs_obsno_t* delrun) {
     return dadmdelrun(fcb, best, delrun);
 }
 
-rctype dadmreset(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t numobs) {
+[[nodiscard]] rctype dadmreset(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t numobs) {
     if (!(fcb->xoe.flags & DA_ADDAVAIL)) return DA_BADARG;
     DA_DMPCB* d = fcb->dmpcb;
     DA_DMPBM* bmp = d ? &d->bmap : nullptr;
@@ -414,7 +415,7 @@ rctype dadmreset(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t numobs) {
 
 // ---------------------------------------------------------------- views for index code
 
-rctype dareaddelmap(DA_DMP* dmap, hs_obsno_t segobs, uint32_t** bitmap, int32_t* bsize) {
+[[nodiscard]] rctype dareaddelmap(DA_DMP* dmap, hs_obsno_t segobs, uint32_t** bitmap, int32_t* bsize) {
     auto* p = static_cast<DA_DMPP*>(dmap);
     DA_FCB* fcb = p->fid->fcb;
     *bitmap = nullptr;
@@ -428,7 +429,7 @@ rctype dareaddelmap(DA_DMP* dmap, hs_obsno_t segobs, uint32_t** bitmap, int32_t*
     return 0;
 }
 
-rctype dafreedelmap(DA_DMP* dmap) {
+[[nodiscard]] rctype dafreedelmap(DA_DMP* dmap) {
     auto* p = static_cast<DA_DMPP*>(dmap);
     if (p->fid->dmpCount > 0) p->fid->dmpCount--;
     free(p->bm.bitmap);
@@ -436,7 +437,7 @@ rctype dafreedelmap(DA_DMP* dmap) {
     return 0;
 }
 
-rctype dagetdelmap(DA_FID* f, DA_DMP** newdmp) {
+[[nodiscard]] rctype dagetdelmap(DA_FID* f, DA_DMP** newdmp) {
     auto* p = static_cast<DA_DMPP*>(calloc(1, sizeof(DA_DMPP)));
     if (!p) return DA_NOMEM;
     p->readdelmap = dareaddelmap;

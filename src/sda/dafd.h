@@ -80,20 +80,20 @@ struct DA_FDPSTAT {
     char name[1024];  // full path of the partition file
 };
 
-using da_fdread_t    = rctype (*)(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread);
-using da_fdwrite_t   = rctype (*)(DA_FD* fd, const void* buf, long size, da_off_t* off);
-using da_fdstat_t    = rctype (*)(DA_FD* fd, struct stat* stbuf);
-using da_fdfree_t    = rctype (*)(DA_FD* fd, da_off_t offset, da_off_t size);
-using da_fdtrunc_t   = rctype (*)(DA_FD* fd, da_off_t endoff);
-using da_fdclose_t   = rctype (*)(DA_FD* fd);
-using da_fdcntl_fn   = rctype (*)(DA_FD* fd, int cmd, void* arg);
-using da_fdrename_t  = rctype (*)(DA_FD* fd, da_off_t fiboff, const char* newname, int newlen);
-using da_fddelete_t  = rctype (*)(DA_FD* fd, da_off_t fiboff);
-using da_fdmmap_t    = rctype (*)(DA_FD* fd, da_off_t offset, da_off_t size, void** addr, da_off_t* msize);
-using da_fdunmap_t   = rctype (*)(DA_FD* fd, da_off_t offset, da_off_t size, void* addr);
-using da_fdpstat_t   = rctype (*)(DA_FD* fd, int pno, DA_FDPSTAT* pstat);
-using da_fdrevise_t  = rctype (*)(DA_FD* fd, da_off_t fiboff);
-using da_fdcheckrev_t = rctype (*)(DA_FD* fd, int flags, da_off_t fiboff, da_off_t* fsize);
+typedef rctype (*da_fdread_t)(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread) __attribute__((warn_unused_result));
+typedef rctype (*da_fdwrite_t)(DA_FD* fd, const void* buf, long size, da_off_t* off) __attribute__((warn_unused_result));
+typedef rctype (*da_fdstat_t)(DA_FD* fd, struct stat* stbuf) __attribute__((warn_unused_result));
+typedef rctype (*da_fdfree_t)(DA_FD* fd, da_off_t offset, da_off_t size) __attribute__((warn_unused_result));
+typedef rctype (*da_fdtrunc_t)(DA_FD* fd, da_off_t endoff) __attribute__((warn_unused_result));
+typedef rctype (*da_fdclose_t)(DA_FD* fd) __attribute__((warn_unused_result));
+typedef rctype (*da_fdcntl_fn)(DA_FD* fd, int cmd, void* arg) __attribute__((warn_unused_result));
+typedef rctype (*da_fdrename_t)(DA_FD* fd, da_off_t fiboff, const char* newname, int newlen) __attribute__((warn_unused_result));
+typedef rctype (*da_fddelete_t)(DA_FD* fd, da_off_t fiboff) __attribute__((warn_unused_result));
+typedef rctype (*da_fdmmap_t)(DA_FD* fd, da_off_t offset, da_off_t size, void** addr, da_off_t* msize) __attribute__((warn_unused_result));
+typedef rctype (*da_fdunmap_t)(DA_FD* fd, da_off_t offset, da_off_t size, void* addr) __attribute__((warn_unused_result));
+typedef rctype (*da_fdpstat_t)(DA_FD* fd, int pno, DA_FDPSTAT* pstat) __attribute__((warn_unused_result));
+typedef rctype (*da_fdrevise_t)(DA_FD* fd, da_off_t fiboff) __attribute__((warn_unused_result));
+typedef rctype (*da_fdcheckrev_t)(DA_FD* fd, int flags, da_off_t fiboff, da_off_t* fsize) __attribute__((warn_unused_result));
 
 // The method table, chosen at open by the access mode and partition count.
 struct DA_FDMT {
@@ -183,38 +183,38 @@ struct DA_UIODT {
 };
 extern const DA_UIODT* _UIODT;
 
-rctype daioini();
+[[nodiscard]] rctype daioini();
 void datrace(int enable);
 
 // Open or create a logical file. 0, or the warning of the revision check.
-rctype dafdopn(DA_FDSTR* fstr, DA_FD** fd);
+[[nodiscard]] rctype dafdopn(DA_FDSTR* fstr, DA_FD** fd);
 // Does the first partition exist; its full path goes to fullpath.
-rctype dafdexi(DA_FDSTR* fstr, char* fullpath, int fulllen);
+[[nodiscard]] rctype dafdexi(DA_FDSTR* fstr, char* fullpath, int fulllen);
 // The change stamp of the FIB as this opener last saw it.
-rctype dagetfibparms(DA_FD* fd, int* modtime, int* numstripes);
+[[nodiscard]] rctype dagetfibparms(DA_FD* fd, int* modtime, int* numstripes);
 // Whether a read cursor may map size bytes.
 bool damapok(da_off_t size);
 // Partition directory: full name of partition pno, as stored in the FIB.
-rctype dafdpname(DA_FD* fd, int pno, char* buf, int buflen);
+[[nodiscard]] rctype dafdpname(DA_FD* fd, int pno, char* buf, int buflen);
 
 // Plain file helpers.
 // daopenf flags: 2 read-only; 4 create exclusive read-write (with 0x1000
 // create or open and truncate); 1 read-write (with 0x1000 also create);
 // 8 write-only append; 0x20000 direct I/O; 0x10/0x20 whole-file read/write lock.
-rctype daopenf(const char* fileName, int flags, int perms, int* newfd);
-rctype daclosf(int fd);
-rctype dalockf(int fd, int flags);                 // 16 read, 32 write, 0x800 wait
-rctype daunlkf(int fd);
-rctype dalockr(int fd, int flags, da_off_t offset, da_off_t range);
-rctype daunlockr(int fd, da_off_t offset, da_off_t range);
-rctype dafcntl(int fd, struct flock* flk, int timeout);
+[[nodiscard]] rctype daopenf(const char* fileName, int flags, int perms, int* newfd);
+[[nodiscard]] rctype daclosf(int fd);
+[[nodiscard]] rctype dalockf(int fd, int flags);                 // 16 read, 32 write, 0x800 wait
+[[nodiscard]] rctype daunlkf(int fd);
+[[nodiscard]] rctype dalockr(int fd, int flags, da_off_t offset, da_off_t range);
+[[nodiscard]] rctype daunlockr(int fd, da_off_t offset, da_off_t range);
+[[nodiscard]] rctype dafcntl(int fd, struct flock* flk, int timeout);
 // Pid of a process holding a conflicting lock on the range, 0 when none.
-rctype daqylkor(int fd, int flags, da_off_t offset, da_off_t range, pid_t* owner);
-rctype dastatf(const char* fileName, struct stat* st);
-rctype dastvfs(const char* path, struct statvfs* st);
-rctype dadelef(const char* fileName);
-rctype darenmf(const char* from, const char* to);
-rctype datrncf(int fd, da_off_t size);
+[[nodiscard]] rctype daqylkor(int fd, int flags, da_off_t offset, da_off_t range, pid_t* owner);
+[[nodiscard]] rctype dastatf(const char* fileName, struct stat* st);
+[[nodiscard]] rctype dastvfs(const char* path, struct statvfs* st);
+[[nodiscard]] rctype dadelef(const char* fileName);
+[[nodiscard]] rctype darenmf(const char* from, const char* to);
+[[nodiscard]] rctype datrncf(int fd, da_off_t size);
 // The one loop over pread or pwrite: n bytes at off, on through partial
 // transfers and EINTR. A read stops early only at the end of the file, a
 // write when the system takes no more (no progress counts as ENOSPC). The
@@ -225,28 +225,28 @@ rctype datrncf(int fd, da_off_t size);
 ssize_t daxfer(int fd, int dfd, void* buf, size_t n, da_off_t off, bool write, int* err);
 // All n bytes or an error: DA_READFAIL or DA_SHORTREAD for a read, DA_NOSPACE
 // or DA_WRITEFAIL for a write. *got (may be null) gets what was read.
-rctype dapreadall(int fd, void* buf, long n, da_off_t off, long* got);
-rctype dapwriteall(int fd, const void* buf, long n, da_off_t off);
+[[nodiscard]] rctype dapreadall(int fd, void* buf, long n, da_off_t off, long* got);
+[[nodiscard]] rctype dapwriteall(int fd, const void* buf, long n, da_off_t off);
 // Stable storage: a file's data (with the size needed to read it back), and
 // a directory's entries (files made, renamed or removed in it).
-rctype dasyncf(int fd);
-rctype dasyncd(const char* dir);
-rctype dafulln(const char* dir, const char* name, char* buf, int buflen);
-rctype daqylko(int fd, int flags, pid_t* owner);   // whole file
+[[nodiscard]] rctype dasyncf(int fd);
+[[nodiscard]] rctype dasyncd(const char* dir);
+[[nodiscard]] rctype dafulln(const char* dir, const char* name, char* buf, int buflen);
+[[nodiscard]] rctype daqylko(int fd, int flags, pid_t* owner);   // whole file
 // Directories: 0 when path is a directory we can use, else DA_NOTDIR,
 // DA_NOTFOUND or DA_ACCESS.
-rctype dackdir(const char* path);
-rctype dastdir(const char* path, struct stat* st);
+[[nodiscard]] rctype dackdir(const char* path);
+[[nodiscard]] rctype dastdir(const char* path, struct stat* st);
 // A new private directory "vrta_XXXXXX" under parent; its path goes to out.
-rctype damktmpdir(const char* parent, char* out, int outlen);
-rctype darmdir(const char* path);
+[[nodiscard]] rctype damktmpdir(const char* parent, char* out, int outlen);
+[[nodiscard]] rctype darmdir(const char* path);
 // Directory listing: names one by one, 518 after the last; "." and ".." skipped.
-rctype dauopdir(const char* path, void** handle);
-rctype daurddir(void* handle, char* name, int namelen);
-rctype daucldir(void* handle);
+[[nodiscard]] rctype dauopdir(const char* path, void** handle);
+[[nodiscard]] rctype daurddir(void* handle, char* name, int namelen);
+[[nodiscard]] rctype daucldir(void* handle);
 // First of paths that holds name; its full path to out and its index to *pathidx.
-rctype dafindf(const char* name, int numpath, const char* const* paths, char* out, int outlen, int* pathidx);
+[[nodiscard]] rctype dafindf(const char* name, int numpath, const char* const* paths, char* out, int outlen, int* pathidx);
 // Map an errno of open or create to the layer's code.
-rctype daerrno(int err);
+[[nodiscard]] rctype daerrno(int err);
 
 }  // namespace vrta

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 #include <fcntl.h>
 #include <unistd.h>
 #include <sys/mman.h>
@@ -28,7 +30,7 @@ ssize_t writepart(DA_PCB* p, const void* buf, size_t n, da_off_t off, int* err) 
 
 const char* fname(DA_FDP* fdp) { return fdp->fdb->name ? fdp->fdb->name : "?"; }
 
-rctype ShortRead(DA_FDP* fdp, const char* who, da_off_t off, long size, long nread) {
+[[nodiscard]] rctype ShortRead(DA_FDP* fdp, const char* who, da_off_t off, long size, long nread) {
     hsprint("%s: Short read(%d): file=%s filesize=%ld offset=%ld size=%d nread=%d\n", who, DA_SHORTREAD, fname(fdp),
             static_cast<long>(fdp->fdb->filesize), static_cast<long>(off), static_cast<int>(size), static_cast<int>(nread));
     return DA_SHORTREAD;
@@ -40,7 +42,7 @@ void IOError(DA_FDP* fdp, const char* who, const char* what, int err, da_off_t o
     hsprint("%s: %s: file=%s offset=%ld errno=%d\n", who, what, fname(fdp), static_cast<long>(off), err);
 }
 
-rctype BadOffset(DA_FDP* fdp, const char* who, rctype rc, da_off_t off) {
+[[nodiscard]] rctype BadOffset(DA_FDP* fdp, const char* who, rctype rc, da_off_t off) {
     hsprint("%s: Bad offset(%d): file=%s filesize=%ld offset=%ld\n", who, rc, fname(fdp),
             static_cast<long>(fdp->fdb->filesize), static_cast<long>(off));
     return rc;
@@ -60,7 +62,7 @@ void DumpPcbs(DA_FDP* fdp) {
 
 // ---------------------------------------------------------------- read
 
-rctype dareadp(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread) {
+[[nodiscard]] rctype dareadp(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     *nread = 0;
@@ -108,7 +110,7 @@ rctype dareadp(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread) {
     return 0;
 }
 
-rctype daread1(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread) {
+[[nodiscard]] rctype daread1(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     // Another opener of a shared block may have added partitions since.
@@ -150,7 +152,7 @@ void wrdiag(DA_FDP* fdp, const char* fmt, bool rewrite, da_off_t off, long size,
 
 // Cuts a partition back to where a failed append began: what a partial
 // write left behind would otherwise count as the file's bytes at the next open.
-rctype cutback(DA_FDP* fdp, DA_PCB* p, da_off_t paroff, da_off_t off) {
+[[nodiscard]] rctype cutback(DA_FDP* fdp, DA_PCB* p, da_off_t paroff, da_off_t off) {
     p->flags |= DA_PCBDIRTY;
     rctype rc = datrncf(p->pfd, paroff);
     if (rc < 0) IOError(fdp, "dawritp", "Truncate after a failed write failed", errno, off);
@@ -158,7 +160,7 @@ rctype cutback(DA_FDP* fdp, DA_PCB* p, da_off_t paroff, da_off_t off) {
 }
 
 // Moves an append on to a new partition; skip as for dafnewp.
-rctype nextpart(DA_FDP* fdp, int pno, long wsize, int* ntry, da_off_t off, long size, da_off_t paroff) {
+[[nodiscard]] rctype nextpart(DA_FDP* fdp, int pno, long wsize, int* ntry, da_off_t off, long size, da_off_t paroff) {
     DA_FDB* fdb = fdp->fdb;
     DA_PCB* p = &fdb->pcbs[pno];
     int skip = 0;
@@ -186,7 +188,7 @@ rctype nextpart(DA_FDP* fdp, int pno, long wsize, int* ntry, da_off_t off, long 
 
 }  // namespace
 
-rctype dawritp(DA_FD* fd, const void* buf, long size, da_off_t* offp) {
+[[nodiscard]] rctype dawritp(DA_FD* fd, const void* buf, long size, da_off_t* offp) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     da_off_t off = *offp;
@@ -334,7 +336,7 @@ rctype dawritp(DA_FD* fd, const void* buf, long size, da_off_t* offp) {
 }
 
 // Extends the file with a hole so that it is newsize long.
-rctype GrowFile(DA_FDP* fdp, da_off_t newsize) {
+[[nodiscard]] rctype GrowFile(DA_FDP* fdp, da_off_t newsize) {
     DA_FDB* fdb = fdp->fdb;
     int ntry = 0;
     while (fdb->filesize < newsize) {
@@ -373,15 +375,25 @@ rctype GrowFile(DA_FDP* fdp, da_off_t newsize) {
 
 // ---------------------------------------------------------------- truncate
 
-rctype datrncp(DA_FD* fd, da_off_t endoff) {
+[[nodiscard]] rctype datrncp(DA_FD* fd, da_off_t endoff) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     if (endoff < fd->baseoff || endoff > fdb->filesize) return BadOffset(fdp, "datrncp", DA_BADOFFSET, endoff);
     rctype first = 0;
+    // Partitions wholly past the cut leave the directory, and the directory
+    // reaches the disk, before their files go: a power loss in between leaves
+    // files no directory names (a writer's next open removes them), never a
+    // directory that names files which are gone.
+    std::vector<std::string> gone;
     while (fdb->numpcb > 1 && fdb->pcbs[fdb->numpcb - 1].minoffset >= endoff) {
-        rctype rc = dadelfp(fdp, fdb->numpcb - 1, 0);
-        if (rc < 0 && !first) first = rc;
-        if (rc < 0) break;
+        char full[4096];
+        rctype rc = dafdpfull(fdp, fdb->numpcb - 1, full, sizeof full);
+        if (rc == 0) rc = dadroppcb(fdp, fdb->numpcb - 1);
+        if (rc < 0) {
+            first = rc;
+            break;
+        }
+        gone.emplace_back(full);
     }
     DA_PCB* p = &fdb->pcbs[fdb->numpcb - 1];
     p->flags |= DA_PCBDIRTY;
@@ -395,6 +407,13 @@ rctype datrncp(DA_FD* fd, da_off_t endoff) {
     }
     if (fdp->curpcb >= fdb->numpcb) fdp->curpcb = fdb->numpcb - 1;
     rc = dawrfibp(fdp);
+    if (!gone.empty()) {
+        if (rc == 0) rc = dasyncparts(fdp);
+        if (rc == 0 && (fdp->flags & DA_FDINDIRECT)) rc = dasyncparts(fdp->mdfd);
+        // Files still named by a directory on disk stay.
+        if (rc == 0)
+            for (const std::string& f : gone) dadelpf(f.c_str());
+    }
     return first ? first : rc;
 }
 
@@ -402,7 +421,7 @@ rctype datrncp(DA_FD* fd, da_off_t endoff) {
 
 namespace {
 
-rctype maperr(int e) {
+[[nodiscard]] rctype maperr(int e) {
     if (e == EACCES) return DA_ACCESS;
     if (e == ENOMEM) return DA_NOMEM;
     return DA_MMAPFAIL;
@@ -410,7 +429,7 @@ rctype maperr(int e) {
 
 }  // namespace
 
-rctype dammapp(DA_FD* fd, da_off_t offset, da_off_t size, void** addr, da_off_t* msize) {
+[[nodiscard]] rctype dammapp(DA_FD* fd, da_off_t offset, da_off_t size, void** addr, da_off_t* msize) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     if (offset < 0 || offset >= fdb->filesize || size < 0 || offset + size > fdb->filesize) return DA_BADARG;
@@ -478,7 +497,7 @@ rctype dammapp(DA_FD* fd, da_off_t offset, da_off_t size, void** addr, da_off_t*
     return 0;
 }
 
-rctype daunmap(DA_FD* fd, da_off_t offset, da_off_t size, void* addr) {
+[[nodiscard]] rctype daunmap(DA_FD* fd, da_off_t offset, da_off_t size, void* addr) {
     DA_FDP* fdp = fdpof(fd);
     long pg = daiogcb.pagesize;
     uintptr_t a = reinterpret_cast<uintptr_t>(addr);
@@ -491,8 +510,7 @@ rctype daunmap(DA_FD* fd, da_off_t offset, da_off_t size, void* addr) {
 }
 
 bool damapok(da_off_t size) {
-    daioini();
-    if (size > daiogcb.mmaplimit) return false;
+    if (daioini() < 0 || size > daiogcb.mmaplimit) return false;
     struct rlimit rl;
     if (getrlimit(RLIMIT_AS, &rl) == 0 && rl.rlim_cur != RLIM_INFINITY) {
         // What is left of the address space after mapping must stay above the low-water mark.
@@ -510,7 +528,7 @@ bool damapok(da_off_t size) {
 
 // ---------------------------------------------------------------- data sync
 
-rctype dasyncparts(DA_FDP* fdp) {
+[[nodiscard]] rctype dasyncparts(DA_FDP* fdp) {
     DA_FDB* fdb = fdp->fdb;
     for (int i = 0; i < fdb->numpcb; ++i) {
         DA_PCB* p = &fdb->pcbs[i];

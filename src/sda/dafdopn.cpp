@@ -45,7 +45,7 @@ int pathidx(DA_FDP* fdp, const char* full) {
     return 0;
 }
 
-rctype growpcbs(DA_FDB* fdb) {
+[[nodiscard]] rctype growpcbs(DA_FDB* fdb) {
     if (fdb->numpcb < fdb->pcballoc) return 0;
     int n = fdb->pcballoc ? fdb->pcballoc * 2 : 8;
     auto* np = static_cast<DA_PCB*>(fdalloc(static_cast<long>(n) * sizeof(DA_PCB)));
@@ -65,7 +65,7 @@ rctype growpcbs(DA_FDB* fdb) {
 }
 
 // Opens a partition file, with an O_DIRECT twin when asked and possible.
-rctype openpart(DA_FDP* fdp, DA_PCB* pcb, const char* full, int dflags, int perms) {
+[[nodiscard]] rctype openpart(DA_FDP* fdp, DA_PCB* pcb, const char* full, int dflags, int perms) {
     int fd = -1;
     rctype rc = daopenf(full, dflags, perms, &fd);
     if (rc < 0) return rc;
@@ -80,9 +80,10 @@ rctype openpart(DA_FDP* fdp, DA_PCB* pcb, const char* full, int dflags, int perm
     return 0;
 }
 
+// A close only lets go of the descriptor: what had to last was synced before.
 void closepart(DA_PCB* pcb) {
-    if (pcb->pfd >= 0) daclosf(pcb->pfd);
-    if (pcb->dfd >= 0) daclosf(pcb->dfd);
+    if (pcb->pfd >= 0) daignore(daclosf(pcb->pfd));
+    if (pcb->dfd >= 0) daignore(daclosf(pcb->dfd));
     pcb->pfd = pcb->dfd = -1;
 }
 
@@ -127,13 +128,13 @@ int GetFibSize(DA_FDP* fdp, const DA_FDSTR* fstr) {
 }
 
 // What may be there of size bytes at a physical offset: *got tells how much.
-rctype preadall(int fd, void* buf, long size, da_off_t off, long* got) {
+[[nodiscard]] rctype preadall(int fd, void* buf, long size, da_off_t off, long* got) {
     rctype rc = dapreadall(fd, buf, size, off, got);
     return rc == DA_SHORTREAD ? 0 : rc;
 }
 
 // The head of a FIB as the records' readers test it.
-rctype checkfib(const DA_FIB* fib, int flags) {
+[[nodiscard]] rctype checkfib(const DA_FIB* fib, int flags) {
     if (dachkfib(fib, flags) < 0) return DA_BADVERSION;
     return dachkfibsize(fib);
 }
@@ -142,14 +143,14 @@ rctype checkfib(const DA_FIB* fib, int flags) {
 
 // ---------------------------------------------------------------- names
 
-rctype dafdmkpfn(DA_FDP* fdp, int pno, int revno, char* buf, size_t buflen) {
+[[nodiscard]] rctype dafdmkpfn(DA_FDP* fdp, int pno, int revno, char* buf, size_t buflen) {
     int n = damkpfn(buf, fdp->flags & (DA_PFNOLDFMT | DA_PFNOWNFIB), fdp->fdb->name, revno, fdp->fuid, pno,
                     static_cast<int>(buflen));
     return n < 0 ? DA_BADARG : 0;
 }
 
 // Full path of partition pno from its directory entry.
-rctype dafdpfull(DA_FDP* fdp, int pno, char* buf, size_t buflen) {
+[[nodiscard]] rctype dafdpfull(DA_FDP* fdp, int pno, char* buf, size_t buflen) {
     DA_FIB* fib = fdp->fdb->fib;
     if (pno < 0 || pno >= fib->numpde) return DA_BADARG;
     DA_PDE* e = pdeof(fib, pno);
@@ -162,14 +163,14 @@ rctype dafdpfull(DA_FDP* fdp, int pno, char* buf, size_t buflen) {
     return dafulln(firstmeta(fdp), nm, buf, static_cast<int>(buflen));
 }
 
-rctype dafdpname(DA_FD* fd, int pno, char* buf, int buflen) {
+[[nodiscard]] rctype dafdpname(DA_FD* fd, int pno, char* buf, int buflen) {
     return dafdpfull(fdpof(fd), pno, buf, static_cast<size_t>(buflen));
 }
 
 // Adds a partition name to the directory, without its directory when that
 // is the first metapath. A direct FIB that is full fails; an indirect one
 // moves to a larger allocation at the end of the MDF.
-rctype daalpde(DA_FDP* fdp, const char* full) {
+[[nodiscard]] rctype daalpde(DA_FDP* fdp, const char* full) {
     DA_FDB* fdb = fdp->fdb;
     const char* meta = firstmeta(fdp);
     const char* nm;
@@ -219,7 +220,7 @@ rctype daalpde(DA_FDP* fdp, const char* full) {
 }
 
 // Frees a directory entry; only the last can go.
-rctype dafrpde(DA_FDP* fdp, int pno) {
+[[nodiscard]] rctype dafrpde(DA_FDP* fdp, int pno) {
     DA_FIB* fib = fdp->fdb->fib;
     if (pno != fib->numpde - 1 || pno < 0) return DA_INTERNAL;
     DA_PDE* e = pdeof(fib, pno);
@@ -232,7 +233,7 @@ rctype dafrpde(DA_FDP* fdp, int pno) {
 }
 
 // Writes the FIB with its directory. A direct FIB leaves its lock region alone.
-rctype dawrfibp(DA_FDP* fdp) {
+[[nodiscard]] rctype dawrfibp(DA_FDP* fdp) {
     DA_FDB* fdb = fdp->fdb;
     fdb->fib->filesize = fdb->filesize;
     if (fdp->flags & DA_FDINDIRECT) {
@@ -246,7 +247,7 @@ rctype dawrfibp(DA_FDP* fdp) {
 }
 
 // Reads the FIB head at the end of its overflow chain; *where gets its offset.
-rctype dardfibhead(DA_FDP* fdp, DA_FIB* head, da_off_t* where) {
+[[nodiscard]] rctype dardfibhead(DA_FDP* fdp, DA_FIB* head, da_off_t* where) {
     DA_FDB* fdb = fdp->fdb;
     if (!(fdp->flags & DA_FDINDIRECT)) {
         long got = 0;
@@ -277,7 +278,7 @@ rctype dardfibhead(DA_FDP* fdp, DA_FIB* head, da_off_t* where) {
 namespace {
 
 // Loads the whole FIB with its directory into fdb->fib.
-rctype loadfib(DA_FDP* fdp, const char* who) {
+[[nodiscard]] rctype loadfib(DA_FDP* fdp, const char* who) {
     DA_FDB* fdb = fdp->fdb;
     DA_FIB head;
     da_off_t where = 0;
@@ -315,7 +316,7 @@ rctype loadfib(DA_FDP* fdp, const char* who) {
 
 }  // namespace
 
-rctype dafdreload(DA_FDP* fdp) { return loadfib(fdp, "SyncFIB"); }
+[[nodiscard]] rctype dafdreload(DA_FDP* fdp) { return loadfib(fdp, "SyncFIB"); }
 
 // Ranges of all partitions from their real sizes: the files, not the FIB,
 // say how long the file is.
@@ -335,7 +336,7 @@ void RecalcSizes(DA_FDP* fdp) {
 }
 
 // Opens partitions from..numpde-1 named in the directory.
-rctype OpenParts(DA_FDP* fdp, int from) {
+[[nodiscard]] rctype OpenParts(DA_FDP* fdp, int from) {
     DA_FDB* fdb = fdp->fdb;
     int dflags = (fdb->opmode == O_RDONLY) ? 2 : 1;
     if (fdp->flags & DA_FDDIRECTIO) dflags |= 0x20000;
@@ -361,7 +362,7 @@ rctype OpenParts(DA_FDP* fdp, int from) {
 
 // A new last partition. skipFlag 0 starts at the path in use, 2 at the next
 // one, 1 goes round robin over all paths.
-rctype dafnewp(DA_FDP* fdp, int updateFib, int skipFlag) {
+[[nodiscard]] rctype dafnewp(DA_FDP* fdp, int updateFib, int skipFlag) {
     DA_FDB* fdb = fdp->fdb;
     DA_FIB* fib = fdb->fib;
     rctype rc = growpcbs(fdb);
@@ -435,7 +436,7 @@ rctype dafnewp(DA_FDP* fdp, int updateFib, int skipFlag) {
             if (updateFib) rc = dawrfibp(fdp);
             if (rc < 0) {
                 fdb->numpcb = pno;
-                dafrpde(fdp, pno);
+                daignore(dafrpde(fdp, pno));
             }
         }
         if (rc < 0) {
@@ -448,7 +449,7 @@ rctype dafnewp(DA_FDP* fdp, int updateFib, int skipFlag) {
     return DA_NOSPACE;
 }
 
-rctype dasyncpath(DA_FDP* fdp, int pi) {
+[[nodiscard]] rctype dasyncpath(DA_FDP* fdp, int pi) {
     if (pi < 0 || pi >= fdp->numpath) return DA_INTERNAL;
     rctype rc = dasyncd(fdp->paths[pi]);
     if (rc < 0) hsprint("dasyncpath: Directory sync failed: path=%s file=%s Reason=%s\n", fdp->paths[pi],
@@ -457,25 +458,34 @@ rctype dasyncpath(DA_FDP* fdp, int pi) {
 }
 
 // Closes and deletes partition pno (the last) with its directory entry.
-rctype dadelfp(DA_FDP* fdp, int pno, int updateFib) {
+[[nodiscard]] rctype dadroppcb(DA_FDP* fdp, int pno) {
     DA_FDB* fdb = fdp->fdb;
     if (pno != fdb->numpcb - 1) return DA_INTERNAL;
-    char full[4096];
-    rctype rc = dafdpfull(fdp, pno, full, sizeof full);
-    if (rc < 0) return rc;
     closepart(&fdb->pcbs[pno]);
-    if (_UIODT->unlink(full) < 0 && errno != ENOENT)
-        hsprint("dadelfp: Unable to delete file %s: Reason=%s\n", full, strerror(errno));
     fdb->numpcb--;
     if (fdp->curpcb >= fdb->numpcb) fdp->curpcb = fdb->numpcb > 0 ? fdb->numpcb - 1 : 0;
-    rc = dafrpde(fdp, pno);
+    rctype rc = dafrpde(fdp, pno);
     if (rc == 0 && fdb->numpcb > 0) fdb->fib->hipath = fdb->pcbs[fdb->numpcb - 1].pdi;
-    if (rc == 0 && updateFib) rc = dawrfibp(fdp);
+    return rc;
+}
+
+void dadelpf(const char* full) {
+    if (_UIODT->unlink(full) < 0 && errno != ENOENT)
+        hsprint("dadelfp: Unable to delete file %s: Reason=%s\n", full, strerror(errno));
+}
+
+[[nodiscard]] rctype dadelfp(DA_FDP* fdp, int pno, int updateFib) {
+    char full[4096];
+    rctype rc = dafdpfull(fdp, pno, full, sizeof full);
+    if (rc == 0) rc = dadroppcb(fdp, pno);
+    if (rc < 0) return rc;
+    dadelpf(full);
+    if (updateFib) rc = dawrfibp(fdp);
     return rc;
 }
 
 // The partition holding a logical offset, walking from the cached one.
-rctype dao2pcb(DA_FDP* fdp, da_off_t off, int* pno) {
+[[nodiscard]] rctype dao2pcb(DA_FDP* fdp, da_off_t off, int* pno) {
     DA_FDB* fdb = fdp->fdb;
     int n = fdb->numpcb;
     if (n == 0 || off < 0 || off >= fdb->filesize) return DA_EOF;
@@ -493,7 +503,7 @@ rctype dao2pcb(DA_FDP* fdp, da_off_t off, int* pno) {
 
 namespace {
 
-rctype ownfibopen(DA_FDP* fdp) {
+[[nodiscard]] rctype ownfibopen(DA_FDP* fdp) {
     DA_FDB* fdb = fdp->fdb;
     char name[1024], full[4096];
     rctype rc = dafdmkpfn(fdp, 0, 0, name, sizeof name);
@@ -515,7 +525,7 @@ rctype ownfibopen(DA_FDP* fdp) {
     return OpenParts(fdp, 1);
 }
 
-rctype create(DA_FDP* fdp, DA_FDSTR* fstr) {
+[[nodiscard]] rctype create(DA_FDP* fdp, DA_FDSTR* fstr) {
     DA_FDB* fdb = fdp->fdb;
     int fibsize = fstr->fibsize > 0 ? static_cast<int>(roundpage(fstr->fibsize)) : GetFibSize(fdp, fstr);
     auto* fib = static_cast<DA_FIB*>(fdalloc(fibsize));
@@ -547,7 +557,8 @@ rctype create(DA_FDP* fdp, DA_FDSTR* fstr) {
         rc = dawrfibp(fdp);
         if (rc != DA_NOSPACE) break;
         fdb->filesize = 0;
-        dadelfp(fdp, 0, 0);
+        rctype drc = dadelfp(fdp, 0, 0);
+        if (drc < 0) return drc;
         if (fdp->flags & DA_FDFORCE1ST) return rc;
         rc = dafnewp(fdp, 0, 2);
         if (rc < 0) return rc;
@@ -575,7 +586,7 @@ void mkkey(DA_FDP* fdp, const char* nm, da_off_t fiboff, char* key, size_t len) 
     }
 }
 
-rctype setkey(DA_FDP* fdp) {
+[[nodiscard]] rctype setkey(DA_FDP* fdp) {
     DA_FDB* fdb = fdp->fdb;
     char key[4096];
     mkkey(fdp, fdb->name, fdb->fiboff, key, sizeof key);
@@ -589,9 +600,10 @@ rctype setkey(DA_FDP* fdp) {
 
 }  // namespace
 
-rctype dafdopn(DA_FDSTR* fstr, DA_FD** fdout) {
-    daioini();
+[[nodiscard]] rctype dafdopn(DA_FDSTR* fstr, DA_FD** fdout) {
     *fdout = nullptr;
+    rctype irc = daioini();
+    if (irc < 0) return irc;
     int flags = fstr->flags;
     if (!(flags & (DA_FDINDIRECT | DA_FDDIRECT))) flags |= DA_FDDIRECT;
     if ((flags & DA_FDINDIRECT) && (!fstr->mdfd || !(fdpof(fstr->mdfd)->flags & DA_FDDIRECT))) return DA_BADARG;
@@ -685,7 +697,8 @@ rctype dafdopn(DA_FDSTR* fstr, DA_FD** fdout) {
             if (rc == 0 && (flags & DA_FDINDIRECT)) rc = setkey(fdp);
             if (rc < 0 && fdb->numpcb > 0) {
                 // Take back what a failed create left behind.
-                while (fdb->numpcb > 0) dadelfp(fdp, fdb->numpcb - 1, 0);
+                // A partition that cannot be dropped ends the clean-up, not loops on it.
+                for (int n = fdb->numpcb; n > 0 && n == fdb->numpcb; --n) daignore(dadelfp(fdp, n - 1, 0));
             }
         } else if (flags & DA_FDINDIRECT) {
             rc = loadfib(fdp, "dalfibi");
@@ -720,8 +733,9 @@ rctype dafdopn(DA_FDSTR* fstr, DA_FD** fdout) {
     return 0;
 }
 
-rctype dafdexi(DA_FDSTR* fstr, char* fullpath, int fulllen) {
-    daioini();
+[[nodiscard]] rctype dafdexi(DA_FDSTR* fstr, char* fullpath, int fulllen) {
+    rctype irc = daioini();
+    if (irc < 0) return irc;
     if (!fstr->name || fstr->namelen <= 0 || fstr->numpath <= 0) return DA_BADARG;
     int flags = fstr->flags;
     char nm[1100], full[4096];
@@ -733,8 +747,9 @@ rctype dafdexi(DA_FDSTR* fstr, char* fullpath, int fulllen) {
         rctype rc = dafdopn(&s, &fd);
         if (rc < 0) return rc;
         rc = dafdpfull(fdpof(fd), 0, full, sizeof full);
-        fd->fdclose(fd);
+        rctype crc = fd->fdclose(fd);
         if (rc < 0) return rc;
+        if (crc < 0) return crc;
     } else {
         char base[1100];
         snprintf(base, sizeof base, "%.*s", fstr->namelen, fstr->name);
@@ -751,7 +766,7 @@ rctype dafdexi(DA_FDSTR* fstr, char* fullpath, int fulllen) {
 
 namespace {
 
-rctype dafddel(DA_FD* fd, da_off_t) {
+[[nodiscard]] rctype dafddel(DA_FD* fd, da_off_t) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     rctype first = 0;
@@ -770,17 +785,18 @@ rctype dafddel(DA_FD* fd, da_off_t) {
     return first;
 }
 
-rctype dafdclo(DA_FD* fd) {
+[[nodiscard]] rctype dafdclo(DA_FD* fd) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     rctype rc = 0;
     if (fdp->syncmode) {
         DA_FDSCB scb = {0, 1};
-        dafdcntl(fd, DA_FDUNSYNC, &scb);
+        rc = dafdcntl(fd, DA_FDUNSYNC, &scb);
     }
     if (fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK)) {
         DA_FDROB rob = {0, 0};
-        dafdcntl(fd, DA_FDUNLOCK, &rob);
+        rctype urc = dafdcntl(fd, DA_FDUNLOCK, &rob);
+        if (rc >= 0) rc = urc;
     }
     bool shared = fdb->flags & DA_FDSHARED;
     if (shared) fdblock();
@@ -793,8 +809,9 @@ rctype dafdclo(DA_FD* fd) {
                 }
         }
         if ((fdp->flags & DA_FDDELCLOSE) && !(fdb->state & DA_FDSLOST)) {
-            rc = dafddel(fd, -1);
-            if (rc < 0) hsprint("dafdclo: Delete on close failed: %s\n", fdb->name);
+            rctype drc = dafddel(fd, -1);
+            if (drc < 0) hsprint("dafdclo: Delete on close failed: %s\n", fdb->name);
+            if (rc >= 0) rc = drc;
         }
         freefdb(fdb);
     }
@@ -806,7 +823,7 @@ rctype dafdclo(DA_FD* fd) {
 // The directory made again from the partitions' full names, after their
 // files were renamed: the renames reach stable storage first, so that a
 // directory on disk never names files that a power loss took back.
-static rctype redir(DA_FDP* fdp, char (*fulls)[4096], int n) {
+[[nodiscard]] static rctype redir(DA_FDP* fdp, char (*fulls)[4096], int n) {
     DA_FDB* fdb = fdp->fdb;
     rctype rc = 0;
     std::vector<bool> synced(fdp->numpath, false);
@@ -831,7 +848,7 @@ static rctype redir(DA_FDP* fdp, char (*fulls)[4096], int n) {
 }
 
 // Renames every partition to a new base name and rewrites the directory.
-rctype dafdren(DA_FD* fd, da_off_t, const char* newname, int newlen) {
+[[nodiscard]] rctype dafdren(DA_FD* fd, da_off_t, const char* newname, int newlen) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     if (!newname || newlen <= 0) return DA_BADARG;
@@ -883,7 +900,7 @@ rctype dafdren(DA_FD* fd, da_off_t, const char* newname, int newlen) {
 }
 
 // Next revision: every partition but an MDF's first takes the new number.
-rctype dafdrev(DA_FD* fd, da_off_t) {
+[[nodiscard]] rctype dafdrev(DA_FD* fd, da_off_t) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     int nrev = (fdb->fib->revision + 1) % 10000;
@@ -922,7 +939,7 @@ rctype dafdrev(DA_FD* fd, da_off_t) {
     return first ? first : rc;
 }
 
-rctype dafdckrev(DA_FD* fd, int flags, da_off_t, da_off_t* fsize) {
+[[nodiscard]] rctype dafdckrev(DA_FD* fd, int flags, da_off_t, da_off_t* fsize) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     rctype rc = 0;
@@ -952,7 +969,7 @@ rctype dafdckrev(DA_FD* fd, int flags, da_off_t, da_off_t* fsize) {
     return rc;
 }
 
-rctype dafdstat(DA_FD* fd, struct stat* st) {
+[[nodiscard]] rctype dafdstat(DA_FD* fd, struct stat* st) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     if (fdb->numpcb < 1 || _UIODT->fstat(fdb->pcbs[0].pfd, st) < 0) return DA_SYSERR;
@@ -960,7 +977,7 @@ rctype dafdstat(DA_FD* fd, struct stat* st) {
     return 0;
 }
 
-rctype dafdpstat(DA_FD* fd, int pno, DA_FDPSTAT* ps) {
+[[nodiscard]] rctype dafdpstat(DA_FD* fd, int pno, DA_FDPSTAT* ps) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     if (pno < 0 || pno >= fdb->numpcb) return DA_BADARG;
@@ -971,12 +988,12 @@ rctype dafdpstat(DA_FD* fd, int pno, DA_FDPSTAT* ps) {
     return dafdpfull(fdp, pno, ps->name, sizeof ps->name);
 }
 
-rctype dafdnofree(DA_FD*, da_off_t, da_off_t) { return 0; }
+[[nodiscard]] rctype dafdnofree(DA_FD*, da_off_t, da_off_t) { return 0; }
 
-rctype danovalw(DA_FD*, const void*, long, da_off_t*) { return DA_ACCESS; }
-rctype danovalt(DA_FD*, da_off_t) { return DA_ACCESS; }
-rctype danovalf(DA_FD*, da_off_t, da_off_t) { return DA_ACCESS; }
-rctype danovalr(DA_FD*, da_off_t, const char*, int) { return DA_ACCESS; }
+[[nodiscard]] rctype danovalw(DA_FD*, const void*, long, da_off_t*) { return DA_ACCESS; }
+[[nodiscard]] rctype danovalt(DA_FD*, da_off_t) { return DA_ACCESS; }
+[[nodiscard]] rctype danovalf(DA_FD*, da_off_t, da_off_t) { return DA_ACCESS; }
+[[nodiscard]] rctype danovalr(DA_FD*, da_off_t, const char*, int) { return DA_ACCESS; }
 
 }  // namespace
 
@@ -1013,7 +1030,7 @@ void dafdsmt(DA_FDP* fdp) {
     fd->baseoff = (fdp->flags & DA_FDINDIRECT) ? 0 : fdb->fibsize;
 }
 
-rctype dagetfibparms(DA_FD* fd, int* modtime, int* numstripes) {
+[[nodiscard]] rctype dagetfibparms(DA_FD* fd, int* modtime, int* numstripes) {
     DA_FDB* fdb = fdpof(fd)->fdb;
     if (modtime) *modtime = fdb->fib->modtime;
     if (numstripes) *numstripes = fdb->fib->numstripes;

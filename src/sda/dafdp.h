@@ -89,38 +89,42 @@ void fdstrfree(char* s);
 // Diagnostics.
 void IOError(DA_FDP* fdp, const char* who, const char* what, int err, da_off_t off);
 void DumpPcbs(DA_FDP* fdp);
-rctype BadOffset(DA_FDP* fdp, const char* who, rctype rc, da_off_t off);
+[[nodiscard]] rctype BadOffset(DA_FDP* fdp, const char* who, rctype rc, da_off_t off);
 
 // Partition names and paths.
-rctype dafdmkpfn(DA_FDP* fdp, int pno, int revno, char* buf, size_t buflen);
-rctype dafdpfull(DA_FDP* fdp, int pno, char* buf, size_t buflen);
-rctype daalpde(DA_FDP* fdp, const char* fullname);
-rctype dafrpde(DA_FDP* fdp, int pno);
-rctype dawrfibp(DA_FDP* fdp);
-rctype dafnewp(DA_FDP* fdp, int updateFib, int skipFlag);
-rctype dadelfp(DA_FDP* fdp, int pno, int updateFib);
-rctype dao2pcb(DA_FDP* fdp, da_off_t off, int* pno);
-rctype dafdreload(DA_FDP* fdp);
-rctype dardfibhead(DA_FDP* fdp, DA_FIB* head, da_off_t* where);
-rctype dareopenp(DA_FDP* fdp, int newflags);
-rctype darelockp(DA_FDP* fdp, int flags, pid_t ownpid);
-rctype dafibloc(DA_FDP* fdp, int* pfd, da_off_t* poff);
+[[nodiscard]] rctype dafdmkpfn(DA_FDP* fdp, int pno, int revno, char* buf, size_t buflen);
+[[nodiscard]] rctype dafdpfull(DA_FDP* fdp, int pno, char* buf, size_t buflen);
+[[nodiscard]] rctype daalpde(DA_FDP* fdp, const char* fullname);
+[[nodiscard]] rctype dafrpde(DA_FDP* fdp, int pno);
+[[nodiscard]] rctype dawrfibp(DA_FDP* fdp);
+[[nodiscard]] rctype dafnewp(DA_FDP* fdp, int updateFib, int skipFlag);
+[[nodiscard]] rctype dadelfp(DA_FDP* fdp, int pno, int updateFib);
+// dadelfp's halves: partition pno (the last) closed and out of the directory
+// in memory, its file kept; and the removal of a partition file by name.
+[[nodiscard]] rctype dadroppcb(DA_FDP* fdp, int pno);
+void dadelpf(const char* full);
+[[nodiscard]] rctype dao2pcb(DA_FDP* fdp, da_off_t off, int* pno);
+[[nodiscard]] rctype dafdreload(DA_FDP* fdp);
+[[nodiscard]] rctype dardfibhead(DA_FDP* fdp, DA_FIB* head, da_off_t* where);
+[[nodiscard]] rctype dareopenp(DA_FDP* fdp, int newflags);
+[[nodiscard]] rctype darelockp(DA_FDP* fdp, int flags, pid_t ownpid);
+[[nodiscard]] rctype dafibloc(DA_FDP* fdp, int* pfd, da_off_t* poff);
 void dafdsmt(DA_FDP* fdp);
-rctype OpenParts(DA_FDP* fdp, int from);
+[[nodiscard]] rctype OpenParts(DA_FDP* fdp, int from);
 void RecalcSizes(DA_FDP* fdp);
-rctype GrowFile(DA_FDP* fdp, da_off_t newsize);
+[[nodiscard]] rctype GrowFile(DA_FDP* fdp, da_off_t newsize);
 // Data sync of every partition written since the last one.
-rctype dasyncparts(DA_FDP* fdp);
+[[nodiscard]] rctype dasyncparts(DA_FDP* fdp);
 // Sync of the directory of partition path index pi.
-rctype dasyncpath(DA_FDP* fdp, int pi);
+[[nodiscard]] rctype dasyncpath(DA_FDP* fdp, int pi);
 
 // Methods.
-rctype dareadp(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread);
-rctype daread1(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread);
-rctype dawritp(DA_FD* fd, const void* buf, long size, da_off_t* off);
-rctype datrncp(DA_FD* fd, da_off_t endoff);
-rctype dafdcntl(DA_FD* fd, int cmd, void* arg);
-rctype dammapp(DA_FD* fd, da_off_t offset, da_off_t size, void** addr, da_off_t* msize);
-rctype daunmap(DA_FD* fd, da_off_t offset, da_off_t size, void* addr);
+[[nodiscard]] rctype dareadp(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread);
+[[nodiscard]] rctype daread1(DA_FD* fd, void* buf, long size, da_off_t offset, long* nread);
+[[nodiscard]] rctype dawritp(DA_FD* fd, const void* buf, long size, da_off_t* off);
+[[nodiscard]] rctype datrncp(DA_FD* fd, da_off_t endoff);
+[[nodiscard]] rctype dafdcntl(DA_FD* fd, int cmd, void* arg);
+[[nodiscard]] rctype dammapp(DA_FD* fd, da_off_t offset, da_off_t size, void** addr, da_off_t* msize);
+[[nodiscard]] rctype daunmap(DA_FD* fd, da_off_t offset, da_off_t size, void* addr);
 
 }  // namespace vrta

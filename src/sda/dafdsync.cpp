@@ -11,7 +11,7 @@
 namespace vrta {
 
 // Where the lock region of the FIB stands: descriptor and physical offset.
-rctype dafibloc(DA_FDP* fdp, int* pfd, da_off_t* poff) {
+[[nodiscard]] rctype dafibloc(DA_FDP* fdp, int* pfd, da_off_t* poff) {
     DA_FDB* fdb = fdp->fdb;
     if (!(fdp->flags & DA_FDINDIRECT)) {
         if (fdb->numpcb < 1) return DA_STATELOST;
@@ -30,7 +30,7 @@ rctype dafibloc(DA_FDP* fdp, int* pfd, da_off_t* poff) {
 
 namespace {
 
-rctype lockregion(DA_FDP* fdp, int mode, int timeout, bool wait) {
+[[nodiscard]] rctype lockregion(DA_FDP* fdp, int mode, int timeout, bool wait) {
     int pfd;
     da_off_t poff;
     rctype rc = dafibloc(fdp, &pfd, &poff);
@@ -63,7 +63,7 @@ namespace {
 // shared block (a record lock belongs to the process); the lock itself
 // changes only on a first read, first write or last release. On a refused
 // lock the counts and the old lock are put back.
-rctype hold(DA_FDP* fdp, int add, int drop, int timeout, bool wait) {
+[[nodiscard]] rctype hold(DA_FDP* fdp, int add, int drop, int timeout, bool wait) {
     DA_FDB* fdb = fdp->fdb;
     int nrd = fdb->nrdlocks, nwr = fdb->nwrlocks;
     int before = wanted(fdb);
@@ -92,7 +92,7 @@ rctype hold(DA_FDP* fdp, int add, int drop, int timeout, bool wait) {
 
 // This opener's explicit hold: DA_FDRDLOCK, DA_FDWRLOCK (with 0x800 to
 // wait), or 0 to release it.
-rctype darelockp(DA_FDP* fdp, int flags, pid_t) {
+[[nodiscard]] rctype darelockp(DA_FDP* fdp, int flags, pid_t) {
     int had = fdp->flags & (DA_FDRDLOCK | DA_FDWRLOCK);
     int want = (flags & DA_FDWRLOCK) ? DA_FDWRLOCK : (flags & DA_FDRDLOCK) ? DA_FDRDLOCK : 0;
     if (had == want) return 0;
@@ -105,7 +105,7 @@ rctype darelockp(DA_FDP* fdp, int flags, pid_t) {
 namespace {
 
 // Brings the partition list and sizes up to what the FIB and the files say.
-rctype refresh(DA_FDP* fdp, const DA_FIB* head) {
+[[nodiscard]] rctype refresh(DA_FDP* fdp, const DA_FIB* head) {
     DA_FDB* fdb = fdp->fdb;
     if (head->numpde != fdb->fib->numpde || head->pdesize != fdb->fib->pdesize) {
         int oldn = fdb->numpcb;
@@ -122,8 +122,8 @@ rctype refresh(DA_FDP* fdp, const DA_FIB* head) {
         fdfree(keep, keepsize);
         int n = fdb->fib->numpde;
         for (int i = n; i < oldn; ++i) {
-            if (fdb->pcbs[i].pfd >= 0) daclosf(fdb->pcbs[i].pfd);
-            if (fdb->pcbs[i].dfd >= 0) daclosf(fdb->pcbs[i].dfd);
+            if (fdb->pcbs[i].pfd >= 0) daignore(daclosf(fdb->pcbs[i].pfd));
+            if (fdb->pcbs[i].dfd >= 0) daignore(daclosf(fdb->pcbs[i].dfd));
             fdb->pcbs[i].pfd = fdb->pcbs[i].dfd = -1;
         }
         if (n < oldn) fdb->numpcb = n;
@@ -145,7 +145,7 @@ rctype refresh(DA_FDP* fdp, const DA_FIB* head) {
     return 0;
 }
 
-rctype SyncFIB(DA_FDP* fdp, int smode, int timeout) {
+[[nodiscard]] rctype SyncFIB(DA_FDP* fdp, int smode, int timeout) {
     DA_FDB* fdb = fdp->fdb;
     if (fdp->syncmode == smode) return 0;
     if (fdp->syncmode != 0) {
@@ -169,7 +169,7 @@ rctype SyncFIB(DA_FDP* fdp, int smode, int timeout) {
         }
     }
     if (rc < 0) {
-        hold(fdp, 0, mode, 0, false);
+        daignore(hold(fdp, 0, mode, 0, false));
         return rc;
     }
     fdp->syncmode = smode;
@@ -178,7 +178,7 @@ rctype SyncFIB(DA_FDP* fdp, int smode, int timeout) {
 
 // Ends a sync. In write mode, and unless aborting, stamps and writes the FIB
 // head: this is the commit of a shared update.
-rctype UnlockFIB(DA_FDP* fdp, bool abort) {
+[[nodiscard]] rctype UnlockFIB(DA_FDP* fdp, bool abort) {
     DA_FDB* fdb = fdp->fdb;
     rctype rc = 0;
     if (!abort && fdp->syncmode == DA_FDSYNCWR) {
@@ -213,7 +213,7 @@ rctype UnlockFIB(DA_FDP* fdp, bool abort) {
     return rc ? rc : lrc;
 }
 
-rctype UpdateRev(DA_FDP* fdp) {
+[[nodiscard]] rctype UpdateRev(DA_FDP* fdp) {
     DA_FDB* fdb = fdp->fdb;
     if (!(fdb->state & DA_FDSREVISED)) return 0;
     DA_FIB head;
@@ -231,7 +231,7 @@ rctype UpdateRev(DA_FDP* fdp) {
 
 // A read-only block becomes writable: every partition reopened in the new
 // mode, the lock taken again; on failure all go back to the old mode.
-rctype dareopenp(DA_FDP* fdp, int newflags) {
+[[nodiscard]] rctype dareopenp(DA_FDP* fdp, int newflags) {
     DA_FDB* fdb = fdp->fdb;
     int newmode = (newflags & DA_FDWRITE) ? O_RDWR : O_RDONLY;
     // Descriptors are never turned back to read-only: other openers of the
@@ -249,11 +249,11 @@ rctype dareopenp(DA_FDP* fdp, int newflags) {
             int nfd = -1;
             if (rc == 0) rc = daopenf(full, mode == O_RDONLY ? 2 : 1, 0, &nfd);
             if (rc < 0) return rc;
-            daclosf(fdb->pcbs[i].pfd);
+            daignore(daclosf(fdb->pcbs[i].pfd));
             fdb->pcbs[i].pfd = nfd;
             // The O_DIRECT twin follows the mode too, or is dropped.
             if (fdb->pcbs[i].dfd >= 0) {
-                daclosf(fdb->pcbs[i].dfd);
+                daignore(daclosf(fdb->pcbs[i].dfd));
                 fdb->pcbs[i].dfd = _UIODT->open(full, (mode == O_RDONLY ? O_RDONLY : O_RDWR) | O_DIRECT | O_CLOEXEC, 0);
             }
         }
@@ -279,7 +279,7 @@ rctype dareopenp(DA_FDP* fdp, int newflags) {
     return rc;
 }
 
-rctype dafdcntl(DA_FD* fd, int cmd, void* arg) {
+[[nodiscard]] rctype dafdcntl(DA_FD* fd, int cmd, void* arg) {
     DA_FDP* fdp = fdpof(fd);
     DA_FDB* fdb = fdp->fdb;
     switch (cmd) {

@@ -266,7 +266,7 @@ void datrace(int enable) {
     _UIODT = enable ? &traceiot : &plainiot;
 }
 
-rctype daioini() {
+[[nodiscard]] rctype daioini() {
     std::call_once(iniflag, doini);
     return 0;
 }
@@ -287,7 +287,7 @@ void fdstrfree(char* s) {
     if (s) fdfree(s, static_cast<long>(strlen(s)) + 1);
 }
 
-rctype daerrno(int err) {
+[[nodiscard]] rctype daerrno(int err) {
     switch (err) {
     case EACCES: case EROFS: case EPERM: return DA_ACCESS;
     case EMFILE: case ENFILE: return DA_NOFILES;
@@ -299,7 +299,7 @@ rctype daerrno(int err) {
     }
 }
 
-rctype daopenf(const char* fileName, int flags, int perms, int* newfd) {
+[[nodiscard]] rctype daopenf(const char* fileName, int flags, int perms, int* newfd) {
     int of;
     if (flags & 2) of = O_RDONLY;
     else if (flags & 4) of = (flags & 0x1000) ? (O_RDWR | O_CREAT | O_TRUNC) : (O_RDWR | O_CREAT | O_EXCL);
@@ -340,7 +340,7 @@ rctype daopenf(const char* fileName, int flags, int perms, int* newfd) {
     return 0;
 }
 
-rctype daclosf(int fd) {
+[[nodiscard]] rctype daclosf(int fd) {
     if (fd < 0) return 0;
     if (_UIODT->close(fd) < 0 && errno != EINTR) return DA_SYSERR;
     return 0;
@@ -348,7 +348,7 @@ rctype daclosf(int fd) {
 
 namespace {
 
-rctype lockerr(int err, bool write) {
+[[nodiscard]] rctype lockerr(int err, bool write) {
     if (err == EAGAIN || err == EACCES || err == EINTR) return write ? DA_WRLOCKED : DA_RDLOCKED;
     if (err == ENOLCK) return DA_NOLOCKS;
     return DA_FCNTLFAIL;
@@ -356,7 +356,7 @@ rctype lockerr(int err, bool write) {
 
 }  // namespace
 
-rctype dafcntl(int fd, struct flock* flk, int timeout) {
+[[nodiscard]] rctype dafcntl(int fd, struct flock* flk, int timeout) {
     if (timeout <= 0) {
         int rc;
         do {
@@ -381,7 +381,7 @@ rctype dafcntl(int fd, struct flock* flk, int timeout) {
     }
 }
 
-rctype dalockr(int fd, int flags, da_off_t offset, da_off_t range) {
+[[nodiscard]] rctype dalockr(int fd, int flags, da_off_t offset, da_off_t range) {
     struct flock flk;
     memset(&flk, 0, sizeof flk);
     bool write = (flags & 32) != 0;
@@ -396,9 +396,9 @@ rctype dalockr(int fd, int flags, da_off_t offset, da_off_t range) {
     return rc < 0 ? lockerr(errno, write) : 0;
 }
 
-rctype dalockf(int fd, int flags) { return dalockr(fd, flags, 0, 0); }
+[[nodiscard]] rctype dalockf(int fd, int flags) { return dalockr(fd, flags, 0, 0); }
 
-rctype daunlockr(int fd, da_off_t offset, da_off_t range) {
+[[nodiscard]] rctype daunlockr(int fd, da_off_t offset, da_off_t range) {
     struct flock flk;
     memset(&flk, 0, sizeof flk);
     flk.l_type = F_UNLCK;
@@ -408,9 +408,9 @@ rctype daunlockr(int fd, da_off_t offset, da_off_t range) {
     return _UIODT->fcntl(fd, F_SETLK, &flk) < 0 ? DA_FCNTLFAIL : 0;
 }
 
-rctype daunlkf(int fd) { return daunlockr(fd, 0, 0); }
+[[nodiscard]] rctype daunlkf(int fd) { return daunlockr(fd, 0, 0); }
 
-rctype daqylkor(int fd, int flags, da_off_t offset, da_off_t range, pid_t* owner) {
+[[nodiscard]] rctype daqylkor(int fd, int flags, da_off_t offset, da_off_t range, pid_t* owner) {
     struct flock flk;
     memset(&flk, 0, sizeof flk);
     flk.l_type = (flags & 32) ? F_WRLCK : F_RDLCK;
@@ -422,35 +422,35 @@ rctype daqylkor(int fd, int flags, da_off_t offset, da_off_t range, pid_t* owner
     return 0;
 }
 
-rctype daqylko(int fd, int flags, pid_t* owner) { return daqylkor(fd, flags, 0, 0, owner); }
+[[nodiscard]] rctype daqylko(int fd, int flags, pid_t* owner) { return daqylkor(fd, flags, 0, 0, owner); }
 
-rctype dastdir(const char* path, struct stat* st) {
+[[nodiscard]] rctype dastdir(const char* path, struct stat* st) {
     if (_UIODT->stat(path, st) < 0) return daerrno(errno);
     return S_ISDIR(st->st_mode) ? 0 : DA_NOTDIR;
 }
 
-rctype dackdir(const char* path) {
+[[nodiscard]] rctype dackdir(const char* path) {
     struct stat st;
     rctype rc = dastdir(path, &st);
     if (rc < 0) return rc;
     return access(path, R_OK | X_OK) == 0 ? 0 : DA_ACCESS;
 }
 
-rctype damktmpdir(const char* parent, char* out, int outlen) {
+[[nodiscard]] rctype damktmpdir(const char* parent, char* out, int outlen) {
     if (dafulln(parent, "vrta_XXXXXX", out, outlen) < 0) return DA_BADARG;
     return mkdtemp(out) ? 0 : daerrno(errno);
 }
 
-rctype darmdir(const char* path) { return rmdir(path) < 0 ? daerrno(errno) : 0; }
+[[nodiscard]] rctype darmdir(const char* path) { return rmdir(path) < 0 ? daerrno(errno) : 0; }
 
-rctype dauopdir(const char* path, void** handle) {
+[[nodiscard]] rctype dauopdir(const char* path, void** handle) {
     DIR* d = opendir(path);
     if (!d) return daerrno(errno);
     *handle = d;
     return 0;
 }
 
-rctype daurddir(void* handle, char* name, int namelen) {
+[[nodiscard]] rctype daurddir(void* handle, char* name, int namelen) {
     for (;;) {
         errno = 0;
         struct dirent* e = readdir(static_cast<DIR*>(handle));
@@ -462,9 +462,9 @@ rctype daurddir(void* handle, char* name, int namelen) {
     }
 }
 
-rctype daucldir(void* handle) { return closedir(static_cast<DIR*>(handle)) < 0 ? DA_SYSERR : 0; }
+[[nodiscard]] rctype daucldir(void* handle) { return closedir(static_cast<DIR*>(handle)) < 0 ? DA_SYSERR : 0; }
 
-rctype dafindf(const char* name, int numpath, const char* const* paths, char* out, int outlen, int* pathidx) {
+[[nodiscard]] rctype dafindf(const char* name, int numpath, const char* const* paths, char* out, int outlen, int* pathidx) {
     for (int i = 0; i < numpath; ++i) {
         if (dafulln(paths[i], name, out, outlen) < 0) return DA_BADARG;
         struct stat st;
@@ -476,23 +476,23 @@ rctype dafindf(const char* name, int numpath, const char* const* paths, char* ou
     return DA_NOTFOUND;
 }
 
-rctype dastatf(const char* fileName, struct stat* st) {
+[[nodiscard]] rctype dastatf(const char* fileName, struct stat* st) {
     return _UIODT->stat(fileName, st) < 0 ? daerrno(errno) : 0;
 }
 
-rctype dastvfs(const char* path, struct statvfs* st) {
+[[nodiscard]] rctype dastvfs(const char* path, struct statvfs* st) {
     return _UIODT->statvfs(path, st) < 0 ? daerrno(errno) : 0;
 }
 
-rctype dadelef(const char* fileName) {
+[[nodiscard]] rctype dadelef(const char* fileName) {
     return _UIODT->unlink(fileName) < 0 ? daerrno(errno) : 0;
 }
 
-rctype darenmf(const char* from, const char* to) {
+[[nodiscard]] rctype darenmf(const char* from, const char* to) {
     return _UIODT->rename(from, to) < 0 ? daerrno(errno) : 0;
 }
 
-rctype datrncf(int fd, da_off_t size) {
+[[nodiscard]] rctype datrncf(int fd, da_off_t size) {
     int rc;
     do {
         rc = _UIODT->ftruncate(fd, size);
@@ -525,7 +525,7 @@ ssize_t daxfer(int fd, int dfd, void* buf, size_t n, da_off_t off, bool write, i
     return static_cast<ssize_t>(done);
 }
 
-rctype dapreadall(int fd, void* buf, long n, da_off_t off, long* got) {
+[[nodiscard]] rctype dapreadall(int fd, void* buf, long n, da_off_t off, long* got) {
     int err = 0;
     ssize_t r = daxfer(fd, -1, buf, static_cast<size_t>(n), off, false, &err);
     if (got) *got = r < 0 ? 0 : r;
@@ -533,14 +533,14 @@ rctype dapreadall(int fd, void* buf, long n, da_off_t off, long* got) {
     return r < n ? DA_SHORTREAD : 0;
 }
 
-rctype dapwriteall(int fd, const void* buf, long n, da_off_t off) {
+[[nodiscard]] rctype dapwriteall(int fd, const void* buf, long n, da_off_t off) {
     int err = 0;
     ssize_t r = daxfer(fd, -1, const_cast<void*>(buf), static_cast<size_t>(n), off, true, &err);
     if (r == n) return 0;
     return err == ENOSPC || err == EDQUOT ? DA_NOSPACE : DA_WRITEFAIL;
 }
 
-rctype dasyncf(int fd) {
+[[nodiscard]] rctype dasyncf(int fd) {
     int rc;
     do {
         rc = _UIODT->fdatasync(fd);
@@ -548,7 +548,7 @@ rctype dasyncf(int fd) {
     return rc < 0 ? (errno == ENOSPC || errno == EDQUOT ? DA_NOSPACE : DA_WRITEFAIL) : 0;
 }
 
-rctype dasyncd(const char* dir) {
+[[nodiscard]] rctype dasyncd(const char* dir) {
     int fd;
     do {
         fd = _UIODT->open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
@@ -565,7 +565,7 @@ rctype dasyncd(const char* dir) {
     return rc < 0 ? DA_WRITEFAIL : 0;
 }
 
-rctype dafulln(const char* dir, const char* name, char* buf, int buflen) {
+[[nodiscard]] rctype dafulln(const char* dir, const char* name, char* buf, int buflen) {
     size_t dl = strlen(dir);
     while (dl > 1 && dir[dl - 1] == '/') --dl;
     int n = (dl == 0) ? snprintf(buf, buflen, "%s", name)

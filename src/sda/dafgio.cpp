@@ -20,7 +20,7 @@ struct DA_FBCB : DA_BKCB {
 
 namespace {
 
-rctype needio(DA_FCB* fcb, DA_FBCB* fb) {
+[[nodiscard]] rctype needio(DA_FCB* fcb, DA_FBCB* fb) {
     int32_t im = fcb->xcext ? fcb->xcext->iomaxbuf : 0;
     if (im <= 0) return DA_INTERNAL;
     if (fb->iobufsize >= im) return 0;
@@ -30,7 +30,7 @@ rctype needio(DA_FCB* fcb, DA_FBCB* fb) {
     return fb->iobuf ? 0 : DA_NOMEM;
 }
 
-rctype fgetblock(DA_FCB* fcb, void*, int64_t vbn, char* raw, int32_t rawroom, int32_t* rawlen) {
+[[nodiscard]] rctype fgetblock(DA_FCB* fcb, void*, int64_t vbn, char* raw, int32_t rawroom, int32_t* rawlen) {
     auto* fb = fcb->fbcb;
     rctype rc = needio(fcb, fb);
     if (rc < 0) return rc;
@@ -54,7 +54,7 @@ rctype fgetblock(DA_FCB* fcb, void*, int64_t vbn, char* raw, int32_t rawroom, in
     return 0;
 }
 
-rctype fputblock(DA_FCB* fcb, DA_BLOCK* blk) {
+[[nodiscard]] rctype fputblock(DA_FCB* fcb, DA_BLOCK* blk) {
     auto* fb = fcb->fbcb;
     if (blk->numobs <= 0) return 0;
     rctype rc = needio(fcb, fb);
@@ -91,27 +91,31 @@ void setmax(DA_FCB* fcb, DA_FBCB* fb) {
     fb->maxvbn = (n < 1 || bf <= 0) ? DA_NOVBN : (n - 1) / bf;
 }
 
-rctype newfbcb(DA_FCB* fcb) {
+[[nodiscard]] rctype newfbcb(DA_FCB* fcb) {
     if (fcb->fbcb) return 0;
     auto* fb = static_cast<DA_FBCB*>(calloc(1, sizeof(DA_FBCB)));
     if (!fb) return DA_NOMEM;
-    dabkinit(fcb, fb, &fops);
+    rctype rc = dabkinit(fcb, fb, &fops);
+    if (rc < 0) {
+        free(fb);
+        return rc;
+    }
     fcb->fbcb = fb;
     return 0;
 }
 
 }  // namespace
 
-rctype daifbcb(DA_FCB* fcb) { return newfbcb(fcb); }
+[[nodiscard]] rctype daifbcb(DA_FCB* fcb) { return newfbcb(fcb); }
 
-rctype dalfbcb(DA_FCB* fcb) {
+[[nodiscard]] rctype dalfbcb(DA_FCB* fcb) {
     rctype rc = newfbcb(fcb);
     if (rc < 0) return rc;
     setmax(fcb, fcb->fbcb);
     return 0;
 }
 
-rctype daflfbcb(DA_FCB* fcb) {
+[[nodiscard]] rctype daflfbcb(DA_FCB* fcb) {
     DA_FBCB* fb = fcb->fbcb;
     if (!fb) return 0;
     mutex_lock(&fb->lock);
@@ -128,7 +132,7 @@ rctype daflfbcb(DA_FCB* fcb) {
     return 0;
 }
 
-rctype daffbcb(DA_FCB* fcb) {
+[[nodiscard]] rctype daffbcb(DA_FCB* fcb) {
     DA_FBCB* fb = fcb->fbcb;
     if (!fb) return 0;
     rctype rc = 0;
@@ -140,7 +144,7 @@ rctype daffbcb(DA_FCB* fcb) {
     return rc;
 }
 
-rctype darffbcb(DA_FCB* fcb) {
+[[nodiscard]] rctype darffbcb(DA_FCB* fcb) {
     DA_FBCB* fb = fcb->fbcb;
     if (!fb) return 0;
     mutex_lock(&fb->lock);
@@ -151,7 +155,7 @@ rctype darffbcb(DA_FCB* fcb) {
     return 0;
 }
 
-rctype dafgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
+[[nodiscard]] rctype dafgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
     DA_FCB* fcb = fcbof(fp);
     if (!fcb->fbcb || !fcb->xcext) return DA_INTERNAL;
     return dabkgioc(fp, iom, fcb->fbcb, nullptr, nullptr, iocb);

@@ -16,14 +16,14 @@
 namespace vrta {
 
 // Weak: the cursor layer may not be linked into a storage-only test.
-rctype dargioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
-rctype dafgioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
-rctype davgioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
-rctype dabgioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
-rctype dancgio(DA_FID*, int, DA_IOCB**) __attribute__((weak));
-rctype daacgio(DA_FID*, int, DA_IOCB**) __attribute__((weak));
-rctype daflvbcb(DA_FCB*) __attribute__((weak));
-rctype daflfbcb(DA_FCB*) __attribute__((weak));
+[[nodiscard]] rctype dargioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+[[nodiscard]] rctype dafgioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+[[nodiscard]] rctype davgioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+[[nodiscard]] rctype dabgioc(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+[[nodiscard]] rctype dancgio(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+[[nodiscard]] rctype daacgio(DA_FID*, int, DA_IOCB**) __attribute__((weak));
+[[nodiscard]] rctype daflvbcb(DA_FCB*) __attribute__((weak));
+[[nodiscard]] rctype daflfbcb(DA_FCB*) __attribute__((weak));
 
 void (*da_writehook)(const char* what) = nullptr;
 
@@ -33,42 +33,42 @@ DA_FIDMT fidmt_f;
 
 namespace {
 
-rctype nocursor(DA_FID*, int, DA_IOCB**) { return DA_INTERNAL; }
+[[nodiscard]] rctype nocursor(DA_FID*, int, DA_IOCB**) { return DA_INTERNAL; }
 
 // Slots a mode forbids; one signature each, all giving the same answer.
-rctype f_close(DA_FID* fp);
-rctype f_reopen(DA_FID*, DA_OPNSTR*) { return DA_STATELOST; }
-rctype f_int(DA_FID*, int) { return DA_STATELOST; }
-rctype f_defv(DA_FID*, int, DA_NAMESTR*) { return DA_STATELOST; }
-rctype f_gio(DA_FID*, int, DA_IOCB**) { return DA_STATELOST; }
-rctype f_ptr(DA_FID*, void*) { return DA_STATELOST; }
-rctype f_add(DA_FID*, const char*, int, int, const int32_t*) { return DA_STATELOST; }
-rctype f_name(DA_FID*, const char*, int) { return DA_STATELOST; }
-rctype f_repl(DA_FID*, const char*, const char*, int) { return DA_STATELOST; }
-rctype f_open(DA_FID*, const char*, int, DA_IDX**) { return DA_STATELOST; }
-rctype f_query(DA_FID*, int, int, DA_KEYSTR*) { return DA_STATELOST; }
-rctype f_qicb(DA_FID*, const char*, DA_KEYSTR*) { return DA_STATELOST; }
-rctype f_kst(DA_FID*, const char*, const DA_KEYSTAT*) { return DA_STATELOST; }
-rctype f_obs(DA_FID*, hs_obsno_t) { return DA_STATELOST; }
-rctype f_dmp(DA_FID*, DA_DMP**) { return DA_STATELOST; }
-rctype f_sin(DA_FID*, const DA_SORTINFO*) { return DA_STATELOST; }
-rctype f_drop(DA_FID*, int, const int32_t*) { return DA_STATELOST; }
-rctype f_bkup(DA_FID*, const DA_BACKUPINFO*) { return DA_STATELOST; }
-rctype f_info(DA_FID*, int, void*, int) { return DA_STATELOST; }
-rctype f_cdf(DA_FID*, int, hs_obsno_t, hs_obsno_t*) { return DA_STATELOST; }
-rctype f_pw(DA_FID*, const char*, int) { return DA_STATELOST; }
+[[nodiscard]] rctype f_close(DA_FID* fp);
+[[nodiscard]] rctype f_reopen(DA_FID*, DA_OPNSTR*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_int(DA_FID*, int) { return DA_STATELOST; }
+[[nodiscard]] rctype f_defv(DA_FID*, int, DA_NAMESTR*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_gio(DA_FID*, int, DA_IOCB**) { return DA_STATELOST; }
+[[nodiscard]] rctype f_ptr(DA_FID*, void*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_add(DA_FID*, const char*, int, int, const int32_t*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_name(DA_FID*, const char*, int) { return DA_STATELOST; }
+[[nodiscard]] rctype f_repl(DA_FID*, const char*, const char*, int) { return DA_STATELOST; }
+[[nodiscard]] rctype f_open(DA_FID*, const char*, int, DA_IDX**) { return DA_STATELOST; }
+[[nodiscard]] rctype f_query(DA_FID*, int, int, DA_KEYSTR*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_qicb(DA_FID*, const char*, DA_KEYSTR*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_kst(DA_FID*, const char*, const DA_KEYSTAT*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_obs(DA_FID*, hs_obsno_t) { return DA_STATELOST; }
+[[nodiscard]] rctype f_dmp(DA_FID*, DA_DMP**) { return DA_STATELOST; }
+[[nodiscard]] rctype f_sin(DA_FID*, const DA_SORTINFO*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_drop(DA_FID*, int, const int32_t*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_bkup(DA_FID*, const DA_BACKUPINFO*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_info(DA_FID*, int, void*, int) { return DA_STATELOST; }
+[[nodiscard]] rctype f_cdf(DA_FID*, int, hs_obsno_t, hs_obsno_t*) { return DA_STATELOST; }
+[[nodiscard]] rctype f_pw(DA_FID*, const char*, int) { return DA_STATELOST; }
 
-rctype n_ptr(DA_FID*, void*) { return DA_BADARG; }
-rctype n_cdf(DA_FID*, int, hs_obsno_t, hs_obsno_t*) { return DA_BADARG; }
-rctype n_pw(DA_FID*, const char*, int) { return 0; }
-rctype n_share(DA_FID*, int) { return DA_BADARG; }
-rctype n_delobs(DA_FID*, hs_obsno_t) { return DA_BADARG; }
-rctype n_defv(DA_FID*, int, DA_NAMESTR*) { return DA_BADARG; }
-rctype n_trunc(DA_FID*, hs_obsno_t) { return DA_BADARG; }
-rctype n_bkup(DA_FID*, const DA_BACKUPINFO*) { return DA_BADARG; }
-rctype n_settc(DA_FID*, int, const int32_t*) { return 0; }
+[[nodiscard]] rctype n_ptr(DA_FID*, void*) { return DA_BADARG; }
+[[nodiscard]] rctype n_cdf(DA_FID*, int, hs_obsno_t, hs_obsno_t*) { return DA_BADARG; }
+[[nodiscard]] rctype n_pw(DA_FID*, const char*, int) { return 0; }
+[[nodiscard]] rctype n_share(DA_FID*, int) { return DA_BADARG; }
+[[nodiscard]] rctype n_delobs(DA_FID*, hs_obsno_t) { return DA_BADARG; }
+[[nodiscard]] rctype n_defv(DA_FID*, int, DA_NAMESTR*) { return DA_BADARG; }
+[[nodiscard]] rctype n_trunc(DA_FID*, hs_obsno_t) { return DA_BADARG; }
+[[nodiscard]] rctype n_bkup(DA_FID*, const DA_BACKUPINFO*) { return DA_BADARG; }
+[[nodiscard]] rctype n_settc(DA_FID*, int, const int32_t*) { return 0; }
 
-rctype f_close(DA_FID* fp) { return darclos(fp); }
+[[nodiscard]] rctype f_close(DA_FID* fp) { return darclos(fp); }
 
 void filltable(DA_FIDMT* mt, bool writer) {
     mt->closefid = darclos;
@@ -126,7 +126,7 @@ void fillfatal(DA_FIDMT* mt) {
     mt->settranscodenvar0 = n_settc;
 }
 
-rctype closefidlink(DA_LINK* l) {
+[[nodiscard]] rctype closefidlink(DA_LINK* l) {
     DA_FIDP* fp = fidpoflink(l);
     return fp->mt->closefid(fp);
 }
@@ -234,7 +234,7 @@ int64_t dalcm32(int64_t bf) {
     return bf / p * 32;
 }
 
-rctype dafidmtini(DA_GCB* gcb) {
+[[nodiscard]] rctype dafidmtini(DA_GCB* gcb) {
     filltable(&fidmt_r, false);
     filltable(&fidmt_l, true);
     fillfatal(&fidmt_f);
@@ -247,7 +247,7 @@ rctype dafidmtini(DA_GCB* gcb) {
     return 0;
 }
 
-rctype daopen(DA_LIB* lp, DA_OPNSTR* ostr, DA_FID** newfp) {
+[[nodiscard]] rctype daopen(DA_LIB* lp, DA_OPNSTR* ostr, DA_FID** newfp) {
     if (!lp || !ostr || !newfp) return DA_BADARG;
     *newfp = nullptr;
     bool create = ostr->mode == DA_OMOUTPUT;
@@ -270,7 +270,7 @@ rctype daopen(DA_LIB* lp, DA_OPNSTR* ostr, DA_FID** newfp) {
     return daropen(lp, ostr, newfp);
 }
 
-rctype daropen(DA_LIB* lib, DA_OPNSTR* ostr, DA_FID** newfp) {
+[[nodiscard]] rctype daropen(DA_LIB* lib, DA_OPNSTR* ostr, DA_FID** newfp) {
     DA_LIBP* lp = static_cast<DA_LIBP*>(lib);
     *newfp = nullptr;
     if (ostr->mode < DA_OMINPUT || ostr->mode > DA_OMUTIL) return DA_BADARG;
@@ -354,7 +354,7 @@ rctype daropen(DA_LIB* lib, DA_OPNSTR* ostr, DA_FID** newfp) {
         }
     }
     if (rc < 0) {
-        if (fp->memlid) daulmem(lib, fp->memlid, DA_LKMEMBER, ostr->mode, thr_self());
+        if (fp->memlid) daignore(daulmem(lib, fp->memlid, DA_LKMEMBER, ostr->mode, thr_self()));
         mutex_destroy(&fp->iocbLock);
         mutex_destroy(&fp->indexLock);
         free(fp);
@@ -368,7 +368,7 @@ rctype daropen(DA_LIB* lib, DA_OPNSTR* ostr, DA_FID** newfp) {
     return warn;
 }
 
-rctype darropn(DA_FID* f, DA_OPNSTR* ostr) {
+[[nodiscard]] rctype darropn(DA_FID* f, DA_OPNSTR* ostr) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     if (ostr->mode == DA_OMOUTPUT || ostr->mode < 0 || ostr->mode > DA_OMUTIL) return DA_BADARG;
@@ -426,7 +426,7 @@ rctype darropn(DA_FID* f, DA_OPNSTR* ostr) {
     return rc;
 }
 
-rctype darclos(DA_FID* f) {
+[[nodiscard]] rctype darclos(DA_FID* f) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     DA_LIB* lib = fcb ? fcb->lib : fp->lib;
@@ -470,7 +470,10 @@ rctype darclos(DA_FID* f) {
         rctype frc = dafrfcb(fcb, disp);
         if (frc < 0) rc = frc;
     }
-    if (fp->smode == 2 && fp->lcb) dalkdyn(fp->lcb, 0);
+    if (fp->smode == 2 && fp->lcb) {
+        rctype drc = dalkdyn(fp->lcb, 0);
+        if (drc < 0 && rc >= 0) rc = drc;
+    }
     if (fp->memlid) {
         rctype lrc = daulmem(lib, fp->memlid, DA_LKMEMBER, fp->mode, thr_self());
         if (lrc < 0 && rc >= 0) rc = lrc;
@@ -482,12 +485,12 @@ rctype darclos(DA_FID* f) {
     return rc;
 }
 
-rctype darfix(DA_FID* fp, int) {
+[[nodiscard]] rctype darfix(DA_FID* fp, int) {
     rctype rc = daflfcb(fcbof(fp));
     return rc < 0 ? rc : dasyncfcb(fcbof(fp));
 }
 
-rctype dalforc(DA_FID* fp, int flags) {
+[[nodiscard]] rctype dalforc(DA_FID* fp, int flags) {
     DA_FCB* fcb = fcbof(fp);
     if (flags & 1) fcb->flags |= DA_FCBXOE;
     if (flags & 4) fcb->flags |= DA_FCBIDX;
@@ -502,20 +505,28 @@ rctype dalforc(DA_FID* fp, int flags) {
     return rc < 0 ? rc : dasyncfcb(fcb);
 }
 
-rctype datrobs(DA_FID* fp, hs_obsno_t numobs) {
+[[nodiscard]] rctype datrobs(DA_FID* fp, hs_obsno_t numobs) {
     DA_FCB* fcb = fcbof(fp);
     if (numobs < 0 || numobs > fcb->xoe.numobs) return DA_BADARG;
     // Only plain and encoded rows sit at numobs x odsreclen in the data file;
     // a block or transfer-format table cannot be cut by a row count.
     if (fcb->xoe.semtype == DA_SEMXCVBS || fcb->xoe.semtype == DA_SEMXCFBS || (fcb->xoe.flags & DA_XOEEXPORT))
         return DA_BADARG;
-    rctype rc = fcb->dffd->fdtrunc(fcb->dffd, numobs * fcb->xoe.odsreclen);
-    if (rc < 0) return rc;
+    // The smaller count reaches the disk before the rows go: a power loss in
+    // between leaves rows past numobs, never numobs over rows that are gone.
+    hs_obsno_t had = fcb->xoe.numobs;
     fcb->xoe.numobs = numobs;
-    return dawrfcbxoe(fcb);
+    rctype rc = dawrfcbxoe(fcb);
+    if (rc < 0) {
+        fcb->xoe.numobs = had;
+        return rc;
+    }
+    rc = dasyncfcb(fcb);
+    if (rc < 0) return rc;
+    return fcb->dffd->fdtrunc(fcb->dffd, numobs * fcb->xoe.odsreclen);
 }
 
-rctype darssin(DA_FID* f, const DA_SORTINFO* sinfo) {
+[[nodiscard]] rctype darssin(DA_FID* f, const DA_SORTINFO* sinfo) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     if (!sinfo || sinfo->nvars < 0 || sinfo->nvars > 128 ||
@@ -533,7 +544,7 @@ rctype darssin(DA_FID* f, const DA_SORTINFO* sinfo) {
     return (fcb->xoe.flags & DA_ADDAVAIL) ? DA_SORTLOST : 0;
 }
 
-rctype darsbkup(DA_FID* fp, const DA_BACKUPINFO* binfo) {
+[[nodiscard]] rctype darsbkup(DA_FID* fp, const DA_BACKUPINFO* binfo) {
     DA_FCB* fcb = fcbof(fp);
     if (fcb->dshdr.links[DA_LNKBACKUP] < 0) return DA_INTERNAL;
     memcpy(&fcb->backup.binfo, binfo, sizeof fcb->backup.binfo);
@@ -542,7 +553,7 @@ rctype darsbkup(DA_FID* fp, const DA_BACKUPINFO* binfo) {
     return dawrods(fcb->mdfio, &fcb->backup, &off);
 }
 
-rctype dargetinfo(DA_FID* fp, int what, void* buf, int len) {
+[[nodiscard]] rctype dargetinfo(DA_FID* fp, int what, void* buf, int len) {
     DA_FCB* fcb = fcbof(fp);
     if (what == DA_INFOXOE) {
         if (len < static_cast<int>(sizeof(DA_XOEODS))) return DA_BADARG;
@@ -560,11 +571,11 @@ rctype dargetinfo(DA_FID* fp, int what, void* buf, int len) {
     return DA_BADARG;
 }
 
-rctype dagetfibmodtime(DA_FID* fp, int* modtime, int* numstripes) {
+[[nodiscard]] rctype dagetfibmodtime(DA_FID* fp, int* modtime, int* numstripes) {
     return dagetfibparms(fcbof(fp)->mdfd, modtime, numstripes);
 }
 
-rctype dasetshare(DA_FID* f, int smode) {
+[[nodiscard]] rctype dasetshare(DA_FID* f, int smode) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     int nl = fcb->inameLen;
@@ -586,9 +597,9 @@ rctype dasetshare(DA_FID* f, int smode) {
         // The FIB's change stamp before and after the sync says whether another
         // process committed in between.
         int m0 = 0, s0 = 0, m1 = 0, s1 = 0;
-        dagetfibparms(fcb->mdfd, &m0, &s0);
-        rc = fcb->mdfd->fdcntl(fcb->mdfd, smode == DA_SHRREAD ? DA_FDSYNCRD : DA_FDSYNCWR, &scb);
-        if (rc >= 0) dagetfibparms(fcb->mdfd, &m1, &s1);
+        rc = dagetfibparms(fcb->mdfd, &m0, &s0);
+        if (rc >= 0) rc = fcb->mdfd->fdcntl(fcb->mdfd, smode == DA_SHRREAD ? DA_FDSYNCRD : DA_FDSYNCWR, &scb);
+        if (rc >= 0) rc = dagetfibparms(fcb->mdfd, &m1, &s1);
         if (rc < 0) {
             hsprint("dasetshare(%s): DA_FDSYNC failed for Table=%.*s\n", who, nl, fcb->iname);
         } else if (m0 != m1 || s0 != s1) {
@@ -601,8 +612,8 @@ rctype dasetshare(DA_FID* f, int smode) {
         }
         if (rc < 0) {
             DA_FDSCB u = {0, 1};
-            fcb->mdfd->fdcntl(fcb->mdfd, DA_FDUNSYNC, &u);
-            dalkdyn(fp->lcb, 0);
+            daignore(fcb->mdfd->fdcntl(fcb->mdfd, DA_FDUNSYNC, &u));
+            daignore(dalkdyn(fp->lcb, 0));
             mutex_unlock(&fcb->dynupdLock);
             rw_unlock(&fcb->shareLock);
             return rc;
@@ -631,7 +642,7 @@ rctype dasetshare(DA_FID* f, int smode) {
     return rc < 0 ? rc : lrc < 0 ? lrc : urc;
 }
 
-rctype dawrobs(DA_FID* f, hs_obsno_t obsno, const void* rows, long n) {
+[[nodiscard]] rctype dawrobs(DA_FID* f, hs_obsno_t obsno, const void* rows, long n) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     if (fp->mode == DA_OMINPUT || !rows || n < 0 || fcb->xoe.odsreclen <= 0) return DA_BADARG;
@@ -673,7 +684,7 @@ rctype dawrobs(DA_FID* f, hs_obsno_t obsno, const void* rows, long n) {
     return rc < 0 ? rc : 0;
 }
 
-rctype dardobs(DA_FID* f, hs_obsno_t obsno, void* rows, long n, long* nread) {
+[[nodiscard]] rctype dardobs(DA_FID* f, hs_obsno_t obsno, void* rows, long n, long* nread) {
     DA_FCB* fcb = fcbof(f);
     *nread = 0;
     if (obsno < 1 || n < 0 || fcb->xoe.odsreclen <= 0) return DA_BADARG;

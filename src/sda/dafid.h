@@ -116,31 +116,31 @@ constexpr int DA_FIDDYNAMIC = 16;   // dynamically shared
 
 // Table methods, chosen by mode at open.
 struct DA_FIDMT {
-    rctype (*closefid)(DA_FID* fp);
-    rctype (*reopenfid)(DA_FID* fp, DA_OPNSTR* ostr);
-    rctype (*force)(DA_FID* fp, int flags);
-    rctype (*fix)(DA_FID* fp, int flags);
-    rctype (*defvars)(DA_FID* fp, int nvars, DA_NAMESTR* vars);
-    rctype (*getiocb)(DA_FID* fp, int iom, DA_IOCB** iocb);
-    rctype (*addidx)(DA_FID* fp, const char* name, int keyflags, int nvar, const int32_t* varnos);
-    rctype (*dropidx)(DA_FID* fp, const char* name, int drflags);
-    rctype (*replaceidx)(DA_FID* fp, const char* target, const char* source, int drflags);
-    rctype (*openidx)(DA_FID* fp, const char* name, int flags, DA_IDX** ip);
-    rctype (*queryidx)(DA_FID* fp, int nvar0, int nkstr, DA_KEYSTR* kstr);
-    rctype (*queryicb)(DA_FID* fp, const char* name, DA_KEYSTR* kstr);
-    rctype (*setkeystat)(DA_FID* fp, const char* name, const DA_KEYSTAT* kstat);
-    rctype (*delobs)(DA_FID* fp, hs_obsno_t obsno);
-    rctype (*getdelmap)(DA_FID* fp, DA_DMP** newdmp);
-    rctype (*truncobs)(DA_FID* fp, hs_obsno_t numobs);
-    rctype (*setsortinfo)(DA_FID* fp, const DA_SORTINFO* sinfo);
-    rctype (*dropvars)(DA_FID* fp, int ndrop, const int32_t* dnvar0);
-    rctype (*setshare)(DA_FID* fp, int smode);
-    rctype (*setbackup)(DA_FID* fp, const DA_BACKUPINFO* binfo);
-    rctype (*getinfo)(DA_FID* fp, int what, void* buf, int len);
-    rctype (*getcdfobs)(DA_FID* fp, int memnum, hs_obsno_t memobs, hs_obsno_t* cobs);
-    rctype (*vercryptpw)(DA_FID* fp, const char* pw, int len);
-    rctype (*setrange)(DA_FID* fp, void* range);
-    rctype (*settranscodenvar0)(DA_FID* fp, int n, const int32_t* nvar0);
+    rctype (*closefid)(DA_FID* fp) __attribute__((warn_unused_result));
+    rctype (*reopenfid)(DA_FID* fp, DA_OPNSTR* ostr) __attribute__((warn_unused_result));
+    rctype (*force)(DA_FID* fp, int flags) __attribute__((warn_unused_result));
+    rctype (*fix)(DA_FID* fp, int flags) __attribute__((warn_unused_result));
+    rctype (*defvars)(DA_FID* fp, int nvars, DA_NAMESTR* vars) __attribute__((warn_unused_result));
+    rctype (*getiocb)(DA_FID* fp, int iom, DA_IOCB** iocb) __attribute__((warn_unused_result));
+    rctype (*addidx)(DA_FID* fp, const char* name, int keyflags, int nvar, const int32_t* varnos) __attribute__((warn_unused_result));
+    rctype (*dropidx)(DA_FID* fp, const char* name, int drflags) __attribute__((warn_unused_result));
+    rctype (*replaceidx)(DA_FID* fp, const char* target, const char* source, int drflags) __attribute__((warn_unused_result));
+    rctype (*openidx)(DA_FID* fp, const char* name, int flags, DA_IDX** ip) __attribute__((warn_unused_result));
+    rctype (*queryidx)(DA_FID* fp, int nvar0, int nkstr, DA_KEYSTR* kstr) __attribute__((warn_unused_result));
+    rctype (*queryicb)(DA_FID* fp, const char* name, DA_KEYSTR* kstr) __attribute__((warn_unused_result));
+    rctype (*setkeystat)(DA_FID* fp, const char* name, const DA_KEYSTAT* kstat) __attribute__((warn_unused_result));
+    rctype (*delobs)(DA_FID* fp, hs_obsno_t obsno) __attribute__((warn_unused_result));
+    rctype (*getdelmap)(DA_FID* fp, DA_DMP** newdmp) __attribute__((warn_unused_result));
+    rctype (*truncobs)(DA_FID* fp, hs_obsno_t numobs) __attribute__((warn_unused_result));
+    rctype (*setsortinfo)(DA_FID* fp, const DA_SORTINFO* sinfo) __attribute__((warn_unused_result));
+    rctype (*dropvars)(DA_FID* fp, int ndrop, const int32_t* dnvar0) __attribute__((warn_unused_result));
+    rctype (*setshare)(DA_FID* fp, int smode) __attribute__((warn_unused_result));
+    rctype (*setbackup)(DA_FID* fp, const DA_BACKUPINFO* binfo) __attribute__((warn_unused_result));
+    rctype (*getinfo)(DA_FID* fp, int what, void* buf, int len) __attribute__((warn_unused_result));
+    rctype (*getcdfobs)(DA_FID* fp, int memnum, hs_obsno_t memobs, hs_obsno_t* cobs) __attribute__((warn_unused_result));
+    rctype (*vercryptpw)(DA_FID* fp, const char* pw, int len) __attribute__((warn_unused_result));
+    rctype (*setrange)(DA_FID* fp, void* range) __attribute__((warn_unused_result));
+    rctype (*settranscodenvar0)(DA_FID* fp, int n, const int32_t* nvar0) __attribute__((warn_unused_result));
 };
 
 // The public open handle: the methods and views into the shared block.
@@ -268,59 +268,59 @@ inline DA_FCB* fcbof(DA_FID* fp) { return fidpof(fp)->fcb; }
 // ---------------------------------------------------------------- life cycle
 
 // The library's openfid.
-rctype daopen(DA_LIB* lp, DA_OPNSTR* ostr, DA_FID** newfp);
-rctype daropen(DA_LIB* lp, DA_OPNSTR* ostr, DA_FID** newfp);
-rctype darropn(DA_FID* fp, DA_OPNSTR* ostr);
-rctype darclos(DA_FID* fp);
-rctype darfix(DA_FID* fp, int flags);
-rctype dalforc(DA_FID* fp, int flags);
-rctype daldefv(DA_FID* fp, int nvars, DA_NAMESTR* vars);
-rctype dalupdv(DA_FID* fp, int nvars, DA_NAMESTR* vars);
-rctype datrobs(DA_FID* fp, hs_obsno_t numobs);
-rctype darssin(DA_FID* fp, const DA_SORTINFO* sinfo);
-rctype darsbkup(DA_FID* fp, const DA_BACKUPINFO* binfo);
-rctype dasetshare(DA_FID* fp, int smode);
-rctype dadrvar(DA_FID* fp, int ndrop, const int32_t* dnvar0);
-rctype dagetfibmodtime(DA_FID* fp, int* modtime, int* numstripes);
+[[nodiscard]] rctype daopen(DA_LIB* lp, DA_OPNSTR* ostr, DA_FID** newfp);
+[[nodiscard]] rctype daropen(DA_LIB* lp, DA_OPNSTR* ostr, DA_FID** newfp);
+[[nodiscard]] rctype darropn(DA_FID* fp, DA_OPNSTR* ostr);
+[[nodiscard]] rctype darclos(DA_FID* fp);
+[[nodiscard]] rctype darfix(DA_FID* fp, int flags);
+[[nodiscard]] rctype dalforc(DA_FID* fp, int flags);
+[[nodiscard]] rctype daldefv(DA_FID* fp, int nvars, DA_NAMESTR* vars);
+[[nodiscard]] rctype dalupdv(DA_FID* fp, int nvars, DA_NAMESTR* vars);
+[[nodiscard]] rctype datrobs(DA_FID* fp, hs_obsno_t numobs);
+[[nodiscard]] rctype darssin(DA_FID* fp, const DA_SORTINFO* sinfo);
+[[nodiscard]] rctype darsbkup(DA_FID* fp, const DA_BACKUPINFO* binfo);
+[[nodiscard]] rctype dasetshare(DA_FID* fp, int smode);
+[[nodiscard]] rctype dadrvar(DA_FID* fp, int ndrop, const int32_t* dnvar0);
+[[nodiscard]] rctype dagetfibmodtime(DA_FID* fp, int* modtime, int* numstripes);
 
 // Constraint text of a member, opened by name. A text of more than 1,052,672
 // bytes is DA_TOOLONG; a table that has one already, DA_HASCONST. The list
 // gives a malloc'd copy (NUL-terminated) for the caller to free.
-rctype dasetconstraint(DA_LIB* lp, const char* name, const char* text, long len);
-rctype dadelconstraint(DA_LIB* lp, const char* name);
-rctype dalistconstraint(DA_LIB* lp, const char* name, char** text, long* len);
-rctype daldconst(DA_FCB* fcb);
+[[nodiscard]] rctype dasetconstraint(DA_LIB* lp, const char* name, const char* text, long len);
+[[nodiscard]] rctype dadelconstraint(DA_LIB* lp, const char* name);
+[[nodiscard]] rctype dalistconstraint(DA_LIB* lp, const char* name, char** text, long* len);
+[[nodiscard]] rctype daldconst(DA_FCB* fcb);
 
 // Column statistics: minimum and maximum of the columns that keep them,
 // folded from rows as they are written and stored at flush.
-rctype dalupdminmax(DA_FID* fp, int nvars, const int32_t* nvar0);
-rctype dalresetminmax(DA_FID* fp);
-rctype dastvstat(DA_FCB* fcb);
-rctype daldvstat(DA_FCB* fcb);
+[[nodiscard]] rctype dalupdminmax(DA_FID* fp, int nvars, const int32_t* nvar0);
+[[nodiscard]] rctype dalresetminmax(DA_FID* fp);
+[[nodiscard]] rctype dastvstat(DA_FCB* fcb);
+[[nodiscard]] rctype daldvstat(DA_FCB* fcb);
 void dalckvars(DA_FCB* fcb, const void* rows, long n);
-rctype dastoreminmax(DA_FCB* fcb);
+[[nodiscard]] rctype dastoreminmax(DA_FCB* fcb);
 void dafrvstat(DA_FCB* fcb);
 
 // dargetinfo selectors.
 constexpr int DA_INFOXOE = 1;    // copy of the XOE
 constexpr int DA_INFOFIB = 2;    // DPF revision and logical size: int32 rev, int64 size
-rctype dargetinfo(DA_FID* fp, int what, void* buf, int len);
+[[nodiscard]] rctype dargetinfo(DA_FID* fp, int what, void* buf, int len);
 
 // FCB level.
-rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb);
-rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb);
-rctype dafrfcb(DA_FCB* fcb, int disp);
+[[nodiscard]] rctype dacrfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb);
+[[nodiscard]] rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb);
+[[nodiscard]] rctype dafrfcb(DA_FCB* fcb, int disp);
 DA_FCB* dalufcb(DA_LIBP* lp, const char* iname);
-rctype daflfcb(DA_FCB* fcb);
-rctype darofcb(DA_FCB* fcb, int mode, int oflags);
-rctype dauprev(DA_FCB* fcb);
-rctype darfmdf(DA_FCB* fcb);
+[[nodiscard]] rctype daflfcb(DA_FCB* fcb);
+[[nodiscard]] rctype darofcb(DA_FCB* fcb, int mode, int oflags);
+[[nodiscard]] rctype dauprev(DA_FCB* fcb);
+[[nodiscard]] rctype darfmdf(DA_FCB* fcb);
 // The XOE written now: the commit of numobs. Rows it newly counts, and
 // every record they need, reach stable storage first.
-rctype dawrfcbxoe(DA_FCB* fcb);
+[[nodiscard]] rctype dawrfcbxoe(DA_FCB* fcb);
 // Stable storage for all the table's files have been given since the last
 // time: what makes a flush or close last through a power loss.
-rctype dasyncfcb(DA_FCB* fcb);
+[[nodiscard]] rctype dasyncfcb(DA_FCB* fcb);
 
 // Between the files of the table layer.
 DA_ODSIO damdfio(DA_FCB* fcb);
@@ -330,16 +330,16 @@ DA_ODSIO damdfio(DA_FCB* fcb);
 DA_FDSTR dafdname(const DA_FCB* fcb, int kind, DA_PATHINFO* paths, int npath, const char** pbuf, char* namebuf);
 da_strpmoved_t dastrpmovedcb();
 DA_FCB* danewfcb(DA_LIBP* lp, const char* name, int namelen, int mode);
-rctype dastv7nam(DA_FCB* fcb, int nvars, DA_NAMESTR* vars);
-rctype dabldvars(DA_FCB* fcb, int nvars, const DA_NAME7ODS* v);
-rctype daldv7ns(DA_FCB* fcb);
+[[nodiscard]] rctype dastv7nam(DA_FCB* fcb, int nvars, DA_NAMESTR* vars);
+[[nodiscard]] rctype dabldvars(DA_FCB* fcb, int nvars, const DA_NAME7ODS* v);
+[[nodiscard]] rctype daldv7ns(DA_FCB* fcb);
 // The table's header and description, and its columns, checked against each
 // other and the MDF's size: 0x80000216 with the file and field named.
-rctype dachkxoe(DA_FCB* fcb, const DA_DSFHEAD& h, const DA_XOEODS& x);
-rctype dachkvars(DA_FCB* fcb, const DA_NAME7ODS* v, int32_t nvar);
+[[nodiscard]] rctype dachkxoe(DA_FCB* fcb, const DA_DSFHEAD& h, const DA_XOEODS& x);
+[[nodiscard]] rctype dachkvars(DA_FCB* fcb, const DA_NAME7ODS* v, int32_t nvar);
 
 // The method tables, filled at dainit.
-rctype dafidmtini(DA_GCB* gcb);
+[[nodiscard]] rctype dafidmtini(DA_GCB* gcb);
 extern DA_FIDMT fidmt_r;
 extern DA_FIDMT fidmt_l;
 extern DA_FIDMT fidmt_f;
@@ -353,30 +353,30 @@ extern void (*da_writehook)(const char* what);
 
 // Plain rows without a cursor: writes n rows at row obsno (numobs + 1 to
 // append), raising numobs in memory; the XOE is committed by a flush or close.
-rctype dawrobs(DA_FID* fp, hs_obsno_t obsno, const void* rows, long n);
+[[nodiscard]] rctype dawrobs(DA_FID* fp, hs_obsno_t obsno, const void* rows, long n);
 // Reads up to n rows from obsno; *nread gets how many (518 past numobs).
-rctype dardobs(DA_FID* fp, hs_obsno_t obsno, void* rows, long n, long* nread);
+[[nodiscard]] rctype dardobs(DA_FID* fp, hs_obsno_t obsno, void* rows, long n, long* nread);
 
 // ---------------------------------------------------------------- cursor hooks
 
 // Block state of compressed tables and the cursor families; the cursor layer
 // provides them.
-rctype daivbcb(DA_FCB* fcb);
-rctype daifbcb(DA_FCB* fcb);
-rctype dalvbcb(DA_FCB* fcb);
-rctype dalfbcb(DA_FCB* fcb);
-rctype daflvbcb(DA_FCB* fcb);
-rctype daflfbcb(DA_FCB* fcb);
-rctype dafvbcb(DA_FCB* fcb);
-rctype daffbcb(DA_FCB* fcb);
-rctype darfvbcb(DA_FCB* fcb);
-rctype darffbcb(DA_FCB* fcb);
-rctype dargioc(DA_FID* fp, int iom, DA_IOCB** iocb);
-rctype dafgioc(DA_FID* fp, int iom, DA_IOCB** iocb);
-rctype davgioc(DA_FID* fp, int iom, DA_IOCB** iocb);
-rctype dabgioc(DA_FID* fp, int iom, DA_IOCB** iocb);
-rctype dancgio(DA_FID* fp, int iom, DA_IOCB** iocb);
-rctype daacgio(DA_FID* fp, int iom, DA_IOCB** iocb);
+[[nodiscard]] rctype daivbcb(DA_FCB* fcb);
+[[nodiscard]] rctype daifbcb(DA_FCB* fcb);
+[[nodiscard]] rctype dalvbcb(DA_FCB* fcb);
+[[nodiscard]] rctype dalfbcb(DA_FCB* fcb);
+[[nodiscard]] rctype daflvbcb(DA_FCB* fcb);
+[[nodiscard]] rctype daflfbcb(DA_FCB* fcb);
+[[nodiscard]] rctype dafvbcb(DA_FCB* fcb);
+[[nodiscard]] rctype daffbcb(DA_FCB* fcb);
+[[nodiscard]] rctype darfvbcb(DA_FCB* fcb);
+[[nodiscard]] rctype darffbcb(DA_FCB* fcb);
+[[nodiscard]] rctype dargioc(DA_FID* fp, int iom, DA_IOCB** iocb);
+[[nodiscard]] rctype dafgioc(DA_FID* fp, int iom, DA_IOCB** iocb);
+[[nodiscard]] rctype davgioc(DA_FID* fp, int iom, DA_IOCB** iocb);
+[[nodiscard]] rctype dabgioc(DA_FID* fp, int iom, DA_IOCB** iocb);
+[[nodiscard]] rctype dancgio(DA_FID* fp, int iom, DA_IOCB** iocb);
+[[nodiscard]] rctype daacgio(DA_FID* fp, int iom, DA_IOCB** iocb);
 
 // ---------------------------------------------------------------- index hooks
 
@@ -386,14 +386,14 @@ rctype daacgio(DA_FID* fp, int iom, DA_IOCB** iocb);
 // raises the revision of every index component (before the DPF's),
 // dareopidx reopens index files for a new mode, dafridx closes (disp & 1)
 // and frees the indexes when the table is let go.
-rctype daldidx(DA_FCB* fcb);
-rctype dackidx(DA_FCB* fcb);
-rctype daflicb(DA_FCB* fcb);
-rctype darevidx(DA_FCB* fcb);
-rctype dareopidx(DA_FCB* fcb, int fdflags);
-rctype dafridx(DA_FCB* fcb, int disp);
+[[nodiscard]] rctype daldidx(DA_FCB* fcb);
+[[nodiscard]] rctype dackidx(DA_FCB* fcb);
+[[nodiscard]] rctype daflicb(DA_FCB* fcb);
+[[nodiscard]] rctype darevidx(DA_FCB* fcb);
+[[nodiscard]] rctype dareopidx(DA_FCB* fcb, int fdflags);
+[[nodiscard]] rctype dafridx(DA_FCB* fcb, int disp);
 // Data sync of the index files, part of every dasyncfcb.
-rctype dasyncidx(DA_FCB* fcb);
+[[nodiscard]] rctype dasyncidx(DA_FCB* fcb);
 
 // ---------------------------------------------------------------- delete map
 
@@ -426,35 +426,35 @@ struct DA_DMPCB {
 
 // A read-only view for index code.
 struct DA_DMP {
-    rctype (*readdelmap)(DA_DMP* dmp, hs_obsno_t segobs, uint32_t** bitmap, int32_t* bsize);
-    rctype (*freedelmap)(DA_DMP* dmp);
+    rctype (*readdelmap)(DA_DMP* dmp, hs_obsno_t segobs, uint32_t** bitmap, int32_t* bsize) __attribute__((warn_unused_result));
+    rctype (*freedelmap)(DA_DMP* dmp) __attribute__((warn_unused_result));
 };
 struct DA_DMPP : DA_DMP {
     DA_FIDP* fid;
     DA_DMPBM bm;
 };
 
-rctype dadodmp(DA_FID* fp, hs_obsno_t obsno);
-rctype dalddmp(DA_FCB* fcb);
-rctype dafrdmp(DA_FCB* fcb);
-rctype danewdm(DA_FCB* fcb);
-rctype dalocdm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp);
-rctype danewbm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp);
+[[nodiscard]] rctype dadodmp(DA_FID* fp, hs_obsno_t obsno);
+[[nodiscard]] rctype dalddmp(DA_FCB* fcb);
+[[nodiscard]] rctype dafrdmp(DA_FCB* fcb);
+[[nodiscard]] rctype danewdm(DA_FCB* fcb);
+[[nodiscard]] rctype dalocdm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp);
+[[nodiscard]] rctype danewbm(DA_FCB* fcb, hs_obsno_t segobs, DA_DMPBM* bmp);
 // Cursor-side pieces: a private bitmap, runs of live and of deleted rows.
 DA_DMPBM* dadmnewbm(DA_FCB* fcb);
 void dadmfreebm(DA_DMPBM* bmp);
 // From curobs: skip deleted rows, then count live ones up to remain (a run
 // may cross segments), looking no further than row numobs. *runobs is the
 // run's first row, *numrun 0 past numobs.
-rctype dadmrunbm(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t curobs, hs_obsno_t remain, hs_obsno_t numobs,
+[[nodiscard]] rctype dadmrunbm(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t curobs, hs_obsno_t remain, hs_obsno_t numobs,
                  hs_obsno_t* runobs, hs_obsno_t* numrun);
-rctype dadmdelrun(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t* delrun);
-rctype dadmfindbm(DA_FCB* fcb, hs_obsno_t* delobs, hs_obsno_t* delrun);
-rctype dadmreset(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t numobs);
+[[nodiscard]] rctype dadmdelrun(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t* delrun);
+[[nodiscard]] rctype dadmfindbm(DA_FCB* fcb, hs_obsno_t* delobs, hs_obsno_t* delrun);
+[[nodiscard]] rctype dadmreset(DA_FCB* fcb, hs_obsno_t startobs, hs_obsno_t numobs);
 bool dadmisdel(DA_FCB* fcb, DA_DMPBM* bmp, hs_obsno_t obsno);
-rctype dagetdelmap(DA_FID* fp, DA_DMP** newdmp);
-rctype dafreedelmap(DA_DMP* dmap);
-rctype dareaddelmap(DA_DMP* dmap, hs_obsno_t segobs, uint32_t** bitmap, int32_t* bsize);
+[[nodiscard]] rctype dagetdelmap(DA_FID* fp, DA_DMP** newdmp);
+[[nodiscard]] rctype dafreedelmap(DA_DMP* dmap);
+[[nodiscard]] rctype dareaddelmap(DA_DMP* dmap, hs_obsno_t segobs, uint32_t** bitmap, int32_t* bsize);
 
 // ---------------------------------------------------------------- string pool
 
@@ -470,14 +470,14 @@ struct DA_STRPHDL {
     int32_t allocsects;       // sections room in strpmem
 };
 
-rctype dastrpini(DA_FD* mdfd, da_strpmoved_t movecb, void* closure, DA_STRPHDL** rphdl);
-rctype dastrpld(DA_FD* mdfd, da_off_t offset, da_strpmoved_t movecb, void* closure, DA_STRPHDL** rphdl);
-rctype dafrstrp(DA_STRPHDL* phdl);
-rctype dastrpalloc(DA_STRPHDL* phdl, int32_t size, int32_t* opid, void** opmem);
-rctype dastrpalloc2(DA_STRPHDL* phdl, int32_t size, int32_t* opid, void** opmem);
-rctype dastrpfree(DA_STRPHDL* phdl, int32_t id, int32_t size);
-rctype daflstrp(DA_STRPHDL* phdl);
-rctype dastrprep(DA_STRPHDL* phdl, int32_t oldid, int32_t oldlen, const void* newstr, int32_t newlen,
+[[nodiscard]] rctype dastrpini(DA_FD* mdfd, da_strpmoved_t movecb, void* closure, DA_STRPHDL** rphdl);
+[[nodiscard]] rctype dastrpld(DA_FD* mdfd, da_off_t offset, da_strpmoved_t movecb, void* closure, DA_STRPHDL** rphdl);
+[[nodiscard]] rctype dafrstrp(DA_STRPHDL* phdl);
+[[nodiscard]] rctype dastrpalloc(DA_STRPHDL* phdl, int32_t size, int32_t* opid, void** opmem);
+[[nodiscard]] rctype dastrpalloc2(DA_STRPHDL* phdl, int32_t size, int32_t* opid, void** opmem);
+[[nodiscard]] rctype dastrpfree(DA_STRPHDL* phdl, int32_t id, int32_t size);
+[[nodiscard]] rctype daflstrp(DA_STRPHDL* phdl);
+[[nodiscard]] rctype dastrprep(DA_STRPHDL* phdl, int32_t oldid, int32_t oldlen, const void* newstr, int32_t newlen,
                  int32_t* newid);
 // Address of the string with id, null when the id is outside the pool.
 void* dastrpaddr(DA_STRPHDL* phdl, int32_t id, int32_t len);
@@ -499,7 +499,7 @@ struct DA_CVB {
     void* keystrs;
 };
 
-rctype dagetcvb(DA_CVB** cvblist, DA_FID* reffid, int ndrop, const int32_t* dnvar0, DA_CVB** newcvb);
+[[nodiscard]] rctype dagetcvb(DA_CVB** cvblist, DA_FID* reffid, int ndrop, const int32_t* dnvar0, DA_CVB** newcvb);
 void dafreecvb(DA_CVB** cvblist, DA_CVB* cvb);
 
 }  // namespace vrta

@@ -16,7 +16,7 @@ namespace {
 constexpr long PIECE = DA_STRPSECTSIZE;
 constexpr long MAXCONST = PIECE * 257;  // 1,052,672 bytes
 
-rctype openmember(DA_LIB* lp, const char* name, int mode, DA_FID** fp) {
+[[nodiscard]] rctype openmember(DA_LIB* lp, const char* name, int mode, DA_FID** fp) {
     DA_OPNSTR o{};
     o.name = name;
     o.name_l = static_cast<int>(strlen(name));
@@ -32,7 +32,7 @@ rctype openmember(DA_LIB* lp, const char* name, int mode, DA_FID** fp) {
 
 }  // namespace
 
-rctype daldconst(DA_FCB* fcb) {
+[[nodiscard]] rctype daldconst(DA_FCB* fcb) {
     da_off_t off = fcb->dshdr.links[DA_LNKCONST];
     if (off < 0 || fcb->constr) return 0;
     DA_CONSTODS c;
@@ -72,7 +72,7 @@ rctype daldconst(DA_FCB* fcb) {
     return 0;
 }
 
-rctype dasetconstraint(DA_LIB* lp, const char* name, const char* text, long len) {
+[[nodiscard]] rctype dasetconstraint(DA_LIB* lp, const char* name, const char* text, long len) {
     if (!text || len <= 0) return DA_BADARG;
     if (len > MAXCONST) return DA_TOOLONG;
     DA_FID* fp = nullptr;
@@ -80,7 +80,7 @@ rctype dasetconstraint(DA_LIB* lp, const char* name, const char* text, long len)
     if (rc < 0) return rc;
     DA_FCB* fcb = fcbof(fp);
     if (fcb->dshdr.links[DA_LNKCONST] >= 0) {
-        darclos(fp);
+        daignore(darclos(fp));
         return DA_HASCONST;
     }
     DA_CONSTODS c;
@@ -116,14 +116,14 @@ rctype dasetconstraint(DA_LIB* lp, const char* name, const char* text, long len)
     return rc < 0 ? rc : crc;
 }
 
-rctype dadelconstraint(DA_LIB* lp, const char* name) {
+[[nodiscard]] rctype dadelconstraint(DA_LIB* lp, const char* name) {
     DA_FID* fp = nullptr;
     rctype rc = openmember(lp, name, DA_OMUPDATE, &fp);
     if (rc < 0) return rc;
     DA_FCB* fcb = fcbof(fp);
     da_off_t off = fcb->dshdr.links[DA_LNKCONST];
     if (off < 0) {
-        darclos(fp);
+        daignore(darclos(fp));
         return DA_NOTFOUND;
     }
     DA_CONSTODS c;
@@ -139,20 +139,21 @@ rctype dadelconstraint(DA_LIB* lp, const char* name) {
     if (rc == 0) {
         long rest = c.cid.const_l;
         for (int i = 0; i < c.cid.numpids - 1; ++i) {
-            dastrpfree(fcb->phdl, c.cid.nextid[i], c.cid.nextlen[i]);
+            if (rc == 0) rc = dastrpfree(fcb->phdl, c.cid.nextid[i], c.cid.nextlen[i]);
             rest -= c.cid.nextlen[i];
         }
-        if (rest > 0) dastrpfree(fcb->phdl, c.cid.constpid, static_cast<int32_t>(rest));
+        if (rc == 0 && rest > 0) rc = dastrpfree(fcb->phdl, c.cid.constpid, static_cast<int32_t>(rest));
         if (fcb->constrMalloc) free(fcb->constr);
         fcb->constr = nullptr;
         fcb->constrMalloc = 0;
-        rc = daflstrp(fcb->phdl);
+        rctype frc = daflstrp(fcb->phdl);
+        if (rc == 0) rc = frc;
     }
     rctype crc = darclos(fp);
     return rc < 0 ? rc : crc;
 }
 
-rctype dalistconstraint(DA_LIB* lp, const char* name, char** text, long* len) {
+[[nodiscard]] rctype dalistconstraint(DA_LIB* lp, const char* name, char** text, long* len) {
     *text = nullptr;
     *len = 0;
     DA_FID* fp = nullptr;
@@ -160,7 +161,7 @@ rctype dalistconstraint(DA_LIB* lp, const char* name, char** text, long* len) {
     if (rc < 0) return rc;
     DA_FCB* fcb = fcbof(fp);
     if (!fcb->constr) {
-        darclos(fp);
+        daignore(darclos(fp));
         return DA_NOTFOUND;
     }
     DA_CONSTODS c;
@@ -174,8 +175,8 @@ rctype dalistconstraint(DA_LIB* lp, const char* name, char** text, long* len) {
             *len = c.cid.const_l;
         }
     }
-    darclos(fp);
-    return rc;
+    rctype crc = darclos(fp);
+    return rc < 0 ? rc : crc;
 }
 
 }  // namespace vrta

@@ -8,7 +8,7 @@
 
 namespace vrta {
 
-rctype dagetcvb(DA_CVB** cvblist, DA_FID* reffid, int ndrop, const int32_t* dnvar0, DA_CVB** newcvb) {
+[[nodiscard]] rctype dagetcvb(DA_CVB** cvblist, DA_FID* reffid, int ndrop, const int32_t* dnvar0, DA_CVB** newcvb) {
     DA_FCB* fcb = fcbof(reffid);
     int32_t nvar = fcb->xoe.nvar;
     if (ndrop <= 0 || ndrop >= nvar || !dnvar0) return DA_BADARG;
@@ -64,7 +64,7 @@ void dafreecvb(DA_CVB** cvblist, DA_CVB* cvb) {
     free(cvb);
 }
 
-rctype dadrvar(DA_FID* f, int ndrop, const int32_t* dnvar0) {
+[[nodiscard]] rctype dadrvar(DA_FID* f, int ndrop, const int32_t* dnvar0) {
     DA_FIDP* fp = fidpof(f);
     if (fp->cvb) return DA_BADARG;
     DA_CVB* c = nullptr;

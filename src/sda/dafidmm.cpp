@@ -39,7 +39,7 @@ double getnum(const uint8_t* p, int len) {
     return d;
 }
 
-rctype wrname(DA_FCB* fcb, int i) {
+[[nodiscard]] rctype wrname(DA_FCB* fcb, int i) {
     DA_NAME7ODS n = static_cast<DA_NAME7ODS&>(fcb->vars[i]);
     da_off_t off = fcb->dshdr.links[DA_LNKNAMES] + static_cast<da_off_t>(i) * sizeof(DA_NAME7ODS);
     if (da_writehook) da_writehook("names");
@@ -47,7 +47,7 @@ rctype wrname(DA_FCB* fcb, int i) {
     return rc < 0 ? rc : 0;
 }
 
-rctype wrvstat(DA_FCB* fcb) {
+[[nodiscard]] rctype wrvstat(DA_FCB* fcb) {
     da_off_t off = fcb->dshdr.links[DA_LNKVARS];
     if (da_writehook) da_writehook("vars");
     rctype rc = dawrods(fcb->mdfio, fcb->vstat, &off);
@@ -58,7 +58,7 @@ rctype wrvstat(DA_FCB* fcb) {
     return rc;
 }
 
-rctype setvarstat(DA_FCB* fcb, int i) {
+[[nodiscard]] rctype setvarstat(DA_FCB* fcb, int i) {
     int32_t len = slotlen(fcb->vars[i]);
     int32_t pid = -1;
     void* mem = nullptr;
@@ -87,7 +87,7 @@ void pointers(DA_FCB* fcb) {
     }
 }
 
-rctype ensurework(DA_FCB* fcb) {
+[[nodiscard]] rctype ensurework(DA_FCB* fcb) {
     if (fcb->mmwork) return 0;
     if (fcb->xoe.nvar < 0) return DA_INTERNAL;
     size_t total = workoff(fcb, fcb->xoe.nvar);
@@ -120,7 +120,7 @@ void fold(const DA_NAMESTR& v, uint8_t* dst, bool has, const uint8_t* mn, const 
 
 }  // namespace
 
-rctype dastvstat(DA_FCB* fcb) {
+[[nodiscard]] rctype dastvstat(DA_FCB* fcb) {
     int32_t nvar = fcb->xoe.nvar;
     auto* vs = static_cast<DA_VARSODS*>(calloc(1, davarslen(nvar) > 20 ? davarslen(nvar) : 20));
     if (!vs) return DA_NOMEM;
@@ -138,7 +138,7 @@ rctype dastvstat(DA_FCB* fcb) {
     return rc;
 }
 
-rctype daldvstat(DA_FCB* fcb) {
+[[nodiscard]] rctype daldvstat(DA_FCB* fcb) {
     da_off_t off = fcb->dshdr.links[DA_LNKVARS];
     int32_t nvar = fcb->xoe.nvar;
     if (off < 0 || nvar <= 0) return 0;
@@ -189,7 +189,7 @@ void dalckvars(DA_FCB* fcb, const void* rows, long n) {
     }
 }
 
-rctype dastoreminmax(DA_FCB* fcb) {
+[[nodiscard]] rctype dastoreminmax(DA_FCB* fcb) {
     if (!fcb->vstat || !fcb->mmstate || !fcb->phdl) return 0;
     rctype rc = daflstrp(fcb->phdl);
     for (int i = 0; i < fcb->xoe.nvar && rc == 0; ++i) {
@@ -221,7 +221,7 @@ rctype dastoreminmax(DA_FCB* fcb) {
     return rc;
 }
 
-rctype dalupdminmax(DA_FID* f, int nvars, const int32_t* nvar0) {
+[[nodiscard]] rctype dalupdminmax(DA_FID* f, int nvars, const int32_t* nvar0) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     if (fp->mode == DA_OMINPUT || nvars <= 0 || !nvar0) return DA_BADARG;
@@ -250,7 +250,7 @@ rctype dalupdminmax(DA_FID* f, int nvars, const int32_t* nvar0) {
     return daflfcb(fcb);
 }
 
-rctype dalresetminmax(DA_FID* f) {
+[[nodiscard]] rctype dalresetminmax(DA_FID* f) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     if (fp->mode == DA_OMINPUT) return DA_BADARG;

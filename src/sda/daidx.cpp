@@ -119,14 +119,14 @@ DA_ICB* daluicb(DA_FCB* fcb, const char* name, int name_l) {
     return nullptr;
 }
 
-rctype dawridx(DA_FD* fd, const DA_IDXODS* ixh, da_off_t offset) {
+[[nodiscard]] rctype dawridx(DA_FD* fd, const DA_IDXODS* ixh, da_off_t offset) {
     if (da_writehook) da_writehook("idx");
     da_off_t off = offset;
     rctype rc = dawrods(fd, ixh, &off);
     return rc < 0 ? DA_WRITEFAIL : 0;
 }
 
-rctype daflicb(DA_ICB* icb) {
+[[nodiscard]] rctype daflicb(DA_ICB* icb) {
     if (!(icb->flags & (DA_ICBDIRTY | DA_ICBKSTDIRTY))) return 0;
     rctype rc = dawridx(icb->fcb->mdfd, icb->head, icb->headOff);
     if (rc < 0) return rc;
@@ -134,7 +134,7 @@ rctype daflicb(DA_ICB* icb) {
     return 0;
 }
 
-rctype daflicb(DA_FCB* fcb) {
+[[nodiscard]] rctype daflicb(DA_FCB* fcb) {
     rctype last = 0;
     for (DA_ICB* i = first(fcb); i; i = i->next) {
         rctype rc = daflicb(i);
@@ -145,7 +145,7 @@ rctype daflicb(DA_FCB* fcb) {
 
 // Opens one file of an index, or makes it: its partitions on the index
 // paths (the primary path for an access-control table), its FIB in the MDF.
-rctype daopnix(DA_FCB* fcb, int kind, DA_ICB* icb, int create, DA_FD** fdp) {
+[[nodiscard]] rctype daopnix(DA_FCB* fcb, int kind, DA_ICB* icb, int create, DA_FD** fdp) {
     DA_LIBP* lp = static_cast<DA_LIBP*>(fcb->lib);
     bool acl = fcb->xoe.semtype == DA_SEMVRTAACL;
     DA_PATHINFO* paths = acl ? &lp->lib : lp->idx;
@@ -202,7 +202,7 @@ rctype daopnix(DA_FCB* fcb, int kind, DA_ICB* icb, int create, DA_FD** fdp) {
     return fd->revision != fcb->mdfd->revision ? DA_REVDIFF : rc;
 }
 
-rctype daclicb(DA_ICB* icb) {
+[[nodiscard]] rctype daclicb(DA_ICB* icb) {
     rctype last = 0;
     for (int k = 0; k < DA_ICBNFILES; ++k) {
         DA_ICBFD& f = icb->files[k];
@@ -220,7 +220,7 @@ rctype daclicb(DA_ICB* icb) {
     return last;
 }
 
-rctype dafricb(DA_ICB* icb) {
+[[nodiscard]] rctype dafricb(DA_ICB* icb) {
     mutex_destroy(&icb->lock);
     rwlock_destroy(&icb->rwlock);
     if (icb->skb) skb_destroy(static_cast<SKB_KEY*>(icb->skb));
@@ -230,7 +230,7 @@ rctype dafricb(DA_ICB* icb) {
     return 0;
 }
 
-rctype daskbinit(SKB_KEY* skb, const DA_XOEODS* xoehdr, HS_NLSENV* nlsenv, const DA_KEYSTR* kstr,
+[[nodiscard]] rctype daskbinit(SKB_KEY* skb, const DA_XOEODS* xoehdr, HS_NLSENV* nlsenv, const DA_KEYSTR* kstr,
                  const DA_NAMESTR* vars) {
     if (!vars || kstr->nvar < 1) return DA_BADARG;
     // Keys with the row number behind them in big-endian order, so that the
@@ -247,7 +247,7 @@ rctype daskbinit(SKB_KEY* skb, const DA_XOEODS* xoehdr, HS_NLSENV* nlsenv, const
 }
 
 // The key block of an index, made when the index is first opened.
-rctype daicbskb(DA_ICB* icb) {
+[[nodiscard]] rctype daicbskb(DA_ICB* icb) {
     if (icb->skb) return 0;
     DA_FCB* fcb = icb->fcb;
     auto* skb = static_cast<SKB_KEY*>(calloc(1, sizeof(SKB_KEY)));
@@ -262,7 +262,7 @@ rctype daicbskb(DA_ICB* icb) {
 }
 
 // Reads one record: its head for the length, then all of it.
-rctype dardicb(DA_FCB* fcb, da_off_t off, DA_IDXODS** out) {
+[[nodiscard]] rctype dardicb(DA_FCB* fcb, da_off_t off, DA_IDXODS** out) {
     DA_ODSHEAD h;
     long n = 0;
     rctype rc = fcb->mdfio.read(fcb->mdfio.ctx, &h, sizeof h, off, &n);
@@ -280,7 +280,7 @@ rctype dardicb(DA_FCB* fcb, da_off_t off, DA_IDXODS** out) {
     return 0;
 }
 
-rctype daldidx(DA_FCB* fcb) {
+[[nodiscard]] rctype daldidx(DA_FCB* fcb) {
     DA_ICB** tail = reinterpret_cast<DA_ICB**>(&fcb->icbs);
     int n = 0;
     for (da_off_t off = fcb->dshdr.links[DA_LNKIDX]; off != -1; ++n) {
@@ -322,7 +322,7 @@ rctype daldidx(DA_FCB* fcb) {
     return 0;
 }
 
-rctype dackidx(DA_FCB* fcb) {
+[[nodiscard]] rctype dackidx(DA_FCB* fcb) {
     bool dyn = (fcb->oflags & DA_OFDYNAMIC) != 0;
     rctype result = 0;
     for (DA_ICB* icb = first(fcb); icb; icb = icb->next) {
@@ -355,7 +355,7 @@ rctype dackidx(DA_FCB* fcb) {
     return result;
 }
 
-rctype dasyncidx(DA_FCB* fcb) {
+[[nodiscard]] rctype dasyncidx(DA_FCB* fcb) {
     for (DA_ICB* icb = first(fcb); icb; icb = icb->next)
         for (auto& f : icb->files)
             if (f.fd && fcb->mode != DA_OMINPUT) {
@@ -365,7 +365,7 @@ rctype dasyncidx(DA_FCB* fcb) {
     return 0;
 }
 
-rctype darevidx(DA_FCB* fcb) {
+[[nodiscard]] rctype darevidx(DA_FCB* fcb) {
     rctype firstrc = 0;
     for (DA_ICB* icb = first(fcb); icb; icb = icb->next) {
         for (int k = 0; k < DA_ICBNFILES; ++k) {
@@ -382,7 +382,7 @@ rctype darevidx(DA_FCB* fcb) {
     return firstrc;
 }
 
-rctype dareopidx(DA_FCB* fcb, int fdflags) {
+[[nodiscard]] rctype dareopidx(DA_FCB* fcb, int fdflags) {
     for (DA_ICB* icb = first(fcb); icb; icb = icb->next) {
         for (int k = 0; k < DA_ICBNFILES; ++k) {
             DA_ICBFD& f = icb->files[k];
@@ -395,13 +395,14 @@ rctype dareopidx(DA_FCB* fcb, int fdflags) {
     return 0;
 }
 
-rctype dafridx(DA_FCB* fcb, int) {
+[[nodiscard]] rctype dafridx(DA_FCB* fcb, int) {
     rctype last = 0;
     for (DA_ICB* icb = first(fcb); icb;) {
         DA_ICB* next = icb->next;
         rctype rc = daclicb(icb);
         if (rc < 0) last = rc;
-        dafricb(icb);
+        rc = dafricb(icb);
+        if (rc < 0) last = rc;
         icb = next;
     }
     fcb->icbs = nullptr;
@@ -411,7 +412,7 @@ rctype dafridx(DA_FCB* fcb, int) {
 }
 
 // Re-reads the records of a table another process may have changed.
-rctype darfidxrec(DA_FCB* fcb) {
+[[nodiscard]] rctype darfidxrec(DA_FCB* fcb) {
     for (DA_ICB* icb = first(fcb); icb; icb = icb->next) {
         rctype rc = dardidx(fcb->mdfio, icb->head, icb->head->ods.length, icb->headOff);
         if (rc < 0) return rc;
@@ -425,7 +426,7 @@ namespace {
 bool writer(DA_FIDP* fp) { return fp->mode == DA_OMOUTPUT || fp->mode == DA_OMUTIL; }
 
 // Deletes an index's files and takes its record off the chain.
-rctype dropicb(DA_FCB* fcb, DA_ICB* icb) {
+[[nodiscard]] rctype dropicb(DA_FCB* fcb, DA_ICB* icb) {
     rctype last = 0;
     static const char* const kDelMsg[DA_ICBNFILES] = {
         "Unexpected error deleting SEG file: Member=%s Index=%.*s Reason=%s\n",
@@ -438,14 +439,16 @@ rctype dropicb(DA_FCB* fcb, DA_ICB* icb) {
             if (daopnix(fcb, k, icb, 0, &fd) < 0) continue;  // nothing left to delete
         }
         if (!f.fd) continue;
-        if (f.mapaddr) f.fd->fdunmap(f.fd, 0, f.mapsize, f.mapaddr);
+        rctype rc = f.mapaddr ? f.fd->fdunmap(f.fd, 0, f.mapsize, f.mapaddr) : 0;
+        if (rc < 0) last = rc;
         f.mapaddr = nullptr;
-        rctype rc = f.fd->fddelete(f.fd, *f.fiboffset);
+        rc = f.fd->fddelete(f.fd, *f.fiboffset);
         if (rc < 0) {
             hsprint(kDelMsg[k], fcb->name, icb->head->name_l, icb->head->name, hsstrer(rc));
             last = rc;
         }
-        f.fd->fdclose(f.fd);
+        rc = f.fd->fdclose(f.fd);
+        if (rc < 0 && last == 0) last = rc;
         f.fd = nullptr;
     }
     // Off the chain: the record before it, or the header, points past it.
@@ -468,8 +471,10 @@ rctype dropicb(DA_FCB* fcb, DA_ICB* icb) {
     }
     if (fcb->xoe.nindexes > 0) --fcb->xoe.nindexes;
     fcb->flags |= DA_FCBXOE;
-    daclicb(icb);
-    dafricb(icb);
+    rctype rc = daclicb(icb);
+    if (rc < 0 && last == 0) last = rc;
+    rc = dafricb(icb);
+    if (rc < 0 && last == 0) last = rc;
     return last;
 }
 
@@ -481,7 +486,7 @@ bool inuse(DA_ICB* icb) {
 
 }  // namespace
 
-rctype daadidx(DA_FID* f, const char* name, int keyflags, int nvar, const int32_t* varnos) {
+[[nodiscard]] rctype daadidx(DA_FID* f, const char* name, int keyflags, int nvar, const int32_t* varnos) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     if (!writer(fp)) return DA_WRONGKIND;
@@ -577,28 +582,28 @@ rctype daadidx(DA_FID* f, const char* name, int keyflags, int nvar, const int32_
         for (int k = 0; k < DA_ICBNFILES; ++k) {
             DA_ICBFD& fl = icb->files[k];
             if (!(made & kKindFlag[k]) || !fl.fd) continue;
-            fl.fd->fddelete(fl.fd, *fl.fiboffset);
-            fl.fd->fdclose(fl.fd);
+            daignore(fl.fd->fddelete(fl.fd, *fl.fiboffset));
+            daignore(fl.fd->fdclose(fl.fd));
             fl.fd = nullptr;
             *fl.fiboffset = -1;
         }
         if (isnew) {
             bool linked = false;
             for (DA_ICB* i = first(fcb); i; i = i->next) linked |= i == icb;
-            if (linked) dropicb(fcb, icb);
-            else dafricb(icb);
+            if (linked) daignore(dropicb(fcb, icb));
+            else daignore(dafricb(icb));
         } else if (made) {
             icb->flags |= DA_ICBDIRTY;
-            daflicb(icb);
+            daignore(daflicb(icb));
         }
-        daflfcb(fcb);
+        daignore(daflfcb(fcb));
     }
     daidxviews(fcb);
     mutex_unlock(&fcb->indexLock);
     return rc < 0 ? rc : 0;
 }
 
-rctype dadridx(DA_FID* f, const char* name, int) {
+[[nodiscard]] rctype dadridx(DA_FID* f, const char* name, int) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     if (!writer(fp)) return DA_WRONGKIND;
@@ -619,7 +624,7 @@ rctype dadridx(DA_FID* f, const char* name, int) {
     return rc;
 }
 
-rctype darpidx(DA_FID* f, const char* target, const char* source, int) {
+[[nodiscard]] rctype darpidx(DA_FID* f, const char* target, const char* source, int) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     if (!writer(fp)) return DA_WRONGKIND;
@@ -657,7 +662,7 @@ rctype darpidx(DA_FID* f, const char* target, const char* source, int) {
     return rc;
 }
 
-rctype daqyidx(DA_FID* f, int nvar0, int nkstr, DA_KEYSTR* kstr) {
+[[nodiscard]] rctype daqyidx(DA_FID* f, int nvar0, int nkstr, DA_KEYSTR* kstr) {
     DA_FCB* fcb = fidpof(f)->fcb;
     mutex_lock(&fcb->indexLock);
     int n = 0;
@@ -673,7 +678,7 @@ rctype daqyidx(DA_FID* f, int nvar0, int nkstr, DA_KEYSTR* kstr) {
     return n;
 }
 
-rctype daqyicb(DA_FID* f, const char* name, DA_KEYSTR* kstr) {
+[[nodiscard]] rctype daqyicb(DA_FID* f, const char* name, DA_KEYSTR* kstr) {
     DA_FCB* fcb = fidpof(f)->fcb;
     int nl = namelen(name);
     if (nl < 0) return DA_BADARG;
@@ -687,7 +692,7 @@ rctype daqyicb(DA_FID* f, const char* name, DA_KEYSTR* kstr) {
     return icb ? 0 : DA_NOTFOUND;
 }
 
-rctype dastkst(DA_FID* f, const char* name, const DA_KEYSTAT* ks) {
+[[nodiscard]] rctype dastkst(DA_FID* f, const char* name, const DA_KEYSTAT* ks) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     if (fp->mode == DA_OMINPUT) return DA_WRONGKIND;

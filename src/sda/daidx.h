@@ -107,13 +107,13 @@ struct DA_ICB {
 
 struct DA_IDXMT {
     // Reads size bytes at offset; *nread gets how many (fewer at the end).
-    rctype (*readidx)(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread);
-    rctype (*writeidx)(DA_IDX* ip, const void* buf, long size, da_off_t offset);
-    rctype (*truncidx)(DA_IDX* ip, da_off_t size);
+    rctype (*readidx)(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread) __attribute__((warn_unused_result));
+    rctype (*writeidx)(DA_IDX* ip, const void* buf, long size, da_off_t offset) __attribute__((warn_unused_result));
+    rctype (*truncidx)(DA_IDX* ip, da_off_t size) __attribute__((warn_unused_result));
     // Ends the use; state is what a writer leaves in the record (DA_IDXCLEAN ..).
-    rctype (*closeidx)(DA_IDX* ip, int state);
-    rctype (*lockidx)(DA_IDX* ip, int kind);
-    rctype (*refidx)(DA_IDX* ip);
+    rctype (*closeidx)(DA_IDX* ip, int state) __attribute__((warn_unused_result));
+    rctype (*lockidx)(DA_IDX* ip, int kind) __attribute__((warn_unused_result));
+    rctype (*refidx)(DA_IDX* ip) __attribute__((warn_unused_result));
 };
 
 // What the index layer holds of one open index file.
@@ -158,48 +158,48 @@ struct DA_IDXP : DA_IDX {
 // ---------------------------------------------------------------- table side
 
 // Index methods of a table (DA_FIDMT slots).
-rctype daadidx(DA_FID* fp, const char* name, int keyflags, int nvar, const int32_t* varnos);
-rctype dadridx(DA_FID* fp, const char* name, int drflags);
-rctype darpidx(DA_FID* fp, const char* target, const char* source, int drflags);
-rctype daopidx(DA_FID* fp, const char* name, int flags, DA_IDX** ip);
+[[nodiscard]] rctype daadidx(DA_FID* fp, const char* name, int keyflags, int nvar, const int32_t* varnos);
+[[nodiscard]] rctype dadridx(DA_FID* fp, const char* name, int drflags);
+[[nodiscard]] rctype darpidx(DA_FID* fp, const char* target, const char* source, int drflags);
+[[nodiscard]] rctype daopidx(DA_FID* fp, const char* name, int flags, DA_IDX** ip);
 // Up to nkstr descriptions of the indexes whose first column is nvar0 (0: all);
 // the result is how many the table has of them.
-rctype daqyidx(DA_FID* fp, int nvar0, int nkstr, DA_KEYSTR* kstr);
-rctype daqyicb(DA_FID* fp, const char* name, DA_KEYSTR* kstr);
-rctype dastkst(DA_FID* fp, const char* name, const DA_KEYSTAT* kstat);
+[[nodiscard]] rctype daqyidx(DA_FID* fp, int nvar0, int nkstr, DA_KEYSTR* kstr);
+[[nodiscard]] rctype daqyicb(DA_FID* fp, const char* name, DA_KEYSTR* kstr);
+[[nodiscard]] rctype dastkst(DA_FID* fp, const char* name, const DA_KEYSTAT* kstat);
 
 // File methods.
-rctype daridxb(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread);
-rctype daridxd(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread);
-rctype dawidxb(DA_IDX* ip, const void* buf, long size, da_off_t offset);
-rctype dawidxd(DA_IDX* ip, const void* buf, long size, da_off_t offset);
-rctype datridx(DA_IDX* ip, da_off_t size);
-rctype daclidx(DA_IDX* ip, int state);
-rctype dalkidx(DA_IDX* ip, int kind);
-rctype darfidx(DA_IDX* ip);
+[[nodiscard]] rctype daridxb(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread);
+[[nodiscard]] rctype daridxd(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread);
+[[nodiscard]] rctype dawidxb(DA_IDX* ip, const void* buf, long size, da_off_t offset);
+[[nodiscard]] rctype dawidxd(DA_IDX* ip, const void* buf, long size, da_off_t offset);
+[[nodiscard]] rctype datridx(DA_IDX* ip, da_off_t size);
+[[nodiscard]] rctype daclidx(DA_IDX* ip, int state);
+[[nodiscard]] rctype dalkidx(DA_IDX* ip, int kind);
+[[nodiscard]] rctype darfidx(DA_IDX* ip);
 // Marks the file dirty (or clean) and writes the record at once: a crash
 // while pages are written then leaves a state on disk that says so.
-rctype dasetstate(DA_IDX* ip, int state);
+[[nodiscard]] rctype dasetstate(DA_IDX* ip, int state);
 
 // Closes what an opener left open of its indexes (at the table's close).
-rctype daclfidx(DA_FIDP* fp);
+[[nodiscard]] rctype daclfidx(DA_FIDP* fp);
 // Re-reads the index records another process may have changed.
-rctype darfidxrec(DA_FCB* fcb);
+[[nodiscard]] rctype darfidxrec(DA_FCB* fcb);
 
 // The index records of a table in memory.
 DA_ICB* daluicb(DA_FCB* fcb, const char* name, int name_l);
-rctype dafricb(DA_ICB* icb);
-rctype daflicb(DA_ICB* icb);
-rctype daclicb(DA_ICB* icb);
-rctype dawridx(DA_FD* fd, const DA_IDXODS* ixh, da_off_t offset);
+[[nodiscard]] rctype dafricb(DA_ICB* icb);
+[[nodiscard]] rctype daflicb(DA_ICB* icb);
+[[nodiscard]] rctype daclicb(DA_ICB* icb);
+[[nodiscard]] rctype dawridx(DA_FD* fd, const DA_IDXODS* ixh, da_off_t offset);
 
 // The key block of an index: its columns' bytes as keys that compare as
 // bytes, the row number behind them.
-rctype daskbinit(SKB_KEY* skb, const DA_XOEODS* xoehdr, HS_NLSENV* nlsenv, const DA_KEYSTR* kstr,
+[[nodiscard]] rctype daskbinit(SKB_KEY* skb, const DA_XOEODS* xoehdr, HS_NLSENV* nlsenv, const DA_KEYSTR* kstr,
                  const DA_NAMESTR* vars);
-rctype daicbskb(DA_ICB* icb);
+[[nodiscard]] rctype daicbskb(DA_ICB* icb);
 
 // A plain file as an index file, for tools and tests: flags 1 write, 4 create.
-rctype daopidxf(const char* path, int flags, DA_IDX** ip);
+[[nodiscard]] rctype daopidxf(const char* path, int flags, DA_IDX** ip);
 
 }  // namespace vrta

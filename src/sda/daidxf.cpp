@@ -18,7 +18,7 @@ namespace {
 
 DA_IDXP* pof(DA_IDX* ip) { return static_cast<DA_IDXP*>(ip); }
 
-rctype fread_(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread) {
+[[nodiscard]] rctype fread_(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread) {
     *nread = 0;
     if (offset < 0 || size < 0) return DA_BADOFFSET;
     char* p = static_cast<char*>(buf);
@@ -32,7 +32,7 @@ rctype fread_(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread) {
     return 0;
 }
 
-rctype fwrite_(DA_IDX* ip, const void* buf, long size, da_off_t offset) {
+[[nodiscard]] rctype fwrite_(DA_IDX* ip, const void* buf, long size, da_off_t offset) {
     if (offset < 0 || size < 0) return DA_BADOFFSET;
     if (!(pof(ip)->opnflags & DA_IDXOWRITE)) return DA_ACCESS;
     const char* p = static_cast<const char*>(buf);
@@ -47,14 +47,14 @@ rctype fwrite_(DA_IDX* ip, const void* buf, long size, da_off_t offset) {
     return 0;
 }
 
-rctype ftrunc_(DA_IDX* ip, da_off_t size) {
+[[nodiscard]] rctype ftrunc_(DA_IDX* ip, da_off_t size) {
     if (!(pof(ip)->opnflags & DA_IDXOWRITE)) return DA_ACCESS;
     if (ftruncate(pof(ip)->pfd, size) != 0) return DA_WRITEFAIL;
     ip->filesize = size;
     return 0;
 }
 
-rctype fclose_(DA_IDX* ip, int) {
+[[nodiscard]] rctype fclose_(DA_IDX* ip, int) {
     rctype rc = 0;
     if ((pof(ip)->opnflags & DA_IDXOWRITE) && fdatasync(pof(ip)->pfd) != 0) rc = DA_WRITEFAIL;
     if (close(pof(ip)->pfd) != 0 && rc == 0) rc = DA_SYSERR;
@@ -62,9 +62,9 @@ rctype fclose_(DA_IDX* ip, int) {
     return rc;
 }
 
-rctype flock_(DA_IDX*, int) { return 0; }
+[[nodiscard]] rctype flock_(DA_IDX*, int) { return 0; }
 
-rctype fref_(DA_IDX* ip) {
+[[nodiscard]] rctype fref_(DA_IDX* ip) {
     struct stat st;
     if (fstat(pof(ip)->pfd, &st) != 0) return DA_SYSERR;
     ip->filesize = st.st_size;
@@ -75,7 +75,7 @@ const DA_IDXMT plainmt = {fread_, fwrite_, ftrunc_, fclose_, flock_, fref_};
 
 }  // namespace
 
-rctype daopidxf(const char* path, int flags, DA_IDX** ipp) {
+[[nodiscard]] rctype daopidxf(const char* path, int flags, DA_IDX** ipp) {
     int oflags = (flags & 1) ? O_RDWR : O_RDONLY;
     if (flags & 4) oflags |= O_CREAT | O_EXCL;
     int fd = open(path, oflags | O_CLOEXEC, 0666);

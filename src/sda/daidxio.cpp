@@ -14,7 +14,7 @@
 
 namespace vrta {
 
-rctype daopnix(DA_FCB* fcb, int kind, DA_ICB* icb, int create, DA_FD** fdp);
+[[nodiscard]] rctype daopnix(DA_FCB* fcb, int kind, DA_ICB* icb, int create, DA_FD** fdp);
 void daidxviews(DA_FCB* fcb);
 
 namespace {
@@ -25,7 +25,7 @@ const char* const kKindExt[DA_ICBNFILES] = {"idx", "aux", "hbx"};
 DA_IDXP* pof(DA_IDX* ip) { return static_cast<DA_IDXP*>(ip); }
 
 // The file's own read, with the end of the file as a short read.
-rctype rawread(DA_IDXP* p, void* buf, long size, da_off_t off, long* nread) {
+[[nodiscard]] rctype rawread(DA_IDXP* p, void* buf, long size, da_off_t off, long* nread) {
     *nread = 0;
     if (off < 0 || size < 0) return DA_BADOFFSET;
     if (size == 0) return 0;
@@ -45,7 +45,7 @@ rctype rawread(DA_IDXP* p, void* buf, long size, da_off_t off, long* nread) {
     return rc < 0 ? rc : 0;
 }
 
-rctype rawwrite(DA_IDXP* p, const void* buf, long size, da_off_t off) {
+[[nodiscard]] rctype rawwrite(DA_IDXP* p, const void* buf, long size, da_off_t off) {
     if (!(p->opnflags & DA_IDXOWRITE)) return DA_ACCESS;
     if (da_writehook) da_writehook("index page");
     da_off_t at = off;
@@ -58,7 +58,7 @@ rctype rawwrite(DA_IDXP* p, const void* buf, long size, da_off_t off) {
 }
 
 // Writes the block buffer out when it holds what the file does not.
-rctype flushbuf(DA_IDXP* p) {
+[[nodiscard]] rctype flushbuf(DA_IDXP* p) {
     if (!(p->flags & 1)) return 0;
     rctype rc = rawwrite(p, p->bufpool, p->bufOffset, p->blockOffset);
     if (rc < 0) return rc;
@@ -67,7 +67,7 @@ rctype flushbuf(DA_IDXP* p) {
 }
 
 // The block holding off, in the buffer.
-rctype loadblock(DA_IDXP* p, da_off_t off) {
+[[nodiscard]] rctype loadblock(DA_IDXP* p, da_off_t off) {
     da_off_t start = off - off % p->blocksize;
     if (p->blockOffset == start) return 0;
     rctype rc = flushbuf(p);
@@ -91,15 +91,15 @@ bool overlaps(DA_IDXP* p, long size, da_off_t off) {
 
 }  // namespace
 
-rctype daridxd(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread) {
+[[nodiscard]] rctype daridxd(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread) {
     return rawread(pof(ip), buf, size, offset, nread);
 }
 
-rctype dawidxd(DA_IDX* ip, const void* buf, long size, da_off_t offset) {
+[[nodiscard]] rctype dawidxd(DA_IDX* ip, const void* buf, long size, da_off_t offset) {
     return rawwrite(pof(ip), buf, size, offset);
 }
 
-rctype daridxb(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread) {
+[[nodiscard]] rctype daridxb(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread) {
     DA_IDXP* p = pof(ip);
     *nread = 0;
     if (offset < 0 || size < 0) return DA_BADOFFSET;
@@ -121,7 +121,7 @@ rctype daridxb(DA_IDX* ip, void* buf, long size, da_off_t offset, long* nread) {
     return 0;
 }
 
-rctype dawidxb(DA_IDX* ip, const void* buf, long size, da_off_t offset) {
+[[nodiscard]] rctype dawidxb(DA_IDX* ip, const void* buf, long size, da_off_t offset) {
     DA_IDXP* p = pof(ip);
     if (!(p->opnflags & DA_IDXOWRITE)) return DA_ACCESS;
     if (offset < 0 || size < 0) return DA_BADOFFSET;
@@ -147,7 +147,7 @@ rctype dawidxb(DA_IDX* ip, const void* buf, long size, da_off_t offset) {
     return rawwrite(p, buf, size, offset);
 }
 
-rctype datridx(DA_IDX* ip, da_off_t size) {
+[[nodiscard]] rctype datridx(DA_IDX* ip, da_off_t size) {
     DA_IDXP* p = pof(ip);
     if (!(p->opnflags & DA_IDXOWRITE)) return DA_ACCESS;
     if (size < 0) return DA_BADOFFSET;
@@ -163,7 +163,7 @@ rctype datridx(DA_IDX* ip, da_off_t size) {
     return 0;
 }
 
-rctype darfidx(DA_IDX* ip) {
+[[nodiscard]] rctype darfidx(DA_IDX* ip) {
     DA_IDXP* p = pof(ip);
     if (!(p->flags & 1)) p->blockOffset = -1;
     da_off_t real = *p->ixfd->filesize;
@@ -174,7 +174,7 @@ rctype darfidx(DA_IDX* ip) {
     return 0;
 }
 
-rctype dasetstate(DA_IDX* ip, int state) {
+[[nodiscard]] rctype dasetstate(DA_IDX* ip, int state) {
     DA_IDXP* p = pof(ip);
     DA_ICB* icb = p->icb;
     DA_FCB* fcb = icb->fcb;
@@ -189,7 +189,7 @@ rctype dasetstate(DA_IDX* ip, int state) {
     return rc;
 }
 
-rctype dalkidx(DA_IDX* ip, int kind) {
+[[nodiscard]] rctype dalkidx(DA_IDX* ip, int kind) {
     DA_IDXP* p = pof(ip);
     DA_ICB* icb = p->icb;
     int m0 = 0, s0 = 0, m1 = 0, s1 = 0;
@@ -198,11 +198,16 @@ rctype dalkidx(DA_IDX* ip, int kind) {
         if (p->lmode) return DA_BADARG;
         if ((kind == DA_IDXLKRD ? rw_rdlock(&icb->rwlock) : rw_wrlock(&icb->rwlock)) != 0) return DA_RWFAIL;
         mutex_lock(&icb->lock);
-        dagetfibparms(p->ixfd, &m0, &s0);
+        rc = dagetfibparms(p->ixfd, &m0, &s0);
         DA_FDSCB scb = {0, 0};
-        if (kind == DA_IDXLKWR) rc = p->ixfd->fdcntl(p->ixfd, DA_FDSYNCWR, &scb);
-        else if (icb->nreaders++ == 0) rc = p->ixfd->fdcntl(p->ixfd, DA_FDSYNCRD, &scb);
-        dagetfibparms(p->ixfd, &m1, &s1);
+        if (rc < 0) {
+            if (kind == DA_IDXLKRD) ++icb->nreaders;  // taken back below
+        } else if (kind == DA_IDXLKWR) {
+            rc = p->ixfd->fdcntl(p->ixfd, DA_FDSYNCWR, &scb);
+        } else if (icb->nreaders++ == 0) {
+            rc = p->ixfd->fdcntl(p->ixfd, DA_FDSYNCRD, &scb);
+        }
+        if (rc >= 0) rc = dagetfibparms(p->ixfd, &m1, &s1);
         mutex_unlock(&icb->lock);
         if (rc < 0) {
             if (kind == DA_IDXLKRD) {
@@ -216,7 +221,11 @@ rctype dalkidx(DA_IDX* ip, int kind) {
         p->lmode = kind;
         // Another handle changed the file: caches above must drop their pages.
         if (m0 != m1 || s0 != s1) {
-            darfidx(ip);
+            rc = darfidx(ip);
+            if (rc < 0) {
+                daignore(dalkidx(ip, DA_IDXUNLK));
+                return rc;
+            }
             return DA_IDXCHANGED;
         }
         return 0;
@@ -233,13 +242,13 @@ rctype dalkidx(DA_IDX* ip, int kind) {
     return rc;
 }
 
-rctype daclidx(DA_IDX* ip, int state) {
+[[nodiscard]] rctype daclidx(DA_IDX* ip, int state) {
     DA_IDXP* p = pof(ip);
     DA_ICB* icb = p->icb;
     DA_FCB* fcb = icb->fcb;
     DA_ICBFD* f = p->icbfd;
     rctype rc = 0;
-    if (p->lmode) dalkidx(ip, DA_IDXUNLK);
+    rctype urc = p->lmode ? dalkidx(ip, DA_IDXUNLK) : 0;
     bool wrote = (p->opnflags & DA_IDXOWRITE) && fcb->mode != DA_OMINPUT && fcb->xoe.semtype != DA_SEMVRTAACL;
     if (wrote) {
         rc = flushbuf(p);
@@ -296,10 +305,10 @@ rctype daclidx(DA_IDX* ip, int state) {
     mutex_unlock(&fcb->indexLock);
     free(p->bufpool);
     free(p);
-    return rc;
+    return rc < 0 ? rc : urc;
 }
 
-rctype daclfidx(DA_FIDP* fp) {
+[[nodiscard]] rctype daclfidx(DA_FIDP* fp) {
     rctype last = 0;
     while (fp->indexList) {
         auto* p = static_cast<DA_IDXP*>(fp->indexList);
@@ -321,7 +330,7 @@ const DA_IDXMT kDirect = {daridxd, dawidxd, datridx, daclidx, dalkidx, darfidx};
 
 }  // namespace
 
-rctype daopidx(DA_FID* f, const char* name, int flags, DA_IDX** ipp) {
+[[nodiscard]] rctype daopidx(DA_FID* f, const char* name, int flags, DA_IDX** ipp) {
     DA_FIDP* fp = fidpof(f);
     DA_FCB* fcb = fp->fcb;
     int kinds = flags & DA_IDXFILES;

@@ -18,9 +18,9 @@ namespace vrta {
 
 // Layers that are linked in register their start-up here; a build without
 // them (a storage-only test) starts without their method tables.
-rctype dacinit() __attribute__((weak));
-rctype daxcini() __attribute__((weak));
-rctype dafidmtini(DA_GCB* gcb) __attribute__((weak));
+[[nodiscard]] rctype dacinit() __attribute__((weak));
+[[nodiscard]] rctype daxcini() __attribute__((weak));
+[[nodiscard]] rctype dafidmtini(DA_GCB* gcb) __attribute__((weak));
 
 DA_GCB dagcb;
 
@@ -74,12 +74,12 @@ void optname(void* opt, const char* name, char* out, const char* defval) {
 
 }  // namespace
 
-rctype danoval() { return 0; }
+[[nodiscard]] rctype danoval() { return 0; }
 
 // Every slot of a table lost under its opener: the only thing left is close.
-rctype dafatal() { return DA_STATELOST; }
+[[nodiscard]] rctype dafatal() { return DA_STATELOST; }
 
-rctype dainit() {
+[[nodiscard]] rctype dainit() {
     pthread_once(&gcbonce, gcblocks);
     rctype rc = 0;
     mutex_lock(&dagcb.initLock);
@@ -147,7 +147,7 @@ rctype dainit() {
     return rc < 0 ? rc : irc;
 }
 
-rctype daterm() {
+[[nodiscard]] rctype daterm() {
     pthread_once(&gcbonce, gcblocks);
     mutex_lock(&dagcb.initLock);
     if (dagcb.initialised && dagcb.procfd >= 0) {

@@ -19,11 +19,11 @@ struct DA_IOB {
 };
 
 struct DA_IOCBMT {
-    rctype (*freeiocb)(DA_IOCB* iocb);
-    rctype (*dareadv)(DA_IOCB* iocb, int numbuf);
-    rctype (*dawritev)(DA_IOCB* iocb, int numbuf);
-    rctype (*setloc)(DA_IOCB* iocb, hs_obsno_t loc);
-    rctype (*setbuf)(DA_IOCB* iocb, DA_IOB* iobvec, long bufsize);
+    rctype (*freeiocb)(DA_IOCB* iocb) __attribute__((warn_unused_result));
+    rctype (*dareadv)(DA_IOCB* iocb, int numbuf) __attribute__((warn_unused_result));
+    rctype (*dawritev)(DA_IOCB* iocb, int numbuf) __attribute__((warn_unused_result));
+    rctype (*setloc)(DA_IOCB* iocb, hs_obsno_t loc) __attribute__((warn_unused_result));
+    rctype (*setbuf)(DA_IOCB* iocb, DA_IOB* iobvec, long bufsize) __attribute__((warn_unused_result));
 };
 
 struct DA_IOCB {
@@ -59,13 +59,13 @@ constexpr int DA_IOMLASTRUN = 0x1000;
 constexpr int64_t DA_NOVBN = static_cast<int64_t>(0x8000000000000001ULL);
 
 // The only way to get a cursor; counts it on the opener.
-rctype getiocb(DA_FID* fp, int iom, DA_IOCB** iocb);
+[[nodiscard]] rctype getiocb(DA_FID* fp, int iom, DA_IOCB** iocb);
 
 // Buffers for callers: numbuf DA_IOBs with their row space in one malloc,
 // numobs -1 and locator -1. *bufsizret gets each buffer's size in bytes.
-rctype damkiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret);
+[[nodiscard]] rctype damkiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret);
 // The same with room for each buffer's obsvec.
-rctype damdiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret);
+[[nodiscard]] rctype damdiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret);
 void dafriob(DA_IOB* iobvec);
 // Address of the row at relobs across the cursor's buffers (obsperbuf rows
 // each), null when relobs < 0 or no buffers are set. The caller keeps relobs
@@ -102,9 +102,9 @@ struct DA_BLOCK {
 // What a block store (fixed or variable) gives the shared block cursor.
 struct DA_BKOPS {
     // Unconverts block vbn into raw (room rawroom); *rawlen its bytes. 518 when absent.
-    rctype (*getblock)(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom, int32_t* rawlen);
+    rctype (*getblock)(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom, int32_t* rawlen) __attribute__((warn_unused_result));
     // Converts and writes blk (numobs rows at blockbuf).
-    rctype (*putblock)(DA_FCB* fcb, DA_BLOCK* blk);
+    rctype (*putblock)(DA_FCB* fcb, DA_BLOCK* blk) __attribute__((warn_unused_result));
 };
 
 // Shared block state of an exit table: the part both block stores keep.
@@ -119,18 +119,18 @@ struct DA_BKCB {
     uint64_t gen;           // raised at every write, so cursors drop cached blocks
 };
 
-rctype dabkinit(DA_FCB* fcb, DA_BKCB* bk, const DA_BKOPS* ops);
+[[nodiscard]] rctype dabkinit(DA_FCB* fcb, DA_BKCB* bk, const DA_BKOPS* ops);
 void dabkfree(DA_BKCB* bk);
 // Writes ioblk then newblk when dirty; the caller holds bk->lock.
-rctype dabkflush(DA_FCB* fcb, DA_BKCB* bk, const char* who);
+[[nodiscard]] rctype dabkflush(DA_FCB* fcb, DA_BKCB* bk, const char* who);
 // Drops the blocks held and makes cursors drop theirs, after another
 // process changed the table; the caller holds bk->lock.
 void dabkstale(DA_BKCB* bk);
 // Cursor over a block store; cur is the store's per-cursor state handed to getblock.
-rctype dabkgioc(DA_FID* fp, int iom, DA_BKCB* bk, void* cur, void (*freecur)(void*), DA_IOCB** iocb);
+[[nodiscard]] rctype dabkgioc(DA_FID* fp, int iom, DA_BKCB* bk, void* cur, void (*freecur)(void*), DA_IOCB** iocb);
 
 // Plain rows, or encoded rows when encoded (the plain cursor decodes).
-rctype dasgioc(DA_FID* fp, int iom, bool encoded, DA_IOCB** iocb);
+[[nodiscard]] rctype dasgioc(DA_FID* fp, int iom, bool encoded, DA_IOCB** iocb);
 // Encoded rows: n rows of obslen bytes from obsno to their odsreclen-byte
 // disk form and back.
 void daeniob(const DA_FCB* fcb, hs_obsno_t obsno, const char* rows, char* disk, long n);
@@ -140,6 +140,6 @@ void dadeiob(const DA_FCB* fcb, hs_obsno_t obsno, const char* disk, char* rows, 
 // Rows [obs, obs+n) within numobs about to be written: without DA_IOMLIVE
 // they must all be deleted (DA_NOTDELETED otherwise); deleted ones get their
 // bits cleared.
-rctype dawrdelck(DA_FCB* fcb, int iom, hs_obsno_t obs, hs_obsno_t n);
+[[nodiscard]] rctype dawrdelck(DA_FCB* fcb, int iom, hs_obsno_t obs, hs_obsno_t n);
 
 }  // namespace vrta

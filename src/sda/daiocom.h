@@ -50,7 +50,7 @@ inline void dacoverobs(DA_FCB* fcb, hs_obsno_t last) {
 }
 
 // Where a buffer's locator sends the cursor; DA_PASTEND when beyond limit.
-inline rctype dalocate(DA_IOCB* c, const DA_IOB* iob, hs_obsno_t limit) {
+[[nodiscard]] inline rctype dalocate(DA_IOCB* c, const DA_IOB* iob, hs_obsno_t limit) {
     if (iob->locator < 0) return 0;
     hs_obsno_t pos = dabyrow(c) ? iob->locator : iob->locator * dacbf(c) + 1;
     if (pos < 1 || pos > limit) return DA_PASTEND;
@@ -73,10 +73,10 @@ struct DA_UPDLK {
     DA_UPDLK& operator=(const DA_UPDLK&) = delete;
 };
 
-inline rctype danoval(DA_IOCB*, int) { return DA_BADARG; }
+[[nodiscard]] inline rctype danoval(DA_IOCB*, int) { return DA_BADARG; }
 
 // setloc of the unmapped families: a row, or a block for a by-block cursor.
-inline rctype dasetloc(DA_IOCB* c, hs_obsno_t loc) {
+[[nodiscard]] inline rctype dasetloc(DA_IOCB* c, hs_obsno_t loc) {
     if (loc < 0) return DA_BADARG;
     if (dabyrow(c)) {
         if (loc < 1) return DA_BADARG;
@@ -101,7 +101,7 @@ inline void dausebufs(DA_IOCB* c, DA_IOB* iobvec, int numbuf, long bufsize) {
 // where the last left off. Buffers after a failure get numobs -1; the end
 // of the table after at least one buffer is not an error.
 template <class Rd>
-rctype dareadbufs(DA_IOCB* c, const DA_FCB* fcb, int numbuf, Rd rdiob) {
+[[nodiscard]] rctype dareadbufs(DA_IOCB* c, const DA_FCB* fcb, int numbuf, Rd rdiob) {
     rctype rc = 0;
     int i = 0;
     bool any = false;
@@ -123,7 +123,7 @@ rctype dareadbufs(DA_IOCB* c, const DA_FCB* fcb, int numbuf, Rd rdiob) {
 // Fills iob from the cursor's place with every row up to numobs, read by
 // rd(obs, n, out) in one piece.
 template <class Rd>
-rctype dareadall(DA_IOCB* c, DA_IOB* iob, hs_obsno_t numobs, Rd rd) {
+[[nodiscard]] rctype dareadall(DA_IOCB* c, DA_IOB* iob, hs_obsno_t numobs, Rd rd) {
     if (c->curobs > numobs) return DA_EOF;
     long n = static_cast<long>(std::min<hs_obsno_t>(c->obsperbuf, numobs - c->curobs + 1));
     rctype rc = rd(c->curobs, n, static_cast<char*>(iob->bufptr));
@@ -141,7 +141,7 @@ rctype dareadall(DA_IOCB* c, DA_IOB* iob, hs_obsno_t numobs, Rd rd) {
 // buffer started: rows another opener appends meanwhile wait for the next
 // buffer, and when no live row is left the cursor moves just past numobs.
 template <class Rd>
-rctype dareadlive(DA_GIOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, hs_obsno_t numobs, Rd rdrun) {
+[[nodiscard]] rctype dareadlive(DA_GIOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, hs_obsno_t numobs, Rd rdrun) {
     char* out = static_cast<char*>(iob->bufptr);
     long filled = 0;
     while (filled < c->obsperbuf) {
@@ -170,7 +170,7 @@ rctype dareadlive(DA_GIOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, hs_obsno_t
 // find(&refobs, &refrun) (refrun 0 when none is left, which ends the
 // refill), then after the last row; put(obs, n, rows) writes them.
 template <class Find, class Put>
-rctype darefillrows(DA_IOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, hs_obsno_t* refobs, hs_obsno_t* refrun,
+[[nodiscard]] rctype darefillrows(DA_IOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, hs_obsno_t* refobs, hs_obsno_t* refrun,
                     Find find, Put put) {
     const char* p = static_cast<const char*>(iob->bufptr);
     long n = iob->numobs;
@@ -204,7 +204,7 @@ rctype darefillrows(DA_IOCB* c, DA_FCB* fcb, DA_IOB* iob, long rowlen, hs_obsno_
 // each buffer's locator, over deleted rows unless DA_IOMLIVE; an adder
 // after the last row, or through fill(iob) while it refills deleted rows.
 template <class Put, class Fill>
-rctype dawritebufs(DA_IOCB* c, DA_FCB* fcb, int mode, int numbuf, Put put, Fill fill) {
+[[nodiscard]] rctype dawritebufs(DA_IOCB* c, DA_FCB* fcb, int mode, int numbuf, Put put, Fill fill) {
     bool upd = daupdmode(mode);
     rctype rc = 0;
     for (int i = 0; i < numbuf && rc == 0; ++i) {

@@ -87,7 +87,7 @@ bool samepath(const DA_PATHINFO& p, const std::string& s) {
 }
 
 // Appends a path to a vector that grows 25 entries at a time.
-rctype addpv(int* num, DA_PATHINFO** vec, const std::string& path, xmpid pool) {
+[[nodiscard]] rctype addpv(int* num, DA_PATHINFO** vec, const std::string& path, xmpid pool) {
     if (*num % PATHGROW == 0) {
         long olen = static_cast<long>(*num) * sizeof(DA_PATHINFO);
         long nlen = olen + PATHGROW * static_cast<long>(sizeof(DA_PATHINFO));
@@ -101,8 +101,8 @@ rctype addpv(int* num, DA_PATHINFO** vec, const std::string& path, xmpid pool) {
     }
     DA_PATHINFO* p = &(*vec)[*num];
     memset(p, 0, sizeof *p);
-    dasavpi(p, path.data(), static_cast<int>(path.size()), pool);
-    if (!p->path) return DA_NOMEM;
+    // A path that fails stat keeps that status for CheckPath; only no copy stops.
+    if (dasavpi(p, path.data(), static_cast<int>(path.size()), pool) == DA_NOMEM) return DA_NOMEM;
     (*num)++;
     return 0;
 }
@@ -123,7 +123,7 @@ DA_LIBP* libp(DA_LIB* lp) { return static_cast<DA_LIBP*>(lp); }
 
 // Tests a directory; with create, makes the missing levels one at a time
 // with the permissions of the nearest existing parent.
-rctype ckdir(const std::string& path, bool create, int* perms) {
+[[nodiscard]] rctype ckdir(const std::string& path, bool create, int* perms) {
     struct stat st;
     std::string p = path;
     if (p.size() > 1 && p.back() == '/') p.pop_back();
@@ -166,13 +166,13 @@ rctype ckdir(const std::string& path, bool create, int* perms) {
 
 std::string libfname(DA_LIB* lp) { return std::string(lp->lib.path) + LIBFILE; }
 
-rctype preadall(int fd, void* buf, long len, off_t off) {
+[[nodiscard]] rctype preadall(int fd, void* buf, long len, off_t off) {
     rctype rc = dapreadall(fd, buf, len, off, nullptr);
     return rc == DA_SHORTREAD ? DA_LIBSHORT : rc;
 }
 
 // Reads one path list at off into the vector; pmod must match the request's.
-rctype loadpath(DA_LIBP* lp, int fd, double off, int reqpmod, int* num, DA_PATHINFO** vec, int* nstripes,
+[[nodiscard]] rctype loadpath(DA_LIBP* lp, int fd, double off, int reqpmod, int* num, DA_PATHINFO** vec, int* nstripes,
                 const std::string& fname) {
     if (off < LIBHEADLEN || off > 1e12) return DA_BADLIBFILE;
     LibPath lpth;
@@ -222,7 +222,7 @@ std::string packpath(int pmod, int num, const DA_PATHINFO* vec, int32_t at) {
 // Rewrites the whole library file: head with unset links first, then the
 // lists, then the head again with their offsets, so that a reader that
 // comes in between sees either the old lists or none.
-rctype writelib(DA_LIBP* lp, int pm_data, int pm_idx, bool owner) {
+[[nodiscard]] rctype writelib(DA_LIBP* lp, int pm_data, int pm_idx, bool owner) {
     int fd = lp->lfh->fd;
     LibHead h{};
     h.version = LIBVERSION;
@@ -287,7 +287,7 @@ void daullib(DA_LIB* lp) {
     mutex_unlock(&p->libLock);
 }
 
-rctype dasavpi(DA_PATHINFO* p, const char* path, int pathlen, xmpid pool) {
+[[nodiscard]] rctype dasavpi(DA_PATHINFO* p, const char* path, int pathlen, xmpid pool) {
     std::string norm = stdir(path, pathlen);
     p->path = pstrdup(pool, norm.data(), static_cast<int>(norm.size()));
     p->pathlen = static_cast<int>(norm.size());
@@ -308,7 +308,7 @@ rctype dasavpi(DA_PATHINFO* p, const char* path, int pathlen, xmpid pool) {
     return 0;
 }
 
-rctype daparsp(int qplen, const char* qpath, int modlock, int* numvec, DA_PATHINFO** pvec, xmpid pool) {
+[[nodiscard]] rctype daparsp(int qplen, const char* qpath, int modlock, int* numvec, DA_PATHINFO** pvec, xmpid pool) {
     rctype ret = 0;
     int i = 0;
     while (i < qplen && qpath[i] == ' ') i++;
@@ -355,7 +355,7 @@ rctype daparsp(int qplen, const char* qpath, int modlock, int* numvec, DA_PATHIN
     return ret;
 }
 
-rctype CheckPath(const char* pclass, int mode, int npath, DA_PATHINFO* paths) {
+[[nodiscard]] rctype CheckPath(const char* pclass, int mode, int npath, DA_PATHINFO* paths) {
     rctype first = 0;
     for (int i = 0; i < npath; i++) {
         DA_PATHINFO* p = &paths[i];
@@ -373,7 +373,7 @@ rctype CheckPath(const char* pclass, int mode, int npath, DA_PATHINFO* paths) {
     return first;
 }
 
-rctype daopenlib(DA_LIB* lib, int flags, int dirmode) {
+[[nodiscard]] rctype daopenlib(DA_LIB* lib, int flags, int dirmode) {
     DA_LIBP* lp = libp(lib);
     if (lp->lfh) return 0;
     std::string fname = libfname(lib);
@@ -426,21 +426,20 @@ rctype daopenlib(DA_LIB* lib, int flags, int dirmode) {
     return rc;
 }
 
-rctype dacloselib(DA_LIB* lib) {
+[[nodiscard]] rctype dacloselib(DA_LIB* lib) {
     DA_LIBP* lp = libp(lib);
     DA_LFH* h = lp->lfh;
     if (!h) return 0;
-    if (lp->lckflags) daunlocklib(lib);
+    rctype rc = lp->lckflags ? daunlocklib(lib) : 0;
     lp->lfh = nullptr;
     mutex_lock(&dagcb.libFileLock);
-    rctype rc = 0;
     if (--h->refcount == 0) {
         for (DA_LFH** pp = &dagcb.libFileList; *pp; pp = &(*pp)->next)
             if (*pp == h) {
                 *pp = h->next;
                 break;
             }
-        if (_UIODT->close(h->fd) != 0) rc = DA_SYSERR;
+        if (_UIODT->close(h->fd) != 0 && rc >= 0) rc = DA_SYSERR;
         rwlock_destroy(&h->shareLock);
         mutex_destroy(&h->readLock);
         xmfree(dagcb.pool, h->fname, h->fname_l + 1);
@@ -450,7 +449,7 @@ rctype dacloselib(DA_LIB* lib) {
     return rc;
 }
 
-rctype dalocklib(DA_LIB* lib, int mode) {
+[[nodiscard]] rctype dalocklib(DA_LIB* lib, int mode) {
     DA_LIBP* lp = libp(lib);
     DA_LFH* h = lp->lfh;
     if (!h) return DA_BADARG;
@@ -479,7 +478,7 @@ rctype dalocklib(DA_LIB* lib, int mode) {
     return 0;
 }
 
-rctype daunlocklib(DA_LIB* lib) {
+[[nodiscard]] rctype daunlocklib(DA_LIB* lib) {
     DA_LIBP* lp = libp(lib);
     DA_LFH* h = lp->lfh;
     if (!h || !lp->lckflags) return 0;
@@ -496,13 +495,13 @@ rctype daunlocklib(DA_LIB* lib) {
     return rc;
 }
 
-rctype dastatlib(DA_LIB* lib) {
+[[nodiscard]] rctype dastatlib(DA_LIB* lib) {
     struct stat st;
     std::string fname = libfname(lib);
     return stat(fname.c_str(), &st) == 0 ? 0 : daerrno(errno);
 }
 
-rctype dadellib(const char* path, int plen) {
+[[nodiscard]] rctype dadellib(const char* path, int plen) {
     std::string fname = stdir(path, plen) + LIBFILE;
     if (_UIODT->unlink(fname.c_str()) != 0 && errno != ENOENT) return daerrno(errno);
     return 0;
@@ -521,9 +520,10 @@ int dagetranpath(DA_LIB* lib, int pmax) {
     return static_cast<int>(x % static_cast<uint32_t>(pmax));
 }
 
-rctype daqylib(const char* name, DA_LIB** lp) {
+[[nodiscard]] rctype daqylib(const char* name, DA_LIB** lp) {
     *lp = nullptr;
-    dainit();
+    rctype rc = dainit();
+    if (rc < 0) return rc;
     mutex_lock(&dagcb.libLock);
     for (DA_LIBP* p = dagcb.libs; p; p = p->nextlib)
         if (memcmp(p->name, name, 8) == 0) {
@@ -537,7 +537,7 @@ rctype daqylib(const char* name, DA_LIB** lp) {
 namespace {
 
 // Loads the lists of the library file; an empty file means no paths yet.
-rctype readlib(DA_LIBP* lp, const DA_LIBSTR* lstr, const std::string& fname, bool* changed, bool* fileread) {
+[[nodiscard]] rctype readlib(DA_LIBP* lp, const DA_LIBSTR* lstr, const std::string& fname, bool* changed, bool* fileread) {
     int fd = lp->lfh->fd;
     LibHead h;
     memset(&h, 0, sizeof h);
@@ -577,11 +577,11 @@ rctype readlib(DA_LIBP* lp, const DA_LIBSTR* lstr, const std::string& fname, boo
 
 // The primary path is always the first metapath, also after the directory
 // moved.
-rctype primaryfirst(DA_LIBP* lp, const std::string& primary, bool* changed) {
+[[nodiscard]] rctype primaryfirst(DA_LIBP* lp, const std::string& primary, bool* changed) {
     if (lp->nummeta == 0) return addpv(&lp->nummeta, &lp->meta, primary, lp->pool);
     if (samepath(lp->meta[0], primary)) return 0;
     xmfree(lp->pool, lp->meta[0].path, lp->meta[0].pathlen + 1);
-    dasavpi(&lp->meta[0], primary.data(), static_cast<int>(primary.size()), lp->pool);
+    if (dasavpi(&lp->meta[0], primary.data(), static_cast<int>(primary.size()), lp->pool) == DA_NOMEM) return DA_NOMEM;
     for (int i = 1; i < lp->nummeta; i++)
         if (samepath(lp->meta[i], primary)) {
             xmfree(lp->pool, lp->meta[i].path, lp->meta[i].pathlen + 1);
@@ -594,7 +594,7 @@ rctype primaryfirst(DA_LIBP* lp, const std::string& primary, bool* changed) {
 }
 
 // Adds the request's lists; a library file we may not write keeps its paths.
-rctype applylists(DA_LIBP* lp, const DA_LIBSTR* lstr, const std::string& primary, int modlock, bool* changed,
+[[nodiscard]] rctype applylists(DA_LIBP* lp, const DA_LIBSTR* lstr, const std::string& primary, int modlock, bool* changed,
                   rctype* warn) {
     struct {
         const char* text;
@@ -636,7 +636,7 @@ rctype applylists(DA_LIBP* lp, const DA_LIBSTR* lstr, const std::string& primary
 }
 
 // Unique filesystems of the data paths, the primary first.
-rctype setutil(DA_LIBP* lp, const std::string& primary) {
+[[nodiscard]] rctype setutil(DA_LIBP* lp, const std::string& primary) {
     rctype rc = addpv(&lp->numutil, &lp->util, primary, lp->pool);
     for (int i = 0; rc >= 0 && i < lp->numdata; i++) {
         bool seen = false;
@@ -648,7 +648,7 @@ rctype setutil(DA_LIBP* lp, const std::string& primary) {
 
 // The request's work paths when they can be read and written, else the
 // default temporary directory.
-rctype setwork(DA_LIBP* lp, const DA_LIBSTR* lstr, rctype* warn) {
+[[nodiscard]] rctype setwork(DA_LIBP* lp, const DA_LIBSTR* lstr, rctype* warn) {
     if (lstr->workpaths && lstr->workpaths_l > 0) {
         rctype prc = daparsp(lstr->workpaths_l, lstr->workpaths, 0, &lp->numwork, &lp->work, lp->pool);
         if (prc >= 0 && lp->numwork > 0 && CheckPath("WORKPATH", R_OK | W_OK, lp->numwork, lp->work) == 0) {
@@ -690,8 +690,7 @@ DA_LIBP* newlib(const DA_LIBSTR* lstr, const std::string& primary, int perms) {
     lp->statLevel = lstr->stats;
     lp->cacheLevel = lstr->caching;
     lp->perms = perms;
-    dasavpi(&lp->lib, primary.data(), static_cast<int>(primary.size()), pool);
-    if (!lp->lib.path) {
+    if (dasavpi(&lp->lib, primary.data(), static_cast<int>(primary.size()), pool) == DA_NOMEM) {
         mutex_destroy(&lp->libLock);
         xmpoold(pool);
         return nullptr;
@@ -707,7 +706,7 @@ DA_LIBP* newlib(const DA_LIBSTR* lstr, const std::string& primary, int perms) {
 
 }  // namespace
 
-rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
+[[nodiscard]] rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
     *libRet = nullptr;
     rctype rc = dainit();
     if (rc < 0) return rc;
@@ -760,8 +759,8 @@ rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
         }
         if (rc >= 0 && libfilewritable(lp)) {
             if (lp->lckflags != DA_LIBLKWRITE) {
-                daunlocklib(lp);
-                rc = dalocklib(lp, DA_LIBLKWRITE);
+                rc = daunlocklib(lp);
+                if (rc >= 0) rc = dalocklib(lp, DA_LIBLKWRITE);
             }
             if (rc >= 0) {
                 int pmd = lstr->pm_data ? lstr->pm_data : DA_PMODLINEAR;
@@ -773,21 +772,20 @@ rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
     }
     // The library file is open only while a library is being assigned.
     if (lp->lfh) {
-        daunlocklib(lp);
         rctype crc = dacloselib(lp);
         if (rc >= 0 && crc < 0) rc = crc;
     }
     if (rc >= 0) rc = setutil(lp, primary);
     if (rc >= 0) {
         // Bad paths are reported here but do not stop the assignment.
-        CheckPath("METAPATH", R_OK, lp->nummeta, lp->meta);
-        CheckPath("DATAPATH", R_OK, lp->numdata, lp->data);
-        CheckPath("INDEXPATH", R_OK, lp->numidx, lp->idx);
+        daignore(CheckPath("METAPATH", R_OK, lp->nummeta, lp->meta));
+        daignore(CheckPath("DATAPATH", R_OK, lp->numdata, lp->data));
+        daignore(CheckPath("INDEXPATH", R_OK, lp->numidx, lp->idx));
         rc = setwork(lp, lstr, &warn);
     }
     if (rc < 0) {
         lp->pflags |= DA_LPABANDON;
-        dafrlib(lp);
+        daignore(dafrlib(lp));
         return rc;
     }
     lp->flags |= DA_LFASSIGNED;
@@ -799,14 +797,11 @@ rctype dagtlib(const DA_LIBSTR* lstr, DA_LIB** libRet) {
     return warn;
 }
 
-rctype dafrlib(DA_LIB* lib) {
+[[nodiscard]] rctype dafrlib(DA_LIB* lib) {
     if (!lib) return DA_BADARG;
     DA_LIBP* lp = libp(lib);
     rctype rc = 0;
-    if (lp->lfh) {
-        daunlocklib(lp);
-        dacloselib(lp);
-    }
+    if (lp->lfh) rc = dacloselib(lp);
     dalklib(lp);
     while (lp->fids.next != &lp->fids) {
         DA_LINK* first = lp->fids.next;
@@ -833,8 +828,10 @@ rctype dafrlib(DA_LIB* lib) {
     mutex_unlock(&dagcb.libLock);
 
     // A failed assignment leaves no library file that it made itself.
-    if ((lp->pflags & DA_LPABANDON) && (lp->pflags & DA_LPCREATED) && lp->lib.path)
-        dadellib(lp->lib.path, lp->lib.pathlen);
+    if ((lp->pflags & DA_LPABANDON) && (lp->pflags & DA_LPCREATED) && lp->lib.path) {
+        rctype drc = dadellib(lp->lib.path, lp->lib.pathlen);
+        if (drc < 0 && rc >= 0) rc = drc;
+    }
     mutex_destroy(&lp->libLock);
     xmpoold(lp->pool);
     return rc;

@@ -50,7 +50,7 @@ bool exists(const std::string& path) {
     return !path.empty() && stat(path.c_str(), &st) == 0;
 }
 
-rctype fdio_read(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
+[[nodiscard]] rctype fdio_read(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
     auto* fd = static_cast<DA_FD*>(ctx);
     return fd->fdread(fd, buf, size, offset, nread);
 }
@@ -82,7 +82,7 @@ int tableflags(const std::string& dir, const DA_DIRENT& ent) {
     if (dardsfh(io, &h, fd->baseoff) >= 0 && h.links[DA_LNKXOE] > 0 && dardxoe(io, &x, h.links[DA_LNKXOE]) >= 0 &&
         (x.flags & DA_XOEMEMF8))
         flags |= 8;
-    fd->fdclose(fd);
+    daignore(fd->fdclose(fd));  // a read-only look: nothing to lose at its close
     return flags;
 }
 
@@ -98,7 +98,7 @@ int delrank(const std::string& type) {
 
 }  // namespace
 
-rctype daopdir(DA_LIB* lp, int flags, DA_DIRH** dh) {
+[[nodiscard]] rctype daopdir(DA_LIB* lp, int flags, DA_DIRH** dh) {
     *dh = nullptr;
     if (!lp) return DA_BADARG;
     std::vector<std::string> paths;
@@ -164,19 +164,19 @@ rctype daopdir(DA_LIB* lp, int flags, DA_DIRH** dh) {
     return 0;
 }
 
-rctype darddir(DA_DIRH* dh, DA_DIRENT* ent) {
+[[nodiscard]] rctype darddir(DA_DIRH* dh, DA_DIRENT* ent) {
     if (!dh) return DA_BADARG;
     if (dh->next >= dh->ents.size()) return DA_EOF;
     *ent = dh->ents[dh->next++];
     return 0;
 }
 
-rctype dacldir(DA_DIRH* dh) {
+[[nodiscard]] rctype dacldir(DA_DIRH* dh) {
     delete dh;
     return 0;
 }
 
-rctype dafindds(DA_LIB* lp, const char* name, int* kind) {
+[[nodiscard]] rctype dafindds(DA_LIB* lp, const char* name, int* kind) {
     if (!lp || !name) return DA_BADARG;
     std::string n = lowername(name);
     if (n.empty()) return DA_BADARG;
@@ -191,7 +191,7 @@ rctype dafindds(DA_LIB* lp, const char* name, int* kind) {
     return DA_NOTFOUND;
 }
 
-rctype daexist(DA_LIB* lp, const char* name, const char* type) {
+[[nodiscard]] rctype daexist(DA_LIB* lp, const char* name, const char* type) {
     if (!lp || !name || !type) return DA_BADARG;
     std::string t = lowertrim(type, 8);
     if (t == "data") {
@@ -203,7 +203,7 @@ rctype daexist(DA_LIB* lp, const char* name, const char* type) {
     return exists(firstpart(lp, n + "." + t)) ? 0 : DA_NOTFOUND;
 }
 
-rctype dadelet(DA_LIB* lp, const char* name, const char* type) {
+[[nodiscard]] rctype dadelet(DA_LIB* lp, const char* name, const char* type) {
     if (!lp || !name || !type) return DA_BADARG;
     std::string n = lowername(name);
     std::string t = lowertrim(type, 8);
@@ -266,8 +266,8 @@ rctype dadelet(DA_LIB* lp, const char* name, const char* type) {
             if (!first) first = urc;
         }
     }
-    daulmem(lp, lid, DA_LKMEMBER, DA_OMUTIL, me);
-    return first;
+    rctype lrc = daulmem(lp, lid, DA_LKMEMBER, DA_OMUTIL, me);
+    return first < 0 ? first : lrc;
 }
 
 }  // namespace vrta

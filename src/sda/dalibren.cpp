@@ -43,7 +43,7 @@ bool firstexists(DA_LIB* lp, const std::string& base) {
 }
 
 // Renames one file whose FIB is a record of the metadata file.
-rctype renindirect(DA_LIB* lp, DA_FD* mdf, da_off_t fiboff, int kind, const std::string& from, const std::string& to,
+[[nodiscard]] rctype renindirect(DA_LIB* lp, DA_FD* mdf, da_off_t fiboff, int kind, const std::string& from, const std::string& to,
                    const std::string& sfx) {
     std::string oldn = lname(kind, from, sfx), newn = lname(kind, to, sfx);
     if (oldn.empty() || newn.empty()) return DA_BADARG;
@@ -72,7 +72,7 @@ rctype renindirect(DA_LIB* lp, DA_FD* mdf, da_off_t fiboff, int kind, const std:
 }
 
 // A table: its data file and index files first, then the metadata file.
-rctype rentable(DA_LIB* lp, const std::string& from, const std::string& to) {
+[[nodiscard]] rctype rentable(DA_LIB* lp, const std::string& from, const std::string& to) {
     std::string mdfn = lname(KMDF, from, "");
     std::vector<const char*> meta = pathsof(lp->nummeta, lp->meta);
     DA_FDSTR fs{};
@@ -135,7 +135,7 @@ rctype rentable(DA_LIB* lp, const std::string& from, const std::string& to) {
 }
 
 // A utility member is one logical file that holds its own FIB.
-rctype renutil(DA_LIB* lp, const std::string& from, const std::string& to, const std::string& type) {
+[[nodiscard]] rctype renutil(DA_LIB* lp, const std::string& from, const std::string& to, const std::string& type) {
     std::string oldn = lname(KUTIL, from, type), newn = lname(KUTIL, to, type);
     std::vector<const char*> meta = pathsof(lp->nummeta, lp->meta);
     DA_FDSTR fs{};
@@ -157,7 +157,7 @@ rctype renutil(DA_LIB* lp, const std::string& from, const std::string& to, const
 
 }  // namespace
 
-rctype darenam(DA_LIB* lp, const char* name, const char* type, const char* newname) {
+[[nodiscard]] rctype darenam(DA_LIB* lp, const char* name, const char* type, const char* newname) {
     if (!lp || !name || !type || !newname) return DA_BADARG;
     std::string from = lowername(name), to = lowername(newname), t = lowertrim(type, 8);
     if (from.empty() || to.empty() || t.empty() || to.size() > 32) return DA_BADARG;
@@ -184,15 +184,17 @@ rctype darenam(DA_LIB* lp, const char* name, const char* type, const char* newna
     }
     rc = dalkmem(lp, to.c_str(), type, DA_LKMEMBER, DA_OMUTIL, me, 0, &lnew, &owner);
     if (rc < 0) {
-        daulmem(lp, lold, DA_LKMEMBER, DA_OMUTIL, me);
+        daignore(daulmem(lp, lold, DA_LKMEMBER, DA_OMUTIL, me));
         return rc;
     }
     bool taken = data ? (firstexists(lp, lname(KMDF, to, "")) || firstexists(lp, lname(KCDF, to, "")))
                       : firstexists(lp, lname(KUTIL, to, t));
     if (taken) rc = DA_EXISTS;
     else rc = data ? rentable(lp, from, to) : renutil(lp, from, to, t);
-    daulmem(lp, lnew, DA_LKMEMBER, DA_OMUTIL, me);
-    daulmem(lp, lold, DA_LKMEMBER, DA_OMUTIL, me);
+    rctype lrc = daulmem(lp, lnew, DA_LKMEMBER, DA_OMUTIL, me);
+    rctype orc = daulmem(lp, lold, DA_LKMEMBER, DA_OMUTIL, me);
+    if (rc >= 0 && lrc < 0) rc = lrc;
+    if (rc >= 0 && orc < 0) rc = orc;
     return rc;
 }
 

@@ -34,20 +34,20 @@ bool firstexists(const char* dir, const char* base) {
     return stat((std::string(dir) + pfn).c_str(), &st) == 0;
 }
 
-rctype ufclo(DA_UFILE* uf) {
+[[nodiscard]] rctype ufclo(DA_UFILE* uf) {
     if (!uf) return DA_BADARG;
     rctype rc = uf->fd ? uf->fd->fdclose(uf->fd) : 0;
-    if (uf->lid) daulmem(uf->lib, uf->lid, DA_LKMEMBER, uf->omode, thr_self());
+    rctype lrc = uf->lid ? daulmem(uf->lib, uf->lid, DA_LKMEMBER, uf->omode, thr_self()) : 0;
     xmfree(dagcb.pool, uf, sizeof *uf);
-    return rc;
+    return rc < 0 ? rc : lrc;
 }
 
-rctype uftrc(DA_UFILE* uf, da_off_t endoff) {
+[[nodiscard]] rctype uftrc(DA_UFILE* uf, da_off_t endoff) {
     if (endoff < 0) return DA_BADARG;
     return uf->fd->fdtrunc(uf->fd, uf->dataoff + endoff);
 }
 
-rctype ufren(DA_UFILE* uf, const char* newname) {
+[[nodiscard]] rctype ufren(DA_UFILE* uf, const char* newname) {
     std::string to = lowername(newname);
     if (to.empty()) return DA_BADARG;
     char base[128];
@@ -59,27 +59,27 @@ rctype ufren(DA_UFILE* uf, const char* newname) {
     return rc;
 }
 
-rctype ufread(DA_UFILE* uf, void* buf, long size, da_off_t off, long* nread) {
+[[nodiscard]] rctype ufread(DA_UFILE* uf, void* buf, long size, da_off_t off, long* nread) {
     if (off < 0) return DA_BADOFFSET;
     return uf->fd->fdread(uf->fd, buf, size, uf->dataoff + off, nread);
 }
 
-rctype ufwrite(DA_UFILE* uf, const void* buf, long size, da_off_t* off) {
+[[nodiscard]] rctype ufwrite(DA_UFILE* uf, const void* buf, long size, da_off_t* off) {
     da_off_t o = *off < 0 ? -1 : uf->dataoff + *off;
     rctype rc = uf->fd->fdwrite(uf->fd, buf, size, &o);
     if (rc >= 0) *off = o - uf->dataoff;
     return rc;
 }
 
-rctype uflock(DA_UFILE* uf, int mode) {
+[[nodiscard]] rctype uflock(DA_UFILE* uf, int mode) {
     DA_FDROB rob{0, 0};
     int cmd = mode == 16 ? DA_FDLOCKRD : mode == 32 ? DA_FDLOCKWR : DA_FDUNLOCK;
     return uf->fd->fdcntl(uf->fd, cmd, &rob);
 }
 
-rctype ufdelete(DA_UFILE* uf) { return uf->fd->fddelete(uf->fd, -1); }
+[[nodiscard]] rctype ufdelete(DA_UFILE* uf) { return uf->fd->fddelete(uf->fd, -1); }
 
-rctype ufreopen(DA_UFILE* uf, int flags) {
+[[nodiscard]] rctype ufreopen(DA_UFILE* uf, int flags) {
     DA_FDROB rob{(flags & 5) ? DA_FDWRITE : DA_FDRDONLY, 0};
     rctype rc = uf->fd->fdcntl(uf->fd, DA_FDREOPEN, &rob);
     if (rc >= 0) uf->flags = flags;
@@ -90,7 +90,7 @@ const DA_UFMT ufmt = {ufclo, uftrc, ufren, ufread, ufwrite, uflock, ufdelete, uf
 
 }  // namespace
 
-rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFILE** ufp) {
+[[nodiscard]] rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFILE** ufp) {
     *ufp = nullptr;
     if (!lp || !type) return DA_BADARG;
     std::string t = lowertrim(type, 8);
@@ -139,14 +139,14 @@ rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFI
         rc = dafdopn(&fs, &uf->fd);
         if (rc == DA_EXISTS && nameless) {
             // Another made the same name first: take the next number.
-            daulmem(lp, uf->lid, DA_LKMEMBER, omode, thr_self());
+            daignore(daulmem(lp, uf->lid, DA_LKMEMBER, omode, thr_self()));
             uf->lid = nullptr;
             continue;
         }
         break;
     }
     if (rc < 0) {
-        if (uf->lid) daulmem(lp, uf->lid, DA_LKMEMBER, omode, thr_self());
+        if (uf->lid) daignore(daulmem(lp, uf->lid, DA_LKMEMBER, omode, thr_self()));
         xmfree(dagcb.pool, uf, sizeof *uf);
         return rc;
     }
@@ -161,7 +161,7 @@ rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFI
         // A file without its head: only a writer may give it one.
         if (!write) {
             hsprint("daoputl: Utility file %s has no head\n", base);
-            ufclo(uf);
+            daignore(ufclo(uf));
             return DA_BADVERSION;
         }
         dainitutlh(&head);
@@ -174,7 +174,7 @@ rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFI
         if (rc >= 0 && (static_cast<uint32_t>(head.ods.version) >> 16) != (DA_UTLHEAD_VER >> 16)) rc = DA_BADVERSION;
     }
     if (rc < 0) {
-        ufclo(uf);
+        daignore(ufclo(uf));
         return rc;
     }
     uf->headflags = head.flags;
@@ -184,7 +184,7 @@ rctype daoputl(DA_LIB* lp, const char* name, const char* type, int flags, DA_UFI
     return warn;
 }
 
-rctype daworkf(DA_LIB* lp, int opnflags, DA_FD** rfd) {
+[[nodiscard]] rctype daworkf(DA_LIB* lp, int opnflags, DA_FD** rfd) {
     *rfd = nullptr;
     if (!lp || lp->numwork <= 0) return DA_BADARG;
     std::vector<const char*> paths;

@@ -58,7 +58,7 @@ void SafeUnlock(DA_LOCK* lcb) {
 }
 
 // Takes the file's locks for a new holder in this process.
-rctype SafeLock(DA_LOCK* lcb, int omode, int level, int dynflag, pid_t* ownpid) {
+[[nodiscard]] rctype SafeLock(DA_LOCK* lcb, int omode, int level, int dynflag, pid_t* ownpid) {
     bool dyn = (dynflag & DA_LKDYNAMIC) != 0;
     int kind = (level == DA_LKBACKUP || omode == DA_OMINPUT) ? DA_LCKREAD : DA_LCKWRITE;
     bool create = level == DA_LKBACKUP || omode != DA_OMINPUT;
@@ -109,7 +109,7 @@ rctype SafeLock(DA_LOCK* lcb, int omode, int level, int dynflag, pid_t* ownpid) 
         lcb->flags |= DA_LCKPRESENCE;
         rc = dalockr(fd, kind, RMEMBER, RLEN);
         if (rc < 0) {
-            if (ownpid) daqylkor(fd, kind, RMEMBER, RLEN, ownpid);
+            if (ownpid) daignore(daqylkor(fd, kind, RMEMBER, RLEN, ownpid));
             SafeUnlock(lcb);
             return rc;
         }
@@ -181,18 +181,20 @@ bool DropReadTask(DA_LOCK* lcb, thread_t tid) {
     return false;
 }
 
-void CloseComponent(DA_LOCK* lcb) {
+[[nodiscard]] rctype CloseComponent(DA_LOCK* lcb) {
+    rctype rc = 0;
     if (lcb->memfd) {
-        lcb->memfd->fdclose(lcb->memfd);
+        rc = lcb->memfd->fdclose(lcb->memfd);
         lcb->memfd = nullptr;
     }
     lcb->memlock = 0;
+    return rc;
 }
 
 // Opens the member's metadata file (or its cluster file) and locks its FIB
 // region, so that a table is protected twice: by the lock file and by its
 // first bytes.
-rctype LockComponent(DA_LIB* lp, DA_LOCK* lcb, int omode, pid_t* ownpid) {
+[[nodiscard]] rctype LockComponent(DA_LIB* lp, DA_LOCK* lcb, int omode, pid_t* ownpid) {
     if (lcb->mtype != KMDF) return 0;
     if ((lcb->dynflag & DA_LKDYNAMIC) && omode != DA_OMUTIL) return 0;
     bool wr = !(omode == DA_OMINPUT || omode == DA_OMOUTPUT);
@@ -222,13 +224,12 @@ rctype LockComponent(DA_LIB* lp, DA_LOCK* lcb, int omode, pid_t* ownpid) {
         rc = fd->fdcntl(fd, wr ? DA_FDLOCKWR : DA_FDLOCKRD, &rob);
         if (rc < 0) {
             if (ownpid) *ownpid = rob.ownpid;
-            fd->fdclose(fd);
+            daignore(fd->fdclose(fd));
             return rc;
         }
         if (omode == DA_OMOUTPUT) {
             // A new table replaces this one: the test was all that was needed.
-            fd->fdclose(fd);
-            return 0;
+            return fd->fdclose(fd);
         }
         lcb->memfd = fd;
         lcb->memlock = wr ? DA_LCKWRITE : DA_LCKREAD;
@@ -239,7 +240,7 @@ rctype LockComponent(DA_LIB* lp, DA_LOCK* lcb, int omode, pid_t* ownpid) {
 
 // Turns the component lock into a write lock for an update of a table that
 // was open for input.
-rctype UpgradeComponent(DA_LIB* lp, DA_LOCK* lcb, pid_t* ownpid) {
+[[nodiscard]] rctype UpgradeComponent(DA_LIB* lp, DA_LOCK* lcb, pid_t* ownpid) {
     if (!lcb->memfd) return LockComponent(lp, lcb, DA_OMUPDATE, ownpid);
     DA_FDROB rob{DA_FDWRITE, 0};
     rctype rc = lcb->memfd->fdcntl(lcb->memfd, DA_FDREOPEN, &rob);
@@ -256,11 +257,11 @@ rctype UpgradeComponent(DA_LIB* lp, DA_LOCK* lcb, pid_t* ownpid) {
 
 // Converts the member range; without a lock file there was no writer, so
 // the file is made now.
-rctype ConvertMember(DA_LOCK* lcb, int kind, int omode, int level, pid_t* ownpid) {
+[[nodiscard]] rctype ConvertMember(DA_LOCK* lcb, int kind, int omode, int level, pid_t* ownpid) {
     if (lcb->lockfd < 0) return SafeLock(lcb, omode, level, lcb->dynflag, ownpid);
     rctype rc = dalockr(lcb->lockfd, kind, RMEMBER, RLEN);
     if (rc < 0) {
-        if (ownpid) daqylkor(lcb->lockfd, kind, RMEMBER, RLEN, ownpid);
+        if (ownpid) daignore(daqylkor(lcb->lockfd, kind, RMEMBER, RLEN, ownpid));
         return rc;
     }
     lcb->lockHeld = kind;
@@ -268,7 +269,7 @@ rctype ConvertMember(DA_LOCK* lcb, int kind, int omode, int level, pid_t* ownpid
 }
 
 // The rules between holders inside this process.
-rctype CheckLock(DA_LIB* lp, DA_LOCK* lcb, int omode, int level, thread_t tid, pid_t* ownpid) {
+[[nodiscard]] rctype CheckLock(DA_LIB* lp, DA_LOCK* lcb, int omode, int level, thread_t tid, pid_t* ownpid) {
     if (lcb->refCount == 0) {
         // Nobody holds it any more (a conversion released the last hold).
         int kind = (level == DA_LKBACKUP || omode == DA_OMINPUT) ? DA_LCKREAD : DA_LCKWRITE;
@@ -293,7 +294,7 @@ rctype CheckLock(DA_LIB* lp, DA_LOCK* lcb, int omode, int level, thread_t tid, p
             if (omode == DA_OMUPDATE) {
                 rc = UpgradeComponent(lp, lcb, ownpid);
                 if (rc < 0) {
-                    ConvertMember(lcb, DA_LCKREAD, DA_OMINPUT, level, nullptr);
+                    daignore(ConvertMember(lcb, DA_LCKREAD, DA_OMINPUT, level, nullptr));
                     return rc;
                 }
             }
@@ -339,25 +340,29 @@ void FreeTaskLock(DA_LOCK* lcb, int omode, thread_t tid) {
     }
 }
 
-void FreeMemLock(DA_LOCK* lcb) {
-    if (lcb->refCount > 0) return;
+[[nodiscard]] rctype FreeMemLock(DA_LOCK* lcb) {
+    if (lcb->refCount > 0) return 0;
     for (DA_LOCK** pp = &dagcb.lcbs; *pp; pp = &(*pp)->next)
         if (*pp == lcb) {
             *pp = lcb->next;
             break;
         }
-    CloseComponent(lcb);
-    if (lcb->lockfd >= 0 && (lcb->flags & DA_LCKDYNAMIC) && lcb->dynmode) daunlockr(lcb->lockfd, RCALL, RLEN);
+    rctype rc = CloseComponent(lcb);
+    if (lcb->lockfd >= 0 && (lcb->flags & DA_LCKDYNAMIC) && lcb->dynmode) {
+        rctype urc = daunlockr(lcb->lockfd, RCALL, RLEN);
+        if (rc >= 0) rc = urc;
+    }
     SafeUnlock(lcb);
     if (lcb->tlbs) xmfree(dagcb.pool, lcb->tlbs, lcb->numalloc * static_cast<long>(sizeof(DA_TLB)));
     freestr(lcb->fullpath);
     freestr(lcb->mempath);
     xmfree(dagcb.pool, lcb, sizeof *lcb);
+    return rc;
 }
 
 }  // namespace
 
-rctype dalkmem(DA_LIB* lp, const char* memname, const char* memtype, int level, int omode, thread_t tid,
+[[nodiscard]] rctype dalkmem(DA_LIB* lp, const char* memname, const char* memtype, int level, int omode, thread_t tid,
                int dynflag, DA_LOCK** lid, pid_t* ownpid) {
     *lid = nullptr;
     if (ownpid) *ownpid = 0;
@@ -432,7 +437,7 @@ rctype dalkmem(DA_LIB* lp, const char* memname, const char* memtype, int level, 
         // holding up the other member locks of this process meanwhile.
         rctype drc = dalockr(fd, 32 | 0x800, RDYNUPD, RLEN);
         if (drc < 0) {
-            daulmem(lp, lcb, level, omode, tid);
+            daignore(daulmem(lp, lcb, level, omode, tid));
             return drc;
         }
     }
@@ -440,19 +445,19 @@ rctype dalkmem(DA_LIB* lp, const char* memname, const char* memtype, int level, 
     return rc;
 }
 
-rctype daulmem(DA_LIB* lp, DA_LOCK* lid, int level, int omode, thread_t tid) {
+[[nodiscard]] rctype daulmem(DA_LIB* lp, DA_LOCK* lid, int level, int omode, thread_t tid) {
     (void)lp;
     (void)level;
     if (!lid) return DA_BADARG;
     mutex_lock(&dagcb.lcbLock);
     int mmode = ((lid->dynflag & DA_LKDYNAMIC) && omode == DA_OMUPDATE) ? DA_OMINPUT : omode;
     FreeTaskLock(lid, mmode, tid);
-    FreeMemLock(lid);
+    rctype rc = FreeMemLock(lid);
     mutex_unlock(&dagcb.lcbLock);
-    return 0;
+    return rc;
 }
 
-rctype daconlk(DA_LIB* lp, DA_LOCK* lid, int level, int omode, int nmode, thread_t tid, pid_t* ownpid) {
+[[nodiscard]] rctype daconlk(DA_LIB* lp, DA_LOCK* lid, int level, int omode, int nmode, thread_t tid, pid_t* ownpid) {
     if (ownpid) *ownpid = 0;
     if (!lid || nmode == DA_OMOUTPUT) return DA_BADARG;
     if (nmode == omode) return 0;
@@ -501,7 +506,7 @@ rctype daconlk(DA_LIB* lp, DA_LOCK* lid, int level, int omode, int nmode, thread
     return rc;
 }
 
-rctype dalkdyn(DA_LOCK* lcb, int mode) {
+[[nodiscard]] rctype dalkdyn(DA_LOCK* lcb, int mode) {
     if (!lcb || !(lcb->flags & DA_LCKDYNAMIC) || lcb->lockfd < 0) return DA_BADARG;
     rctype rc = 0;
     if (mode == DA_SHRREAD) {

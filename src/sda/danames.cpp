@@ -147,7 +147,7 @@ void damkwrkn(pid_t pid, uint32_t t, char out[23]) {
     std::snprintf(out, 23, "vrta_%8.8X.%8.8X", static_cast<unsigned>(pid), t);
 }
 
-rctype dafreewrk(const char* dir, pid_t pid, time_t now, char* out, int size) {
+[[nodiscard]] rctype dafreewrk(const char* dir, pid_t pid, time_t now, char* out, int size) {
     if (size < 23) return DA_BADARG;
     uint32_t t = static_cast<uint32_t>(now);
     std::string base = dir ? dir : ".";

@@ -68,6 +68,6 @@ void damkwrkn(pid_t pid, uint32_t t, char out[23]);
 // A work file name that does not exist yet in dir: the time is raised by one
 // until the name is free. out gets the name only. 0, 0x80000220 for a
 // small buffer, 0x8000021c when no name is free.
-rctype dafreewrk(const char* dir, pid_t pid, time_t now, char* out, int size);
+[[nodiscard]] rctype dafreewrk(const char* dir, pid_t pid, time_t now, char* out, int size);
 
 }  // namespace vrta

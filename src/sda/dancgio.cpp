@@ -56,7 +56,7 @@ void dadeiob(const DA_FCB* fcb, hs_obsno_t obsno, const char* disk, char* rows, 
     }
 }
 
-rctype dancgio(DA_FID* fp, int iom, DA_IOCB** iocb) {
+[[nodiscard]] rctype dancgio(DA_FID* fp, int iom, DA_IOCB** iocb) {
     const DA_FCB* fcb = fcbof(fp);
     if (fcb->xoe.odsreclen != groups(fcb->xoe.obslen) * 4) return DA_INTERNAL;
     return dasgioc(fp, iom, true, iocb);

@@ -18,7 +18,7 @@ namespace vrta {
 
 namespace {
 
-rctype pfdread(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
+[[nodiscard]] rctype pfdread(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
     int fd = *static_cast<int*>(ctx);
     *nread = 0;
     if (offset < 0) return DA_BADOFFSET;
@@ -28,7 +28,7 @@ rctype pfdread(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
     return (*nread == 0 && size > 0) ? DA_EOF : 0;
 }
 
-rctype pfdwrite(void* ctx, const void* buf, long size, da_off_t* off) {
+[[nodiscard]] rctype pfdwrite(void* ctx, const void* buf, long size, da_off_t* off) {
     int fd = *static_cast<int*>(ctx);
     da_off_t at = *off;
     if (at < 0) {
@@ -45,7 +45,7 @@ rctype pfdwrite(void* ctx, const void* buf, long size, da_off_t* off) {
 const char* ioname(const DA_ODSIO& io) { return io.name ? io.name : "?"; }
 
 // Reads exactly size bytes; anything less is a short read.
-rctype readall(const DA_ODSIO& io, const char* fn, void* buf, long size, da_off_t offset) {
+[[nodiscard]] rctype readall(const DA_ODSIO& io, const char* fn, void* buf, long size, da_off_t offset) {
     long got = 0;
     rctype rc = io.read(io.ctx, buf, size, offset, &got);
     if (rc == DA_EOF || (rc == 0 && got < size)) rc = DA_SHORTREAD;
@@ -55,19 +55,19 @@ rctype readall(const DA_ODSIO& io, const char* fn, void* buf, long size, da_off_
     return rc;
 }
 
-rctype badversion(const DA_ODSIO& io, const char* fn, da_off_t offset, int32_t version) {
+[[nodiscard]] rctype badversion(const DA_ODSIO& io, const char* fn, da_off_t offset, int32_t version) {
     hsprint("%s: Version not understood: File=%s Offset=%lld Version=0x%8.8x Reason=%s\n", fn, ioname(io),
             static_cast<long long>(offset), static_cast<unsigned>(version), hsstrer(DA_BADVERSION));
     return DA_BADVERSION;
 }
 
-rctype inconsistent(const DA_ODSIO& io, const char* fn, da_off_t offset, const char* what) {
+[[nodiscard]] rctype inconsistent(const DA_ODSIO& io, const char* fn, da_off_t offset, const char* what) {
     hsprint("%s: %s: File=%s Offset=%lld Reason=%s\n", fn, what, ioname(io), static_cast<long long>(offset),
             hsstrer(DA_INTERNAL));
     return DA_INTERNAL;
 }
 
-rctype readods(const DA_ODSIO& io, const char* fn, void* strptr, int size, da_off_t offset) {
+[[nodiscard]] rctype readods(const DA_ODSIO& io, const char* fn, void* strptr, int size, da_off_t offset) {
     DA_ODSHEAD head;
     rctype rc = readall(io, fn, &head, sizeof head, offset);
     if (rc < 0) return rc;
@@ -82,7 +82,7 @@ rctype readods(const DA_ODSIO& io, const char* fn, void* strptr, int size, da_of
 }
 
 // Current records share the major byte 4; anything else is another format.
-rctype readv4(const DA_ODSIO& io, const char* fn, void* r, int size, da_off_t offset) {
+[[nodiscard]] rctype readv4(const DA_ODSIO& io, const char* fn, void* r, int size, da_off_t offset) {
     rctype rc = readods(io, fn, r, size, offset);
     if (rc < 0) return rc;
     int32_t v = static_cast<DA_ODSHEAD*>(r)->version;
@@ -95,11 +95,11 @@ rctype readv4(const DA_ODSIO& io, const char* fn, void* r, int size, da_off_t of
 DA_ODSIO daodspfd(int* fd, const char* name) { return DA_ODSIO{pfdread, pfdwrite, fd, name}; }
 
 namespace {
-rctype lfdread(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
+[[nodiscard]] rctype lfdread(void* ctx, void* buf, long size, da_off_t offset, long* nread) {
     auto* fd = static_cast<DA_FD*>(ctx);
     return fd->fdread(fd, buf, size, offset, nread);
 }
-rctype lfdwrite(void* ctx, const void* buf, long size, da_off_t* off) {
+[[nodiscard]] rctype lfdwrite(void* ctx, const void* buf, long size, da_off_t* off) {
     auto* fd = static_cast<DA_FD*>(ctx);
     return fd->fdwrite(fd, buf, size, off);
 }
@@ -115,28 +115,28 @@ struct FdName {
     }
 };
 
-rctype dardods(DA_FD* fd, void* strptr, int size, da_off_t offset) {
+[[nodiscard]] rctype dardods(DA_FD* fd, void* strptr, int size, da_off_t offset) {
     FdName n(fd);
     return dardods(daodsfd(fd, n.ps.name), strptr, size, offset);
 }
-rctype dawrods(DA_FD* fd, const void* strptr, da_off_t* off) {
+[[nodiscard]] rctype dawrods(DA_FD* fd, const void* strptr, da_off_t* off) {
     FdName n(fd);
     return dawrods(daodsfd(fd, n.ps.name), strptr, off);
 }
-rctype dardxoe(DA_FD* fd, DA_XOEODS* xoe, da_off_t offset) {
+[[nodiscard]] rctype dardxoe(DA_FD* fd, DA_XOEODS* xoe, da_off_t offset) {
     FdName n(fd);
     return dardxoe(daodsfd(fd, n.ps.name), xoe, offset);
 }
-rctype dawrxoe(DA_FD* fd, const DA_XOEODS* xoe, da_off_t offset) {
+[[nodiscard]] rctype dawrxoe(DA_FD* fd, const DA_XOEODS* xoe, da_off_t offset) {
     FdName n(fd);
     return dawrxoe(daodsfd(fd, n.ps.name), xoe, offset);
 }
 
-rctype dardods(const DA_ODSIO& io, void* strptr, int size, da_off_t offset) {
+[[nodiscard]] rctype dardods(const DA_ODSIO& io, void* strptr, int size, da_off_t offset) {
     return readods(io, "dardods", strptr, size, offset);
 }
 
-rctype dawrods(const DA_ODSIO& io, const void* strptr, da_off_t* off) {
+[[nodiscard]] rctype dawrods(const DA_ODSIO& io, const void* strptr, da_off_t* off) {
     const DA_ODSHEAD* h = static_cast<const DA_ODSHEAD*>(strptr);
     if (h->length < static_cast<int32_t>(sizeof *h)) return DA_BADARG;
     rctype rc = io.write(io.ctx, strptr, h->length, off);
@@ -146,7 +146,7 @@ rctype dawrods(const DA_ODSIO& io, const void* strptr, da_off_t* off) {
     return rc;
 }
 
-rctype dardsfh(const DA_ODSIO& io, DA_DSFHEAD* h, da_off_t offset) {
+[[nodiscard]] rctype dardsfh(const DA_ODSIO& io, DA_DSFHEAD* h, da_off_t offset) {
     rctype rc = readods(io, "dardsfh", h, sizeof *h, offset);
     if (rc < 0) return rc;
     uint32_t v = static_cast<uint32_t>(h->ods.version);
@@ -154,7 +154,7 @@ rctype dardsfh(const DA_ODSIO& io, DA_DSFHEAD* h, da_off_t offset) {
     return 0;
 }
 
-rctype dardxoe(const DA_ODSIO& io, DA_XOEODS* xoe, da_off_t offset) {
+[[nodiscard]] rctype dardxoe(const DA_ODSIO& io, DA_XOEODS* xoe, da_off_t offset) {
     rctype rc = readv4(io, "dardxoe", xoe, sizeof *xoe, offset);
     if (rc < 0) return rc;
     if (xoe->semtype < 0 || xoe->semtype >= DA_SEMMAX) {
@@ -165,14 +165,14 @@ rctype dardxoe(const DA_ODSIO& io, DA_XOEODS* xoe, da_off_t offset) {
     return 0;
 }
 
-rctype dawrxoe(const DA_ODSIO& io, const DA_XOEODS* xoe, da_off_t offset) {
+[[nodiscard]] rctype dawrxoe(const DA_ODSIO& io, const DA_XOEODS* xoe, da_off_t offset) {
     // A length past the structure would write whatever lies behind it.
     if (xoe->ods.length > static_cast<int32_t>(sizeof *xoe)) return DA_BADARG;
     da_off_t off = offset;
     return dawrods(io, xoe, &off);
 }
 
-rctype dawrdsfflags(const DA_ODSIO& io, da_off_t hdroff, int32_t flags) {
+[[nodiscard]] rctype dawrdsfflags(const DA_ODSIO& io, da_off_t hdroff, int32_t flags) {
     da_off_t off = hdroff + DA_DSFFLAGOFF;
     rctype rc = io.write(io.ctx, &flags, sizeof flags, &off);
     if (rc < 0)
@@ -181,32 +181,32 @@ rctype dawrdsfflags(const DA_ODSIO& io, da_off_t hdroff, int32_t flags) {
     return rc;
 }
 
-rctype dardsin(const DA_ODSIO& io, DA_SINODS* r, da_off_t offset) {
+[[nodiscard]] rctype dardsin(const DA_ODSIO& io, DA_SINODS* r, da_off_t offset) {
     rctype rc = readv4(io, "dardsin", r, sizeof *r, offset);
     if (rc < 0) return rc;
     if (r->sortinfo.nvars < 0 || r->sortinfo.nvars > 128) return inconsistent(io, "dardsin", offset, "Bad nvars");
     return 0;
 }
 
-rctype dardown(const DA_ODSIO& io, DA_OWNODS* r, da_off_t offset) {
+[[nodiscard]] rctype dardown(const DA_ODSIO& io, DA_OWNODS* r, da_off_t offset) {
     rctype rc = readv4(io, "dardown", r, sizeof *r, offset);
     if (rc < 0) return rc;
     if (r->tokenLen < 0 || r->tokenLen > 28) return inconsistent(io, "dardown", offset, "Bad token length");
     return 0;
 }
 
-rctype dardbkup(const DA_ODSIO& io, DA_BACKUPODS* r, da_off_t offset) {
+[[nodiscard]] rctype dardbkup(const DA_ODSIO& io, DA_BACKUPODS* r, da_off_t offset) {
     return readv4(io, "dardbkup", r, sizeof *r, offset);
 }
 
-rctype dardxch(const DA_ODSIO& io, DA_XCHEAD* r, da_off_t offset) {
+[[nodiscard]] rctype dardxch(const DA_ODSIO& io, DA_XCHEAD* r, da_off_t offset) {
     rctype rc = readv4(io, "dardxch", r, sizeof *r, offset);
     if (rc < 0) return rc;
     if (r->baglen < 0 || r->baglen > 1024) return inconsistent(io, "dardxch", offset, "Bad bag length");
     return 0;
 }
 
-rctype dardvbh(const DA_ODSIO& io, DA_VBHEAD* r, da_off_t offset) {
+[[nodiscard]] rctype dardvbh(const DA_ODSIO& io, DA_VBHEAD* r, da_off_t offset) {
     rctype rc = readv4(io, "dardvbh", r, sizeof *r, offset);
     if (rc < 0) return rc;
     // The first layout had a fixed span and no field for it.
@@ -215,7 +215,7 @@ rctype dardvbh(const DA_ODSIO& io, DA_VBHEAD* r, da_off_t offset) {
     return 0;
 }
 
-rctype darddmph(const DA_ODSIO& io, DA_DMPHEAD* r, da_off_t offset) {
+[[nodiscard]] rctype darddmph(const DA_ODSIO& io, DA_DMPHEAD* r, da_off_t offset) {
     rctype rc = readv4(io, "darddmph", r, sizeof *r, offset);
     if (rc < 0) return rc;
     if (r->numdmpdir < 0 || r->numbmap < 0 || r->bmapsize < 0 || (r->bmapsize & 3) != 0)
@@ -223,7 +223,7 @@ rctype darddmph(const DA_ODSIO& io, DA_DMPHEAD* r, da_off_t offset) {
     return 0;
 }
 
-rctype darddmpd(const DA_ODSIO& io, DA_DMPDIR* r, da_off_t offset) {
+[[nodiscard]] rctype darddmpd(const DA_ODSIO& io, DA_DMPDIR* r, da_off_t offset) {
     rctype rc = readv4(io, "darddmpd", r, sizeof *r, offset);
     if (rc < 0) return rc;
     if (r->nument < 0 || r->nument > DA_DMPNENT || r->numalloc < 0 || r->numalloc > DA_DMPNENT)
@@ -231,7 +231,7 @@ rctype darddmpd(const DA_ODSIO& io, DA_DMPDIR* r, da_off_t offset) {
     return 0;
 }
 
-rctype dardcons(const DA_ODSIO& io, DA_CONSTODS* r, da_off_t offset) {
+[[nodiscard]] rctype dardcons(const DA_ODSIO& io, DA_CONSTODS* r, da_off_t offset) {
     rctype rc = readods(io, "dardcons", r, sizeof *r, offset);
     if (rc < 0) return rc;
     if ((static_cast<uint32_t>(r->ods.version) >> 16) != 0)
@@ -241,7 +241,7 @@ rctype dardcons(const DA_ODSIO& io, DA_CONSTODS* r, da_off_t offset) {
     return 0;
 }
 
-rctype dardvars(const DA_ODSIO& io, DA_VARSODS* r, int size, int32_t nvar, da_off_t offset) {
+[[nodiscard]] rctype dardvars(const DA_ODSIO& io, DA_VARSODS* r, int size, int32_t nvar, da_off_t offset) {
     rctype rc = readv4(io, "dardvars", r, size, offset);
     if (rc < 0) return rc;
     if (nvar < 0 || r->ods.length < davarslen(nvar))
@@ -249,7 +249,7 @@ rctype dardvars(const DA_ODSIO& io, DA_VARSODS* r, int size, int32_t nvar, da_of
     return 0;
 }
 
-rctype dardstrph(const DA_ODSIO& io, DA_STRPHEAD* r, int size, da_off_t offset) {
+[[nodiscard]] rctype dardstrph(const DA_ODSIO& io, DA_STRPHEAD* r, int size, da_off_t offset) {
     rctype rc = readv4(io, "dardstrph", r, size, offset);
     if (rc < 0) return rc;
     int32_t rev = r->ods.version & 0xffff;
@@ -263,7 +263,7 @@ rctype dardstrph(const DA_ODSIO& io, DA_STRPHEAD* r, int size, da_off_t offset) 
     return 0;
 }
 
-rctype dardidx(const DA_ODSIO& io, DA_IDXODS* r, int size, da_off_t offset) {
+[[nodiscard]] rctype dardidx(const DA_ODSIO& io, DA_IDXODS* r, int size, da_off_t offset) {
     rctype rc = readv4(io, "dardidx", r, size, offset);
     if (rc < 0) return rc;
     int64_t len = r->ods.length;
@@ -276,7 +276,7 @@ rctype dardidx(const DA_ODSIO& io, DA_IDXODS* r, int size, da_off_t offset) {
     return 0;
 }
 
-rctype dardutlh(const DA_ODSIO& io, DA_UTLHEAD2* r, da_off_t offset) {
+[[nodiscard]] rctype dardutlh(const DA_ODSIO& io, DA_UTLHEAD2* r, da_off_t offset) {
     rctype rc = readv4(io, "dardutlh", r, sizeof *r, offset);
     if (rc < 0) return rc;
     if ((r->ods.version & 0xffff) == 1) {
@@ -292,12 +292,12 @@ rctype dardutlh(const DA_ODSIO& io, DA_UTLHEAD2* r, da_off_t offset) {
     return 0;
 }
 
-rctype dardnam7(const DA_ODSIO& io, DA_NAME7ODS* v, int32_t nvar, da_off_t offset) {
+[[nodiscard]] rctype dardnam7(const DA_ODSIO& io, DA_NAME7ODS* v, int32_t nvar, da_off_t offset) {
     if (nvar < 0) return DA_BADARG;
     return readall(io, "dardnam7", v, static_cast<long>(nvar) * sizeof *v, offset);
 }
 
-rctype dachknvar0(const int32_t* nvar0, int32_t n, int32_t nvar) {
+[[nodiscard]] rctype dachknvar0(const int32_t* nvar0, int32_t n, int32_t nvar) {
     for (int32_t i = 0; i < n; i++) {
         int32_t v;
         std::memcpy(&v, nvar0 + i, sizeof v);  // the numbers of an index record need not be aligned
@@ -306,7 +306,7 @@ rctype dachknvar0(const int32_t* nvar0, int32_t n, int32_t nvar) {
     return 0;
 }
 
-rctype dachknam7(const DA_NAME7ODS* v, int32_t nvar) {
+[[nodiscard]] rctype dachknam7(const DA_NAME7ODS* v, int32_t nvar) {
     for (int32_t i = 0; i < nvar; i++)
         if (v[i].nvar0 != i + 1) return DA_INTERNAL;
     return 0;
@@ -421,21 +421,21 @@ void dainitfib(DA_FIB* fib, int32_t fibsize, int32_t creflags, int32_t namelen, 
     fib->namelen = namelen;
 }
 
-rctype dachkfib(const DA_FIB* fib, int fdflags) {
+[[nodiscard]] rctype dachkfib(const DA_FIB* fib, int fdflags) {
     if (fdflags & 0x10000) return (fib->version >> 8) == 1 ? 0 : DA_BADVERSION;
     static const uint8_t zero[4] = {};
     if (std::memcmp(fib->ds_rv_wr.dsrvhdr, zero, 4) != 0 || (fib->version >> 8) != 2) return DA_BADVERSION;
     return 0;
 }
 
-rctype dachkfibsize(const DA_FIB* fib) {
+[[nodiscard]] rctype dachkfibsize(const DA_FIB* fib) {
     if (fib->length > DA_FIBLEN) return DA_TOOLONG;
     if (fib->pdesize < DA_FIBLEN || fib->pdesize > (1 << 24) || fib->numpde < 0 || fib->numpde > fib->pdesize / 8)
         return DA_INTERNAL;
     return 0;
 }
 
-rctype dachkpde(const DA_FIB* fib, int32_t fibsize) {
+[[nodiscard]] rctype dachkpde(const DA_FIB* fib, int32_t fibsize) {
     // Entries grow up from 272, names down from pdesize; they must not meet.
     if (fib->pdesize < DA_FIBLEN || fib->pdesize > fibsize - DA_FIBLEN || fib->numpde < 0 ||
         fib->numpde > fib->pdesize / 8 ||
@@ -454,7 +454,7 @@ rctype dachkpde(const DA_FIB* fib, int32_t fibsize) {
     return 0;
 }
 
-rctype dardfibd(const DA_ODSIO& io, int fdflags, DA_FIB* buf, int32_t bufsize, int32_t* fibsize) {
+[[nodiscard]] rctype dardfibd(const DA_ODSIO& io, int fdflags, DA_FIB* buf, int32_t bufsize, int32_t* fibsize) {
     if (bufsize < DA_FIBLEN) return DA_BADARG;
     DA_FIB fib{};
     rctype rc = readall(io, "dalfibd", &fib, DA_FIBDIRECTLEN, 0);
@@ -476,7 +476,7 @@ rctype dardfibd(const DA_ODSIO& io, int fdflags, DA_FIB* buf, int32_t bufsize, i
     return 0;
 }
 
-rctype dawrfibd(const DA_ODSIO& io, const DA_FIB* fib) {
+[[nodiscard]] rctype dawrfibd(const DA_ODSIO& io, const DA_FIB* fib) {
     // The lock region (268..271) is never written: another process may hold it.
     da_off_t off = 0;
     rctype rc = io.write(io.ctx, fib, DA_FIBDIRECTLEN, &off);
@@ -488,7 +488,7 @@ rctype dawrfibd(const DA_ODSIO& io, const DA_FIB* fib) {
     return rc;
 }
 
-rctype dardfib(const DA_ODSIO& io, int fdflags, da_off_t fiboff, DA_FIB* buf, int32_t bufsize, int32_t* fibsize,
+[[nodiscard]] rctype dardfib(const DA_ODSIO& io, int fdflags, da_off_t fiboff, DA_FIB* buf, int32_t bufsize, int32_t* fibsize,
                da_off_t* atoff) {
     if (bufsize < DA_FIBLEN) return DA_BADARG;
     DA_FIB fib{};
@@ -519,7 +519,7 @@ rctype dardfib(const DA_ODSIO& io, int fdflags, da_off_t fiboff, DA_FIB* buf, in
     return 0;
 }
 
-rctype dawrfib(const DA_ODSIO& io, const DA_FIB* fib, da_off_t* fiboff) {
+[[nodiscard]] rctype dawrfib(const DA_ODSIO& io, const DA_FIB* fib, da_off_t* fiboff) {
     rctype rc = io.write(io.ctx, fib, DA_FIBLEN + fib->pdesize, fiboff);
     if (rc < 0)
         hsprint("dawrfib: Write failed: File=%s Offset=%lld Reason=%s\n", ioname(io),
@@ -527,7 +527,7 @@ rctype dawrfib(const DA_ODSIO& io, const DA_FIB* fib, da_off_t* fiboff) {
     return rc;
 }
 
-rctype dapdeadd(DA_FIB* fib, const char* name, int32_t len) {
+[[nodiscard]] rctype dapdeadd(DA_FIB* fib, const char* name, int32_t len) {
     if (len <= 0) return DA_BADARG;
     int32_t need = len + 1;
     int32_t nameoff = fib->pdesize - fib->botused - need;
@@ -542,7 +542,7 @@ rctype dapdeadd(DA_FIB* fib, const char* name, int32_t len) {
     return fib->numpde++;
 }
 
-rctype dapdenam(const DA_FIB* fib, int32_t pno, const char** name, int32_t* len) {
+[[nodiscard]] rctype dapdenam(const DA_FIB* fib, int32_t pno, const char** name, int32_t* len) {
     if (pno < 0 || pno >= fib->numpde) return DA_BADARG;
     DA_PDE e;
     std::memcpy(&e, reinterpret_cast<const char*>(fib) + DA_FIBLEN + 8 * pno, sizeof e);
@@ -553,7 +553,7 @@ rctype dapdenam(const DA_FIB* fib, int32_t pno, const char** name, int32_t* len)
     return 0;
 }
 
-rctype dapdefn(const DA_FIB* fib, int32_t pno, const char* mdpath, int32_t mdlen, char* out, int32_t outsize) {
+[[nodiscard]] rctype dapdefn(const DA_FIB* fib, int32_t pno, const char* mdpath, int32_t mdlen, char* out, int32_t outsize) {
     const char* name;
     int32_t len;
     rctype rc = dapdenam(fib, pno, &name, &len);
@@ -697,7 +697,7 @@ struct Walk {
 
 }  // namespace
 
-rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx, int* failkind,
+[[nodiscard]] rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx, int* failkind,
                  da_off_t* failoff) {
     Walk w{io, fdflags, visit, ctx, 0};
     auto body = [&]() -> rctype {

@@ -484,8 +484,8 @@ struct DA_NAMESTR : DA_NAME7ODS {
 // 518 at or past the end, or an error; write appends when *off < 0 and sets
 // *off to where the data went.
 struct DA_ODSIO {
-    rctype (*read)(void* ctx, void* buf, long size, da_off_t offset, long* nread);
-    rctype (*write)(void* ctx, const void* buf, long size, da_off_t* off);
+    rctype (*read)(void* ctx, void* buf, long size, da_off_t offset, long* nread) __attribute__((warn_unused_result));
+    rctype (*write)(void* ctx, const void* buf, long size, da_off_t* off) __attribute__((warn_unused_result));
     void* ctx;
     const char* name;  // file name for diagnostics
 };
@@ -498,47 +498,47 @@ DA_ODSIO daodsfd(DA_FD* fd, const char* name = nullptr);
 
 // Reads the record at offset into strptr (size bytes). A record shorter than
 // size leaves the tail of strptr as it was; a longer one gives 0x8000022f.
-rctype dardods(const DA_ODSIO& io, void* strptr, int size, da_off_t offset);
+[[nodiscard]] rctype dardods(const DA_ODSIO& io, void* strptr, int size, da_off_t offset);
 // Writes ods.length bytes at *off (append when < 0); *off gets the offset.
-rctype dawrods(const DA_ODSIO& io, const void* strptr, da_off_t* off);
+[[nodiscard]] rctype dawrods(const DA_ODSIO& io, const void* strptr, da_off_t* off);
 
 // The same on a logical file: what the table life cycle calls.
-rctype dardods(DA_FD* fd, void* strptr, int size, da_off_t offset);
-rctype dawrods(DA_FD* fd, const void* strptr, da_off_t* off);
+[[nodiscard]] rctype dardods(DA_FD* fd, void* strptr, int size, da_off_t offset);
+[[nodiscard]] rctype dawrods(DA_FD* fd, const void* strptr, da_off_t* off);
 
 // Typed readers: dardods plus the version test (and the record's own checks).
-rctype dardsfh(const DA_ODSIO& io, DA_DSFHEAD* h, da_off_t offset);
-rctype dardxoe(const DA_ODSIO& io, DA_XOEODS* xoe, da_off_t offset);
-rctype dawrxoe(const DA_ODSIO& io, const DA_XOEODS* xoe, da_off_t offset);
-rctype dardxoe(DA_FD* fd, DA_XOEODS* xoe, da_off_t offset);
-rctype dawrxoe(DA_FD* fd, const DA_XOEODS* xoe, da_off_t offset);
+[[nodiscard]] rctype dardsfh(const DA_ODSIO& io, DA_DSFHEAD* h, da_off_t offset);
+[[nodiscard]] rctype dardxoe(const DA_ODSIO& io, DA_XOEODS* xoe, da_off_t offset);
+[[nodiscard]] rctype dawrxoe(const DA_ODSIO& io, const DA_XOEODS* xoe, da_off_t offset);
+[[nodiscard]] rctype dardxoe(DA_FD* fd, DA_XOEODS* xoe, da_off_t offset);
+[[nodiscard]] rctype dawrxoe(DA_FD* fd, const DA_XOEODS* xoe, da_off_t offset);
 // Rewrites only the 4 flag bytes of the header at hdroff (a clean close
 // clears bit 0 this way, leaving the links alone).
-rctype dawrdsfflags(const DA_ODSIO& io, da_off_t hdroff, int32_t flags);
-rctype dardsin(const DA_ODSIO& io, DA_SINODS* r, da_off_t offset);
-rctype dardown(const DA_ODSIO& io, DA_OWNODS* r, da_off_t offset);
-rctype dardbkup(const DA_ODSIO& io, DA_BACKUPODS* r, da_off_t offset);
-rctype dardxch(const DA_ODSIO& io, DA_XCHEAD* r, da_off_t offset);
-rctype dardvbh(const DA_ODSIO& io, DA_VBHEAD* r, da_off_t offset);
-rctype darddmph(const DA_ODSIO& io, DA_DMPHEAD* r, da_off_t offset);
-rctype darddmpd(const DA_ODSIO& io, DA_DMPDIR* r, da_off_t offset);
-rctype dardcons(const DA_ODSIO& io, DA_CONSTODS* r, da_off_t offset);
+[[nodiscard]] rctype dawrdsfflags(const DA_ODSIO& io, da_off_t hdroff, int32_t flags);
+[[nodiscard]] rctype dardsin(const DA_ODSIO& io, DA_SINODS* r, da_off_t offset);
+[[nodiscard]] rctype dardown(const DA_ODSIO& io, DA_OWNODS* r, da_off_t offset);
+[[nodiscard]] rctype dardbkup(const DA_ODSIO& io, DA_BACKUPODS* r, da_off_t offset);
+[[nodiscard]] rctype dardxch(const DA_ODSIO& io, DA_XCHEAD* r, da_off_t offset);
+[[nodiscard]] rctype dardvbh(const DA_ODSIO& io, DA_VBHEAD* r, da_off_t offset);
+[[nodiscard]] rctype darddmph(const DA_ODSIO& io, DA_DMPHEAD* r, da_off_t offset);
+[[nodiscard]] rctype darddmpd(const DA_ODSIO& io, DA_DMPDIR* r, da_off_t offset);
+[[nodiscard]] rctype dardcons(const DA_ODSIO& io, DA_CONSTODS* r, da_off_t offset);
 // size is the buffer; the record must hold nvar entries.
-rctype dardvars(const DA_ODSIO& io, DA_VARSODS* r, int size, int32_t nvar, da_off_t offset);
+[[nodiscard]] rctype dardvars(const DA_ODSIO& io, DA_VARSODS* r, int size, int32_t nvar, da_off_t offset);
 // size is the buffer; offsets must fit the record.
-rctype dardstrph(const DA_ODSIO& io, DA_STRPHEAD* r, int size, da_off_t offset);
+[[nodiscard]] rctype dardstrph(const DA_ODSIO& io, DA_STRPHEAD* r, int size, da_off_t offset);
 // size is the buffer; DA_IDXKST and the variable numbers must fit the record.
-rctype dardidx(const DA_ODSIO& io, DA_IDXODS* r, int size, da_off_t offset);
+[[nodiscard]] rctype dardidx(const DA_ODSIO& io, DA_IDXODS* r, int size, da_off_t offset);
 // A first-layout head (DA_UTLHEAD1) is turned into the current one.
-rctype dardutlh(const DA_ODSIO& io, DA_UTLHEAD2* r, da_off_t offset);
+[[nodiscard]] rctype dardutlh(const DA_ODSIO& io, DA_UTLHEAD2* r, da_off_t offset);
 // The name vector: nvar records of 76 bytes, no head.
-rctype dardnam7(const DA_ODSIO& io, DA_NAME7ODS* v, int32_t nvar, da_off_t offset);
+[[nodiscard]] rctype dardnam7(const DA_ODSIO& io, DA_NAME7ODS* v, int32_t nvar, da_off_t offset);
 
 // Column numbers are 1-based wherever a record carries them. dachknvar0 is
 // 0 when each of the n numbers lies in 1..nvar; dachknam7 when the i-th entry
 // of a name vector is column i + 1. Otherwise the damaged-file code.
-rctype dachknvar0(const int32_t* nvar0, int32_t n, int32_t nvar);
-rctype dachknam7(const DA_NAME7ODS* v, int32_t nvar);
+[[nodiscard]] rctype dachknvar0(const int32_t* nvar0, int32_t n, int32_t nvar);
+[[nodiscard]] rctype dachknam7(const DA_NAME7ODS* v, int32_t nvar);
 
 // Accessors of variable-length records.
 inline int64_t* dastrpoffs(DA_STRPHEAD* h) { return reinterpret_cast<int64_t*>(reinterpret_cast<char*>(h) + sizeof(DA_STRPHEAD)); }
@@ -567,29 +567,29 @@ void dainitidx(DA_IDXODS* r, int32_t keylen, int32_t nvar);
 void dainitfib(DA_FIB* fib, int32_t fibsize, int32_t creflags, int32_t namelen, const uint8_t* rv120,
                int32_t revision, int32_t now);
 // Version test of a FIB read from a file with FD flags fdflags.
-rctype dachkfib(const DA_FIB* fib, int fdflags);
+[[nodiscard]] rctype dachkfib(const DA_FIB* fib, int fdflags);
 // Sizes in a FIB head that a reader can go by: a length of at most 272
 // (else 0x8000022f) and a directory allocation from 272 bytes to 16 MB with
 // room for its entries (else 0x80000216).
-rctype dachkfibsize(const DA_FIB* fib);
+[[nodiscard]] rctype dachkfibsize(const DA_FIB* fib);
 // Consistency of the directory of a FIB whose allocation is fibsize bytes.
-rctype dachkpde(const DA_FIB* fib, int32_t fibsize);
+[[nodiscard]] rctype dachkpde(const DA_FIB* fib, int32_t fibsize);
 
 // Direct FIB at physical offset 0: 268 bytes, then the directory. A buffer
 // too small for the allocation gives 0x8000022f with *fibsize set.
-rctype dardfibd(const DA_ODSIO& io, int fdflags, DA_FIB* buf, int32_t bufsize, int32_t* fibsize);
-rctype dawrfibd(const DA_ODSIO& io, const DA_FIB* fib);
+[[nodiscard]] rctype dardfibd(const DA_ODSIO& io, int fdflags, DA_FIB* buf, int32_t bufsize, int32_t* fibsize);
+[[nodiscard]] rctype dawrfibd(const DA_ODSIO& io, const DA_FIB* fib);
 // Indirect FIB, a record of the MDF: follows overflow to the newest copy,
 // whose offset goes to *atoff.
-rctype dardfib(const DA_ODSIO& io, int fdflags, da_off_t fiboff, DA_FIB* buf, int32_t bufsize,
+[[nodiscard]] rctype dardfib(const DA_ODSIO& io, int fdflags, da_off_t fiboff, DA_FIB* buf, int32_t bufsize,
                int32_t* fibsize, da_off_t* atoff);
-rctype dawrfib(const DA_ODSIO& io, const DA_FIB* fib, da_off_t* fiboff);
+[[nodiscard]] rctype dawrfib(const DA_ODSIO& io, const DA_FIB* fib, da_off_t* fiboff);
 
 // Directory entries. dapdeadd gives the new index or 0x8000021e when full.
-rctype dapdeadd(DA_FIB* fib, const char* name, int32_t len);
-rctype dapdenam(const DA_FIB* fib, int32_t pno, const char** name, int32_t* len);
+[[nodiscard]] rctype dapdeadd(DA_FIB* fib, const char* name, int32_t len);
+[[nodiscard]] rctype dapdenam(const DA_FIB* fib, int32_t pno, const char** name, int32_t* len);
 // Full path of entry pno; a name without "/" lies in the first metapath.
-rctype dapdefn(const DA_FIB* fib, int32_t pno, const char* mdpath, int32_t mdlen, char* out, int32_t outsize);
+[[nodiscard]] rctype dapdefn(const DA_FIB* fib, int32_t pno, const char* mdpath, int32_t mdlen, char* out, int32_t outsize);
 // The name to store for a partition: without its directory when that is
 // the first metapath. Points into path.
 void darelpn(const char* mdpath, int32_t mdlen, const char* path, int32_t len, const char** rel, int32_t* rellen);
@@ -615,12 +615,12 @@ const char* damrname(int kind);
 // the walk with that code. rec holds len bytes (for DA_MRNAMES, nvar x 76;
 // DA_MRSTRP, one string pool section, comes right after its head).
 // Every string pool id of the names must fall inside a section.
-using da_mdfvisit_t = rctype (*)(void* ctx, int kind, da_off_t off, const void* rec, int len);
+typedef rctype (*da_mdfvisit_t)(void* ctx, int kind, da_off_t off, const void* rec, int len) __attribute__((warn_unused_result));
 
 // Reads every record of an MDF: the direct FIB at offset 0, the header at the
 // base offset and everything its links reach. On failure *failkind and
 // *failoff tell which record could not be read.
-rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx, int* failkind,
+[[nodiscard]] rctype damdfwalk(const DA_ODSIO& io, int fdflags, da_mdfvisit_t visit, void* ctx, int* failkind,
                  da_off_t* failoff);
 
 }  // namespace vrta

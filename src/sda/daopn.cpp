@@ -19,10 +19,10 @@
 
 namespace vrta {
 
-rctype dalvbcb(DA_FCB*) __attribute__((weak));
-rctype dalfbcb(DA_FCB*) __attribute__((weak));
-rctype darfvbcb(DA_FCB*) __attribute__((weak));
-rctype darffbcb(DA_FCB*) __attribute__((weak));
+[[nodiscard]] rctype dalvbcb(DA_FCB*) __attribute__((weak));
+[[nodiscard]] rctype dalfbcb(DA_FCB*) __attribute__((weak));
+[[nodiscard]] rctype darfvbcb(DA_FCB*) __attribute__((weak));
+[[nodiscard]] rctype darffbcb(DA_FCB*) __attribute__((weak));
 
 namespace {
 
@@ -33,7 +33,7 @@ bool ismissing(double d) {
 }
 
 // Reads the table's records into the FCB (header, description, sort, owner).
-rctype rdrecords(DA_FCB* fcb) {
+[[nodiscard]] rctype rdrecords(DA_FCB* fcb) {
     rctype rc = dardsfh(fcb->mdfio, &fcb->dshdr, fcb->hdrOff);
     if (rc < 0) return rc;
     if (fcb->dshdr.ods.version != DA_DSFHEAD_VER && fcb->dshdr.ods.version != DA_DSFHEAD_VERC) return DA_BADVERSION;
@@ -81,9 +81,10 @@ bool darecovrev(DA_FCB* fcb, DA_LIBP* lp, int fdflags) {
 }
 
 // A new partition's file is made before the directory that names it is
-// written. A crash in between leaves a file no directory knows, and the next
-// append would find its name taken. A writer that holds the table alone
-// removes such files: no row was ever written into them.
+// written, and a cut partition leaves the directory before its file goes.
+// A crash in between leaves a file no directory knows, and the next append
+// would find its name taken. A writer that holds the table alone removes
+// such files: they hold no row the table counts.
 void darmorphan(DA_FCB* fcb, DA_LIBP* lp, int fdflags, int ndata) {
     int32_t fibsize = 0;
     DA_FIB probe;
@@ -131,7 +132,7 @@ DA_FCB* dalufcb(DA_LIBP* lp, const char* iname) {
     return nullptr;
 }
 
-rctype daldv7ns(DA_FCB* fcb) {
+[[nodiscard]] rctype daldv7ns(DA_FCB* fcb) {
     int32_t nvar = fcb->xoe.nvar;
     if (nvar <= 0) return 0;
     if (fcb->dshdr.links[DA_LNKSTRP] < 0 || fcb->dshdr.links[DA_LNKNAMES] < 0) return DA_INTERNAL;
@@ -153,7 +154,7 @@ rctype daldv7ns(DA_FCB* fcb) {
     return rc;
 }
 
-rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
+[[nodiscard]] rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     bool acl = ostr->semtype == DA_SEMVRTAACL;
     int mode = ostr->mode;
     DA_FCB* fcb = danewfcb(lp, ostr->name, ostr->name_l, mode);
@@ -170,7 +171,7 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
     if (dyn) {
         rc = dalkdyn(ostr->lcb, mode ? DA_SHRUPDATE : DA_SHRREAD);
         if (rc < 0) {
-            dafrfcb(fcb, 2);
+            daignore(dafrfcb(fcb, 2));
             return rc;
         }
     }
@@ -243,7 +244,7 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         if (rc < 0) goto fail;
         fcb->xcext = static_cast<DA_XCEXT*>(calloc(1, sizeof(DA_XCEXT)));
         if (!fcb->xcext) {
-            dafrxcb(xcb);
+            daignore(dafrxcb(xcb));
             rc = DA_NOMEM;
             goto fail;
         }
@@ -326,17 +327,23 @@ rctype daopfcb(DA_LIBP* lp, DA_OPNSTR* ostr, DA_FCB** newfcb) {
         if (rc > 0 && warn == 0) warn = rc;
         rc = 0;
     }
-    if (dyn) dalkdyn(ostr->lcb, 0);
+    if (dyn) {
+        rc = dalkdyn(ostr->lcb, 0);
+        if (rc < 0) {
+            daignore(dafrfcb(fcb, 2));
+            return rc;
+        }
+    }
     dalinkadd(&lp->fcbs, &fcb->link);
     *newfcb = fcb;
     return warn;
 fail:
-    if (dyn) dalkdyn(ostr->lcb, 0);
-    dafrfcb(fcb, 2);
+    if (dyn) daignore(dalkdyn(ostr->lcb, 0));
+    daignore(dafrfcb(fcb, 2));
     return rc;
 }
 
-rctype darofcb(DA_FCB* fcb, int mode, int oflags) {
+[[nodiscard]] rctype darofcb(DA_FCB* fcb, int mode, int oflags) {
     if (mode == fcb->mode) return 0;
     // A table open for writing stays so; later openers share that.
     if (fcb->mode != DA_OMINPUT && mode == DA_OMINPUT) return 0;
@@ -358,7 +365,7 @@ rctype darofcb(DA_FCB* fcb, int mode, int oflags) {
         dalinkinit(&fcb->fids);
         dalinkdel(&fcb->link);
         fcb->refCount = 1;
-        dafrfcb(fcb, 2);
+        daignore(dafrfcb(fcb, 2));
         return rc;
     }
     if (rc < 0) return rc;
@@ -373,7 +380,7 @@ rctype darofcb(DA_FCB* fcb, int mode, int oflags) {
     return 0;
 }
 
-rctype darfmdf(DA_FCB* fcb) {
+[[nodiscard]] rctype darfmdf(DA_FCB* fcb) {
     DA_DSFHEAD h;
     rctype rc = dardsfh(fcb->mdfio, &h, fcb->hdrOff);
     if (rc < 0) return rc;
@@ -392,10 +399,7 @@ rctype darfmdf(DA_FCB* fcb) {
     if (fcb->vbcb && darfvbcb) rc = darfvbcb(fcb);
     else if (fcb->fbcb && darffbcb) rc = darffbcb(fcb);
     if (rc < 0) return rc;
-    if (h.links[DA_LNKDMP] >= 0) {
-        dafrdmp(fcb);
-        rc = dalddmp(fcb);
-    }
+    if (h.links[DA_LNKDMP] >= 0) rc = dalddmp(fcb);  // lets go of the old map first
     if (rc >= 0 && fcb->icbs) rc = darfidxrec(fcb);
     return rc;
 }

@@ -76,4 +76,8 @@ constexpr rctype DA_HASCONST    = static_cast<rctype>(0x8000025fu);  // table al
 constexpr rctype DA_INCLUSTER   = static_cast<rctype>(0x80000263u);  // member is a cluster or in use
 constexpr rctype DA_RWFAIL      = static_cast<rctype>(0x8000038bu);  // readers-writer lock call failed
 
+// Sets a code aside on purpose: clean-up after an earlier failure, where
+// the first code is the one to report, or a call that cannot fail here.
+inline void daignore(rctype) {}
+
 } // namespace vrta

@@ -21,7 +21,7 @@ extern rctype dancgio(DA_FID*, int, DA_IOCB**);
 [[gnu::used]] static rctype (*const families[])(DA_FID*, int, DA_IOCB**) = {dargioc, dafgioc, davgioc, dabgioc,
                                                                              dancgio};
 
-rctype getiocb(DA_FID* fp, int iom, DA_IOCB** iocb) {
+[[nodiscard]] rctype getiocb(DA_FID* fp, int iom, DA_IOCB** iocb) {
     if (!fp || !iocb) return DA_BADARG;
     *iocb = nullptr;
     if (!fp->mt->getiocb) return DA_INTERNAL;
@@ -36,7 +36,7 @@ rctype getiocb(DA_FID* fp, int iom, DA_IOCB** iocb) {
 
 namespace {
 
-rctype mkiob(int obslen, int blockfactor, int multiblock, int numbuf, bool withobs, DA_IOB** iobvec,
+[[nodiscard]] rctype mkiob(int obslen, int blockfactor, int multiblock, int numbuf, bool withobs, DA_IOB** iobvec,
              long* bufsizret) {
     if (obslen <= 0 || blockfactor <= 0 || numbuf <= 0 || !iobvec) return DA_BADARG;
     long rows = static_cast<long>(blockfactor) * (multiblock > 0 ? multiblock : 1);
@@ -70,11 +70,11 @@ long optsize(const char* name, long dflt, long maxv) {
 
 }  // namespace
 
-rctype damkiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret) {
+[[nodiscard]] rctype damkiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret) {
     return mkiob(obslen, blockfactor, multiblock, numbuf, false, iobvec, bufsizret);
 }
 
-rctype damdiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret) {
+[[nodiscard]] rctype damdiob(int obslen, int blockfactor, int multiblock, int numbuf, DA_IOB** iobvec, long* bufsizret) {
     return mkiob(obslen, blockfactor, multiblock, numbuf, true, iobvec, bufsizret);
 }
 
@@ -102,7 +102,7 @@ int daadobs(DA_IOCB* iocb, const void* obsbuf, long relobs) {
 long daseqiobufmin() { return optsize("SEQIOBUFMIN", 0x10000, 0x1000000); }
 long daraniobufmin() { return optsize("RANIOBUFMIN", 4096, 0x1000000); }
 
-rctype dawrdelck(DA_FCB* fcb, int iom, hs_obsno_t obs, hs_obsno_t n) {
+[[nodiscard]] rctype dawrdelck(DA_FCB* fcb, int iom, hs_obsno_t obs, hs_obsno_t n) {
     if (fcb->xoe.numdelete <= 0 || !fcb->dmpcb) return 0;
     hs_obsno_t end = std::min<hs_obsno_t>(obs + n - 1, fcb->xoe.numobs);
     bool reuse = (fcb->xoe.flags & DA_ADDAVAIL) != 0;
@@ -153,7 +153,7 @@ struct DA_SIOCB : DA_GIOCB {
 };
 
 // A private buffer of at least need bytes; its old contents are not kept.
-rctype growbuf(char** buf, long* size, long need) {
+[[nodiscard]] rctype growbuf(char** buf, long* size, long need) {
     if (*size >= need) return 0;
     free(*buf);
     *buf = static_cast<char*>(malloc(need));
@@ -163,7 +163,7 @@ rctype growbuf(char** buf, long* size, long need) {
 
 // Rows up to numobs are committed: a data file that ends before them has
 // lost rows, and handing out fewer would pass for a shorter table.
-rctype shortrows(DA_FCB* fcb, hs_obsno_t obs, long want, long got) {
+[[nodiscard]] rctype shortrows(DA_FCB* fcb, hs_obsno_t obs, long want, long got) {
     long reclen = fcb->xoe.odsreclen;
     if (got >= want * reclen) return 0;
     hsprint("dardrows: Data file shorter than numobs: Member=%s numobs=%lld Rows=%lld Reason=%s\n", fcb->name,
@@ -173,7 +173,7 @@ rctype shortrows(DA_FCB* fcb, hs_obsno_t obs, long want, long got) {
 }
 
 // Disk bytes of n rows: straight into out, or through eiob and the decoder.
-rctype rdrows(DA_SIOCB* c, char* out, hs_obsno_t obs, long n, long* got) {
+[[nodiscard]] rctype rdrows(DA_SIOCB* c, char* out, hs_obsno_t obs, long n, long* got) {
     DA_FCB* fcb = c->fcb;
     long reclen = fcb->xoe.odsreclen;
     if (!c->encoded) {
@@ -191,7 +191,7 @@ rctype rdrows(DA_SIOCB* c, char* out, hs_obsno_t obs, long n, long* got) {
     return rc;
 }
 
-rctype dandrio(DA_SIOCB* c, DA_IOB* iob) {
+[[nodiscard]] rctype dandrio(DA_SIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     hs_obsno_t numobs = fcb->xoe.numobs;
     if (c->curobs > numobs) return DA_EOF;
@@ -209,7 +209,7 @@ rctype dandrio(DA_SIOCB* c, DA_IOB* iob) {
 }
 
 // Skips deleted rows: runs of live ones are read back to back.
-rctype darddmp(DA_SIOCB* c, DA_IOB* iob) {
+[[nodiscard]] rctype darddmp(DA_SIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     long reclen = fcb->xoe.obslen;
     return dareadlive(c, fcb, iob, reclen, fcb->xoe.numobs,
@@ -228,7 +228,7 @@ void pickrd(DA_SIOCB* c) {
 
 // Rows at obs (at most numobs + 1), split at partition boundaries; a new
 // partition starts only when the rows go beyond the file's end.
-rctype plainput(DA_FCB* fcb, hs_obsno_t obs, const char* p, long n, DA_SIOCB* c = nullptr) {
+[[nodiscard]] rctype plainput(DA_FCB* fcb, hs_obsno_t obs, const char* p, long n, DA_SIOCB* c = nullptr) {
     long reclen = fcb->xoe.odsreclen;
     long inlen = fcb->xoe.obslen;
     int64_t pf = fcb->xoe.partfactor;
@@ -264,14 +264,14 @@ rctype plainput(DA_FCB* fcb, hs_obsno_t obs, const char* p, long n, DA_SIOCB* c 
     return 0;
 }
 
-rctype dandwio(DA_SIOCB* c, DA_IOB* iob) {
+[[nodiscard]] rctype dandwio(DA_SIOCB* c, DA_IOB* iob) {
     if (iob->numobs <= 0) return 0;
     rctype rc = plainput(c->fcb, c->curobs, static_cast<const char*>(iob->bufptr), iob->numobs, c);
     if (rc == 0) dasetpos(c, c->curobs + iob->numobs);
     return rc;
 }
 
-rctype dawrdmp(DA_SIOCB* c, DA_IOB* iob) {
+[[nodiscard]] rctype dawrdmp(DA_SIOCB* c, DA_IOB* iob) {
     if (iob->numobs <= 0) return 0;
     rctype rc = dawrdelck(c->fcb, c->iom, c->curobs, iob->numobs);
     if (rc < 0) return rc;
@@ -279,7 +279,7 @@ rctype dawrdmp(DA_SIOCB* c, DA_IOB* iob) {
 }
 
 // Refill: rows go into runs of deleted rows first, then to the end.
-rctype darefill(DA_SIOCB* c, DA_IOB* iob) {
+[[nodiscard]] rctype darefill(DA_SIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     return darefillrows(
         c, fcb, iob, fcb->xoe.obslen, &c->refobs, &c->refrun,
@@ -287,7 +287,7 @@ rctype darefill(DA_SIOCB* c, DA_IOB* iob) {
         [c, fcb](hs_obsno_t obs, long n, const char* p) { return plainput(fcb, obs, p, n, c); });
 }
 
-rctype darsrds(DA_IOCB* ic, int numbuf) {
+[[nodiscard]] rctype darsrds(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_SIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
     bool upd = daupdmode(c->mode);
@@ -296,7 +296,7 @@ rctype darsrds(DA_IOCB* ic, int numbuf) {
     return dareadbufs(c, c->fcb, numbuf, [c](DA_IOB* iob) { return c->rdiob(c, iob); });
 }
 
-rctype darswrs(DA_IOCB* ic, int numbuf) {
+[[nodiscard]] rctype darswrs(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_SIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
     bool upd = daupdmode(c->mode);
@@ -320,18 +320,20 @@ rctype darswrs(DA_IOCB* ic, int numbuf) {
     return rc;
 }
 
-void unmapc(DA_SIOCB* c) {
-    if (c->mapaddr) c->fcb->dffd->fdunmap(c->fcb->dffd, c->mapoff, c->mapsize, c->mapaddr);
+[[nodiscard]] rctype unmapc(DA_SIOCB* c) {
+    rctype rc = c->mapaddr ? c->fcb->dffd->fdunmap(c->fcb->dffd, c->mapoff, c->mapsize, c->mapaddr) : 0;
     c->mapaddr = nullptr;
+    return rc;
 }
 
 // A mapped cursor's setloc: the buffer's rows from loc, mapped where the
 // file layer can, else read into a private buffer.
-rctype darmloc(DA_IOCB* ic, hs_obsno_t loc) {
+[[nodiscard]] rctype darmloc(DA_IOCB* ic, hs_obsno_t loc) {
     auto* c = static_cast<DA_SIOCB*>(ic);
     DA_FCB* fcb = c->fcb;
-    unmapc(c);
+    rctype urc = unmapc(c);
     c->mapiob.numobs = -1;
+    if (urc < 0) return urc;
     if (c->obsperbuf <= 0) return DA_BADARG;
     if (loc < 1) return DA_BADARG;
     if (loc > fcb->xoe.numobs) {
@@ -364,7 +366,7 @@ rctype darmloc(DA_IOCB* ic, hs_obsno_t loc) {
     return 0;
 }
 
-rctype darsbuf(DA_IOCB* ic, DA_IOB* iobvec, long bufsize) {
+[[nodiscard]] rctype darsbuf(DA_IOCB* ic, DA_IOB* iobvec, long bufsize) {
     auto* c = static_cast<DA_SIOCB*>(ic);
     DA_FID* fp = c->fp;
     int32_t reclen = fp->xoehdr->ioreclen;
@@ -380,13 +382,13 @@ rctype darsbuf(DA_IOCB* ic, DA_IOB* iobvec, long bufsize) {
     return 0;
 }
 
-rctype darfree(DA_IOCB* ic) {
+[[nodiscard]] rctype darfree(DA_IOCB* ic) {
     auto* c = static_cast<DA_SIOCB*>(ic);
-    unmapc(c);
+    rctype rc = unmapc(c);
     free(c->privbuf);
     free(c->eiob);
     dadropiocb(c);
-    return 0;
+    return rc;
 }
 
 const DA_IOCBMT mt_read = {darfree, darsrds, danoval, dasetloc, darsbuf};
@@ -404,9 +406,9 @@ int danormiom(int iom) {
     return iom;
 }
 
-rctype dargioc(DA_FID* fp, int iom, DA_IOCB** iocb) { return dasgioc(fp, iom, false, iocb); }
+[[nodiscard]] rctype dargioc(DA_FID* fp, int iom, DA_IOCB** iocb) { return dasgioc(fp, iom, false, iocb); }
 
-rctype dasgioc(DA_FID* fp, int iom, bool encoded, DA_IOCB** iocb) {
+[[nodiscard]] rctype dasgioc(DA_FID* fp, int iom, bool encoded, DA_IOCB** iocb) {
     DA_FIDP* f = fidpof(fp);
     DA_FCB* fcb = f->fcb;
     iom = danormiom(iom);

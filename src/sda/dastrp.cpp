@@ -21,20 +21,20 @@ int32_t round8(int32_t n) { return (n + 7) & ~7; }
 
 DA_STRPHOLE* holeat(DA_STRP* s, int32_t off) { return reinterpret_cast<DA_STRPHOLE*>(s->pool + off); }
 
-rctype rdphys(DA_FD* fd, void* buf, long size, da_off_t off) {
+[[nodiscard]] rctype rdphys(DA_FD* fd, void* buf, long size, da_off_t off) {
     long got = 0;
     rctype rc = fd->fdread(fd, buf, size, off, &got);
     if (rc == DA_EOF || (rc >= 0 && got != size)) return DA_INTERNAL;
     return rc < 0 ? rc : 0;
 }
 
-rctype wrphys(DA_FD* fd, const void* buf, long size, da_off_t* off) {
+[[nodiscard]] rctype wrphys(DA_FD* fd, const void* buf, long size, da_off_t* off) {
     if (da_writehook) da_writehook("strp");
     return fd->fdwrite(fd, buf, size, off);
 }
 
 // Room for n sections in the contiguous section memory.
-rctype ensuresects(DA_STRPHDL* h, int32_t n) {
+[[nodiscard]] rctype ensuresects(DA_STRPHDL* h, int32_t n) {
     if (n <= h->allocsects) return 0;
     int32_t na = h->allocsects ? h->allocsects : 4;
     while (na < n) na *= 2;
@@ -45,13 +45,13 @@ rctype ensuresects(DA_STRPHDL* h, int32_t n) {
     return 0;
 }
 
-rctype writehead(DA_STRPHDL* h) {
+[[nodiscard]] rctype writehead(DA_STRPHDL* h) {
     da_off_t off = h->offset;
     return wrphys(h->mdfd, h->phd, h->phd->ods.length, &off);
 }
 
 // The offset vector is full: a head twice the size goes to the end of the MDF.
-rctype ResizeHeader(DA_STRPHDL* h) {
+[[nodiscard]] rctype ResizeHeader(DA_STRPHDL* h) {
     int32_t nn = h->phd->numoffsets * 2;
     auto* nh = static_cast<DA_STRPHEAD*>(malloc(dastrphlen(nn)));
     if (!nh) return DA_NOMEM;
@@ -73,7 +73,7 @@ rctype ResizeHeader(DA_STRPHDL* h) {
 }
 
 // A new section holding one allocation of size at its front; the rest is one hole.
-rctype GrowPool(DA_STRPHDL* h, int32_t size, int32_t* opid, void** opmem) {
+[[nodiscard]] rctype GrowPool(DA_STRPHDL* h, int32_t size, int32_t* opid, void** opmem) {
     if (h->phd->numsects == h->phd->numoffsets) {
         rctype rc = ResizeHeader(h);
         if (rc < 0) return rc;
@@ -178,7 +178,7 @@ void FreeHole(DA_STRP* s, int32_t off, int32_t size) {
     s->flags = (s->flags | 1) & ~2;
 }
 
-rctype ReadHeader(DA_FD* mdfd, da_off_t offset, DA_STRPHEAD** out) {
+[[nodiscard]] rctype ReadHeader(DA_FD* mdfd, da_off_t offset, DA_STRPHEAD** out) {
     DA_STRPHEAD fixed;
     rctype rc = rdphys(mdfd, &fixed, sizeof fixed, offset);
     if (rc < 0) return rc;
@@ -203,7 +203,7 @@ rctype ReadHeader(DA_FD* mdfd, da_off_t offset, DA_STRPHEAD** out) {
     return 0;
 }
 
-rctype loadsects(DA_STRPHDL* h) {
+[[nodiscard]] rctype loadsects(DA_STRPHDL* h) {
     rctype rc = ensuresects(h, h->phd->numsects > 0 ? h->phd->numsects : 1);
     if (rc < 0) return rc;
     for (int32_t i = 0; i < h->phd->numsects; ++i) {
@@ -222,7 +222,7 @@ bool splitid(DA_STRPHDL* h, int32_t id, int32_t len, int32_t* sect, int32_t* off
 
 }  // namespace
 
-rctype dastrpini(DA_FD* mdfd, da_strpmoved_t movecb, void* closure, DA_STRPHDL** rphdl) {
+[[nodiscard]] rctype dastrpini(DA_FD* mdfd, da_strpmoved_t movecb, void* closure, DA_STRPHDL** rphdl) {
     auto* h = static_cast<DA_STRPHDL*>(calloc(1, sizeof(DA_STRPHDL)));
     if (!h) return DA_NOMEM;
     h->mdfd = mdfd;
@@ -238,14 +238,14 @@ rctype dastrpini(DA_FD* mdfd, da_strpmoved_t movecb, void* closure, DA_STRPHDL**
     h->offset = -1;
     rctype rc = wrphys(mdfd, h->phd, h->phdlen, &h->offset);
     if (rc < 0) {
-        dafrstrp(h);
+        daignore(dafrstrp(h));
         return rc;
     }
     *rphdl = h;
     return 0;
 }
 
-rctype dastrpld(DA_FD* mdfd, da_off_t offset, da_strpmoved_t movecb, void* closure, DA_STRPHDL** rphdl) {
+[[nodiscard]] rctype dastrpld(DA_FD* mdfd, da_off_t offset, da_strpmoved_t movecb, void* closure, DA_STRPHDL** rphdl) {
     auto* h = static_cast<DA_STRPHDL*>(calloc(1, sizeof(DA_STRPHDL)));
     if (!h) return DA_NOMEM;
     h->mdfd = mdfd;
@@ -258,14 +258,14 @@ rctype dastrpld(DA_FD* mdfd, da_off_t offset, da_strpmoved_t movecb, void* closu
         rc = loadsects(h);
     }
     if (rc < 0) {
-        dafrstrp(h);
+        daignore(dafrstrp(h));
         return rc;
     }
     *rphdl = h;
     return 0;
 }
 
-rctype dafrstrp(DA_STRPHDL* phdl) {
+[[nodiscard]] rctype dafrstrp(DA_STRPHDL* phdl) {
     if (!phdl) return 0;
     free(phdl->phd);
     free(phdl->strpmem);
@@ -279,7 +279,7 @@ void* dastrpaddr(DA_STRPHDL* phdl, int32_t id, int32_t len) {
     return phdl->strpmem[s].pool + o;
 }
 
-rctype dastrpalloc(DA_STRPHDL* phdl, int32_t size, int32_t* opid, void** opmem) {
+[[nodiscard]] rctype dastrpalloc(DA_STRPHDL* phdl, int32_t size, int32_t* opid, void** opmem) {
     if (size <= 0 || size > SECT) return DA_BADARG;
     size = round8(size);
     int32_t n = phdl->phd->numsects;
@@ -310,7 +310,7 @@ rctype dastrpalloc(DA_STRPHDL* phdl, int32_t size, int32_t* opid, void** opmem) 
     return GrowPool(phdl, size, opid, opmem);
 }
 
-rctype dastrpalloc2(DA_STRPHDL* phdl, int32_t size, int32_t* opid, void** opmem) {
+[[nodiscard]] rctype dastrpalloc2(DA_STRPHDL* phdl, int32_t size, int32_t* opid, void** opmem) {
     if (size <= 0 || size > SECT) return DA_BADARG;
     size = round8(size);
     int32_t bests = -1, bestoff = -1, bestprev = -1, bestwaste = SECT + 1;
@@ -335,7 +335,7 @@ rctype dastrpalloc2(DA_STRPHDL* phdl, int32_t size, int32_t* opid, void** opmem)
     return 0;
 }
 
-rctype dastrpfree(DA_STRPHDL* phdl, int32_t id, int32_t size) {
+[[nodiscard]] rctype dastrpfree(DA_STRPHDL* phdl, int32_t id, int32_t size) {
     size = round8(size);
     int32_t s, o;
     if (size <= 0 || !splitid(phdl, id, size, &s, &o) || (o & 7)) return DA_BADARG;
@@ -344,7 +344,7 @@ rctype dastrpfree(DA_STRPHDL* phdl, int32_t id, int32_t size) {
     return 0;
 }
 
-rctype daflstrp(DA_STRPHDL* phdl) {
+[[nodiscard]] rctype daflstrp(DA_STRPHDL* phdl) {
     if (!phdl || !(phdl->flags & 1)) return 0;
     for (int32_t i = 0; i < phdl->phd->numsects; ++i) {
         DA_STRP* s = &phdl->strpmem[i];
@@ -365,7 +365,7 @@ rctype daflstrp(DA_STRPHDL* phdl) {
 
 // Replaces a value that other processes may be reading: the head and sections
 // are read fresh, and only the sections touched are written.
-rctype dastrprep(DA_STRPHDL* phdl, int32_t oldid, int32_t oldlen, const void* newstr, int32_t newlen,
+[[nodiscard]] rctype dastrprep(DA_STRPHDL* phdl, int32_t oldid, int32_t oldlen, const void* newstr, int32_t newlen,
                  int32_t* newid) {
     if (phdl->flags & 1) {
         assertfail(__LINE__);

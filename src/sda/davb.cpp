@@ -120,7 +120,7 @@ int64_t getnext(const DA_VBHEAD& h, char* v) {
 
 // The span and vector layout once the row length is known; a table created
 // empty writes its head before its columns exist.
-rctype geometry(DA_FCB* fcb, DA_VBCB* vb) {
+[[nodiscard]] rctype geometry(DA_FCB* fcb, DA_VBCB* vb) {
     DA_VBHEAD& h = vb->vbhdr;
     if (h.vbvecsize > 0) return 0;
     if (h.lastOffset >= 0) return DA_INTERNAL;
@@ -136,7 +136,7 @@ rctype geometry(DA_FCB* fcb, DA_VBCB* vb) {
 }
 
 // All len bytes or DA_SHORTREAD: the vectors and blocks have fixed places.
-rctype readall(DA_FD* fd, void* buf, long len, da_off_t off) {
+[[nodiscard]] rctype readall(DA_FD* fd, void* buf, long len, da_off_t off) {
     long got = 0;
     rctype rc = fd->fdread(fd, buf, len, off, &got);
     if (rc < 0) return rc;
@@ -144,12 +144,12 @@ rctype readall(DA_FD* fd, void* buf, long len, da_off_t off) {
     return 0;
 }
 
-rctype writeall(DA_FD* fd, const void* buf, long len, da_off_t* off) {
+[[nodiscard]] rctype writeall(DA_FD* fd, const void* buf, long len, da_off_t* off) {
     rctype rc = fd->fdwrite(fd, buf, len, off);
     return rc < 0 ? rc : 0;
 }
 
-rctype wrhead(DA_FCB* fcb, DA_VBCB* vb) {
+[[nodiscard]] rctype wrhead(DA_FCB* fcb, DA_VBCB* vb) {
     // The tree and vectors the head leads to are on disk before it is.
     rctype rc = dasyncfcb(fcb);
     if (rc < 0) return rc;
@@ -164,7 +164,7 @@ rctype wrhead(DA_FCB* fcb, DA_VBCB* vb) {
     return 0;
 }
 
-rctype needio(DA_FCB* fcb, DA_VBCB* vb) {
+[[nodiscard]] rctype needio(DA_FCB* fcb, DA_VBCB* vb) {
     int32_t im = fcb->xcext ? fcb->xcext->iomaxbuf : 0;
     if (im <= 0) return DA_INTERNAL;
     int32_t want = ((im + std::max(0, fcb->xoe.blockgrow) + 7) & ~7) + 16;
@@ -175,7 +175,7 @@ rctype needio(DA_FCB* fcb, DA_VBCB* vb) {
     return vb->iobuf ? 0 : DA_NOMEM;
 }
 
-rctype nodebuf(DA_VBCB* vb, DA_VBVNODE* n) {
+[[nodiscard]] rctype nodebuf(DA_VBCB* vb, DA_VBVNODE* n) {
     if (n->vbvec) return 0;
     n->vbvec = static_cast<char*>(malloc(vb->vbhdr.vbvecsize));
     return n->vbvec ? 0 : DA_NOMEM;
@@ -187,7 +187,7 @@ void dropnode(DA_VBVNODE* n) {
     n->dirty = 0;
 }
 
-rctype flushvec(DA_FCB* fcb, DA_VBCB* vb) {
+[[nodiscard]] rctype flushvec(DA_FCB* fcb, DA_VBCB* vb) {
     DA_VBVNODE& n = vb->vbvnode;
     if (!n.dirty) return 0;
     // A vector that sends a block elsewhere must not reach the disk before
@@ -203,7 +203,7 @@ rctype flushvec(DA_FCB* fcb, DA_VBCB* vb) {
 // The blocks of a vector lie inside the DPF and apart from each other. A
 // damaged offset could otherwise land on another block's bytes, which an
 // exit may well decode to rows of the right length.
-rctype chkvec(DA_FCB* fcb, const DA_VBHEAD& h, char* v, int64_t vbvno) {
+[[nodiscard]] rctype chkvec(DA_FCB* fcb, const DA_VBHEAD& h, char* v, int64_t vbvno) {
     std::vector<std::pair<int64_t, int64_t>> used;
     da_off_t fsize = *fcb->dffd->filesize;
     for (int ic = 0; ic < h.vbvspan; ++ic) {
@@ -229,7 +229,7 @@ rctype chkvec(DA_FCB* fcb, const DA_VBHEAD& h, char* v, int64_t vbvno) {
     return 0;
 }
 
-rctype loadvec(DA_FCB* fcb, DA_VBCB* vb, DA_VBVNODE* n, da_off_t off, int64_t vbvno) {
+[[nodiscard]] rctype loadvec(DA_FCB* fcb, DA_VBCB* vb, DA_VBVNODE* n, da_off_t off, int64_t vbvno) {
     if (n == &vb->vbvnode) {
         rctype rc = flushvec(fcb, vb);
         if (rc < 0) return rc;
@@ -247,7 +247,7 @@ rctype loadvec(DA_FCB* fcb, DA_VBCB* vb, DA_VBVNODE* n, da_off_t off, int64_t vb
     return 0;
 }
 
-rctype loaddir(DA_FCB* fcb, DA_VBCB* vb, int level, da_off_t off) {
+[[nodiscard]] rctype loaddir(DA_FCB* fcb, DA_VBCB* vb, int level, da_off_t off) {
     DA_VBDNODE& d = vb->vbdnode[level];
     if (d.offset == off) return 0;
     d.offset = -1;
@@ -262,7 +262,7 @@ rctype loaddir(DA_FCB* fcb, DA_VBCB* vb, int level, da_off_t off) {
 }
 
 // Offset of vector vbvno through the tree; 518 when the tree has none.
-rctype walk(DA_FCB* fcb, DA_VBCB* vb, int64_t vbvno, da_off_t* voff) {
+[[nodiscard]] rctype walk(DA_FCB* fcb, DA_VBCB* vb, int64_t vbvno, da_off_t* voff) {
     const DA_VBHEAD& h = vb->vbhdr;
     if (vbvno >= vb->maxvbvnlevel) return DA_EOF;
     int64_t span = vb->maxvbvnlevel / DA_VBDIRN;
@@ -290,7 +290,7 @@ struct BlockAddr {
 };
 
 // GetBlockOffset: where block vbn is, through node (the writers' or a cursor's).
-rctype blockoffset(DA_FCB* fcb, DA_VBCB* vb, DA_VBVNODE* node, int64_t vbn, BlockAddr* a) {
+[[nodiscard]] rctype blockoffset(DA_FCB* fcb, DA_VBCB* vb, DA_VBVNODE* node, int64_t vbn, BlockAddr* a) {
     const DA_VBHEAD& h = vb->vbhdr;
     if (h.vbvecsize <= 0) return DA_EOF;
     int64_t vbvno = vbn / h.vbvspan;
@@ -322,7 +322,7 @@ rctype blockoffset(DA_FCB* fcb, DA_VBCB* vb, DA_VBVNODE* node, int64_t vbn, Bloc
     return 0;
 }
 
-rctype appenddir(DA_FCB* fcb, int level, da_off_t* off) {
+[[nodiscard]] rctype appenddir(DA_FCB* fcb, int level, da_off_t* off) {
     DA_VBDIR d;
     d.level = level;
     d.nused = 0;
@@ -331,7 +331,7 @@ rctype appenddir(DA_FCB* fcb, int level, da_off_t* off) {
     return writeall(fcb->mdfd, &d, sizeof d, off);
 }
 
-rctype addlevel(DA_FCB* fcb, DA_VBCB* vb) {
+[[nodiscard]] rctype addlevel(DA_FCB* fcb, DA_VBCB* vb) {
     DA_VBHEAD& h = vb->vbhdr;
     if (h.numlevels >= DA_VBMAXLEVEL) return DA_INTERNAL;
     DA_VBDIR d;
@@ -363,7 +363,7 @@ rctype addlevel(DA_FCB* fcb, DA_VBCB* vb) {
 }
 
 // AddNewBlock: records where block vbn now is.
-rctype addblock(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, da_off_t boff, int32_t slen, bool chained, bool update) {
+[[nodiscard]] rctype addblock(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, da_off_t boff, int32_t slen, bool chained, bool update) {
     rctype rc = geometry(fcb, vb);
     if (rc < 0) return rc;
     DA_VBHEAD& h = vb->vbhdr;
@@ -469,7 +469,7 @@ rctype addblock(DA_FCB* fcb, DA_VBCB* vb, int64_t vbn, da_off_t boff, int32_t sl
 // A sequential cursor reads the DPF in large pieces: blocks appended in
 // order follow each other, so one read serves many. *src stays null when
 // the block is not served this way.
-rctype readahead(DA_FCB* fcb, DA_VBCB* vb, DA_VIOCB* vc, da_off_t off, int32_t len, const char** src) {
+[[nodiscard]] rctype readahead(DA_FCB* fcb, DA_VBCB* vb, DA_VIOCB* vc, da_off_t off, int32_t len, const char** src) {
     if (vc->rabuf && vc->ragen == vb->gen && off >= vc->raoff && off + len <= vc->raoff + vc->ralen) {
         *src = vc->rabuf + (off - vc->raoff);
         return 0;
@@ -492,7 +492,7 @@ rctype readahead(DA_FCB* fcb, DA_VBCB* vb, DA_VIOCB* vc, da_off_t off, int32_t l
 }
 
 // GetBlock: the block's bytes, raw in the end.
-rctype vgetblock(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom, int32_t* rawlen) {
+[[nodiscard]] rctype vgetblock(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom, int32_t* rawlen) {
     DA_VBCB* vb = fcb->vbcb;
     rctype rc = needio(fcb, vb);
     if (rc < 0) return rc;
@@ -561,7 +561,7 @@ rctype vgetblock(DA_FCB* fcb, void* cur, int64_t vbn, char* raw, int32_t rawroom
 }
 
 // PutBlock: converts and writes a block, recording where it went.
-rctype vputblock(DA_FCB* fcb, DA_BLOCK* blk) {
+[[nodiscard]] rctype vputblock(DA_FCB* fcb, DA_BLOCK* blk) {
     DA_VBCB* vb = fcb->vbcb;
     if (blk->numobs <= 0) return 0;
     rctype rc = needio(fcb, vb);
@@ -647,7 +647,10 @@ void setmax(DA_FCB* fcb, DA_VBCB* vb) {
 DA_VBCB* newvbcb(DA_FCB* fcb) {
     auto* vb = static_cast<DA_VBCB*>(calloc(1, sizeof(DA_VBCB)));
     if (!vb) return nullptr;
-    dabkinit(fcb, vb, &vops);
+    if (dabkinit(fcb, vb, &vops) < 0) {
+        free(vb);
+        return nullptr;
+    }
     dropnode(&vb->vbvnode);
     for (auto& d : vb->vbdnode) d.offset = -1;
     return vb;
@@ -660,7 +663,7 @@ void freevbcb(DA_VBCB* vb) {
     free(vb);
 }
 
-rctype loadhead(DA_FCB* fcb, DA_VBCB* vb) {
+[[nodiscard]] rctype loadhead(DA_FCB* fcb, DA_VBCB* vb) {
     da_off_t off = fcb->dshdr.links[DA_LNKVBH];
     if (off < 0) return DA_INTERNAL;
     rctype rc = dardvbh(fcb->mdfio, &vb->vbhdr, off);
@@ -695,7 +698,7 @@ void freecur(void* p) {
 
 }  // namespace
 
-rctype daivbcb(DA_FCB* fcb) {
+[[nodiscard]] rctype daivbcb(DA_FCB* fcb) {
     DA_VBCB* vb = newvbcb(fcb);
     if (!vb) return DA_NOMEM;
     DA_VBHEAD& h = vb->vbhdr;
@@ -720,7 +723,7 @@ rctype daivbcb(DA_FCB* fcb) {
     return 0;
 }
 
-rctype dalvbcb(DA_FCB* fcb) {
+[[nodiscard]] rctype dalvbcb(DA_FCB* fcb) {
     DA_VBCB* vb = newvbcb(fcb);
     if (!vb) return DA_NOMEM;
     rctype rc = loadhead(fcb, vb);
@@ -732,7 +735,7 @@ rctype dalvbcb(DA_FCB* fcb) {
     return 0;
 }
 
-rctype daflvbcb(DA_FCB* fcb) {
+[[nodiscard]] rctype daflvbcb(DA_FCB* fcb) {
     DA_VBCB* vb = fcb->vbcb;
     if (!vb) return 0;
     mutex_lock(&vb->lock);
@@ -753,7 +756,7 @@ rctype daflvbcb(DA_FCB* fcb) {
     return rc;
 }
 
-rctype dafvbcb(DA_FCB* fcb) {
+[[nodiscard]] rctype dafvbcb(DA_FCB* fcb) {
     DA_VBCB* vb = fcb->vbcb;
     if (!vb) return 0;
     rctype rc = 0;
@@ -763,7 +766,7 @@ rctype dafvbcb(DA_FCB* fcb) {
     return rc;
 }
 
-rctype darfvbcb(DA_FCB* fcb) {
+[[nodiscard]] rctype darfvbcb(DA_FCB* fcb) {
     DA_VBCB* vb = fcb->vbcb;
     if (!vb) return 0;
     mutex_lock(&vb->lock);
@@ -775,7 +778,7 @@ rctype darfvbcb(DA_FCB* fcb) {
     return rc;
 }
 
-rctype davgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
+[[nodiscard]] rctype davgioc(DA_FID* fp, int iom, DA_IOCB** iocb) {
     DA_FCB* fcb = fcbof(fp);
     if (!fcb->vbcb || !fcb->xcext) return DA_INTERNAL;
     auto* cur = static_cast<DA_VIOCB*>(calloc(1, sizeof(DA_VIOCB)));

@@ -26,7 +26,7 @@ void resetblk(DA_BLOCK* b) {
 
 bool beyond(const DA_BKCB* bk, int64_t vbn) { return bk->maxvbn == DA_NOVBN || vbn > bk->maxvbn; }
 
-rctype putblk(DA_FCB* fcb, DA_BKCB* bk, DA_BLOCK* b) {
+[[nodiscard]] rctype putblk(DA_FCB* fcb, DA_BKCB* bk, DA_BLOCK* b) {
     // A new block whose first row starts a partition starts its file first,
     // so that the rows of the partition before are complete.
     int64_t pf = fcb->xoe.partfactor;
@@ -44,7 +44,7 @@ rctype putblk(DA_FCB* fcb, DA_BKCB* bk, DA_BLOCK* b) {
 // A stored block decodes to whole rows: all bf of them but in the last block,
 // and at least those of its rows that numobs counts. Anything else is a
 // damaged offset or block whose bytes would be handed out as rows.
-rctype getblk(DA_FCB* fcb, DA_BKCB* bk, void* cur, int64_t vbn, char* out, int32_t* rawlen) {
+[[nodiscard]] rctype getblk(DA_FCB* fcb, DA_BKCB* bk, void* cur, int64_t vbn, char* out, int32_t* rawlen) {
     rctype rc = bk->ops->getblock(fcb, cur, vbn, out, bk->bf * bk->obslen, rawlen);
     if (rc != 0) return rc;
     int64_t rows = *rawlen / bk->obslen;
@@ -62,7 +62,7 @@ rctype getblk(DA_FCB* fcb, DA_BKCB* bk, void* cur, int64_t vbn, char* out, int32
 }
 
 // The table's block holding vbn for writing; loads it or starts it.
-rctype blockswap(DA_FCB* fcb, DA_BKCB* bk, int64_t vbn, DA_BLOCK** out) {
+[[nodiscard]] rctype blockswap(DA_FCB* fcb, DA_BKCB* bk, int64_t vbn, DA_BLOCK** out) {
     if (bk->ioblk.vbn == vbn) {
         *out = &bk->ioblk;
         return 0;
@@ -111,7 +111,7 @@ struct DA_FIOCB : DA_GIOCB {
 uint64_t& gen(DA_BKCB* bk) { return bk->gen; }
 
 // Rows [obs, obs+n) into out, block by block.
-rctype readrange(DA_FIOCB* c, hs_obsno_t obs, long n, char* out) {
+[[nodiscard]] rctype readrange(DA_FIOCB* c, hs_obsno_t obs, long n, char* out) {
     DA_BKCB* bk = c->bk;
     DA_FCB* fcb = c->fcb;
     const int32_t bf = bk->bf, ol = bk->obslen;
@@ -164,7 +164,7 @@ rctype readrange(DA_FIOCB* c, hs_obsno_t obs, long n, char* out) {
     return 0;
 }
 
-rctype bkread(DA_FIOCB* c, DA_IOB* iob) {
+[[nodiscard]] rctype bkread(DA_FIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     hs_obsno_t numobs = fcb->xoe.numobs;
     auto rd = [c](hs_obsno_t obs, long n, char* out) { return readrange(c, obs, n, out); };
@@ -176,7 +176,7 @@ rctype bkread(DA_FIOCB* c, DA_IOB* iob) {
 }
 
 // WriteAll: rows at obs (at most numobs + 1) into their blocks.
-rctype writerange(DA_FIOCB* c, hs_obsno_t obs, long n, const char* p) {
+[[nodiscard]] rctype writerange(DA_FIOCB* c, hs_obsno_t obs, long n, const char* p) {
     DA_BKCB* bk = c->bk;
     DA_FCB* fcb = c->fcb;
     const int32_t bf = bk->bf, ol = bk->obslen;
@@ -237,7 +237,7 @@ rctype writerange(DA_FIOCB* c, hs_obsno_t obs, long n, const char* p) {
 
 // CheckFreeBlock: the first block whose rows are deleted from its first row
 // on, all of them or up to numobs in the last block.
-rctype checkfree(DA_FCB* fcb, int32_t bf, int64_t* found, hs_obsno_t* run) {
+[[nodiscard]] rctype checkfree(DA_FCB* fcb, int32_t bf, int64_t* found, hs_obsno_t* run) {
     *found = DA_NOVBN;
     *run = 0;
     hs_obsno_t numobs = fcb->xoe.numobs;
@@ -256,7 +256,7 @@ rctype checkfree(DA_FCB* fcb, int32_t bf, int64_t* found, hs_obsno_t* run) {
 }
 
 // WriteDelete: rows go into wholly deleted blocks first, then to the end.
-rctype writedelete(DA_FIOCB* c, DA_IOB* iob) {
+[[nodiscard]] rctype writedelete(DA_FIOCB* c, DA_IOB* iob) {
     DA_FCB* fcb = c->fcb;
     const int32_t bf = c->bk->bf;
     // checkfree leaves the run 0 when no block is free.
@@ -270,14 +270,14 @@ rctype writedelete(DA_FIOCB* c, DA_IOB* iob) {
                         [c](hs_obsno_t obs, long n, const char* p) { return writerange(c, obs, n, p); });
 }
 
-rctype bkreadv(DA_IOCB* ic, int numbuf) {
+[[nodiscard]] rctype bkreadv(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_FIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec || c->obsperbuf <= 0) return DA_BADARG;
     DA_UPDLK lk(c->fcb, false, daupdmode(c->mode) && !(c->iom & DA_IOMSHARELK));
     return dareadbufs(c, c->fcb, numbuf, [c](DA_IOB* iob) { return bkread(c, iob); });
 }
 
-rctype bkwritev(DA_IOCB* ic, int numbuf) {
+[[nodiscard]] rctype bkwritev(DA_IOCB* ic, int numbuf) {
     auto* c = static_cast<DA_FIOCB*>(ic);
     if (numbuf <= 0 || numbuf > c->numbuf || !c->iobvec) return DA_BADARG;
     DA_UPDLK lk(c->fcb, true, !(c->iom & DA_IOMSHARELK));
@@ -286,7 +286,7 @@ rctype bkwritev(DA_IOCB* ic, int numbuf) {
         [c](DA_IOB* iob) { return writedelete(c, iob); });
 }
 
-rctype bksbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
+[[nodiscard]] rctype bksbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
     DA_FID* fp = c->fp;
     int32_t reclen = fp->xoehdr->ioreclen;
     if (fp->blocksize <= 0 || reclen <= 0 || bufsize <= 0 || !iobvec) return DA_BADARG;
@@ -296,7 +296,7 @@ rctype bksbuf(DA_IOCB* c, DA_IOB* iobvec, long bufsize) {
     return 0;
 }
 
-rctype bkfree(DA_IOCB* ic) {
+[[nodiscard]] rctype bkfree(DA_IOCB* ic) {
     auto* c = static_cast<DA_FIOCB*>(ic);
     if (c->freecur) {
         mutex_lock(&c->bk->lock);
@@ -313,7 +313,7 @@ const DA_IOCBMT mt_write = {bkfree, bkreadv, bkwritev, dasetloc, bksbuf};
 
 }  // namespace
 
-rctype dabkinit(DA_FCB* fcb, DA_BKCB* bk, const DA_BKOPS* ops) {
+[[nodiscard]] rctype dabkinit(DA_FCB* fcb, DA_BKCB* bk, const DA_BKOPS* ops) {
     mutex_init(&bk->lock, USYNC_THREAD, nullptr);
     bk->ops = ops;
     bk->maxvbn = DA_NOVBN;
@@ -326,7 +326,7 @@ rctype dabkinit(DA_FCB* fcb, DA_BKCB* bk, const DA_BKOPS* ops) {
 
 // Block buffers wait for the table's row length: a create knows it only
 // after the columns are defined.
-static rctype bkbufs(DA_FCB* fcb, DA_BKCB* bk) {
+[[nodiscard]] static rctype bkbufs(DA_FCB* fcb, DA_BKCB* bk) {
     if (bk->ioblk.blockbuf) return 0;
     bk->bf = fcb->xoe.blockfactor;
     bk->obslen = fcb->xoe.obslen;
@@ -353,7 +353,7 @@ void dabkstale(DA_BKCB* bk) {
     bk->gen++;
 }
 
-rctype dabkflush(DA_FCB* fcb, DA_BKCB* bk, const char* who) {
+[[nodiscard]] rctype dabkflush(DA_FCB* fcb, DA_BKCB* bk, const char* who) {
     rctype rc = 0;
     if (bk->ioblk.dirty && bk->ioblk.numobs > 0) {
         rc = putblk(fcb, bk, &bk->ioblk);
@@ -372,7 +372,7 @@ rctype dabkflush(DA_FCB* fcb, DA_BKCB* bk, const char* who) {
     return 0;
 }
 
-rctype dabkgioc(DA_FID* fp, int iom, DA_BKCB* bk, void* cur, void (*freecur)(void*), DA_IOCB** iocb) {
+[[nodiscard]] rctype dabkgioc(DA_FID* fp, int iom, DA_BKCB* bk, void* cur, void (*freecur)(void*), DA_IOCB** iocb) {
     DA_FIDP* f = fidpof(fp);
     DA_FCB* fcb = f->fcb;
     iom = danormiom(iom);

@@ -77,32 +77,32 @@ struct DA_XCEXT {
 };
 
 // Registers the built-in exits; called by dainit, idempotent.
-rctype daxcini();
+[[nodiscard]] rctype daxcini();
 // Resolves the exit name asked for at create into resname (8 bytes, blank
 // padded, upper case): with flag 1 "DEFAULT " is the DEFCOMPRESS option, with
 // flag 2 the DEFENCRYPT option.
-rctype daxcname(int flags, const char* xcname, char* resname);
+[[nodiscard]] rctype daxcname(int flags, const char* xcname, char* resname);
 // Finds or loads the exit, runs its init on first use, and counts a user.
 // Any failure is DA_NOEXIT.
-rctype daldxcb(const char* algname, DA_XCB** rxcb);
+[[nodiscard]] rctype daldxcb(const char* algname, DA_XCB** rxcb);
 // Drops a user; the last one runs term. The module stays loaded.
-rctype dafrxcb(DA_XCB* xcb);
+[[nodiscard]] rctype dafrxcb(DA_XCB* xcb);
 
 // Helpers for the table layer, so every caller maps the exit's answers the
 // same way.
 // A name asked for by a user at create: names with a leading point are
 // reserved (DA_BADARG); the exit must be able to do what flags ask
 // (1 compress: DA_NOCOMPRESS, 2 encrypt: DA_NOENCRYPT).
-rctype daxccheck(const DA_XCB* xcb, int flags, const char* asked);
+[[nodiscard]] rctype daxccheck(const DA_XCB* xcb, int flags, const char* asked);
 // Calls open_hook with xcext's mode, key and bag; -2 is DA_BADKEY, any other
 // refusal DA_EXITREFUSED. Sets xcthdl and iomaxbuf.
-rctype daxcopen(DA_XCEXT* xcext, const char* libpath, const char* table, double cretime, int rawmaxbuf);
+[[nodiscard]] rctype daxcopen(DA_XCEXT* xcext, const char* libpath, const char* table, double cretime, int rawmaxbuf);
 // Calls close_hook; the bag it leaves is in xcext->xchdr.
-rctype daxcclose(DA_XCEXT* xcext);
+[[nodiscard]] rctype daxcclose(DA_XCEXT* xcext);
 // 0 converted, 1 keep raw (only when allowraw), DA_CONVFAIL or DA_CONVBIG.
-rctype daxcconvert(DA_XCEXT* xcext, int64_t vbn, const void* raw, int rawlen, void* io, int* iolen, bool allowraw);
+[[nodiscard]] rctype daxcconvert(DA_XCEXT* xcext, int64_t vbn, const void* raw, int rawlen, void* io, int* iolen, bool allowraw);
 // 0 or DA_UNCONVFAIL; *rawlen is the room on entry.
-rctype daxcunconvert(DA_XCEXT* xcext, int64_t vbn, const void* io, int iolen, void* raw, int* rawlen);
+[[nodiscard]] rctype daxcunconvert(DA_XCEXT* xcext, int64_t vbn, const void* io, int iolen, void* raw, int* rawlen);
 
 // Word-wise scrambling of access tables with a running key; symmetric.
 void dancode(uint32_t key, void* bufp, long bsize);

@@ -94,7 +94,7 @@ int dacry6in(int* xcflags, void** xchdl) {
 }
 void dacrytm(void*) {}
 
-rctype cryrun(const CRYH* h, const char* key, int pageno, int mode, const void* from, void* to, long len) {
+[[nodiscard]] rctype cryrun(const CRYH* h, const char* key, int pageno, int mode, const void* from, void* to, long len) {
     HS_BENC b{};
     b.datetime = h->datetime;
     b.pageno = pageno;
@@ -283,7 +283,7 @@ void registerbuiltins() {
 }
 
 // Loads <VRTA_LIBRARY_PATH>/<name>.so and its six entries.
-rctype loadxcb(const char name[8], DA_XCB** rxcb) {
+[[nodiscard]] rctype loadxcb(const char name[8], DA_XCB** rxcb) {
     std::string lname;
     for (int i = 0; i < 8 && name[i] != ' '; ++i) lname += static_cast<char>(std::tolower(static_cast<unsigned char>(name[i])));
     std::string path;
@@ -347,13 +347,13 @@ struct XCLOCK {
 
 }  // namespace
 
-rctype daxcini() {
+[[nodiscard]] rctype daxcini() {
     XCLOCK g;
     registerbuiltins();
     return 0;
 }
 
-rctype daxcname(int flags, const char* xcname, char* resname) {
+[[nodiscard]] rctype daxcname(int flags, const char* xcname, char* resname) {
     char name[8];
     normname(xcname, name);
     const char* opt = nullptr;
@@ -384,7 +384,7 @@ rctype daxcname(int flags, const char* xcname, char* resname) {
     return 0;
 }
 
-rctype daldxcb(const char* algname, DA_XCB** rxcb) {
+[[nodiscard]] rctype daldxcb(const char* algname, DA_XCB** rxcb) {
     char name[8];
     normname(algname, name);
     XCLOCK g;
@@ -410,7 +410,7 @@ rctype daldxcb(const char* algname, DA_XCB** rxcb) {
     return 0;
 }
 
-rctype dafrxcb(DA_XCB* xcb) {
+[[nodiscard]] rctype dafrxcb(DA_XCB* xcb) {
     if (!xcb) return DA_BADARG;
     XCLOCK g;
     if (xcb->refCount > 0 && --xcb->refCount == 0) {
@@ -421,14 +421,14 @@ rctype dafrxcb(DA_XCB* xcb) {
     return 0;
 }
 
-rctype daxccheck(const DA_XCB* xcb, int flags, const char* asked) {
+[[nodiscard]] rctype daxccheck(const DA_XCB* xcb, int flags, const char* asked) {
     if (asked && asked[0] == '.') return DA_BADARG;
     if ((flags & 1) && !(xcb->xcflags & DA_XCCOMP)) return DA_NOCOMPRESS;
     if ((flags & 2) && !(xcb->xcflags & DA_XCCRYPT)) return DA_NOENCRYPT;
     return 0;
 }
 
-rctype daxcopen(DA_XCEXT* xcext, const char* libpath, const char* table, double cretime, int rawmaxbuf) {
+[[nodiscard]] rctype daxcopen(DA_XCEXT* xcext, const char* libpath, const char* table, double cretime, int rawmaxbuf) {
     DA_XCB* x = xcext->xcb;
     if (!x) return DA_BADARG;
     int baglen = xcext->xchdr.baglen;
@@ -452,7 +452,7 @@ rctype daxcopen(DA_XCEXT* xcext, const char* libpath, const char* table, double 
     return 0;
 }
 
-rctype daxcclose(DA_XCEXT* xcext) {
+[[nodiscard]] rctype daxcclose(DA_XCEXT* xcext) {
     DA_XCB* x = xcext->xcb;
     if (!x) return DA_BADARG;
     int baglen = xcext->xchdr.baglen;
@@ -462,7 +462,7 @@ rctype daxcclose(DA_XCEXT* xcext) {
     return rc == 0 ? 0 : DA_EXITREFUSED;
 }
 
-rctype daxcconvert(DA_XCEXT* xcext, int64_t vbn, const void* raw, int rawlen, void* io, int* iolen, bool allowraw) {
+[[nodiscard]] rctype daxcconvert(DA_XCEXT* xcext, int64_t vbn, const void* raw, int rawlen, void* io, int* iolen, bool allowraw) {
     DA_XCB* x = xcext->xcb;
     int len = xcext->iomaxbuf;
     const int rc = x->mt.convert(xcext->xcthdl, static_cast<int>(vbn & 0x7fffffff), static_cast<const char*>(raw),
@@ -480,7 +480,7 @@ rctype daxcconvert(DA_XCEXT* xcext, int64_t vbn, const void* raw, int rawlen, vo
     return 0;
 }
 
-rctype daxcunconvert(DA_XCEXT* xcext, int64_t vbn, const void* io, int iolen, void* raw, int* rawlen) {
+[[nodiscard]] rctype daxcunconvert(DA_XCEXT* xcext, int64_t vbn, const void* io, int iolen, void* raw, int* rawlen) {
     DA_XCB* x = xcext->xcb;
     int len = *rawlen;
     const int rc = x->mt.unconvert(xcext->xcthdl, static_cast<int>(vbn & 0x7fffffff), static_cast<const char*>(io),

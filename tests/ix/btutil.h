@@ -41,7 +41,7 @@ struct Tree {
                 db->close(db, -1, nullptr, 1);
                 db = nullptr;
             }
-            ip->mt->closeidx(ip, 0);
+            EXPECT_GE(ip->mt->closeidx(ip, 0), 0);
             ip = nullptr;
             return false;
         }

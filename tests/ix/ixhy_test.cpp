@@ -34,8 +34,12 @@ struct Files {
         EXPECT_EQ(0, daopidxf(hbxpath.c_str(), create ? 5 : 1, &hbx));
     }
     void close() {
-        if (idx) idx->mt->closeidx(idx, 0);
-        if (hbx) hbx->mt->closeidx(hbx, 0);
+        if (idx) {
+            EXPECT_GE(idx->mt->closeidx(idx, 0), 0);
+        }
+        if (hbx) {
+            EXPECT_GE(hbx->mt->closeidx(hbx, 0), 0);
+        }
         idx = hbx = nullptr;
     }
     ~Files() { close(); }
@@ -43,7 +47,7 @@ struct Files {
         DA_IDX* i = nullptr;
         EXPECT_EQ(0, daopidxf(idxpath.c_str(), 0, &i));
         Model m = readindex(i, hbxpath);
-        i->mt->closeidx(i, 0);
+        EXPECT_GE(i->mt->closeidx(i, 0), 0);
         return m;
     }
 };
@@ -222,5 +226,5 @@ TEST(HybridIndex, SegmentFormsFollowTheirThresholds) {
     EXPECT_EQ(2, b4.seg_data);
     EXPECT_EQ(1, ixbt_high_segno(b4));
     db->close(db, -1, nullptr, 1);
-    i->mt->closeidx(i, 0);
+    EXPECT_GE(i->mt->closeidx(i, 0), 0);
 }

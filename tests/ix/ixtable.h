@@ -79,7 +79,7 @@ inline bool indexright(DA_FID* fp) {
         ok = ok && __bt_settree(db, (r - 1) / seg) == 0 && db->get(db, &k, &out, 0) == 0 && bt_rowof(out.data) == r;
     }
     if (db) db->close(db, -1, nullptr, 1);
-    ip->mt->closeidx(ip, 0);
+    EXPECT_GE(ip->mt->closeidx(ip, 0), 0);
     return ok;
 }
 

@@ -106,7 +106,9 @@ struct Cur {
         EXPECT_EQ(0, c->mt->setbuf(c, iob, bufsize));
     }
     ~Cur() {
-        if (c) c->mt->freeiocb(c);
+        if (c) {
+            EXPECT_GE(c->mt->freeiocb(c), 0);
+        }
         dafriob(iob);
     }
     char* row(int b, long i) { return static_cast<char*>(iob[b].bufptr) + i * ROWLEN; }

@@ -51,7 +51,7 @@ constexpr long BATCH = 11;  // crosses the 32-row partitions at odd places
     if (darclos(fp) < 0) _exit(8);
     report(out, BATCHES * BATCH);
     report(out, -2);
-    dafrlib(lp);
+    if (dafrlib(lp) < 0) _exit(9);
     _exit(0);
 }
 
@@ -110,9 +110,9 @@ TEST(CrashSafety, WriterKilledAtEveryWriteLeavesACommittedPrefix) {
             // Killed before the columns were defined: no table to trust, but no crash either.
             if (rc >= 0) {
                 EXPECT_EQ(0, fp->xoehdr->numobs) << "k=" << k;
-                darclos(fp);
+                EXPECT_GE(darclos(fp), 0);
             }
-            dafrlib(lp);
+            EXPECT_GE(dafrlib(lp), 0);
             continue;
         }
         ASSERT_GE(rc, 0) << "k=" << k << " rc=" << std::hex << rc;
@@ -144,7 +144,7 @@ TEST(CrashSafety, WriterKilledAtEveryWriteLeavesACommittedPrefix) {
         EXPECT_EQ(n + 40, fp->xoehdr->numobs);
         EXPECT_TRUE(rowsintact(fp)) << "k=" << k;
         ASSERT_EQ(0, darclos(fp));
-        dafrlib(lp);
+        EXPECT_GE(dafrlib(lp), 0);
     }
     // Create, six appends with their flushes and the close: well over twenty writes.
     EXPECT_GT(points, 20);
@@ -189,7 +189,7 @@ TEST(CrashSafety, UpdaterKilledAtEverySystemWriteLeavesAnOpenableTable) {
             auto r = rows(1, 45);
             ASSERT_EQ(0, dawrobs(fp, 1, r.data(), 45));
             ASSERT_EQ(0, darclos(fp));
-            dafrlib(lp);
+            EXPECT_GE(dafrlib(lp), 0);
         }
         int p[2];
         ASSERT_EQ(0, pipe(p));
@@ -237,7 +237,7 @@ TEST(CrashSafety, UpdaterKilledAtEverySystemWriteLeavesAnOpenableTable) {
         }
         EXPECT_LE(fp->xoehdr->numdelete, bits) << "k=" << k;
         ASSERT_EQ(0, darclos(fp));
-        dafrlib(lp);
+        EXPECT_GE(dafrlib(lp), 0);
     }
     printf("kill points tried: %ld, revision differs: %ld\n", points, revdiff);
     EXPECT_GT(points, 20);
@@ -347,8 +347,8 @@ TEST(CrashSafety, CursorWriterOfEachStorageFormKilledAtEverySystemWrite) {
                 EXPECT_EQ(BATCHES * 37, fp->xoehdr->numobs) << what << " k=" << k;
             }
             EXPECT_TRUE(cursorrowsintact(fp)) << what << " k=" << k << " numobs " << fp->xoehdr->numobs;
-            darclos(fp);
-            dafrlib(lp);
+            EXPECT_GE(darclos(fp), 0);
+            EXPECT_GE(dafrlib(lp), 0);
         }
         printf("%s: kill points tried: %ld\n", kind.exit ? kind.exit : "plain", points);
         EXPECT_GT(points, 20);

@@ -183,7 +183,7 @@ struct MdfFile {
     DA_FD* fd = nullptr;
     std::string dir;
     explicit MdfFile(const std::string& d) : dir(d) {
-        daioini();
+        EXPECT_GE(daioini(), 0);
         DA_FDSTR fs{};
         const char* paths[1] = {dir.c_str()};
         fs.name = "p.mdf";
@@ -197,7 +197,9 @@ struct MdfFile {
         EXPECT_EQ(0, dafdopn(&fs, &fd));
     }
     ~MdfFile() {
-        if (fd) fd->fdclose(fd);
+        if (fd) {
+            EXPECT_GE(fd->fdclose(fd), 0);
+        }
     }
 };
 

@@ -36,7 +36,7 @@ DA_DSFHEAD headerondisk(DA_LIB* lp, const char* name) {
     DA_DSFHEAD h{};
     if (daopen(lp, &o, &fp) < 0) return h;
     h = fcbof(fp)->dshdr;
-    darclos(fp);
+    EXPECT_GE(darclos(fp), 0);
     return h;
 }
 
@@ -119,7 +119,9 @@ TEST(TableLife, OpenersInOneProcessShareOneControlBlock) {
         DA_OPNSTR ou = request("t", DA_OMUPDATE);
         DA_FID* u = nullptr;
         other = daopen(lp, &ou, &u);
-        if (other >= 0) darclos(u);
+        if (other >= 0) {
+            EXPECT_GE(darclos(u), 0);
+        }
     });
     th.join();
     EXPECT_TRUE(other == DA_MODECONF || other == DA_LOCKCONF) << std::hex << other;
@@ -132,7 +134,9 @@ TEST(TableLife, OpenersInOneProcessShareOneControlBlock) {
         DA_OPNSTR oi = request("u", DA_OMINPUT);
         DA_FID* i = nullptr;
         other = daopen(lp, &oi, &i);
-        if (other >= 0) darclos(i);
+        if (other >= 0) {
+            EXPECT_GE(darclos(i), 0);
+        }
     });
     th2.join();
     EXPECT_EQ(DA_LOCKCONF, other);
@@ -144,7 +148,7 @@ TEST(TableLife, OpenersInOneProcessShareOneControlBlock) {
     DA_OPNSTR oi = request("t", DA_OMINPUT);
     ASSERT_EQ(0, daopen(lp, &oi, &x));
     EXPECT_EQ(10, x->xoehdr->numobs);
-    darclos(x);
+    EXPECT_GE(darclos(x), 0);
     EXPECT_EQ(0, dafrlib(lp));
 }
 
@@ -180,7 +184,7 @@ TEST(TableLife, BadRequestsGiveTheirCodesAndLeaveNoFiles) {
     cols = columns();
     cols[1].npos = 12;
     EXPECT_EQ(DA_BADARG, c->mt->defvars(c, 2, cols.data()));
-    darclos(c);
+    EXPECT_GE(darclos(c), 0);
 
     // A table whose data file went missing.
     DA_FID* t = create(lp, "nodata");
@@ -324,8 +328,8 @@ TEST(TableLife, ReaderInAnotherProcessSeesCommittedGrowthOnly) {
             }
         }
         if (darclos(w) < 0) _exit(7);
-        daulmem(wl, lid, DA_LKMEMBER, DA_OMUPDATE, thr_self());
-        dafrlib(wl);
+        if (daulmem(wl, lid, DA_LKMEMBER, DA_OMUPDATE, thr_self()) < 0) _exit(9);
+        if (dafrlib(wl) < 0) _exit(10);
         _exit(0);
     }
     close(go[0]);
@@ -365,7 +369,7 @@ TEST(TableLife, ReaderInAnotherProcessSeesCommittedGrowthOnly) {
     EXPECT_EQ(total, last);
     EXPECT_GE(grew, 2);
     ASSERT_EQ(0, darclos(rd));
-    daulmem(lp, lid, DA_LKMEMBER, DA_OMINPUT, thr_self());
+    EXPECT_GE(daulmem(lp, lid, DA_LKMEMBER, DA_OMINPUT, thr_self()), 0);
     EXPECT_EQ(0, dafrlib(lp));
 }
 
@@ -655,8 +659,8 @@ TEST(TableLife, OpenerInAnotherProcessInAConflictingModeIsRefusedAndNothingChang
         if (write(ready[1], "r", 1) != 1) _exit(4);
         char c;
         if (read(done[0], &c, 1) != 1) _exit(5);
-        darclos(u);
-        dafrlib(cl);
+        if (darclos(u) < 0) _exit(6);
+        if (dafrlib(cl) < 0) _exit(7);
         _exit(0);
     }
     close(ready[1]);

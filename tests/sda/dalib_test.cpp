@@ -274,7 +274,7 @@ TEST(Library, DirectoryListsMembersByTheirFirstPartition) {
         while ((rc = darddir(dh, &e)) == 0) out.insert(std::string(e.name) + "/" + std::string(e.type, 8) +
                                                         "/" + std::to_string(e.memtype));
         EXPECT_EQ(DA_EOF, rc);
-        dacldir(dh);
+        EXPECT_GE(dacldir(dh), 0);
         return out;
     };
     std::set<std::string> plainset{"ABC/DATA    /0", "CLU/DATA    /6", "U1/CATALOG /4"};
@@ -374,14 +374,14 @@ TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
     ASSERT_GE(dpf->fdcntl(dpf, DA_FDNEWPART, nullptr), 0);
     woff = 5000;
     ASSERT_GE(dpf->fdwrite(dpf, rows.data() + 5000, 3000, &woff), 0);
-    dpf->fdclose(dpf);
+    EXPECT_GE(dpf->fdclose(dpf), 0);
     da_off_t ifib = -1;
     DA_FD* idx = openfile("t.idxk1", meta, DA_FDCREATE | DA_FDWRITE | DA_FDINDIRECT, mdf, &ifib);
     ASSERT_NE(nullptr, idx);
     std::string keys = pattern(300, 3);
     woff = 0;
     ASSERT_GE(idx->fdwrite(idx, keys.data(), 300, &woff), 0);
-    idx->fdclose(idx);
+    EXPECT_GE(idx->fdclose(idx), 0);
     DA_IDXODS ix;
     memset(&ix, 0, sizeof ix);
     ix.ods.version = DA_IDXODS_VER;
@@ -404,7 +404,7 @@ TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
     h.links[DA_LNKDPFFIB] = dfib;
     hoff = mdf->baseoff;
     ASSERT_GE(dawrods(io, &h, &hoff), 0);
-    mdf->fdclose(mdf);
+    EXPECT_GE(mdf->fdclose(mdf), 0);
     size_t nfiles = filesIn(prim).size() + filesIn(d1).size() + filesIn(d2).size();
     EXPECT_EQ(2u, filesIn(d1).size() + filesIn(d2).size());  // two data partitions
 
@@ -435,15 +435,15 @@ TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
     ASSERT_GE(dpf->fdread(dpf, back.data(), 8000, 0, &got), 0);
     EXPECT_EQ(8000, got);
     EXPECT_TRUE(back == rows);
-    dpf->fdclose(dpf);
+    EXPECT_GE(dpf->fdclose(dpf), 0);
     da_off_t f3 = ifib;
     idx = openfile("newt.idxk1", meta, DA_FDINDIRECT, mdf, &f3);
     ASSERT_NE(nullptr, idx);
     std::string kb(300, '\0');
     ASSERT_GE(idx->fdread(idx, kb.data(), 300, 0, &got), 0);
     EXPECT_TRUE(kb == keys);
-    idx->fdclose(idx);
-    mdf->fdclose(mdf);
+    EXPECT_GE(idx->fdclose(idx), 0);
+    EXPECT_GE(mdf->fdclose(mdf), 0);
 
     // The listing shows the renamed table with the member flag of its description.
     DA_DIRH* dh = nullptr;
@@ -453,12 +453,12 @@ TEST(Library, RenameMovesEveryComponentAndKeepsTheTableReadable) {
     EXPECT_STREQ("NEWT", e.name);
     EXPECT_EQ(8, e.memflags);
     EXPECT_EQ(DA_EOF, darddir(dh, &e));
-    dacldir(dh);
+    EXPECT_GE(dacldir(dh), 0);
 
     // The new name is taken now; a utility member renames by itself.
     DA_FD* u = openfile("u.catalog", meta, DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST);
     ASSERT_NE(nullptr, u);
-    u->fdclose(u);
+    EXPECT_GE(u->fdclose(u), 0);
     touch(prim + "/v.catalog.0.0.0.vrta9");
     EXPECT_EQ(DA_EXISTS, darenam(lp, "u", "CATALOG ", "v"));
     unlink((prim + "/v.catalog.0.0.0.vrta9").c_str());
@@ -527,7 +527,7 @@ TEST(Library, UtilityFilesHideTheirHeadAndNamelessOnesGetFreshNames) {
     DA_DIRENT e;
     int scratch = 0;
     while (darddir(dh, &e) == 0) scratch += strncmp(e.type, "SCRATCH ", 8) == 0;
-    dacldir(dh);
+    EXPECT_GE(dacldir(dh), 0);
     EXPECT_EQ(1, scratch);
 
     // A work file lives on the work path and goes at close.
@@ -539,7 +539,7 @@ TEST(Library, UtilityFilesHideTheirHeadAndNamelessOnesGetFreshNames) {
     bool found = false;
     for (auto& f : inwork) found = found || f.rfind("vrta_", 0) == 0;
     EXPECT_TRUE(found);
-    wf->fdclose(wf);
+    EXPECT_GE(wf->fdclose(wf), 0);
     for (auto& f : filesIn(std::string(lp->work[0].path)))
         EXPECT_FALSE(f.rfind("vrta_", 0) == 0 && std::find(inwork.begin(), inwork.end(), f) != inwork.end()) << f;
     EXPECT_EQ(0, dafrlib(lp));

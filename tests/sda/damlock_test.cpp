@@ -32,7 +32,7 @@ struct Lib {
         ls.create = 1;
         EXPECT_GE(dagtlib(&ls, &lp), 0);
     }
-    ~Lib() { dafrlib(lp); }
+    ~Lib() { EXPECT_GE(dafrlib(lp), 0); }
     std::string lockfile(const char* m) const { return tmp.file(std::string(m) + ".data.vrta_lock9"); }
 };
 
@@ -62,7 +62,7 @@ struct Holder {
             if (write(up[1], &r, sizeof r) != sizeof r) _exit(2);
             char cmd = 0;
             if (read(down[0], &cmd, 1) != 1) _exit(3);
-            if (cmd == 'r' && r >= 0) daulmem(lp, lid, DA_LKMEMBER, omode, thr_self());
+            if (cmd == 'r' && r >= 0 && daulmem(lp, lid, DA_LKMEMBER, omode, thr_self()) != 0) _exit(5);
             if (write(up[1], &cmd, 1) != 1) _exit(4);
             _exit(0);
         }
@@ -101,18 +101,18 @@ TEST(MemberLock, ReaderWithoutLockFileCreatesNoneAndNamesFoldCase) {
     ASSERT_EQ(0, dalkmem(lib.lp, "ABC", "data", DA_LKMEMBER, DA_OMINPUT, thr_self(), 0, &b, &owner));
     EXPECT_EQ(a, b);
     EXPECT_EQ(2, a->refCount);
-    daulmem(lib.lp, b, DA_LKMEMBER, DA_OMINPUT, thr_self());
-    daulmem(lib.lp, a, DA_LKMEMBER, DA_OMINPUT, thr_self());
+    EXPECT_GE(daulmem(lib.lp, b, DA_LKMEMBER, DA_OMINPUT, thr_self()), 0);
+    EXPECT_GE(daulmem(lib.lp, a, DA_LKMEMBER, DA_OMINPUT, thr_self()), 0);
     // A name one character too long is refused, not cut to another member's.
     std::string longname(33, 'n');
     EXPECT_EQ(DA_BADARG, dalkmem(lib.lp, longname.c_str(), "DATA", DA_LKMEMBER, DA_OMUPDATE, thr_self(), 0, &a, &owner));
     ASSERT_EQ(0, dalkmem(lib.lp, longname.substr(1).c_str(), "DATA", DA_LKMEMBER, DA_OMUPDATE, thr_self(), 0, &a, &owner));
-    daulmem(lib.lp, a, DA_LKMEMBER, DA_OMUPDATE, thr_self());
+    EXPECT_GE(daulmem(lib.lp, a, DA_LKMEMBER, DA_OMUPDATE, thr_self()), 0);
 
     // A writer makes the file; its release as last holder removes it.
     ASSERT_EQ(0, dalkmem(lib.lp, "abc", "DATA    ", DA_LKMEMBER, DA_OMUPDATE, thr_self(), 0, &a, &owner));
     EXPECT_TRUE(there(lib.lockfile("abc")));
-    daulmem(lib.lp, a, DA_LKMEMBER, DA_OMUPDATE, thr_self());
+    EXPECT_GE(daulmem(lib.lp, a, DA_LKMEMBER, DA_OMUPDATE, thr_self()), 0);
     EXPECT_FALSE(there(lib.lockfile("abc")));
 }
 
@@ -135,8 +135,8 @@ TEST(MemberLock, ThreadsOfOneProcessFollowTheModeRules) {
     DA_LOCK* r = nullptr;
     ASSERT_EQ(0, dalkmem(lib.lp, "t", "DATA    ", DA_LKMEMBER, DA_OMINPUT, me, 0, &r, &owner));
     EXPECT_EQ(w, r);
-    daulmem(lib.lp, r, DA_LKMEMBER, DA_OMINPUT, me);
-    daulmem(lib.lp, w, DA_LKMEMBER, DA_OMOUTPUT, me);
+    EXPECT_GE(daulmem(lib.lp, r, DA_LKMEMBER, DA_OMINPUT, me), 0);
+    EXPECT_GE(daulmem(lib.lp, w, DA_LKMEMBER, DA_OMOUTPUT, me), 0);
 
     // Two readers: neither may turn into an updater while the other reads;
     // once alone, a reader converts in place.
@@ -149,7 +149,7 @@ TEST(MemberLock, ThreadsOfOneProcessFollowTheModeRules) {
         pid_t o = 0;
         EXPECT_EQ(0, dalkmem(lib.lp, "t", "DATA    ", DA_LKMEMBER, DA_OMINPUT, thr_self(), 0, &r2, &o));
         conv_other = daconlk(lib.lp, r2, DA_LKMEMBER, DA_OMINPUT, DA_OMUPDATE, thr_self(), &o);
-        daulmem(lib.lp, r2, DA_LKMEMBER, DA_OMINPUT, thr_self());
+        EXPECT_GE(daulmem(lib.lp, r2, DA_LKMEMBER, DA_OMINPUT, thr_self()), 0);
         stage = 1;
     });
     t2.join();
@@ -161,7 +161,7 @@ TEST(MemberLock, ThreadsOfOneProcessFollowTheModeRules) {
     EXPECT_EQ(DA_LCKWRITE, r1->lockHeld);
     ASSERT_EQ(0, daconlk(lib.lp, r1, DA_LKMEMBER, DA_OMUPDATE, DA_OMINPUT, me, &owner));
     EXPECT_EQ(DA_LCKREAD, r1->lockHeld);
-    daulmem(lib.lp, r1, DA_LKMEMBER, DA_OMINPUT, me);
+    EXPECT_GE(daulmem(lib.lp, r1, DA_LKMEMBER, DA_OMINPUT, me), 0);
     EXPECT_FALSE(there(lib.lockfile("t")));
 }
 
@@ -181,21 +181,21 @@ TEST(MemberLock, AnotherProcessWaitsForOrFailsOnAHeldMember) {
     }
     // Released and gone: the lock is ours, and our release removes the file.
     ASSERT_EQ(0, dalkmem(lib.lp, "m", "DATA    ", DA_LKMEMBER, DA_OMUPDATE, me, 0, &l, &owner));
-    daulmem(lib.lp, l, DA_LKMEMBER, DA_OMUPDATE, me);
+    EXPECT_GE(daulmem(lib.lp, l, DA_LKMEMBER, DA_OMUPDATE, me), 0);
     EXPECT_FALSE(there(lib.lockfile("m")));
     {
         Holder child(lib.lp, "m", DA_OMINPUT);
         // The child found no lock file and took nothing: we may write.
         ASSERT_EQ(0, child.rc);
         ASSERT_EQ(0, dalkmem(lib.lp, "m", "DATA    ", DA_LKMEMBER, DA_OMUPDATE, me, 0, &l, &owner));
-        daulmem(lib.lp, l, DA_LKMEMBER, DA_OMUPDATE, me);
+        EXPECT_GE(daulmem(lib.lp, l, DA_LKMEMBER, DA_OMUPDATE, me), 0);
     }
     {
         // A reader in another process that holds a lock file keeps writers out.
         ASSERT_EQ(0, dalkmem(lib.lp, "m", "DATA    ", DA_LKBACKUP, DA_OMINPUT, me, 0, &l, &owner));
         Holder child(lib.lp, "m", DA_OMINPUT);
         ASSERT_EQ(0, child.rc);
-        daulmem(lib.lp, l, DA_LKBACKUP, DA_OMINPUT, me);
+        EXPECT_GE(daulmem(lib.lp, l, DA_LKBACKUP, DA_OMINPUT, me), 0);
         EXPECT_TRUE(there(lib.lockfile("m")));  // the child still holds it
         EXPECT_EQ(DA_WRLOCKED, dalkmem(lib.lp, "m", "DATA    ", DA_LKMEMBER, DA_OMUPDATE, me, 0, &l, &owner));
         EXPECT_EQ(child.pid, owner);
@@ -203,7 +203,7 @@ TEST(MemberLock, AnotherProcessWaitsForOrFailsOnAHeldMember) {
         child.finish('k');
     }
     ASSERT_EQ(0, dalkmem(lib.lp, "m", "DATA    ", DA_LKMEMBER, DA_OMUPDATE, me, 0, &l, &owner));
-    daulmem(lib.lp, l, DA_LKMEMBER, DA_OMUPDATE, me);
+    EXPECT_GE(daulmem(lib.lp, l, DA_LKMEMBER, DA_OMUPDATE, me), 0);
     EXPECT_FALSE(there(lib.lockfile("m")));
 }
 
@@ -219,7 +219,7 @@ TEST(MemberLock, ProcessesRacingOnTheLastUnlockNeverLoseTheLock) {
             DA_LOCK* l = nullptr;
             pid_t o = 0;
             if (dalkmem(lib.lp, "race", "DATA    ", DA_LKBACKUP, DA_OMINPUT, thr_self(), 0, &l, &o) != 0) bad++;
-            else daulmem(lib.lp, l, DA_LKBACKUP, DA_OMINPUT, thr_self());
+            else if (daulmem(lib.lp, l, DA_LKBACKUP, DA_OMINPUT, thr_self()) != 0) bad++;
         }
         _exit(bad ? 1 : 0);
     }
@@ -236,7 +236,7 @@ TEST(MemberLock, ProcessesRacingOnTheLastUnlockNeverLoseTheLock) {
         struct stat a, b;
         sawHeld = fstat(l->lockfd, &a) == 0 && stat(lib.lockfile("race").c_str(), &b) == 0 && a.st_ino == b.st_ino;
         if (!sawHeld) bad++;
-        daulmem(lib.lp, l, DA_LKBACKUP, DA_OMINPUT, thr_self());
+        EXPECT_GE(daulmem(lib.lp, l, DA_LKBACKUP, DA_OMINPUT, thr_self()), 0);
     }
     int st = 0;
     waitpid(pid, &st, 0);
@@ -268,14 +268,14 @@ TEST(MemberLock, ManyThreadsShareOneLockBlockAndLeaveNothingBehind) {
                     failures++;
                     continue;
                 }
-                daulmem(lib.lp, l, DA_LKMEMBER, DA_OMINPUT, thr_self());
+                EXPECT_GE(daulmem(lib.lp, l, DA_LKMEMBER, DA_OMINPUT, thr_self()), 0);
             }
         });
     for (auto& t : ts) t.join();
     EXPECT_EQ(0, failures.load());
     EXPECT_EQ(1, held->refCount);
     EXPECT_EQ(1, held->numtlb);
-    daulmem(lib.lp, held, DA_LKBACKUP, DA_OMINPUT, thr_self());
+    EXPECT_GE(daulmem(lib.lp, held, DA_LKBACKUP, DA_OMINPUT, thr_self()), 0);
     EXPECT_FALSE(there(lib.lockfile("mt")));
     EXPECT_EQ(nullptr, dagcb.lcbs);
 }
@@ -298,7 +298,7 @@ TEST(MemberLock, DynamicOpenersShareAndKeepTheUpdaterAlone) {
     {
         Holder upd(lib.lp, "dy", DA_OMUPDATE, DA_LKDYNAMIC, false);
         EXPECT_FALSE(upd.reported(300));
-        daulmem(lib.lp, d1, DA_LKMEMBER, DA_OMUPDATE, me);
+        EXPECT_GE(daulmem(lib.lp, d1, DA_LKMEMBER, DA_OMUPDATE, me), 0);
         ASSERT_TRUE(upd.reported(10000));
         EXPECT_EQ(0, upd.rc);
     }
@@ -310,7 +310,7 @@ TEST(MemberLock, DynamicOpenersShareAndKeepTheUpdaterAlone) {
     EXPECT_EQ(DA_DYNCONF, dalkdyn(d1, DA_SHRUPDATE));
     EXPECT_EQ(DA_BADARG, dalkdyn(d1, DA_SHRREAD));
     EXPECT_EQ(0, dalkdyn(d1, DA_SHRCLEAR));
-    daulmem(lib.lp, d1, DA_LKMEMBER, DA_OMUPDATE, me);
+    EXPECT_GE(daulmem(lib.lp, d1, DA_LKMEMBER, DA_OMUPDATE, me), 0);
     EXPECT_FALSE(there(lib.lockfile("dy")));
 }
 
@@ -344,7 +344,7 @@ TEST(MemberLock, TheTablesFirstBytesGuardItWhenNoLockFileExists) {
     }
     ASSERT_EQ(0, daconlk(lib.lp, r, DA_LKMEMBER, DA_OMUPDATE, DA_OMINPUT, me, &owner));
     EXPECT_EQ(DA_LCKREAD, r->memlock);
-    daulmem(lib.lp, r, DA_LKMEMBER, DA_OMINPUT, me);
+    EXPECT_GE(daulmem(lib.lp, r, DA_LKMEMBER, DA_OMINPUT, me), 0);
     {
         Holder child(lib.lp, "ct", DA_OMUPDATE);
         EXPECT_EQ(0, child.rc);

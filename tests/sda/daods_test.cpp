@@ -473,7 +473,7 @@ TEST(Daods, FibAllocationRevisionAndOverflowChain) {
     auto* fb = reinterpret_cast<DA_FIB*>(b.data());
     dainitfib(fa, 1024, 0x40, 1, nullptr, 3, 0);
     dainitfib(fb, 2048, 0x40, 1, nullptr, 3, 0);
-    dapdeadd(fb, "new", 3);
+    EXPECT_GE(dapdeadd(fb, "new", 3), 0);
     da_off_t ao = -1, bo = -1;
     ASSERT_EQ(dawrfib(io, fa, &ao), 0);
     ASSERT_EQ(dawrfib(io, fb, &bo), 0);

@@ -70,8 +70,10 @@ struct Opened {
     }
     ~Opened() {
         if (x.xcb) {
-            if (rc == 0) daxcclose(&x);
-            dafrxcb(x.xcb);
+            if (rc == 0) {
+                EXPECT_GE(daxcclose(&x), 0);
+            }
+            EXPECT_GE(dafrxcb(x.xcb), 0);
         }
     }
     // Convert and back; returns the convert code.
@@ -208,12 +210,12 @@ TEST(ExitManager, NamesAbilitiesAndCounts) {
     ASSERT_EQ(daldxcb("vrtarllc", &again), 0);
     EXPECT_EQ(again, rle);
     EXPECT_EQ(rle->refCount, 2);
-    dafrxcb(again);
+    EXPECT_GE(dafrxcb(again), 0);
     EXPECT_EQ(rle->inited, 1);
-    dafrxcb(rle);
+    EXPECT_GE(dafrxcb(rle), 0);
     EXPECT_EQ(rle->refCount, 0);
     EXPECT_EQ(rle->inited, 0);
-    dafrxcb(crypt);
+    EXPECT_GE(dafrxcb(crypt), 0);
 }
 
 TEST(ExitManager, LoadsASiteExitAndReportsBrokenOnes) {

@@ -46,7 +46,7 @@ inline DA_FD* openfile(const char* name, std::vector<const char*> paths, int fla
 inline bool makemdf(const char* dir, const char* name) {
     DA_FD* fd = openfile(name, {dir}, DA_FDCREATE | DA_FDWRITE | DA_FDDIRECT | DA_FDFORCE1ST);
     if (!fd) return false;
-    fd->fdclose(fd);
+    EXPECT_GE(fd->fdclose(fd), 0);
     return true;
 }
 

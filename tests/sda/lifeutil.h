@@ -18,7 +18,7 @@ using namespace vrta;
 constexpr int ROWLEN = 20;  // 8-byte number, 12 characters
 
 inline DA_LIB* assign(const std::string& path) {
-    dainit();
+    EXPECT_GE(dainit(), 0);
     DA_LIBSTR ls{};
     memcpy(ls.name, "LIFELIB ", 8);
     ls.libpath = path.c_str();

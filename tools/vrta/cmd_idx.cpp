@@ -14,6 +14,7 @@
 #include "ix/bt.h"
 #include "ix/ixhy.h"
 #include "sda/daidx.h"
+#include "sda/darc.h"
 #include "sda/danames.h"
 #include "vrta.h"
 
@@ -121,6 +122,14 @@ std::string btdata(const void* p) {
 
 // The .hbx side: its header, and with entries, each value's segments (the
 // values come from the .idx file beside it).
+// Closes an index opened to look at: its failure is the command's, unless
+// the command failed already.
+int closeix(DA_IDX* ip, const std::string& path, int status) {
+    rctype rc = ip->mt->closeidx(ip, 0);
+    if (rc < 0 && status == 0) return vrtacli::fail("idx: " + path + ": " + hsstrer(rc));
+    return status;
+}
+
 int hbx(DA_IDX* ip, const std::string& path, long nentries) {
     IXH_HEADER_D h;
     rctype rc = ixhy_rdhdr(ip, &h, IXH_OREPAIR);
@@ -183,8 +192,7 @@ int hbx(DA_IDX* ip, const std::string& path, long nentries) {
         if (r < 0) status = vrtacli::fail("idx: " + path + ": " + hsstrer(r));
     }
     if (db) db->close(db, -1, nullptr, 1);
-    ii->mt->closeidx(ii, 0);
-    return status;
+    return closeix(ii, idxpath, status);
 }
 
 // Walks one tree: depth, pages, entries; prints what was asked.
@@ -288,9 +296,7 @@ int run(const std::vector<std::string>& args) {
             memcpy(&magic, first + sizeof head, 4);
         }
         if (head.type == IX_HYBRID && magic != BTREEMAGIC && magic != __builtin_bswap32(BTREEMAGIC)) {
-            int st = hbx(ip, path, nentries);
-            ip->mt->closeidx(ip, 0);
-            return st;
+            return closeix(ip, path, hbx(ip, path, nentries));
         }
     }
     // The meta page as it stands, before the tree's own checks.
@@ -315,7 +321,7 @@ int run(const std::vector<std::string>& args) {
                       db ? db->internal->bt_errpage : 0, db && db->internal->bt_errtext[0] ? db->internal->bt_errtext : "",
                       hsstrer(bt_openrc(orc)), static_cast<unsigned>(bt_openrc(orc)));
         if (db) db->close(db, -1, nullptr, 1);
-        ip->mt->closeidx(ip, 0);
+        daignore(ip->mt->closeidx(ip, 0));
         return vrtacli::fail(msg);
     }
     BTREE* t = db->internal;
@@ -344,8 +350,7 @@ int run(const std::vector<std::string>& args) {
         status = vrtacli::fail(msg);
     }
     db->close(db, -1, nullptr, 1);
-    ip->mt->closeidx(ip, 0);
-    return status;
+    return closeix(ip, path, status);
 }
 
 vrtacli::Register reg({"idx", "print an index file's B-tree", kUsage, run});

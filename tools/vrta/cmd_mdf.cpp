@@ -340,7 +340,7 @@ int run(const std::vector<std::string>& args) {
     da_off_t failoff = 0;
     Pool pool;
     rctype rc = damdfwalk(io, fdflags, show, &pool, &failkind, &failoff);
-    if (lfd) lfd->fdclose(lfd);
+    if (lfd) daignore(lfd->fdclose(lfd));  // opened to read only
     ::close(fd);
     if (rc != 0) {
         char msg[512];
