@@ -743,6 +743,7 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
     fin.env.targenv = q.fid->nlsenv;
     fin.env.dataenv = q.fid->nlsenv;
     if (q.order.empty()) fin.limit = parts.limit_n;
+    bool gsorder = false;  // the group-by gives the rows in the order asked
     q.plan += "threads: " + std::to_string(nthreads) + "\n";
 
     if (!grouped) {
@@ -795,8 +796,29 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
         for (Item& it : q.items)
             if ((rc = matchgroups(q, &it.tree)) || (rc = bindgrouped(q, it.tree, groupoff))) return rc;
         if (q.having && ((rc = matchgroups(q, &q.having)) || (rc = bindgrouped(q, q.having, groupoff)))) return rc;
+        // ORDER BY on group columns and aggregates alone is the group-by's
+        // to give: in key order when they lead the group columns, else by
+        // its output sort.
+        std::vector<int> ordcols;
+        for (auto [i, desc] : q.order) {
+            const SQLOP* t = q.items[i].tree;
+            int c = 0;
+            if (t->code == OP_NAME && t->u.vleaf.nvar0 < 0) {
+                c = static_cast<int>(q.groups.size()) - t->u.vleaf.nvar0;
+            } else if (t->code == OP_NAME) {
+                auto g = std::find(q.groups.begin(), q.groups.end(), t->u.vleaf.nvar0);
+                if (g != q.groups.end()) c = static_cast<int>(g - q.groups.begin()) + 1;
+            }
+            if (!c) {
+                ordcols.clear();
+                break;
+            }
+            ordcols.push_back(desc ? -c : c);
+        }
+        gsorder = !ordcols.empty();
+        if (gsorder) fin.limit = parts.limit_n;
         GS_MainRec_t mr{static_cast<int>(cd.size()), 0, static_cast<int>(cd.size()), goff,
-                        static_cast<int>(q.groups.size()), 0, 0};
+                        static_cast<int>(q.groups.size()), static_cast<int>(ordcols.size()), 0};
         if (q.having) mr.flags |= GS_F_HAVING | GS_F_HAVTREE;
         bool countonly = q.groups.empty() && wire.empty();
         for (const Agg& a : q.aggs) countonly = countonly && a.nvar0 == 0;
@@ -808,8 +830,8 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
         // columns and then theirs.
         std::vector<DA_NAMESTR> vars;
         if (q.comps.empty()) {
-            rc = whgsinit(q.fid->nlsenv, q.fid, &mr, cd.data(), q.groups.data(), nullptr, q.having, nthreads, &gsh,
-                          &err);
+            rc = whgsinit(q.fid->nlsenv, q.fid, &mr, cd.data(), q.groups.data(), ordcols.data(), q.having, nthreads,
+                          &gsh, &err);
         } else {
             vars.assign(q.fid->vars, q.fid->vars + q.fid->numvar);
             for (size_t i = 0; i < q.comps.size(); i++) {
@@ -825,7 +847,7 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
             }
             mr.reclen = extlen;
             rc = whgsvtinit(q.fid->nlsenv, &mr, cd.data(), static_cast<int>(vars.size()), vars.data(),
-                            q.groups.data(), nullptr, q.having, nthreads, &gsh, &err);
+                            q.groups.data(), ordcols.data(), q.having, nthreads, &gsh, &err);
         }
         whgssetcache(-1);
         if (rc) {
@@ -857,6 +879,9 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
             if (rc) return rc;
         }
         if ((rc = whgsgetr(gsh, storegroups, &fin))) return rc;
+        if (gsorder)
+            q.plan += std::string("order by: the group-by, ") +
+                      (gsh->flags & WHGS_HF_SORT ? "its output sort\n" : "in group key order without a sort\n");
         q.plan += "spill: " + std::to_string(gsh->spillbytes) + " bytes written; " + std::to_string(gsh->nbins) +
                   " bin(s) and tree(s) merged\n";
         char m[4096];
@@ -868,7 +893,7 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
     std::vector<char> out;
     int64_t nout = 0;
     int visible = q.nvisible ? q.items[q.nvisible - 1].off + ((q.items[q.nvisible - 1].len + 7) & ~7) : 0;
-    if (!q.order.empty() && fin.nrows > 1) {
+    if (!q.order.empty() && !gsorder && fin.nrows > 1) {
         SKB_KEY skb{};
         rc = skbinit(&skb, fin.env.targenv, fin.env.targenv, nullptr, SKB_MAKEKEY | SKB_DATA, fin.rowlen,
                      static_cast<int>(q.order.size()));

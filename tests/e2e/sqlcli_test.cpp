@@ -107,7 +107,12 @@ std::string genquery(std::mt19937& g) {
         bool bypos = grp.find(' ') != std::string::npos && grp.find(',') == std::string::npos && g() % 2;
         q += " GROUP BY " + (bypos ? std::string("1") : grp);
         if (g() % 3 == 0) q += " HAVING COUNT(*) > " + std::to_string(g() % 4);
-        q += " ORDER BY " + grp;
+        // Orders the group-by gives itself (in key order, or by its output
+        // sort) and one the final rows need: all without ties.
+        std::string desc = grp;
+        for (size_t p = 0; (p = desc.find(',', p)) != std::string::npos; p += 6) desc.replace(p, 1, " DESC,");
+        const std::string orders[] = {grp, desc + " DESC", "COUNT(*) DESC, " + grp, "COUNT(*) * -1, " + grp};
+        q += " ORDER BY " + orders[g() % 4];
         if (g() % 4 == 0) q += " LIMIT " + std::to_string(1 + g() % 7);
     }
     return q;
@@ -179,6 +184,15 @@ TEST(SqlCli, BadQueriesSayWhyAndPrintNothing) {
     Result r = vrta("sql " + t.dom + " \"SELECT y*2 + 1, SUM(x * 2), AVG(x*2) FROM t GROUP BY y * 2 + 1\" --explain");
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_TRUE(has(r.out, "computed: 2 value(s)")) << r.out;
+    // Who orders the rows: the group-by in key order, its output sort, or the sorter afterwards.
+    const char* who[][2] = {{"ORDER BY k1 DESC", "in group key order"},
+                            {"ORDER BY 2, k1", "its output sort"},
+                            {"ORDER BY k1 + 1", "order by: the sorter"}};
+    for (auto& w : who) {
+        r = vrta("sql " + t.dom + " \"SELECT k1, COUNT(*) FROM t GROUP BY k1 " + w[0] + "\" --explain");
+        EXPECT_EQ(0, r.status) << r.err;
+        EXPECT_TRUE(has(r.out, w[1])) << w[0] << "\n" << r.out;
+    }
     r = vrta("sql " + t.dom + " \"SELECT k1 AS key, COUNT(*) n FROM t GROUP BY key ORDER BY n DESC, 1 LIMIT 2\"");
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_TRUE(has(r.out, "key")) << r.out;
