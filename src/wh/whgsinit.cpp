@@ -267,6 +267,15 @@ rctype internal_init(void* targenv, DA_FID* fid, GS_MainRec_t* mr, GS_ColDesc_t*
         kd = WHGS_KEYDESC{ns->npos, ns->nlng, keylen, ns->type, 0, 0, 0};
         if (ns->npos < 0 || ns->nlng < 1 || ns->npos + ns->nlng > mr->reclen)
             return fail(WHGS_RC_BADREQ, "Group column %d lies outside the row", nv);
+        // A character key read in another encoding than the target's is
+        // transcoded by the table as it is read, so that groups compare in
+        // the target's encoding.
+        if ((gsh->flags & WHGS_HF_XCODE) && ns->type == 2 && fid && fid->mt && fid->mt->settranscodenvar0) {
+            int32_t n0 = nv;
+            if (rctype trc = fid->mt->settranscodenvar0(fid, 1, &n0); trc < 0)
+                return fail(trc, "Group column %.*s cannot be transcoded", static_cast<int>(ns->name_l),
+                            ns->name ? ns->name : "");
+        }
         const GS_ColDesc_t* cd = nullptr;
         if (mr->flags & GS_F_FMTKEY) {
             for (int i = 0; i < ncols && !cd; i++)
@@ -526,9 +535,10 @@ rctype whgsztpoolinit(WHGS_HANDLE* gsh) {
     zp.max_osa = cfg.max_osa;
     zp.dynamic = false;
     if (mutex_init(&zp.lock) != 0) return WHGS_RC_NOMEM;
-    // Blocks are whole mappings of their own: a tree's memory goes back to
-    // the system when the handle is freed, however it was used.
-    zp.mpool = nullptr;
+    // Blocks come from the handle's own pool, so that destroying the pool
+    // gives everything back however the blocks were passed around.
+    zp.mpool = xmpoolc(static_cast<long>(gsh->nthreads) << 16, zp.osa_sz, 0);
+    if (!zp.mpool) return WHGS_RC_NOMEM;
     int per = (zp.max_osa + gsh->nthreads - 1) / gsh->nthreads;
     for (int i = 0; i < gsh->nthreads; i++) {
         WHGS_PTHREAD& t = gsh->thrd_data[i];
@@ -562,7 +572,7 @@ void* whgsztpoolget(WHGS_ZTPOOL* zp, WHGS_PTHREAD* thr, long size) {
             blk = zp->freeblocks;
             zp->freeblocks = zp->freeblocks->next;
         } else {
-            blk = hshimalloc(zp->osa_sz);
+            blk = xmalloc(zp->mpool, zp->osa_sz, 0);
         }
         if (blk) zp->n_osa++;
     }
@@ -604,21 +614,14 @@ void whgsztpoolr(WHGS_ZTPOOL* zp, WHGS_PTHREAD* thr) {
 
 void whgsztpoolterm(WHGS_HANDLE* gsh) {
     WHGS_ZTPOOL& zp = gsh->ztpool;
-    auto drop = [&](WHGS_ZTALLOC* a) {
-        while (a) {
-            WHGS_ZTALLOC* n = a->next;
-            hshifree(a, zp.osa_sz);
-            a = n;
-        }
-    };
     for (int i = 0; i < gsh->nthreads; i++) {
         WHGS_PTHREAD& t = gsh->thrd_data[i];
-        if (t.ztalist) drop(t.ztalist->next);
-        free(t.ztalist);
+        free(t.ztalist);  // the private first block; the others are the pool's
         t.ztalist = t.curztap = nullptr;
     }
-    drop(zp.freeblocks);
     zp.freeblocks = nullptr;
+    if (zp.mpool) xmpoold(zp.mpool);
+    zp.mpool = nullptr;
     if (zp.osa_sz) mutex_destroy(&zp.lock);
     zp.osa_sz = 0;
 }

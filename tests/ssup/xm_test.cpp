@@ -495,3 +495,32 @@ TEST(MemoryPoolsDeath, SanitizerSeesFreedAndResetMemory) {
     xmpoold(pid);
 }
 #endif
+
+// The group-by's tree memory: blocks as large as the pool's growth unit,
+// taken and given back in turns by several threads' worth of trees.
+TEST(MemoryPools, BlocksOfTheGrowthUnitComeAndGoWithoutOverlap) {
+    manager();
+    constexpr long OSA = 0x200000;
+    xmpid pid = xmpoolc(2L << 16, OSA, 0);
+    ASSERT_NE(nullptr, pid);
+    std::vector<char*> live;
+    for (int round = 0; round < 6; round++) {
+        for (int i = 0; i < 4; i++) {
+            char* p = static_cast<char*>(xmalloc(pid, OSA, 0));
+            ASSERT_NE(nullptr, p) << "round " << round << " block " << i;
+            for (char* q : live) ASSERT_TRUE(p + OSA <= q || q + OSA <= p) << "round " << round;
+            memset(p, round * 4 + i + 1, OSA);
+            live.push_back(p);
+        }
+        // Give back every other one first, then the rest in reverse.
+        for (size_t i = 0; i < live.size(); i += 2) {
+            EXPECT_EQ(static_cast<char>(round * 4 + i + 1), live[i][OSA - 1]);
+            xmfree(pid, live[i], OSA);
+        }
+        for (size_t i = live.size(); i-- > 0;)
+            if (i % 2) xmfree(pid, live[i], OSA);
+        live.clear();
+        for (XMPUDL* u = pid->puddles; u; u = u->next) chain(u);  // the chains stay walkable
+    }
+    xmpoold(pid);
+}

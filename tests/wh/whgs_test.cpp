@@ -19,6 +19,8 @@
 #include "../testutil.h"
 #include "option/op.h"
 #include "sda/daods.h"
+#include "hs/hsnls.h"
+#include "sda/dafid.h"
 #include "ssubs/vz.h"
 #include "wh/whgs.h"
 
@@ -552,6 +554,61 @@ TEST(Whgs, PoolSizingAndArithmeticGuards) {
     EXPECT_EQ(0, PSaggrfunc("N       ", &f, 0));
     EXPECT_EQ(PS_FT_FREQ, f);
     EXPECT_EQ(1, PSaggrfunc("SUMWGT", &f, 1));
+}
+
+std::vector<int32_t> xcoded;
+rctype xcodeok(DA_FID*, int n, const int32_t* nvar0) {
+    xcoded.insert(xcoded.end(), nvar0, nvar0 + n);
+    return 0;
+}
+rctype xcodefails(DA_FID*, int, const int32_t*) { return static_cast<rctype>(0x80000417u); }
+
+TEST(Whgs, CharacterKeysOfAnotherEncodingAreTranscodedByTheTable) {
+    ASSERT_NE(nullptr, opinitgbl());
+    vrta::HS_NLSENV *latin = nullptr, *utf8 = nullptr;
+    ASSERT_EQ(0, hsnlsgetenv(NLS_CEI_LATIN1, nullptr, 0, 0, &latin));
+    ASSERT_EQ(0, hsnlsgetenv(NLS_CEI_UTF8, nullptr, 0, 0, &utf8));
+    std::vector<DA_NAMESTR> vars = tablecols();
+    DA_FIDMT mt{};
+    DA_FID fid{};
+    fid.mt = &mt;
+    fid.vars = vars.data();
+    fid.numvar = 6;
+    fid.nlsenv = latin;
+    std::vector<GS_ColDesc_t> cd = {col("", 1, 0), col("", 2, 8, 4, 2), col("", 5, 16, 6, 2), col("COUNT", 0, 24)};
+    std::vector<int> grp = {1, 2, 5};
+    auto init = [&](vrta::HS_NLSENV* targ, WHGS_HANDLE** gsh, char** err) {
+        GS_MainRec_t mr{4, RECLEN, 4, 32, 3, 0, 0};
+        return whgsinit(targ, &fid, &mr, cd.data(), grp.data(), nullptr, nullptr, 1, gsh, err);
+    };
+    struct Case {
+        const char* opt;
+        vrta::HS_NLSENV* targ;
+        std::vector<int32_t> want;  // the character keys, by column number
+    } cases[] = {{"NLSTRANSCODE", utf8, {2, 5}}, {"NLSTRANSCODE", latin, {}}, {"NONLSTRANSCODE", utf8, {}}};
+    for (const Case& c : cases) {
+        opbinst(opgtgbl(), c.opt);
+        mt.settranscodenvar0 = xcodeok;
+        xcoded.clear();
+        WHGS_HANDLE* gsh = nullptr;
+        char* err = nullptr;
+        ASSERT_EQ(0, init(c.targ, &gsh, &err)) << (err ? err : "");
+        EXPECT_EQ(c.want, xcoded) << c.opt;
+        whgsfree(gsh);
+    }
+    // The table refusing is the request failing, with the column named.
+    opbinst(opgtgbl(), "NLSTRANSCODE");
+    mt.settranscodenvar0 = xcodefails;
+    WHGS_HANDLE* gsh = nullptr;
+    char* err = nullptr;
+    EXPECT_EQ(static_cast<rctype>(0x80000417u), init(utf8, &gsh, &err));
+    EXPECT_EQ(nullptr, gsh);
+    ASSERT_NE(nullptr, err);
+    EXPECT_NE(nullptr, strstr(err, "K2")) << err;
+    free(err);
+    opbinst(opgtgbl(), "NONLSTRANSCODE");
+    nls_release(latin);
+    nls_release(utf8);
 }
 
 TEST(Whgs, InterruptedMergeGivesNoRowsAndLeavesNoFiles) {
