@@ -5,6 +5,8 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/random.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -242,6 +244,11 @@ int serve(const Listen& l, Handler h, void* ctx) {
                 continue;
             }
             srvlog("connection %ld accepted on %s", id, k == 1 ? "TCP" : "the UNIX socket");
+            // A reply's records go out as they are made: without this, the
+            // second of two short writes waits for the engine's delayed ACK.
+            int one = 1;
+            if (k == 1 && setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0)
+                srvlog("connection %ld: TCP_NODELAY not set (%s); replies may lag", id, std::strerror(errno));
             auto* c = new Conn{fd, id, h, ctx, l.waitms, {}, {}};
             if (vrta::vvcthrl(nullptr, 0, connmain, c, 0, &c->tid, vrta::VV_LCB_XM | vrta::VV_LCB_XP) != 0) {
                 srvlog("connection %ld: no thread for it", id);
