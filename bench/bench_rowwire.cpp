@@ -65,9 +65,7 @@ int make(const char* dir, long long nrows) {
         if (spwritev(io, n) < 0) return std::fprintf(stderr, "write failed\n"), 1;
         done += n;
     }
-    spfreeio(io);
-    if (vrtaclose(fid) < 0) return 1;
-    spldeasgn(lib);
+    if (spfreeio(io) < 0 || vrtaclose(fid) < 0 || spldeasgn(lib) < 0) return std::fprintf(stderr, "close failed\n"), 1;
     return 0;
 }
 
@@ -108,10 +106,11 @@ int engine(const char* nsport, const char* domain, const std::string& road) {
     void* fid = nullptr;
     if ((rc = hpoopen(hpd, &fid, &q)) != 0) return std::fprintf(stderr, "open failed: 0x%08x\n", static_cast<unsigned>(rc)), 1;
     int direct = 0;
-    hpoinfo(fid, HPOINFO_DIRECT, &direct);
+    if (hpoinfo(fid, HPOINFO_DIRECT, &direct) != 0) return std::fprintf(stderr, "hpoinfo failed\n"), 1;
     if ((road == "direct") != (direct != 0)) return std::fprintf(stderr, "the road is not the one asked for\n"), 1;
     long long rows = 0;
     unsigned sum = 0;
+    auto t1 = std::chrono::steady_clock::now();
     for (;;) {
         void* row;
         rc = fast.getn(fast.fpfid, &row);
@@ -120,11 +119,12 @@ int engine(const char* nsport, const char* domain, const std::string& road) {
         ++rows;
     }
     if (rc != VRTA_RC_ENDROWS) return std::fprintf(stderr, "read failed: 0x%08x\n", static_cast<unsigned>(rc)), 1;
-    double s = secs(t0);
-    hpoclos(fid, 0);
-    hpdldas(hpd, &ref);
-    hpdterm(hpd);
-    std::printf("%s rows=%lld seconds=%.3f check=%u\n", road.c_str(), rows, s, sum);
+    double s = secs(t0), r = secs(t1);
+    if ((rc = hpoclos(fid, 0)) != 0) return std::fprintf(stderr, "close failed: 0x%08x\n", static_cast<unsigned>(rc)), 1;
+    if ((rc = hpdldas(hpd, &ref)) != 0)
+        return std::fprintf(stderr, "deassign failed: 0x%08x\n", static_cast<unsigned>(rc)), 1;
+    if (hpdterm(hpd) != 0) return std::fprintf(stderr, "the engine did not end cleanly\n"), 1;
+    std::printf("%s rows=%lld seconds=%.3f readseconds=%.3f check=%u\n", road.c_str(), rows, s, r, sum);
     return 0;
 }
 
@@ -176,6 +176,7 @@ int sockcopy(const std::string& kind, int nfiles, char** files) {
         _exit(0);
     }
     int c = accept(l, nullptr, nullptr);
+    if (c < 0) return std::fprintf(stderr, "accept failed\n"), 1;
     std::vector<char> b(65536 + ROWLEN);
     long long bytes = 0;
     unsigned sum = 0;
@@ -190,8 +191,10 @@ int sockcopy(const std::string& kind, int nfiles, char** files) {
         std::memmove(b.data(), b.data() + rows * ROWLEN, have - rows * ROWLEN);
         have -= rows * ROWLEN;
     }
+    close(c);
+    close(l);
     int st = 0;
-    waitpid(child, &st, 0);
+    if (waitpid(child, &st, 0) != child) st = 1;
     double s = secs(t0);
     if (!path.empty()) unlink(path.c_str());
     std::printf("sockcopy-%s rows=%lld seconds=%.3f check=%u\n", kind.c_str(), bytes / ROWLEN, s, sum);
