@@ -241,3 +241,23 @@ TEST_F(ServTables, ATableOpenForUpdateIsInUseForAnotherUpdater) {
                        std::make_unique<HPD_RCTX>(HPD_RCTX{"PEOPLE", 6, "LNX     "}).get()),
               HPD_RC_INUSE);
 }
+
+TEST_F(ServTables, SeveralReadersHoldATableAndKeepAnUpdaterOut) {
+    HPDSERV* a = login();
+    HPDSERV* b = login();
+    HPDSERV* c = login();
+    ASSERT_TRUE(a && b && c);
+    DS_HDR_REPLY h;
+    char zero = 0;
+    for (HPDSERV* s : {a, b}) {
+        ASSERT_EQ(ask(s, DSM_YOEOPEN, &DS_YOEOPEN_D, openreq(assign(s), "PEOPLE", 1), &h), 0)
+            << wiretest::subst() << sv->log();
+        DS_YOEOPEN_REPLY r{};
+        ASSERT_EQ(dsparse(r, s->level, static_cast<unsigned char*>(s->sopen->reca), s->sopen->recl), 0);
+        EXPECT_EQ(r.numobs, 25);
+        ASSERT_EQ(hpcwrit(s->sopen->s, &zero, 1, nullptr), 0);
+        for (int v = 1; v <= 3; ++v) ASSERT_EQ(reply(s, &h), 0);
+    }
+    EXPECT_EQ(ask(c, DSM_YOEOPEN, &DS_YOEOPEN_D, openreq(assign(c), "PEOPLE", 4), &h), HPD_RC_FAIL);
+    EXPECT_NE(h.rcode, 0) << sv->log();
+}
