@@ -22,21 +22,8 @@ threads=${3:-2}
 build=${BUILD:-$here/build-rel}
 cache=${VRTA_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/vrta}
 
-"$here/scripts/deps" libsqlite3-dev bc
-if [ ! -x "$build/bench/bench_groupby" ]; then
-    cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVRTA_BENCH=ON -DVRTA_TESTS=OFF >/dev/null
-    cmake --build "$build" -j2 --target bench_groupby >/dev/null
-fi
-prog=$build/bench/bench_groupby
-
 . "$here/bench/benchlib.sh"
-fetch_duck
-
-mkdir -p "$work"
-trap 'rm -rf "$work"' EXIT INT TERM
-"$prog" make "$work" "$nrows"
-"$prog" duckmake "$work"
-rm -f "$work/t.csv"
+prepare bench_groupby
 
 printf "%-9s %10s %10s %10s %12s %12s\n" query vrta sqlite duckdb sqlite/vrta duckdb/vrta
 status=0

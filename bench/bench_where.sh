@@ -20,21 +20,8 @@ work=${2:-${TMPDIR:-/tmp}/vrta_bench_where.$$}
 build=${BUILD:-$here/build-rel}
 cache=${VRTA_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/vrta}
 
-"$here/scripts/deps" libsqlite3-dev bc
-if [ ! -x "$build/bench/bench_where" ]; then
-    cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVRTA_BENCH=ON -DVRTA_TESTS=OFF >/dev/null
-    cmake --build "$build" -j2 --target bench_where >/dev/null
-fi
-prog=$build/bench/bench_where
-
 . "$here/bench/benchlib.sh"
-fetch_duck
-
-mkdir -p "$work"
-trap 'rm -rf "$work"' EXIT INT TERM
-"$prog" make "$work" "$nrows"
-"$prog" duckmake "$work"
-rm -f "$work/t.csv"
+prepare bench_where
 
 printf "%-6s %10s %10s %10s %12s %12s\n" query vrta sqlite duckdb sqlite/vrta duckdb/vrta
 status=0

@@ -1,4 +1,5 @@
-# Shell helpers of the comparison scripts; sourced, with $work, $cache set.
+# Shell helpers of the comparison scripts; sourced, with $here, $work, $nrows,
+# $build and $cache set.
 
 # DuckDB's C library from the npm package @duckdb/node-bindings-linux-x64,
 # fetched into the cache (outside the tree) when missing; exported for the
@@ -28,4 +29,22 @@ best() {
         if [ "$(echo "$t < $b" | bc)" = 1 ]; then b=$t; fi
     done
     echo "$b"
+}
+
+# NAME: builds bench/NAME when missing (sets $prog), fetches DuckDB's library,
+# and makes the table of $nrows rows in $work for every engine; $work goes
+# when the script ends.
+prepare() {
+    "$here/scripts/deps" libsqlite3-dev bc
+    if [ ! -x "$build/bench/$1" ]; then
+        cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVRTA_BENCH=ON -DVRTA_TESTS=OFF >/dev/null
+        cmake --build "$build" -j2 --target "$1" >/dev/null
+    fi
+    prog=$build/bench/$1
+    fetch_duck
+    mkdir -p "$work"
+    trap 'rm -rf "$work"' EXIT INT TERM
+    "$prog" make "$work" "$nrows"
+    "$prog" duckmake "$work"
+    rm -f "$work/t.csv"
 }
