@@ -14,6 +14,7 @@
 #include "sda/darc.h"
 #include "ssup/thr.h"
 #include "wh/wheval.h"
+#include "wh/whplan.h"
 
 using namespace vrta;
 
@@ -133,7 +134,7 @@ struct Tester {
 void starttest(SP_WHH* w, const SP_CHUNK* c, Tester* t) {
     long n = c->n;
     t->nt = 0;
-    if (!w->whereh->tree || (w->whereh->call_flags & (WHF_TRUE | WHF_NONE))) {
+    if (!w->trees[0] || (w->whereh->call_flags & (WHF_TRUE | WHF_NONE))) {
         std::memset(w->match, 1, n);
         return;
     }
@@ -414,16 +415,19 @@ int spwhexplain(void* vwhh, char* buf, int buflen) {
                          : (f & WHF_NONE)  ? "all rows: nothing is left to test"
                          : (f & WHF_EVAL3) ? "index lookup in key order"
                          : (f & WHF_EVAL4) ? "index row list"
-                         : (f & WHF_EVAL1) ? "index segments, then the row test"
+                         : (f & WHF_EVAL1) ? ((f & WHF_SEGLIST) ? "index segments, then the row test"
+                                                                : "every segment: index tree and row test on each row")
                                            : "scan of every row with the row test";
     const DA_XOEODS* x = w->spfid->dafid->xoehdr;
     int64_t seg = x->idxsegsize > 0 ? x->idxsegsize : 1;
     int64_t tblsegs = (x->numobs + seg - 1) / seg;
     int64_t segs = (f & WHF_FALSE) ? 0 : tblsegs;
+    char ixnames[400];
+    if (whindexnames(wh->xtree, ixnames, sizeof ixnames) == 0) std::snprintf(ixnames, sizeof ixnames, "none");
     int n = std::snprintf(buf, buflen,
-                          "plan:%s\nindex tree: %s\nrow test: %s\nmethod: %s\nthreads: %d\n"
+                          "plan:%s\nindex tree: %s\nindexes: %s\nrow test: %s\nmethod: %s\nthreads: %d\n"
                           "segments: %lld of %lld (%lld rows each)\n",
-                          words, idxtree ? idxtree : "none", rowtest ? rowtest : "none", method,
+                          words, idxtree ? idxtree : "none", ixnames, rowtest ? rowtest : "none", method,
                           (f & (WHF_FALSE | WHF_TRUE | WHF_NONE)) ? 1 : static_cast<int>(std::min<int64_t>(w->nthreads, std::max<int64_t>(segs, 1))), static_cast<long long>(segs),
                           static_cast<long long>(tblsegs), static_cast<long long>(seg));
     std::free(rowtest);

@@ -315,6 +315,7 @@ struct WH_HANDLE {
     wh_env_t whenv;
     unsigned int modtime;
     int numstripes;
+    void* ixmeta;       // the table's index records as planning read them
 };
 using wh_where_t = WH_HANDLE;
 

@@ -2,9 +2,7 @@
 // columns, clauses decided without reading a row, what cannot be evaluated
 // pruned, and the plan word the caller scans by.
 //
-// Index planning (chk4indexes and what follows it) needs the index layer's
-// readers; until a table can name an index to this layer every node keeps the
-// status WH_XST_NONE and the whole clause is a row test.
+// Index planning itself is in whplan.cpp.
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +18,7 @@
 #include "hs/zrt.h"
 #include "wh/wheval.h"
 #include "wh/whfunc.h"
+#include "wh/whplan.h"
 
 namespace vrta {
 
@@ -118,9 +117,11 @@ void boundlit(const DA_NAMESTR* v, const void* p, SQLOP* out) {
     }
 }
 
+}  // namespace
+
 // One compare of a value against [min, max]: 0x100 always true, 0x200 always
 // false, 0 undecided.
-int minmaxcmp(wh_env_t* env, int code, const SQLOP* val, const SQLOP* mn, const SQLOP* mx) {
+int whminmaxcmp(wh_env_t* env, int code, const SQLOP* val, const SQLOP* mn, const SQLOP* mx) {
     int cmin = whecmp(env, val, mn, 0), cmax = whecmp(env, val, mx, 0);
     switch (code) {
     case OP_CEQ:
@@ -144,8 +145,6 @@ int minmaxcmp(wh_env_t* env, int code, const SQLOP* val, const SQLOP* mn, const 
     }
 }
 
-}  // namespace
-
 // Whether a compare or set test of a column is decided by the column's
 // stored min and max.
 int whevalminmax(wh_env_t* env, int code, SQLOP* valu, const DA_NAMESTR* v) {
@@ -153,22 +152,22 @@ int whevalminmax(wh_env_t* env, int code, SQLOP* valu, const DA_NAMESTR* v) {
     SQLOP mn, mx;
     boundlit(v, v->minptr, &mn);
     boundlit(v, v->maxptr, &mx);
-    if (code != OP_IN) return isliteral(valu) ? minmaxcmp(env, code, valu, &mn, &mx) : 0;
+    if (code != OP_IN) return isliteral(valu) ? whminmaxcmp(env, code, valu, &mn, &mx) : 0;
     if (valu->code != OP_SET && valu->code != OP_STNX) return 0;
     bool allfalse = true;
     for (int i = 0; i < valu->u.node.narg; i++) {
         SQLOP* e = get_child(valu, i);
         int r = 0;
         if (isliteral(e)) {
-            r = minmaxcmp(env, OP_CEQ, e, &mn, &mx);
+            r = whminmaxcmp(env, OP_CEQ, e, &mn, &mx);
         } else if (e && e->code >= OP_RANB && e->code <= OP_RANN && e->u.node.narg == 2 &&
                    isliteral(get_child(e, 0)) && isliteral(get_child(e, 1))) {
             bool loex = e->code == OP_RANH || e->code == OP_RANN;
             bool hiex = e->code == OP_RANL || e->code == OP_RANN;
             // Every value at or above the low end, and then at or below the
             // high end: the range holds them all; below the low end, none.
-            r = minmaxcmp(env, loex ? OP_CGT : OP_CGE, get_child(e, 0), &mn, &mx);
-            if (r == 0x100) r = minmaxcmp(env, hiex ? OP_CLT : OP_CLE, get_child(e, 1), &mn, &mx);
+            r = whminmaxcmp(env, loex ? OP_CGT : OP_CGE, get_child(e, 0), &mn, &mx);
+            if (r == 0x100) r = whminmaxcmp(env, hiex ? OP_CLT : OP_CLE, get_child(e, 1), &mn, &mx);
         }
         if (r == 0x100) return 0x100;
         if (r != 0x200) allfalse = false;
@@ -385,6 +384,7 @@ rctype whterm(WH_HANDLE* handle) {
     if (!handle) return WH_RC_NULLARG;
     free_tree(&handle->tree, nullptr);
     free_tree(&handle->xtree, nullptr);
+    whixmeta_free(handle);
     std::free(handle->treetext);
     handle->treetext = nullptr;
     return free_handle(handle);
@@ -404,9 +404,54 @@ rctype whgetseglist(WH_HANDLE* handle, void** list) {
     return 0;
 }
 
+namespace {
+
+// Labels the tree with the indexes that can answer it and splits off the
+// INDEX tree; *decided becomes WHF_FALSE or WHF_TRUE when the indexes'
+// bounds settle the clause.
+rctype planindexes(WH_HANDLE* wh, int* iflags, int* decided) {
+    *decided = 0;
+    if ((*iflags & WHI_NOINDEX) || !wh->tree) return 0;
+    if (rctype rc = chk4indexes(wh, wh->tree, iflags)) return rc;
+    wh_idxstatus_t st = wh->tree->nodeinfo->idx.status;
+    if (st != WH_XST_ALL && st != WH_XST_SOME) return 0;
+    if (rctype rc = treesplit(wh, &wh->tree, &wh->xtree)) return rc;
+    FILE* fp = wh->debugfp;
+    if (fp) {
+        tree_print("whinit: wh-tree after split", wh->tree, fp);
+        tree_print("whinit: INDEX tree after split", wh->xtree, fp);
+    }
+    int res = 0;
+    if (rctype rc = prune_xtree(wh, &wh->xtree, &res)) return rc;
+    if (res && fp) std::fprintf(fp, "whinit: INDEX tree evaluated to %s\n", res == 256 ? "TRUE" : "FALSE");
+    if (res == 512) *decided = WHF_FALSE;
+    else if (res == 256 && !wh->tree) *decided = WHF_TRUE;
+    return 0;
+}
+
+// The indexes of the plan as the scan will use them. This layer does not
+// read indexes yet: a plan that needs row numbers from one (EVAL3, EVAL4)
+// becomes a scan of every segment, and the INDEX tree is tested on each
+// row joined with the row test, which gives the same rows.
+void openplanned(WH_HANDLE* wh) {
+    FILE* fp = wh->debugfp;
+    if (wh->call_flags & (WHF_EVAL3 | WHF_EVAL4)) {
+        wh->call_flags = (wh->call_flags & ~(WHF_EVAL3 | WHF_EVAL4)) | WHF_EVAL1;
+        wh->eval3 = nullptr;
+        if (fp) std::fputs("whinit: index reads not available, rows are tested\n", fp);
+    }
+    if (fp) tree_print("whinit: INDEX tree", wh->xtree, fp);
+    wh->seglist = nullptr;
+    if (wh->call_flags & WHF_SEGLIST) {
+        wh->call_flags &= ~WHF_SEGLIST;
+        if (fp && (wh->call_flags & WHF_EVAL1)) std::fputs("whinit: checking all index segments\n", fp);
+    }
+}
+
+}  // namespace
+
 rctype whinit(HS_NLSENV* targenv, const void* clause, DA_FID* fid, int iflags, int* maxthreadsp, int* call_flags,
               FILE* fp, int exidxcnt, void* exidxarr, void* gcb_handle, void* gshandle, WH_HANDLE** wh_handle) {
-    (void)gshandle;
     if (call_flags) *call_flags = 0;
     WH_HANDLE* old = wh_handle ? *wh_handle : nullptr;
     if (wh_handle) *wh_handle = nullptr;
@@ -440,6 +485,13 @@ rctype whinit(HS_NLSENV* targenv, const void* clause, DA_FID* fid, int iflags, i
         if (whsayit(wh->tree, &wh->treetext) != 0) wh->treetext = nullptr;
         if (fp) std::fprintf(fp, "WHERE %s\n", wh->treetext ? wh->treetext : "");
     }
+    // A shared table can change under the scan: its change stamp now.
+    if (fid->fidflags & DA_FIDDYNAMIC) {
+        int mt = 0, ns = 0;
+        if (rctype rc = dagetfibmodtime(fid, &mt, &ns); rc < 0) return fail(wh, rc);
+        wh->modtime = static_cast<unsigned int>(mt);
+        wh->numstripes = ns;
+    }
     wh->lin.targ_cei = targenv ? targenv->encoding : 0;
     wh->lin.data_cei = fid->nlsenv ? fid->nlsenv->encoding : 0;
     wh->lin.needs_xcoding = targenv && fid->nlsenv && hsnlstpneeded(targenv, fid->nlsenv);
@@ -457,12 +509,22 @@ rctype whinit(HS_NLSENV* targenv, const void* clause, DA_FID* fid, int iflags, i
     if (state != WH_PREVAL_NONE) {
         flags = state == WH_PREVAL_TRUE ? WHF_TRUE : WHF_FALSE;
     } else {
-        bool pruned = false;
-        if (rctype rc = prune_weird_nodes(wh, &wh->tree, &pruned, 0)) return fail(wh, rc);
-        if (pruned && fp) tree_print("whinit: wh-tree after pruning", wh->tree, fp);
-        if (wh->tree) flags |= WHF_EVAL2;
-        if (!wh->tree && !wh->xtree) flags = WHF_NONE;
-        else flags |= pruned ? WHF_SOME : WHF_ALL;
+        int decided = 0;
+        if (rctype rc = planindexes(wh, &iflags, &decided)) return fail(wh, rc);
+        if (decided) {
+            flags = decided;
+        } else {
+            bool pruned = false;
+            if (rctype rc = prune_weird_nodes(wh, &wh->tree, &pruned, 0)) return fail(wh, rc);
+            if (pruned && fp) tree_print("whinit: wh-tree after pruning", wh->tree, fp);
+            if (wh->tree) wh->call_flags |= WHF_EVAL2;
+            if (wh->xtree)
+                if (rctype rc = wh_plan_indextree(wh, &iflags, gshandle)) return fail(wh, rc);
+            if (wh->xtree) openplanned(wh);
+            flags = wh->call_flags;
+            if (!wh->tree && !wh->xtree) flags = WHF_NONE;
+            else flags |= pruned ? WHF_SOME : WHF_ALL;
+        }
     }
     wh->call_flags = flags;
     *call_flags = flags;

@@ -35,7 +35,7 @@ TEST(VrtaQuery, PrintsTheMatchingRowsCountsAndExplains) {
     EXPECT_EQ(r.out, "id,city,amount\n5,\"\",42\n");
     r = t.q("--where 'amount > 1 and id ^= 3' --explain");
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.out, "plan: EVAL2 ALL\nindex tree: none\nrow test: ((amount>1) and (id not = 3))\n")) << r.out;
+    EXPECT_TRUE(has(r.out, "plan: EVAL2 ALL\nindex tree: none\nindexes: none\nrow test: ((amount>1) and (id not = 3))\n")) << r.out;
     EXPECT_TRUE(has(r.out, "threads: 1\nsegments: 1 of 1")) << r.out;
     r = t.q("--where '2 < 1' --explain --count");
     EXPECT_TRUE(has(r.out, "plan: FALSE\n")) << r.out;

@@ -474,7 +474,8 @@ std::vector<int64_t> sqliteRows(sqlite3* db, const std::string& where) {
 // Rows of the clause through the module, or an empty list after a failure.
 // bufrows, the rows of one spwhget, also sets the size of the chunks the
 // cursor reads: small buffers make a table of many chunks.
-std::vector<int64_t> moduleRows(void* fid, const std::string& clause, int threads, int* flags, long bufrows = 300) {
+std::vector<int64_t> moduleRows(void* fid, const std::string& clause, int threads, int* flags, long bufrows = 300,
+                                int initflags = 0) {
     std::vector<int64_t> out;
     VRTAWHCOL wc[NCOL];
     for (int i = 0; i < NCOL; i++) wc[i] = VRTAWHCOL{COLS[i].name, -1, COLS[i].type, COLS[i].len, COLS[i].pos};
@@ -490,7 +491,7 @@ std::vector<int64_t> moduleRows(void* fid, const std::string& clause, int thread
     EXPECT_EQ(0, spnewwh(fid, bufrows * (ROWLEN + 8), 0, 0, &wh));
     EXPECT_EQ(0, spwhthreads(wh, threads));
     int st = 0;
-    rc = spwhset(wh, wire, 0, 0, nullptr, flags, &st);
+    rc = spwhset(wh, wire, initflags, 0, nullptr, flags, &st);
     EXPECT_EQ(rc, 0) << clause;
     std::vector<char> buf(bufrows * ROWLEN);
     for (int guard = 0; rc == 0 && guard < 100000; guard++) {
@@ -538,6 +539,154 @@ TEST(WhDiff, PlannerAgreesWithPlainEvaluationAndSqlite) {
     EXPECT_GT(sqlchecked, nclauses / 5);
     EXPECT_GT(nonempty, nclauses / 3);
     EXPECT_LT(nonempty, nclauses);
+    ASSERT_EQ(0, vrtaclose(fid));
+}
+
+// Indexes on single columns and on two, built after the deletions: each
+// clause planned with the indexes and without them gives the brute-force
+// rows, and the planner really splits off index trees.
+void addIndex(Fixture& f, const char* name, std::vector<int32_t> cols) {
+    VRTAINDEXDEF d{};
+    d.name = name;
+    d.ncols = static_cast<int>(cols.size());
+    d.cols = cols.data();
+    ASSERT_EQ(0, vrtaidxcreate(f.lib, "T", 1, &d)) << name;
+}
+
+TEST(WhDiff, IndexPlansAgreeWithRowTests) {
+    std::mt19937 r(77);
+    Fixture f;
+    build(f, 6000, r);
+    if (HasFatalFailure()) return;
+    addIndex(f, "IN1", {1});
+    addIndex(f, "IN2", {2});
+    addIndex(f, "IS3", {3});
+    addIndex(f, "IC1", {5});
+    addIndex(f, "IC2", {6});
+    addIndex(f, "IN2C2", {2, 6});
+    if (HasFatalFailure()) return;
+    void* fid = nullptr;
+    ASSERT_EQ(0, vrtaopen(f.lib, "T", 1, nullptr, 0, nullptr, 0, nullptr, -1, 0, &fid));
+    int planned = 0, nclauses = longMode() ? 2000 : 150;
+    for (int k = 0; k < nclauses; k++) {
+        P e = gen(r, 0);
+        std::string clause = text(*e);
+        std::vector<int64_t> want;
+        for (size_t i = 0; i < f.rows.size(); i++)
+            if (f.rows[i].live && eval(*e, f.rows[i])) want.push_back(static_cast<int64_t>(i) + 1);
+        int flags = 0, plain = 0;
+        ASSERT_EQ(moduleRows(fid, clause, 1 + k % 2, &flags, 256), want) << clause << " (plan 0x" << std::hex << flags << ")";
+        ASSERT_EQ(moduleRows(fid, clause, 1, &plain, 256, 0x01), want) << clause << " without indexes";
+        EXPECT_EQ(plain & VRTAWH_FPLANNED, 0) << clause;
+        planned += (flags & VRTAWH_FPLANNED) != 0;
+    }
+    EXPECT_GT(planned, nclauses / 10);
+    // Clauses the indexes' stored bounds settle, and ones they cannot.
+    double hi = -1e300, lo = 1e300;
+    for (const Row& x : f.rows) hi = std::max(hi, x.n[1].v), lo = std::min(lo, x.n[1].v);
+    int flags = 0;
+    char c[200];
+    std::snprintf(c, sizeof c, "n2 > %.17g", hi);
+    EXPECT_EQ(moduleRows(fid, c, 2, &flags).size(), 0u);
+    EXPECT_EQ(flags, VRTAWH_FFALSE) << c;
+    std::snprintf(c, sizeof c, "n2 in (%.17g, %.17g) and n4 > 0", hi + 1, lo - 1);
+    EXPECT_EQ(moduleRows(fid, c, 2, &flags).size(), 0u);
+    EXPECT_EQ(flags, VRTAWH_FFALSE) << c;
+    std::snprintf(c, sizeof c, "n2 >= %.17g", lo);
+    int live = static_cast<int>(std::count_if(f.rows.begin(), f.rows.end(), [](const Row& x) { return x.live; }));
+    EXPECT_EQ(static_cast<int>(moduleRows(fid, c, 2, &flags).size()), live);
+    EXPECT_EQ(flags, VRTAWH_FTRUE) << c;
+    // At the bounds themselves: strict compares leave the rows at the bound out.
+    int below = 0, above = 0;
+    for (const Row& x : f.rows) below += x.live && x.n[1].v < hi, above += x.live && x.n[1].v > lo;
+    std::snprintf(c, sizeof c, "n2 < %.17g", hi);
+    EXPECT_EQ(static_cast<int>(moduleRows(fid, c, 2, &flags).size()), below) << c;
+    std::snprintf(c, sizeof c, "n2 > %.17g", lo);
+    EXPECT_EQ(static_cast<int>(moduleRows(fid, c, 2, &flags).size()), above) << c;
+    // N1 holds missing values: its bounds never claim every row.
+    EXPECT_EQ(moduleRows(fid, "n1 >= .A and c2 = 'ZZZ'", 1, &flags).size(), 0u);
+    EXPECT_NE(flags & VRTAWH_FTRUE, VRTAWH_FTRUE);
+    // A conjunct on an indexed column and one on an unindexed one.
+    EXPECT_EQ(moduleRows(fid, "n2 < 0.5 and n4 > 0.5", 1, &flags),
+              moduleRows(fid, "n2 < 0.5 and n4 > 0.5", 1, &flags, 256, 0x01));
+    moduleRows(fid, "n2 < 0.5 and n4 > 0.5", 1, &flags);
+    EXPECT_EQ(flags & (VRTAWH_FPLANNED | VRTAWH_FEVAL1 | VRTAWH_FEVAL2),
+              VRTAWH_FPLANNED | VRTAWH_FEVAL1 | VRTAWH_FEVAL2);
+    ASSERT_EQ(0, vrtaclose(fid));
+}
+
+// The plan of a clause as spwhexplain tells it.
+std::string explainOf(void* fid, const char* clause) {
+    VRTAWHCOL wc[NCOL];
+    for (int i = 0; i < NCOL; i++) wc[i] = VRTAWHCOL{COLS[i].name, -1, COLS[i].type, COLS[i].len, COLS[i].pos};
+    void* wire = nullptr;
+    int wl = 0;
+    if (vrtawhparse(clause, -1, wc, NCOL, &wire, &wl, nullptr, 0) != 0) return "parse failed";
+    void* wh = nullptr;
+    std::string out = "open failed";
+    if (spnewwh(fid, 64 * (ROWLEN + 8), 0, 0, &wh) == 0) {
+        int flags = 0, st = 0;
+        char buf[2000];
+        if (spwhset(wh, wire, 0, 0, nullptr, &flags, &st) == 0 && spwhexplain(wh, buf, sizeof buf) > 0) out = buf;
+        spfreewh(wh);
+    }
+    vrtawhfree(wire);
+    return out;
+}
+
+// Which index each node takes: composite keys against single indexes, and
+// what stays a row test.
+TEST(WhDiff, IndexChoices) {
+    std::mt19937 r(3);
+    Fixture f;
+    build(f, 2000, r);
+    if (HasFatalFailure()) return;
+    addIndex(f, "IN2", {2});
+    addIndex(f, "IC2", {6});
+    addIndex(f, "IN2C2", {2, 6});
+    addIndex(f, "IN4S3", {4, 3});
+    if (HasFatalFailure()) return;
+    void* fid = nullptr;
+    ASSERT_EQ(0, vrtaopen(f.lib, "T", 1, nullptr, 0, nullptr, 0, nullptr, -1, 0, &fid));
+    auto has = [](const std::string& t, const char* s) { return t.find(s) != std::string::npos; };
+    // Both columns of the composite matched by equalities: one key.
+    std::string e = explainOf(fid, "n2 = 1 and c2 = 'A'");
+    EXPECT_TRUE(has(e, "plan: EVAL1 ALL\n")) << e;
+    EXPECT_TRUE(has(e, "indexes: IN2C2 (2 columns)\n")) << e;
+    EXPECT_TRUE(has(e, "row test: none\n")) << e;
+    // Many key permutations: each column keeps its own index.
+    e = explainOf(fid, "n2 in (1, 2, 3, 4, 5) and c2 in ('A', 'B')");
+    EXPECT_TRUE(has(e, "indexes: IN2, IC2\n")) << e;
+    // A conjunct no index answers stays a row test; not-equal takes the
+    // index but cannot narrow the segments.
+    e = explainOf(fid, "n2 <> 1 and c1 = 'AB'");
+    EXPECT_TRUE(has(e, "plan: EVAL1 EVAL2 ALL\n")) << e;
+    EXPECT_TRUE(has(e, "index tree: (N2 not = 1)\n")) << e;
+    EXPECT_TRUE(has(e, "indexes: IN2\n")) << e;
+    EXPECT_TRUE(has(e, "row test: (C1='AB')\n")) << e;
+    // An OR is answered by indexes only when every branch is.
+    e = explainOf(fid, "n2 = 1 or c1 = 'A'");
+    EXPECT_TRUE(has(e, "index tree: none\n")) << e;
+    e = explainOf(fid, "n2 = 1 or c2 = 'A'");
+    EXPECT_TRUE(has(e, "indexes: IN2, IC2\n")) << e;
+    // A composite whose first column has no condition is not used; one
+    // whose first column has one serves it alone.
+    e = explainOf(fid, "s3 = 1");
+    EXPECT_TRUE(has(e, "index tree: none\n")) << e;
+    e = explainOf(fid, "n4 > 2");
+    EXPECT_TRUE(has(e, "indexes: IN4S3\n")) << e;
+    // List members outside the index's lowest and highest key are dropped
+    // from the INDEX tree; the rest stay.
+    e = explainOf(fid, "n2 in (-100, 1, 100)");
+    EXPECT_TRUE(has(e, "indexes: IN2\n")) << e;
+    EXPECT_FALSE(has(e, "100")) << e;
+    EXPECT_TRUE(has(e, "1")) << e;
+    ASSERT_EQ(0, vrtaclose(fid));
+    // An index dropped between two plans is no longer planned on.
+    ASSERT_EQ(0, vrtaidxdrop(f.lib, "T", 1, "IN2C2", nullptr));
+    ASSERT_EQ(0, vrtaopen(f.lib, "T", 1, nullptr, 0, nullptr, 0, nullptr, -1, 0, &fid));
+    e = explainOf(fid, "n2 = 1 and c2 = 'A'");
+    EXPECT_TRUE(has(e, "indexes: IN2, IC2\n")) << e;
     ASSERT_EQ(0, vrtaclose(fid));
 }
 

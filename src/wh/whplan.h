@@ -1,0 +1,38 @@
+// Index planning inside whinit: which nodes of a clause an index of the
+// table can answer, the split of the tree into an INDEX tree and a row
+// test, pruning by the indexes' stored minimum and maximum, and the choice
+// among the evaluation methods.
+#pragma once
+#include "wh/wh.h"
+
+namespace vrta {
+
+// One compare of a value against [min, max]: 0x100 always true, 0x200 always
+// false, 0 undecided.
+int whminmaxcmp(wh_env_t* env, int code, const SQLOP* val, const SQLOP* mn, const SQLOP* mx);
+
+// Labels the tree: each node's idx.status, ntype and chosen index. *iflags
+// may change (a packed set turns costing on and sequential plans off).
+rctype chk4indexes(WH_HANDLE* wh, SQLOP* tree, int* iflags);
+// Cuts *tree by status: what the indexes answer goes to *xtree.
+rctype treesplit(WH_HANDLE* wh, SQLOP** tree, SQLOP** xtree);
+// Drops index nodes decided by the indexes' stored minimum and maximum;
+// *result 256 when the INDEX tree is always true, 512 always false, else 0.
+rctype prune_xtree(WH_HANDLE* wh, SQLOP** xtree, int* result);
+// analyze_indexes, near-unique pruning and the plan: sets WHF_EVAL1/3/4,
+// WHF_SEGLIST and WHF_PLANNED in wh->call_flags.
+rctype wh_plan_indextree(WH_HANDLE* wh, int* iflags, void* gshandle);
+// Child arg of the INDEX tree (-1: all of it) moved to the row test.
+rctype move_indexnode(WH_HANDLE* wh, int arg);
+// Removes null slots of a node's children.
+void shiftnodeargs(SQLOP* n);
+// The indexes the leaves of an INDEX tree use, "A, B (2 columns)", into buf.
+int whindexnames(const SQLOP* xtree, char* buf, int buflen);
+// The index records read for planning, freed with the handle.
+void whixmeta_free(WH_HANDLE* wh);
+
+// Statistics of planning: nodes moved to the row test.
+extern long nunique_pruning;
+extern long cost_pruning;
+
+}  // namespace vrta
