@@ -319,6 +319,25 @@ VRTA_API int vrtaidxcreate(void* vlib, const char* table, int table_l, const VRT
 VRTA_API int vrtaidxlist(void* vlib, const char* table, int table_l, const char* ekey, VRTAIDXINFO* out, int n);
 VRTA_API int vrtaidxdrop(void* vlib, const char* table, int table_l, const char* index, const char* ekey);
 
+/* Rows of an open table found through its index: the rows whose key equals
+ * a value (VRTAIX_EQ) or lies between two (VRTAIX_RANGE, both ends
+ * included, a null end open). Values come as row images of the table: the
+ * index's columns at their places, ncols of them from the first (0: all;
+ * fewer look up by the leading columns). each gets the row numbers in
+ * rising order, batch by batch, and stops the scan by returning non-zero.
+ * A deleted row is never handed out. An index that must be rebuilt, or that
+ * a writer left unfinished, is refused with 0x80000527. */
+#define VRTAIX_EQ 0
+#define VRTAIX_RANGE 1
+typedef struct VRTAIXCOND {
+    int op;                    /* VRTAIX_EQ, VRTAIX_RANGE */
+    const void* low;           /* the value of VRTAIX_EQ, or the low end; null: open */
+    const void* high;          /* the high end; null: open */
+    int ncols;
+} VRTAIXCOND;
+VRTA_API int vrtaidxrows(void* vfid, const char* index, const VRTAIXCOND* cond,
+                         int (*each)(void* arg, const int64_t* rows, long n), void* arg);
+
 /* Files the text "Member=<mem> Reason=<text of rc>" for vrtaerrtext and
  * returns VRTA_RC_WRAPPED. */
 VRTA_API int MakeError(const u_sname* mem, int rc);

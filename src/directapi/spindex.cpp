@@ -2,9 +2,11 @@
 // table opened at the storage layer for the length of the call.
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "directapi/sp.h"
 #include "hs/hs.h"
+#include "ix/ixfe.h"
 #include "ix/ixhy.h"
 #include "sda/daidx.h"
 #include "sda/darc.h"
@@ -92,4 +94,92 @@ extern "C" int vrtaidxdrop(void* vlib, const char* table, int table_l, const cha
     rc = fp->mt->dropidx(fp, index, 0);
     rctype crc = fp->mt->closefid(fp);
     return rc < 0 ? rc : crc < 0 ? crc : rc;
+}
+
+namespace {
+
+// The rows of the segments in seglist (every segment when null) that lie
+// between lo and hi, handed to each.
+rctype scanrows(IX_INDEX_T* ix, IX_SEGOP_T lo, IX_SEGOP_T hi, ix_list_t* seglist, int64_t nsegs, int64_t segsize,
+                int (*each)(void*, const int64_t*, long), void* arg) {
+    constexpr int64_t BATCH = 4096;
+    std::vector<hs_obsno_t> rows(BATCH), segs(BATCH);
+    rctype rc = 0;
+    bool stop = false;
+    int64_t next = 0;  // the next segment when there is no list
+    if (seglist) ixrwndl(seglist);
+    while (rc >= 0 && !stop) {
+        int64_t ns = 0;
+        rctype end = 1;
+        if (seglist) {
+            ns = BATCH;
+            end = ixrtrve(seglist, segs.data(), &ns);
+            if (end < 0) return end;
+            for (int64_t i = 0; i < ns; ++i) --segs[static_cast<size_t>(i)];  // row s + 1 stands for segment s
+        } else {
+            while (ns < BATCH && next < nsegs) segs[static_cast<size_t>(ns++)] = next++;
+            end = next < nsegs ? 0 : 1;
+        }
+        for (int64_t i = 0; i < ns && rc >= 0 && !stop; ++i) {
+            lo.segment = segs[static_cast<size_t>(i)] * segsize + 1;
+            if ((rc = ix->fp.pnt(ix->ix_private, &lo, &hi, 0, 0)) < 0) break;
+            for (rctype more = 0; more == 0 && !stop;) {
+                int64_t n = BATCH;
+                more = ixrtrve(lo.list, rows.data(), &n);
+                if (more < 0) {
+                    rc = more;
+                    break;
+                }
+                if (n > 0 && each(arg, rows.data(), static_cast<long>(n)) != 0) stop = true;
+            }
+        }
+        if (end) break;
+    }
+    ixfreel(lo.list);
+    return rc < 0 ? rc : 0;
+}
+
+}  // namespace
+
+extern "C" int vrtaidxrows(void* vfid, const char* index, const VRTAIXCOND* cond,
+                           int (*each)(void* arg, const int64_t* rows, long n), void* arg) {
+    if (!vfid || !index || !cond || !each || (cond->op != VRTAIX_EQ && cond->op != VRTAIX_RANGE) ||
+        (cond->op == VRTAIX_EQ && !cond->low) || cond->ncols < 0)
+        return DA_BADARG;
+    DA_FID* fp = spfidof(vfid)->dafid;
+    IX_INDEX_T* ix = nullptr;
+    rctype rc = ixopen(fp, index, 0, 1, nullptr, &ix);
+    if (rc < 0) return rc;
+    if (rc == IX_LEFTDIRTY) {
+        // A writer at work or dead: its rows can't be trusted here.
+        ixclose(ix);
+        return IX_NEEDREPAIR;
+    }
+    int ncols = cond->ncols;
+    if (ncols > ix->skbp->info.ncols) {
+        ixclose(ix);
+        return DA_BADARG;
+    }
+    if (ncols == 0) ncols = ix->skbp->info.ncols;
+    int len = ncols == ix->skbp->info.ncols ? ix->keylen : ix->skbp->info.cols[ncols].koff;
+    std::vector<char> lk(static_cast<size_t>(ix->keylen)), hk(static_cast<size_t>(ix->keylen));
+    const void* low = cond->low;
+    const void* high = cond->op == VRTAIX_EQ ? cond->low : cond->high;
+    if ((low && (rc = ixmkkey(ix, low, lk.data())) < 0) || (high && (rc = ixmkkey(ix, high, hk.data())) < 0)) {
+        ixclose(ix);
+        return rc;
+    }
+    IX_SEGOP_T lo{nullptr, low ? lk.data() : nullptr, IX_GE, 0, len, nullptr, nullptr};
+    IX_SEGOP_T hi{nullptr, high ? hk.data() : nullptr, IX_LE, 0, len, nullptr, nullptr};
+    int64_t nsegs = 0, segsize = 0;
+    IX_SEGSTATS_T st{};
+    rc = ixinfo(ix, &nsegs, &segsize);
+    // The segments with a match; none when the index is not selective enough to list them.
+    if (rc == 0) rc = ix->fp.prepnt(ix->ix_private, &lo, &hi, 1, &st);
+    ix_list_t* seglist = lo.hy_list;
+    lo.hy_list = nullptr;
+    if (rc == 0) rc = scanrows(ix, lo, hi, seglist, nsegs, segsize, each, arg);
+    ixfreel(seglist);
+    rctype crc = ixclose(ix);
+    return rc < 0 ? rc : crc;
 }

@@ -63,6 +63,8 @@ DirectApi* loadApi() {
     VRTA_GET(vrtaidxcreate)
     VRTA_GET(vrtaidxlist)
     VRTA_GET(vrtaidxdrop)
+    VRTA_GET(vrtaidxrows)
+    VRTA_GET(spgetr)
 #undef VRTA_GET
     if (!m.ok) {
         delete api;

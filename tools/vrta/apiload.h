@@ -35,6 +35,8 @@ struct DirectApi {
     VRTA_API_FN(vrtaidxcreate)
     VRTA_API_FN(vrtaidxlist)
     VRTA_API_FN(vrtaidxdrop)
+    VRTA_API_FN(vrtaidxrows)
+    VRTA_API_FN(spgetr)
 #undef VRTA_API_FN
 
     // "text (0x........)" for a code the API returned.

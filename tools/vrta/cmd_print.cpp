@@ -13,6 +13,7 @@
 #include "csv.h"
 #include "rowout.h"
 #include "engopts.h"
+#include "ixrows.h"
 #include "remote.h"
 #include "vrta.h"
 
@@ -77,6 +78,8 @@ int run(const std::vector<std::string>& given) {
     std::string key, opt;
     bool csv = false, hasopt = false;
     int64_t first = -1, last = -1;
+    IndexLookup look;
+    bool haseq = false, hasrange = false;
     std::vector<std::string> pos;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
@@ -94,6 +97,17 @@ int run(const std::vector<std::string>& given) {
             if (i + 1 >= args.size() || !count(args[i + 1], &n)) return fail("print: " + a + " needs a count", 2);
             ++i;
             (a == "--first" ? first : last) = n;
+        } else if (a == "--index") {
+            if (i + 1 >= args.size() || !look.index.empty()) return fail("print: give --index once, with an index name", 2);
+            look.index = args[++i];
+        } else if (a == "--eq") {
+            if (i + 1 >= args.size() || haseq) return fail("print: give --eq once, with a value", 2);
+            look.eq = args[++i];
+            haseq = true;
+        } else if (a == "--range") {
+            if (i + 1 >= args.size() || hasrange) return fail("print: give --range once, as LO..HI", 2);
+            if (!parseRange(args[++i], &look)) return fail("print: --range takes LO..HI (an end may be left out)", 2);
+            hasrange = true;
         } else if (a.size() > 1 && a[0] == '-') {
             return fail("print: unknown option '" + a + "' (try --help)", 2);
         } else {
@@ -103,6 +117,9 @@ int run(const std::vector<std::string>& given) {
     const bool remote = !ra.nameserver.empty();
     if (pos.size() != 2) return fail(remote ? "print: needs DOMAIN TABLE (try --help)" : "print: needs DOMAIN_DIR TABLE (try --help)", 2);
     if (first >= 0 && last >= 0) return fail("print: give --first or --last, not both", 2);
+    if (!look.index.empty() && haseq == hasrange) return fail("print: --index needs --eq VALUE or --range LO..HI", 2);
+    if (look.index.empty() && (haseq || hasrange)) return fail("print: --eq and --range need --index INDEX", 2);
+    if (!look.index.empty() && remote) return fail("print: --index reads a local domain only", 2);
     // Table options: the key, and the rows by number.
     int64_t startobs = 1, endobs = INT64_MAX;
     EngineOptions o;
@@ -165,6 +182,13 @@ int run(const std::vector<std::string>& given) {
         pass = [&t, obslen, from, limit, endobs](const std::function<void(const unsigned char*)>& each) {
             return scan(t, obslen, from, limit, endobs, each);
         };
+        if (!look.index.empty()) {
+            if (startobs > 1 || endobs < INT64_MAX) return fail("print: give --index or STARTOBS and ENDOBS, not both", 2);
+            std::string table = pos[1];
+            pass = [&dom, &t, table, key, &look, limit](const std::function<void(const unsigned char*)>& each) {
+                return indexRows(dom, t, table, key, look, limit, each);
+            };
+        }
     }
     int rowlen = 0;
     for (const ColInfo& c : cols) rowlen = std::max(rowlen, c.pos + c.len);
@@ -188,7 +212,7 @@ int run(const std::vector<std::string>& given) {
 
 Register reg({"print", "print a table's rows, aligned or as CSV",
               "usage: vrta print DOMAIN_DIR TABLE [--csv] [--first N] [--last N] [--key KEY]\n"
-              "                  [--opt 'TABLE OPTIONS']\n"
+              "                  [--opt 'TABLE OPTIONS'] [--index INDEX (--eq VALUE | --range LO..HI)]\n"
               "       vrta print --name-server HOST:PORT --user USER DOMAIN TABLE [--road wire|direct]\n"
               "                  [--csv] [--first N] [--last N] [--key KEY] [--opt 'TABLE OPTIONS']\n"
               "\n"
@@ -201,6 +225,12 @@ Register reg({"print", "print a table's rows, aligned or as CSV",
               "  --key KEY   the key of an encrypted table\n"
               "  --opt TEXT  table options in the host's form: STARTOBS=n and ENDOBS=n (rows by\n"
               "              their number), PW='key' or READ='key' (in quotes to keep its case)\n"
+              "  --index INDEX --eq VALUE\n"
+              "              only the rows whose indexed column equals VALUE, found through\n"
+              "              the index (for an index of several columns, its first)\n"
+              "  --index INDEX --range LO..HI\n"
+              "              only the rows from LO to HI, both included; LO.. and ..HI leave an\n"
+              "              end open. A number column takes a number or . (missing)\n"
               "\n"
               "With --name-server, DOMAIN is a name of the name server's map: the engine\n"
               "assigns it, logs in as USER (password from VRTA_PASSWORD, or asked for on a\n"
