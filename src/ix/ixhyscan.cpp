@@ -22,11 +22,23 @@ namespace {
 
 const char TRACEFILE[] = "ix/src/ixhyscan";
 
+// An integer option (4 bytes) or a number option (8); dflt when unset.
 int64_t optint(const char* name, int64_t dflt) {
-    double d = 0;
-    int len = 0;
     void* opt = opgtgbl();
-    if (opt && opgetop(opt, name, &d, &len) >= 0) return static_cast<int64_t>(d);
+    if (!opt) return dflt;
+    alignas(8) char v[64] = {};
+    int len = 0;
+    if (opgetop(opt, name, v, &len) < 0) return dflt;
+    if (len == 4) {
+        int32_t i;
+        memcpy(&i, v, 4);
+        return i;
+    }
+    if (len == 8) {
+        double d;
+        memcpy(&d, v, 8);
+        return static_cast<int64_t>(d);
+    }
     return dflt;
 }
 
@@ -57,7 +69,8 @@ rctype ixhy_btrof(IXH_HEADER_R* h, int n) {
     info.options_present = 1;
     info.keylen = static_cast<uint32_t>(h->keylen);
     info.datalen = h->datalen;
-    info.cachesize = static_cast<uint32_t>(optint("INDEX_MAXMEMORY", 0));
+    int64_t cache = optint("INDEX_MAXMEMORY", 0);
+    info.cachesize = static_cast<uint32_t>(cache < 0 ? 0 : cache > (1ll << 30) ? (1ll << 30) : cache);
     info.skbp = h->skb;
     IX_HEADER_D th{};
     DB* db = nullptr;

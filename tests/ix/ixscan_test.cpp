@@ -565,7 +565,14 @@ TEST(IndexScan, WritersHandleMakesWhatReadersRead) {
     ASSERT_EQ(0, darclos(t.fp));
     o = request("t", DA_OMINPUT);
     t.fp = nullptr;
-    ASSERT_EQ(0, daopen(t.lp, &o, &t.fp)) << "the index is up to date again";
+    rctype orc = daopen(t.lp, &o, &t.fp);
+    DA_KEYSTR wk{};
+    ASSERT_EQ(0, t.fp->mt->queryicb(t.fp, "w", &wk));
+    // "ix" of the first build is behind now; "w" is up to date again.
+    ASSERT_EQ(DA_IDXREBUILD, orc);
+    EXPECT_EQ(0u, wk.checks);
+    EXPECT_EQ(1800, wk.highobs);
+    EXPECT_EQ(IX_NEEDREPAIR, ixopen(t.fp, "ix", 0, 1, nullptr, &ix));
     ASSERT_EQ(0, ixopen(t.fp, "w", 0, 1, nullptr, &ix));
     want = keys(t, ix);
     EXPECT_EQ(want, readback(ix, want, 64));
