@@ -32,7 +32,9 @@ struct Store {
         at = sizeof pad;
     }
     ~Store() {
-        if (ip) ip->mt->closeidx(ip, 0);
+        if (ip) {
+            EXPECT_EQ(0, ip->mt->closeidx(ip, 0));
+        }
     }
     da_off_t put(const void* p, int64_t n) {
         EXPECT_EQ(0, ip->mt->writeidx(ip, p, static_cast<long>(n), at));

@@ -37,8 +37,12 @@ struct Table {
     std::vector<char> rows;
     std::set<int64_t> deleted;
     ~Table() {
-        if (fp) darclos(fp);
-        if (lp) dafrlib(lp);
+        if (fp) {
+            EXPECT_EQ(0, darclos(fp));
+        }
+        if (lp) {
+            EXPECT_GE(dafrlib(lp), 0);
+        }
     }
 };
 
