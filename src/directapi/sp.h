@@ -71,30 +71,30 @@ struct SP_IOB {
 };
 
 // Files "Member=<name> Reason=<text>" as the code's substitution and returns SP_WRAPPED.
-rctype spmkerr(const char* mem, int memlen, rctype rc);
+[[nodiscard]] rctype spmkerr(const char* mem, int memlen, rctype rc);
 // The same with a reason of the caller's own.
-rctype spmkerrtext(const char* mem, int memlen, const char* reason);
+[[nodiscard]] rctype spmkerrtext(const char* mem, int memlen, const char* reason);
 // The last text filed by spmkerr in this thread.
 const char* splasterr();
 
 // vrtacreate.
-rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, void** newfid);
+[[nodiscard]] rctype spcreate(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, void** newfid);
 // The same with the columns given whole (formats, flags, sort bytes, places
 // in the row); cr->ncols and cr->cols are not looked at. defvars numbers the
 // columns in vars.
-rctype spcreatev(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, int nvars, DA_NAMESTR* vars,
+[[nodiscard]] rctype spcreatev(void* vlib, const char* dsname, int dsnamelen, const VRTACREATE* cr, int nvars, DA_NAMESTR* vars,
                  void** newfid);
 
 // A table opened at the storage layer in mode (DA_OMINPUT, DA_OMUTIL ..),
 // the member lock taken by the open; closed by its closefid.
-rctype spdaopen(void* vlib, const char* dsname, int dsnamelen, int mode, const char* ekey, DA_FID** fp);
+[[nodiscard]] rctype spdaopen(void* vlib, const char* dsname, int dsnamelen, int mode, const char* ekey, DA_FID** fp);
 
 // Transcoding.
-rctype spnlsinit(SP_FID* spfid);
-rctype spnlsterm(SP_FID* spfid);
+[[nodiscard]] rctype spnlsinit(SP_FID* spfid);
+[[nodiscard]] rctype spnlsterm(SP_FID* spfid);
 // Rows of obsbuf, in place; *numtrans the rows done before a failure.
-rctype spitptrans(SP_FID* spfid, char* obsbuf, long numobs, long* numtrans);
-rctype spotptrans(SP_FID* spfid, char* obsbuf, long numobs, long* numtrans);
+[[nodiscard]] rctype spitptrans(SP_FID* spfid, char* obsbuf, long numobs, long* numtrans);
+[[nodiscard]] rctype spotptrans(SP_FID* spfid, char* obsbuf, long numobs, long* numtrans);
 
 inline SP_FID* spfidof(void* v) { return static_cast<SP_FID*>(v); }
 inline SP_IOB* spiobof(DA_IOCB* iocb) { return reinterpret_cast<SP_IOB*>(iocb->iobvec); }

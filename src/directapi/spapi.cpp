@@ -76,7 +76,8 @@ SP_FID* newspfid(DA_LIB* lp, const char* dsname, int len) {
 rctype wrap(const SP_FID* s, rctype rc) { return spmkerr(s->dsname.name, s->dsname.len, rc); }
 
 void freespfid(SP_FID* s) {
-    if (s->tpflags & (SP_TPIN | SP_TPOUT)) spnlsterm(s);
+    // Reached after a failure or after vrtaclose ended the transcoding already.
+    if (s->tpflags & (SP_TPIN | SP_TPOUT)) daignore(spnlsterm(s));
     if (s->tblenv) nls_release(s->tblenv);
     if ((s->tpflags & SP_TPCLENV) && s->clenv) nls_release(s->clenv);
     free(s->tpbuf);
@@ -244,14 +245,13 @@ int vrtaupdate(void* vlib, const char* dsname, int dsnamelen, const char* dstype
 int vrtaclose(void* vfid) {
     SP_FID* s = spfidof(vfid);
     if (!s) return DA_BADARG;
-    rctype last = 0;
-    if (s->tpflags & (SP_TPIN | SP_TPOUT)) spnlsterm(s);
+    rctype last = (s->tpflags & (SP_TPIN | SP_TPOUT)) ? spnlsterm(s) : 0;
     if (s->dafid) {
         rctype rc = s->dafid->mt->closefid(s->dafid);
         if (rc < 0) {
             hsprint("vrtaclose: DACLOSE failed: Member=%.*s Reason=%s\n", s->dsname.len, s->dsname.name,
                     hsstrer(rc));
-            last = rc;
+            if (last >= 0) last = rc;
         }
         s->dafid = nullptr;
     }
@@ -260,7 +260,7 @@ int vrtaclose(void* vfid) {
         if (rc < 0) {
             hsprint("vrtaclose: DAUNLOCKMEM failed: Member=%.*s Reason=%s\n", s->dsname.len, s->dsname.name,
                     hsstrer(rc));
-            last = rc;
+            if (last >= 0) last = rc;
         }
         s->dalid = nullptr;
     }

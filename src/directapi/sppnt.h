@@ -33,6 +33,6 @@ struct SP_PNT {
 
 // Makes a cursor of strsize bytes (a larger record may begin with SP_PNT),
 // its vectors and row buffer in one allocation.
-rctype sp_initpnt(size_t strsize, void* vfid, long bufsize, int64_t startobs, int64_t endobs, void** newpnt);
+[[nodiscard]] rctype sp_initpnt(size_t strsize, void* vfid, long bufsize, int64_t startobs, int64_t endobs, void** newpnt);
 
 }  // namespace vrta
