@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,8 +29,11 @@ public:
         std::string path = std::string(VRTA_TOOLS_DIR) + "/" + prog;
         int out[2];
         if (pipe(out) != 0) return;
+        const pid_t parent = getpid();
         pid_ = fork();
         if (pid_ == 0) {
+            // A test that dies before its destructor runs takes its server along.
+            if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != parent) _exit(127);
             dup2(out[1], 1);
             int e = open(logfile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
             if (e >= 0) dup2(e, 2);

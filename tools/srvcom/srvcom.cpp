@@ -156,7 +156,13 @@ bool parseListen(const std::vector<std::string>& a, size_t& i, Listen& l, bool& 
     return true;
 }
 
-void srvinit(const char* name) { srvname = name; }
+void srvinit(const char* name) {
+    srvname = name;
+    // The servers are run from the build tree: without MSGPATH they would
+    // log "message not found" in place of their own texts.
+    if (!std::getenv("MSGPATH") && access(VRTA_SRC_MSGDIR "/vrtamsg.m", R_OK) == 0)
+        setenv("MSGPATH", VRTA_SRC_MSGDIR, 1);
+}
 
 int serve(const Listen& l, Handler h, void* ctx) {
     const char* name = srvname;
