@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <regex>
 
 #include "tblutil.h"
 
@@ -70,6 +71,7 @@ protected:
         XOFPENT fast{};
         XOPNSTR q = wiretest::openReq(ref, table);
         q.fast_path = &fast;
+        q.mactbl = mactbl;
         if (opts) {
             void* track = ytrakcp();
             yttpshi(track);
@@ -113,6 +115,7 @@ protected:
         return rows;
     }
     Remote r;
+    const unsigned char* mactbl = nullptr;
 };
 
 std::vector<std::string> slice(const std::vector<std::string>& v, size_t from, size_t to) {
@@ -180,6 +183,36 @@ TEST_F(Read, RowRangesAndProjections) {
         for (size_t i = 0; i < p.size(); ++i)
             ASSERT_EQ(p[i], all[i].substr(992, 8) + all[i].substr(0, 8)) << i;
     }
+}
+
+// The most rows one stream of the server sent, from its log.
+long mostSent(const std::string& log) {
+    static const std::regex line(R"(: (\d+) rows of \S+ in \d+ blocks)");
+    long most = -1;
+    for (std::sregex_iterator it(log.begin(), log.end(), line), end; it != end; ++it)
+        most = std::max(most, std::stol((*it)[1].str()));
+    return most;
+}
+
+TEST_F(Read, VrtaparrLetsAOneRowReadStreamFreely) {
+    make("t", 3 * BF + 5);
+    auto all = wiretest::directRows(r.domain("d"), "t");
+    const Road& tcp = ROADS[2];
+    EXPECT_EQ(read(tcp, "t", "ENDOBS=1"), slice(all, 0, 1));
+    EXPECT_EQ(mostSent(r.sv->log()), 1) << r.sv->log();
+    // "VRTAPARR" set to "YES": a read of one row does not tell the server
+    // where to stop, and the rows stream freely; the host stops reading when
+    // it has its row.
+    unsigned char mac[2 * HP_MACRECL] = {};
+    std::memcpy(mac, "VRTAPARR", 8);
+    mac[15] = HP_MACBOOL;
+    mac[19] = 1;
+    mac[HP_MACRECL] = ' ';
+    mactbl = mac;
+    EXPECT_EQ(read(tcp, "t", "ENDOBS=1"), all);
+    EXPECT_EQ(mostSent(r.sv->log()), static_cast<long>(all.size())) << r.sv->log();
+    // Two rows asked for: the end goes to the server whatever the variable says.
+    EXPECT_EQ(read(tcp, "t", "ENDOBS=2"), slice(all, 0, 2));
 }
 
 TEST(NetCompression, RoundTripsAndRefusesWhatDoesNotFit) {
