@@ -6,8 +6,8 @@
 # a plain loopback socket and cat of the table's data file, in the same run.
 # Each command is timed whole (login and open included) three times, the
 # best kept, with a warm page cache; for the engine's roads the row loop
-# alone is shown too, since the login's slow password hash is a fixed cost
-# the baselines do not pay.
+# alone is shown too, since starting the engine, the login and the open are
+# a fixed cost the baselines do not pay.
 #
 #   bench/bench_rowwire.sh [NROWS] [WORKDIR]      (default 10000000 rows of 100 bytes)
 set -eu
@@ -26,8 +26,7 @@ prog=$build/bench/bench_rowwire
 mkdir -p "$work/dom"
 sv=; ns=
 stop() {
-    [ -n "$ns" ] && kill "$ns" 2>/dev/null && wait "$ns" 2>/dev/null
-    [ -n "$sv" ] && kill "$sv" 2>/dev/null && wait "$sv" 2>/dev/null
+    for p in $ns $sv; do { kill "$p" && wait "$p"; } 2>/dev/null || true; done
     rm -rf "$work"
 }
 trap stop EXIT INT TERM
