@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "directapi/sp.h"
 #include "hs/hs.h"
@@ -66,6 +67,10 @@ struct SP_WHH {
     SQLOP* trees[SP_MAXTHREADS];
     hs_obsno_t* outobs;      // row numbers of the rows last delivered
     long nout;
+    long curlen;             // rows the cursor's buffer is set to hold
+    int64_t* segs;           // the plan's segment list (from 0, rising), or null: all
+    long nsegs;
+    long segpos;             // first listed segment not yet passed
 };
 
 SP_WHH* whhof(void* v) { return static_cast<SP_WHH*>(v); }
@@ -91,13 +96,42 @@ void readinto(SP_WHH* w, SP_CHUNK* c) {
     c->rc = 0;
     c->ready = true;
     if (w->readend) return;
-    if (w->curbuf != c->rows) {
-        int rc = spsetrd(w->iocb, w->chunkrows * w->obslen, c->rows);
+    long want = w->chunkrows;
+    if (w->segs) {
+        // Only the plan's segments: on to the next listed one, and no
+        // further than the end of the run of listed segments it starts.
+        int64_t seg = w->spfid->dafid->xoehdr->idxsegsize;
+        hs_obsno_t cur = spcurloc(w->iocb);
+        int64_t s = cur >= 1 && seg > 0 ? (cur - 1) / seg : 0;
+        while (w->segpos < w->nsegs && w->segs[w->segpos] < s) w->segpos++;
+        if (w->segpos >= w->nsegs) {
+            w->readend = true;
+            return;
+        }
+        if (w->segs[w->segpos] > s) {
+            cur = w->segs[w->segpos] * seg + 1;
+            if (w->endobs >= 1 && cur > w->endobs) {
+                w->readend = true;
+                return;
+            }
+            if (int rc = spsetloc(w->iocb, cur); rc < 0) {
+                c->rc = rc;
+                return;
+            }
+        }
+        long k = w->segpos;
+        while (k + 1 < w->nsegs && w->segs[k + 1] == w->segs[k] + 1) k++;
+        int64_t left = (w->segs[k] + 1) * seg - cur + 1;
+        if (left >= 1 && left < want) want = static_cast<long>(left);
+    }
+    if (w->curbuf != c->rows || w->curlen != want) {
+        int rc = spsetrd(w->iocb, want * w->obslen, c->rows);
         if (rc < 0) {
             c->rc = rc;
             return;
         }
         w->curbuf = c->rows;
+        w->curlen = want;
     }
     void* vrows = nullptr;
     int64_t* ov = nullptr;
@@ -199,6 +233,7 @@ rctype startscan(SP_WHH* w) {
         c.ready = false;
         c.rc = 0;
     }
+    w->segpos = 0;
     hs_obsno_t first = w->startobs >= 2 ? w->startobs : 1;
     return spsetloc(w->iocb, first);
 }
@@ -244,6 +279,7 @@ int spnewwh(void* vfid, long bufsize, int64_t startobs, int64_t endobs, void** n
     if (!w->match || !w->outobs) rc = SP_NOMEM;
     if (!rc) rc = spnewrd(vfid, static_cast<long>(w->chunkrows) * obslen, w->ch[0].rows, reinterpret_cast<void**>(&w->iocb));
     w->curbuf = w->ch[0].rows;
+    w->curlen = w->chunkrows;
     if (rc < 0) {
         spfreewh(w);
         return rc;
@@ -266,6 +302,7 @@ int spfreewh(void* vwhh) {
     }
     std::free(w->match);
     std::free(w->outobs);
+    std::free(w->segs);
     std::free(w);
     return rc;
 }
@@ -317,6 +354,30 @@ int spwhset(void* vwhh, const void* where_tree, int init_flags, int numxidx, con
     if (rc < 0) return rc;
     w->whereh = wh;
     w->whflags = flags;
+    std::free(w->segs);
+    w->segs = nullptr;
+    w->nsegs = 0;
+    if ((flags & WHF_SEGLIST) && wh->seglist && s->dafid->xoehdr->idxsegsize > 0) {
+        std::vector<int64_t> v;
+        rc = whsegments(wh, &v);
+        if (rc == 0 && !v.empty()) {
+            w->segs = static_cast<int64_t*>(std::malloc(sizeof(int64_t) * v.size()));
+            if (!w->segs) rc = SP_NOMEM;
+            else std::memcpy(w->segs, v.data(), sizeof(int64_t) * v.size());
+            w->nsegs = static_cast<long>(v.size());
+        }
+        if (rc == 0 && v.empty()) {
+            // An empty list: no segment can hold a match.
+            w->segs = static_cast<int64_t*>(std::malloc(sizeof(int64_t)));
+            if (!w->segs) rc = SP_NOMEM;
+            w->nsegs = 0;
+        }
+        if (rc) {
+            whterm(wh);
+            w->whereh = nullptr;
+            return rc;
+        }
+    }
     w->nthreads = std::clamp(threads, 1, SP_MAXTHREADS);
     for (int i = 0; i < w->nthreads; i++) {
         rc = whevalprep(wh, &w->trees[i], WHP_COPY | WHP_JOIN);
@@ -421,7 +482,7 @@ int spwhexplain(void* vwhh, char* buf, int buflen) {
     const DA_XOEODS* x = w->spfid->dafid->xoehdr;
     int64_t seg = x->idxsegsize > 0 ? x->idxsegsize : 1;
     int64_t tblsegs = (x->numobs + seg - 1) / seg;
-    int64_t segs = (f & WHF_FALSE) ? 0 : tblsegs;
+    int64_t segs = (f & WHF_FALSE) ? 0 : w->segs ? w->nsegs : tblsegs;
     char ixnames[400];
     if (whindexnames(wh->xtree, ixnames, sizeof ixnames) == 0) std::snprintf(ixnames, sizeof ixnames, "none");
     int n = std::snprintf(buf, buflen,

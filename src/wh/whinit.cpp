@@ -383,6 +383,7 @@ void whflagwords(int flags, char* buf, int buflen) {
 rctype whterm(WH_HANDLE* handle) {
     if (!handle) return WH_RC_NULLARG;
     free_tree(&handle->tree, nullptr);
+    whfreeseglist(handle);
     free_tree(&handle->xtree, nullptr);
     whixmeta_free(handle);
     std::free(handle->treetext);
@@ -429,23 +430,29 @@ rctype planindexes(WH_HANDLE* wh, int* iflags, int* decided) {
     return 0;
 }
 
-// The indexes of the plan as the scan will use them. This layer does not
-// read indexes yet: a plan that needs row numbers from one (EVAL3, EVAL4)
-// becomes a scan of every segment, and the INDEX tree is tested on each
-// row joined with the row test, which gives the same rows.
-void openplanned(WH_HANDLE* wh) {
+// The indexes of the plan opened and, for EVAL1, the segments that can hold
+// a match gathered. Row numbers straight from an index (EVAL3, EVAL4) are
+// not built: such plans scan the listed segments instead. Every row read is
+// tested with the INDEX tree joined to the row test, so a list need only
+// hold every segment with a match.
+rctype openplanned(WH_HANDLE* wh) {
     FILE* fp = wh->debugfp;
     if (wh->call_flags & (WHF_EVAL3 | WHF_EVAL4)) {
         wh->call_flags = (wh->call_flags & ~(WHF_EVAL3 | WHF_EVAL4)) | WHF_EVAL1;
+        if (wh->xtree->nodeinfo->idx.flags & 0x10) wh->call_flags |= WHF_SEGLIST;
         wh->eval3 = nullptr;
-        if (fp) std::fputs("whinit: index reads not available, rows are tested\n", fp);
+        if (fp) std::fputs("whinit: row numbers from indexes not built, segments are scanned\n", fp);
     }
+    if (rctype rc = openindexes(wh)) return rc;
     if (fp) tree_print("whinit: INDEX tree", wh->xtree, fp);
     wh->seglist = nullptr;
-    if (wh->call_flags & WHF_SEGLIST) {
+    if (wh->call_flags & WHF_SEGLIST)
+        if (rctype rc = gatherseglists(wh)) return rc;
+    if ((wh->call_flags & WHF_SEGLIST) && !wh->seglist) {
         wh->call_flags &= ~WHF_SEGLIST;
         if (fp && (wh->call_flags & WHF_EVAL1)) std::fputs("whinit: checking all index segments\n", fp);
     }
+    return 0;
 }
 
 }  // namespace
@@ -520,7 +527,8 @@ rctype whinit(HS_NLSENV* targenv, const void* clause, DA_FID* fid, int iflags, i
             if (wh->tree) wh->call_flags |= WHF_EVAL2;
             if (wh->xtree)
                 if (rctype rc = wh_plan_indextree(wh, &iflags, gshandle)) return fail(wh, rc);
-            if (wh->xtree) openplanned(wh);
+            if (wh->xtree)
+                if (rctype rc = openplanned(wh)) return fail(wh, rc);
             flags = wh->call_flags;
             if (!wh->tree && !wh->xtree) flags = WHF_NONE;
             else flags |= pruned ? WHF_SOME : WHF_ALL;

@@ -5,6 +5,7 @@
 #include "hs/hs.h"
 #include "sfnc/xf.h"
 #include "ssup/thr.h"
+#include "ix/ixfe.h"
 #include "wh/wh.h"
 #include "wh/wheval.h"
 
@@ -130,9 +131,13 @@ rctype free_node(SQLOP* node, int* rflags) {
             }
             std::free(x.key.tsm);
         }
-        // An open index and what its pre-evaluation left go back through the
-        // index layer; planning, which opens them, is not built yet.
-        if (x.preevalpvt || ((x.flags & WH_IF_OWNSIXH) && x.ixh)) wh_assertion_failure(__FILE__, __LINE__);
+        // Pre-evaluation is not built: nothing may have left a result.
+        if (x.preevalpvt) wh_assertion_failure(__FILE__, __LINE__);
+        if ((x.flags & WH_IF_OWNSIXH) && x.ixh) {
+            rctype crc = ixclose(x.ixh);
+            if (crc < 0) wh_trap_error("free_node", __LINE__, crc);
+            x.ixh = nullptr;
+        }
         std::free(wn->normkeypart);
     }
     switch (node->code) {

@@ -3,6 +3,9 @@
 // test, pruning by the indexes' stored minimum and maximum, and the choice
 // among the evaluation methods.
 #pragma once
+#include <cstdint>
+#include <vector>
+
 #include "wh/wh.h"
 
 namespace vrta {
@@ -28,6 +31,15 @@ rctype move_indexnode(WH_HANDLE* wh, int arg);
 void shiftnodeargs(SQLOP* n);
 // The indexes the leaves of an INDEX tree use, "A, B (2 columns)", into buf.
 int whindexnames(const SQLOP* xtree, char* buf, int buflen);
+// Opens the index of each leaf of the INDEX tree that has one; an index that
+// cannot be opened leaves its leaf without (all its segments).
+rctype openindexes(WH_HANDLE* wh);
+// The segments that can hold a match of the INDEX tree, into wh->seglist
+// (null: all of them).
+rctype gatherseglists(WH_HANDLE* wh);
+void whfreeseglist(WH_HANDLE* wh);
+// The segment numbers (from 0) of wh->seglist, rising.
+rctype whsegments(WH_HANDLE* wh, std::vector<int64_t>* segs);
 // The index records read for planning, freed with the handle.
 void whixmeta_free(WH_HANDLE* wh);
 

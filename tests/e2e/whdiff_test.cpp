@@ -690,6 +690,94 @@ TEST(WhDiff, IndexChoices) {
     ASSERT_EQ(0, vrtaclose(fid));
 }
 
+// A table whose key rises with the row: index segment lists let the cursor
+// read only the segments that can hold a match, and the rows stay those of
+// a full scan.
+TEST(WhDiff, SegmentListsSkipSegments) {
+    vrtatest::TempDir dir;
+    void* lib = nullptr;
+    ASSERT_EQ(0, splasgn(dir.path().c_str(), &lib));
+    VRTACOLDEF defs[2] = {VRTACOLDEF{"K", -1, nullptr, 0, 1, 8}, VRTACOLDEF{"G", -1, nullptr, 0, 1, 8}};
+    VRTACREATE cr{};
+    cr.ncols = 2;
+    cr.cols = defs;
+    void* fid = nullptr;
+    ASSERT_EQ(0, vrtacreate(lib, "S", 1, &cr, &fid));
+    const int nrows = 8192 * 6 + 100;  // seven segments, the last one short
+    std::vector<double> k(nrows), g(nrows);
+    std::vector<char> buf(16 * 1000);
+    void* wr = nullptr;
+    ASSERT_EQ(0, spnewwr(fid, static_cast<long>(buf.size()), buf.data(), 0, &wr));
+    for (int i = 0; i < nrows; i++) {
+        k[i] = i + 1;
+        g[i] = i % 7;
+        std::memcpy(buf.data() + (i % 1000) * 16, &k[i], 8);
+        std::memcpy(buf.data() + (i % 1000) * 16 + 8, &g[i], 8);
+        if (i % 1000 == 999 || i == nrows - 1) {
+            ASSERT_EQ(0, spwritev(wr, i % 1000 + 1));
+        }
+    }
+    ASSERT_EQ(0, spfreeio(wr));
+    ASSERT_EQ(0, vrtaclose(fid));
+    for (auto [name, col] : {std::pair<const char*, int32_t>{"IK", 1}, {"IG", 2}}) {
+        VRTAINDEXDEF d{};
+        d.name = name;
+        d.ncols = 1;
+        d.cols = &col;
+        ASSERT_EQ(0, vrtaidxcreate(lib, "S", 1, &d)) << name;
+    }
+    ASSERT_EQ(0, vrtaopen(lib, "S", 1, nullptr, 0, nullptr, 0, nullptr, -1, 0, &fid));
+    VRTAWHCOL wc[2] = {VRTAWHCOL{"K", -1, 1, 8, 0}, VRTAWHCOL{"G", -1, 1, 8, 8}};
+    struct Case {
+        const char* clause;
+        long segs;  // segments read, -1 all
+        bool (*keep)(double k, double g);
+    };
+    const Case cases[] = {
+        {"k < 1000", 1, [](double k, double) { return k < 1000; }},
+        {"k >= 20000 and k <= 30000", 2, [](double k, double) { return k >= 20000 && k <= 30000; }},
+        {"k in (5, 40000, 49200)", 3, [](double k, double) { return k == 5 || k == 40000 || k == 49200; }},
+        {"k > 45000 or k <= 8192", 3, [](double k, double) { return k > 45000 || k <= 8192; }},
+        {"k < 9000 and g = 3", 2, [](double k, double g) { return k < 9000 && g == 3; }},
+        {"k > 60000", 0, [](double k, double) { return k > 60000; }},
+        {"k = 30000 or g = 1", -1, [](double k, double g) { return k == 30000 || g == 1; }},
+        {"k >= 16385 and k < 16390", 1, [](double k, double) { return k >= 16385 && k < 16390; }},
+    };
+    for (const Case& c : cases) {
+        void* wire = nullptr;
+        int wl = 0;
+        ASSERT_EQ(0, vrtawhparse(c.clause, -1, wc, 2, &wire, &wl, nullptr, 0)) << c.clause;
+        for (long bufrows : {50L, 3000L}) {
+            void* wh = nullptr;
+            ASSERT_EQ(0, spnewwh(fid, bufrows * 24, 0, 0, &wh));
+            int flags = 0, st = 0;
+            ASSERT_EQ(0, spwhset(wh, wire, 0, 0, nullptr, &flags, &st)) << c.clause;
+            char ex[2000];
+            ASSERT_GT(spwhexplain(wh, ex, sizeof ex), 0);
+            if (c.segs >= 0) {
+                std::string want = "segments: " + std::to_string(c.segs) + " of 7 ";
+                EXPECT_NE(std::string(ex).find(want), std::string::npos) << c.clause << "\n" << ex;
+            } else {
+                EXPECT_NE(std::string(ex).find("segments: 7 of 7 "), std::string::npos) << c.clause << "\n" << ex;
+            }
+            std::vector<int64_t> got, want;
+            std::vector<char> out(static_cast<size_t>(bufrows) * 16);
+            long n = 0;
+            int rc = 0;
+            for (int guard = 0; guard < 100000 && (rc = spwhget(wh, out.data(), &n)) == 0; guard++)
+                for (long i = 0; i < n; i++) got.push_back(spwhobsvec(wh)[i]);
+            EXPECT_EQ(rc, VRTA_RC_NOMORE) << c.clause;
+            for (int i = 0; i < nrows; i++)
+                if (c.keep(k[i], g[i])) want.push_back(i + 1);
+            EXPECT_EQ(got, want) << c.clause << " bufrows " << bufrows;
+            ASSERT_EQ(0, spfreewh(wh));
+        }
+        vrtawhfree(wire);
+    }
+    ASSERT_EQ(0, vrtaclose(fid));
+    ASSERT_EQ(0, spldeasgn(lib));
+}
+
 // Clauses decided before any row is read, row ranges, and a table where
 // every row is deleted.
 TEST(WhDiff, DecidedClausesRangesAndEmptyTables) {

@@ -1,0 +1,307 @@
+// Segment lists of an INDEX tree: the indexes of its leaves opened, the keys
+// of their conditions made, and the segments that can hold a matching row
+// gathered, so that a scan reads no other segment. Every row read is still
+// tested with the INDEX tree joined to the row test: a list only has to hold
+// every segment with a match, and may hold more.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ix/ixfe.h"
+#include "ix/ixlist.h"
+#include "sda/daidx.h"
+#include "ssubs/vz.h"
+#include "wh/wheval.h"
+#include "wh/whplan.h"
+
+namespace vrta {
+
+namespace {
+
+bool isandor(const SQLOP* n) { return n && (n->code == OP_LAND || n->code == OP_LOR); }
+
+// The bytes a literal has in a row of the column: the high bytes of a
+// number, a string blank-padded. False when no key can stand for it: a
+// string longer than the column (a cut key would lose rows below it), or
+// one that would have to be transcoded.
+bool rowvalue(WH_HANDLE* wh, const SQLOP* name, const SQLOP* lit, std::string& out) {
+    int len = name->u.vleaf.leng;
+    if (name->type < 0) {
+        if (!lit || lit->code != OP_LITN || len < 1 || len > 8) return false;
+        const char* p = reinterpret_cast<const char*>(&lit->u.nleaf.nbr);
+        out.assign(p + 8 - len, static_cast<size_t>(len));
+        return true;
+    }
+    if (!lit || lit->code != OP_LITC || wh->lin.needs_xcoding) return false;
+    int l = lit->u.cleaf.leng;
+    const char* c = lit->u.cleaf.c;
+    while (l > 0 && c[l - 1] == ' ') l--;
+    if (l > len) return false;
+    out.assign(static_cast<size_t>(len), ' ');
+    if (l > 0) std::memcpy(out.data(), c, static_cast<size_t>(l));
+    return true;
+}
+
+// A packed set's element i as row bytes.
+bool packedvalue(WH_HANDLE* wh, const SQLOP* name, const SQLOP* set, int i, std::string& out) {
+    const SQLSETLF& s = set->u.setleaf;
+    SQLOP lit{};
+    if (set->code == OP_SETN) {
+        lit.code = OP_LITN;
+        std::memcpy(&lit.u.nleaf.nbr, static_cast<const char*>(s.p) + 8 * static_cast<size_t>(i), 8);
+    } else {
+        lit.code = OP_LITC;
+        lit.u.cleaf.c = static_cast<char*>(s.p) + static_cast<size_t>(i) * (s.len + 1);
+        lit.u.cleaf.leng = static_cast<int>(strnlen(lit.u.cleaf.c, static_cast<size_t>(s.len)));
+    }
+    return rowvalue(wh, name, &lit, out);
+}
+
+// One condition's key: keys[k] holds it, the segop points at it.
+struct KeyedOp {
+    std::string row;
+    std::vector<char> key;
+};
+
+rctype makekey(IX_INDEX_T* ix, const std::vector<const std::string*>& vals, KeyedOp& ko, int* len) {
+    std::vector<const void*> vp;
+    for (const std::string* v : vals) vp.push_back(v->data());
+    ko.key.assign(static_cast<size_t>(ix->keylen) + 8, 0);
+    return ixgetkey(ix, vp.data(), static_cast<int>(vp.size()), ko.key.data(), len);
+}
+
+int relation(int code) {
+    switch (code) {
+    case OP_CEQ: return IX_EQ;
+    case OP_CLT: return IX_LT;
+    case OP_CLE: return IX_LE;
+    case OP_CGT: return IX_GT;
+    case OP_CGE: return IX_GE;
+    default: return -1;
+    }
+}
+
+void tracesegs(WH_HANDLE* wh, const WH_IDX& x, bool alltrue, const IX_SEGSTATS_T& st) {
+    if (!wh->debugfp) return;
+    std::fprintf(wh->debugfp, "whinit: INDEX %.*s %s %d%% of segs (%s maxsegratio %d%%)\n", x.xkeystr->name_l,
+                 x.xkeystr->name, alltrue ? "uses at least" : "uses", st.segratio, alltrue ? "EXCEEDS" : "WITHIN",
+                 st.maxsegratio);
+}
+
+// The segments one leaf's condition can match; null list and *alltrue for all.
+rctype leafsegs(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue) {
+    *list = nullptr;
+    *alltrue = true;
+    WH_IDX& x = n->nodeinfo->idx;
+    IX_INDEX_T* ix = x.ixh;
+    if (!(x.flags & 0x10) || !ix || !x.name || !x.valu) return 0;
+    IX_SEGSTATS_T st{};
+    std::vector<KeyedOp> keys;
+    std::vector<IX_SEGOP_T> lo, hi;
+    bool ranges = false;
+    auto addop = [&](std::vector<const std::string*> vals, int op, std::vector<IX_SEGOP_T>& to) -> rctype {
+        keys.emplace_back();
+        int len = 0;
+        if (rctype rc = makekey(ix, vals, keys.back(), &len); rc < 0) return rc;
+        IX_SEGOP_T s{};
+        s.op = op;
+        s.v_length = len;
+        to.push_back(s);
+        return 0;
+    };
+    std::vector<std::string> vals;
+    if (x.ntype == WH_XNT_COMPARELIT && !(x.flags & 0x2)) {
+        int op = relation(n->code);
+        if (op < 0) return WH_RC_BADTREE;
+        vals.emplace_back();
+        if (!rowvalue(wh, x.name, x.valu, vals.back())) return 0;
+        if (rctype rc = addop({&vals.back()}, op, lo); rc < 0) return rc;
+    } else if (x.flags & 0x2) {
+        // A composite key: equalities on its leading columns.
+        vals.reserve(static_cast<size_t>(x.key.ncnt));
+        for (int k = 0; k < x.key.ncnt; k++) {
+            SQLOP* part = x.key.nodes[k];
+            const WH_IDX& px = part->nodeinfo->idx;
+            if (px.ntype != WH_XNT_COMPARELIT || part->code != OP_CEQ) return 0;
+            vals.emplace_back();
+            if (!rowvalue(wh, px.name, px.valu, vals.back())) return 0;
+        }
+        std::vector<const std::string*> vp;
+        for (const std::string& v : vals) vp.push_back(&v);
+        if (rctype rc = addop(vp, IX_EQ, lo); rc < 0) return rc;
+    } else if (x.ntype == WH_XNT_INSJSET) {
+        const SQLOP* set = get_child(x.valu, 0);
+        if (!set) return 0;
+        vals.resize(static_cast<size_t>(set->u.setleaf.num));
+        for (int i = 0; i < set->u.setleaf.num; i++) {
+            if (!packedvalue(wh, x.name, set, i, vals[i])) return 0;
+            if (rctype rc = addop({&vals[i]}, IX_EQ, lo); rc < 0) return rc;
+        }
+    } else if (x.ntype == WH_XNT_INLITSET || x.ntype == WH_XNT_INMIXSET) {
+        ranges = x.ntype == WH_XNT_INMIXSET;
+        int ne = x.valu->u.node.narg;
+        vals.resize(2 * static_cast<size_t>(ne));
+        for (int i = 0; i < ne; i++) {
+            SQLOP* e = get_child(x.valu, i);
+            if (!e) return 0;
+            if (e->code == OP_LITN || e->code == OP_LITC) {
+                if (!rowvalue(wh, x.name, e, vals[2 * i])) return 0;
+                if (!ranges) {
+                    if (rctype rc = addop({&vals[2 * i]}, IX_EQ, lo); rc < 0) return rc;
+                    continue;
+                }
+                if (rctype rc = addop({&vals[2 * i]}, IX_GE, lo); rc < 0) return rc;
+                if (rctype rc = addop({&vals[2 * i]}, IX_LE, hi); rc < 0) return rc;
+            } else if (e->code >= OP_RANB && e->code <= OP_RANN && e->u.node.narg == 2) {
+                if (!rowvalue(wh, x.name, get_child(e, 0), vals[2 * i]) ||
+                    !rowvalue(wh, x.name, get_child(e, 1), vals[2 * i + 1]))
+                    return 0;
+                bool loex = e->code == OP_RANH || e->code == OP_RANN;
+                bool hiex = e->code == OP_RANL || e->code == OP_RANN;
+                if (rctype rc = addop({&vals[2 * i]}, loex ? IX_GT : IX_GE, lo); rc < 0) return rc;
+                if (rctype rc = addop({&vals[2 * i + 1]}, hiex ? IX_LT : IX_LE, hi); rc < 0) return rc;
+            } else {
+                return 0;
+            }
+        }
+    } else {
+        return 0;
+    }
+    if (lo.empty()) return 0;
+    for (size_t i = 0; i < lo.size(); i++) lo[i].value = keys[ranges ? 0 : i].key.data();
+    if (ranges) {
+        // keys were made low, high, low, high ...
+        for (size_t i = 0; i < lo.size(); i++) {
+            lo[i].value = keys[2 * i].key.data();
+            hi[i].value = keys[2 * i + 1].key.data();
+        }
+    }
+    rctype rc = ranges ? ix->fp.prepnt(ix->ix_private, lo.data(), hi.data(), static_cast<int>(lo.size()), &st)
+                       : ix->fp.preseg(ix->ix_private, lo.data(), static_cast<int>(lo.size()), &st);
+    if (rc < 0) {
+        wh_trap_error("gatherseglists", __LINE__, rc);
+        return WH_RC_TRAPPED;
+    }
+    *list = lo[0].hy_list;
+    *alltrue = *list == nullptr;
+    tracesegs(wh, x, *alltrue, st);
+    return 0;
+}
+
+rctype gather(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue, int depth) {
+    *list = nullptr;
+    *alltrue = true;
+    if (!n || !n->nodeinfo || depth > WH_MAXDEPTH) return WH_RC_BADTREE;
+    if (!isandor(n)) return leafsegs(wh, n, list, alltrue);
+    bool islor = n->code == OP_LOR;
+    ix_list_t* run = nullptr;
+    bool any = false;
+    for (int i = 0; i < n->u.node.narg; i++) {
+        SQLOP* c = get_child(n, i);
+        if (!c || !c->nodeinfo || c->nodeinfo->idx.status != WH_XST_ALL) continue;
+        ix_list_t* cl = nullptr;
+        bool call = true;
+        if (rctype rc = gather(wh, c, &cl, &call, depth + 1)) {
+            if (run) ixfreel(run);
+            return rc;
+        }
+        if (!cl) {
+            // All segments: under OR nothing can be skipped; under AND the
+            // child does not narrow.
+            if (islor) {
+                if (run) ixfreel(run);
+                return 0;
+            }
+            continue;
+        }
+        if (!run) {
+            run = cl;
+        } else {
+            rctype rc = ixop(run, cl, run, islor ? IX_OR : IX_AND);
+            ixfreel(cl);
+            if (rc != 0) {
+                ixfreel(run);
+                wh_trap_error("gatherseglists", __LINE__, rc);
+                return WH_RC_TRAPPED;
+            }
+        }
+        any = true;
+    }
+    *list = run;
+    *alltrue = !any;
+    return 0;
+}
+
+rctype openleaves(WH_HANDLE* wh, SQLOP* n, int depth) {
+    if (!n || !n->nodeinfo || depth > WH_MAXDEPTH) return WH_RC_BADTREE;
+    if (isandor(n)) {
+        for (int i = 0; i < n->u.node.narg; i++) {
+            SQLOP* c = get_child(n, i);
+            if (c && c->nodeinfo && c->nodeinfo->idx.status == WH_XST_ALL)
+                if (rctype rc = openleaves(wh, c, depth + 1)) return rc;
+        }
+        return 0;
+    }
+    WH_IDX& x = n->nodeinfo->idx;
+    if (x.status != WH_XST_ALL || !x.xkeystr || x.ixh) return 0;
+    char name[40];
+    std::snprintf(name, sizeof name, "%.*s", x.xkeystr->name_l, x.xkeystr->name);
+    IX_INDEX_T* ix = nullptr;
+    rctype rc = ixopen(wh->fid, name, 0, wh->numthreads, nullptr, &ix);
+    if (rc != 0) {
+        // An index that can't be read as it stands only costs the segment
+        // list: the rows are tested all the same.
+        if (ix) ixclose(ix);
+        if (wh->debugfp)
+            std::fprintf(wh->debugfp, "whinit: INDEX %s not opened (0x%x): checking all its segments\n", name,
+                         static_cast<unsigned>(rc));
+        return 0;
+    }
+    x.ixh = ix;
+    x.flags |= WH_IF_OWNSIXH;
+    x.idxnum = ++wh->indexcount;
+    return 0;
+}
+
+}  // namespace
+
+rctype openindexes(WH_HANDLE* wh) { return wh->xtree ? openleaves(wh, wh->xtree, 0) : 0; }
+
+rctype gatherseglists(WH_HANDLE* wh) {
+    wh->seglist = nullptr;
+    if (!wh->xtree) return 0;
+    ix_list_t* l = nullptr;
+    bool alltrue = true;
+    if (rctype rc = gather(wh, wh->xtree, &l, &alltrue, 0)) return rc;
+    if (l) ixrwndl(l);
+    wh->seglist = l;
+    return 0;
+}
+
+void whfreeseglist(WH_HANDLE* wh) {
+    if (wh->seglist) ixfreel(static_cast<ix_list_t*>(wh->seglist));
+    wh->seglist = nullptr;
+}
+
+rctype whsegments(WH_HANDLE* wh, std::vector<int64_t>* segs) {
+    segs->clear();
+    auto* l = static_cast<ix_list_t*>(wh->seglist);
+    if (!l) return 0;
+    ixrwndl(l);
+    hs_obsno_t buf[1024];
+    for (int guard = 0; guard < (1 << 27) / 1024 + 2; guard++) {
+        int64_t n = 1024;
+        rctype rc = ixrtrve(l, buf, &n);
+        if (rc < 0) {
+            wh_trap_error("whsegments", __LINE__, rc);
+            return WH_RC_TRAPPED;
+        }
+        for (int64_t i = 0; i < n; i++) segs->push_back(buf[i] - 1);
+        if (rc == 1 || n == 0) break;
+    }
+    ixrwndl(l);
+    return 0;
+}
+
+}  // namespace vrta
