@@ -98,10 +98,13 @@ extern "C" int vrtaidxdrop(void* vlib, const char* table, int table_l, const cha
 
 namespace {
 
+// Ranges of more values than this are pre-evaluated.
+constexpr int64_t PREEVAL_VALUES = 4;
+
 // The rows of the segments in seglist (every segment when null) that lie
 // between lo and hi, handed to each.
 rctype scanrows(IX_INDEX_T* ix, IX_SEGOP_T lo, IX_SEGOP_T hi, ix_list_t* seglist, int64_t nsegs, int64_t segsize,
-                int (*each)(void*, const int64_t*, long), void* arg) {
+                bool pre, int (*each)(void*, const int64_t*, long), void* arg) {
     constexpr int64_t BATCH = 4096;
     std::vector<hs_obsno_t> rows(BATCH), segs(BATCH);
     rctype rc = 0;
@@ -122,7 +125,8 @@ rctype scanrows(IX_INDEX_T* ix, IX_SEGOP_T lo, IX_SEGOP_T hi, ix_list_t* seglist
         }
         for (int64_t i = 0; i < ns && rc >= 0 && !stop; ++i) {
             lo.segment = segs[static_cast<size_t>(i)] * segsize + 1;
-            if ((rc = ix->fp.pnt(ix->ix_private, &lo, &hi, 0, 0)) < 0) break;
+            rc = pre ? ix->fp.preevallist(ix->ix_private, &lo, 0) : ix->fp.pnt(ix->ix_private, &lo, &hi, 0, 0);
+            if (rc < 0) break;
             for (rctype more = 0; more == 0 && !stop;) {
                 int64_t n = BATCH;
                 more = ixrtrve(lo.list, rows.data(), &n);
@@ -177,8 +181,15 @@ extern "C" int vrtaidxrows(void* vfid, const char* index, const VRTAIXCOND* cond
     // The segments with a match; none when the index is not selective enough to list them.
     if (rc == 0) rc = ix->fp.prepnt(ix->ix_private, &lo, &hi, 1, &st);
     ix_list_t* seglist = lo.hy_list;
+    // A range of many values is read once for all segments, not value by value in each.
+    bool pre = rc == 0 && st.nvalues > PREEVAL_VALUES;
+    if (pre) rc = ix->fp.preevalpnt(ix->ix_private, &lo, &hi);
     lo.hy_list = nullptr;
-    if (rc == 0) rc = scanrows(ix, lo, hi, seglist, nsegs, segsize, each, arg);
+    if (rc == 0) rc = scanrows(ix, lo, hi, seglist, nsegs, segsize, pre, each, arg);
+    if (pre && lo.ixpriv) {
+        rctype prc = ix->fp.preevalcln(ix->ix_private, lo.ixpriv);
+        if (rc == 0) rc = prc;
+    }
     ixfreel(seglist);
     rctype crc = ixclose(ix);
     return rc < 0 ? rc : crc;

@@ -60,7 +60,8 @@ rctype ixhy_btrof(IXH_HEADER_R* h, int n) {
         t.hbx = h->iid;
     } else if (!t.idx) {
         t.ownfiles = true;
-        rc = h->fp->mt->openidx(h->fp, h->name, DA_IDXFIDX | DA_IDXOMAP, &t.idx);
+        // The tree's file is read through the page cache: a mapped page would be checked at every visit.
+        rc = h->fp->mt->openidx(h->fp, h->name, DA_IDXFIDX, &t.idx);
         if (rc == 0) rc = h->fp->mt->openidx(h->fp, h->name, DA_IDXFHBX | DA_IDXOMAP, &t.hbx);
         if (rc < 0) return rc;
     }
@@ -426,7 +427,7 @@ rctype ixhyopen(DA_FID* fp, const char* name, int max_threads, IXH_HEADER_R** hp
     snprintf(h->name, sizeof h->name, "%s", name);
     rctype rc = fp->mt->openidx(fp, name, DA_IDXFHBX | DA_IDXOMAP, &h->iid);
     if (rc == 0) rc = ixhy_rdhdr(h->iid, &h->disk, 0);
-    if (rc == 0) rc = fp->mt->openidx(fp, name, DA_IDXFIDX | DA_IDXOMAP, &h->hybiid);
+    if (rc == 0) rc = fp->mt->openidx(fp, name, DA_IDXFIDX, &h->hybiid);
     if (rc == 0 && !(h->skb = static_cast<SKB_KEY*>(h->iid->skb))) rc = hs_trace_error(TRACEFILE, __LINE__, IX_INCONSIST);
     if (rc == 0 && (h->disk.common.value_len != h->skb->info.colkeylen || h->disk.n_segs < 0))
         rc = hs_trace_error(TRACEFILE, __LINE__, IX_INCONSIST);
