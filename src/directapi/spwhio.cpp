@@ -485,10 +485,13 @@ int spwhexplain(void* vwhh, char* buf, int buflen) {
     int64_t segs = (f & WHF_FALSE) ? 0 : w->segs ? w->nsegs : tblsegs;
     char ixnames[400];
     if (whindexnames(wh->xtree, ixnames, sizeof ixnames) == 0) std::snprintf(ixnames, sizeof ixnames, "none");
+    char skipped[400], notused[440] = "";
+    if (whskippedindexes(wh, skipped, sizeof skipped) > 0)
+        std::snprintf(notused, sizeof notused, "not used, need rebuild: %s\n", skipped);
     int n = std::snprintf(buf, buflen,
-                          "plan:%s\nindex tree: %s\nindexes: %s\nrow test: %s\nmethod: %s\nthreads: %d\n"
+                          "plan:%s\nindex tree: %s\nindexes: %s\n%srow test: %s\nmethod: %s\nthreads: %d\n"
                           "segments: %lld of %lld (%lld rows each)\n",
-                          words, idxtree ? idxtree : "none", ixnames, rowtest ? rowtest : "none", method,
+                          words, idxtree ? idxtree : "none", ixnames, notused, rowtest ? rowtest : "none", method,
                           (f & (WHF_FALSE | WHF_TRUE | WHF_NONE)) ? 1 : static_cast<int>(std::min<int64_t>(w->nthreads, std::max<int64_t>(segs, 1))), static_cast<long long>(segs),
                           static_cast<long long>(tblsegs), static_cast<long long>(seg));
     std::free(rowtest);

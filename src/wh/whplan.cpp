@@ -41,6 +41,7 @@ struct IxMeta {
 };
 struct IxCache {
     std::vector<IxMeta> m;
+    std::string skipped;  // "A, B": indexes left out as needing a rebuild
 };
 
 WH_IDX& idxof(SQLOP* n) { return n->nodeinfo->idx; }
@@ -116,6 +117,9 @@ rctype getindexes(WH_HANDLE* wh, int nvar0, WH_IDX& x) {
             // the rows are tested instead.
             if (bad && wh->debugfp)
                 std::fprintf(wh->debugfp, "whinit: INDEX %.*s needs rebuild, not used\n", m.k.name_l, m.k.name);
+            std::string nm(m.k.name, static_cast<size_t>(m.k.name_l));
+            if (bad && (", " + c->skipped + ", ").find(", " + nm + ", ") == std::string::npos)
+                c->skipped += (c->skipped.empty() ? "" : ", ") + nm;
             continue;
         }
         auto* ks = static_cast<da_keystr_t**>(std::realloc(x.keystrs, sizeof(da_keystr_t*) * (x.nmatch + 1)));
@@ -659,6 +663,15 @@ int whindexnames(const SQLOP* xtree, char* buf, int buflen) {
     namesof(xtree, out, 0);
     int n = static_cast<int>(std::min<size_t>(out.size(), static_cast<size_t>(buflen - 1)));
     std::memcpy(buf, out.data(), n);
+    buf[n] = 0;
+    return n;
+}
+
+int whskippedindexes(const WH_HANDLE* wh, char* buf, int buflen) {
+    if (!buf || buflen < 1) return 0;
+    const auto* c = static_cast<const IxCache*>(wh->ixmeta);
+    int n = c ? static_cast<int>(std::min<size_t>(c->skipped.size(), static_cast<size_t>(buflen - 1))) : 0;
+    if (n > 0) std::memcpy(buf, c->skipped.data(), static_cast<size_t>(n));
     buf[n] = 0;
     return n;
 }

@@ -40,6 +40,8 @@ rctype gatherseglists(WH_HANDLE* wh);
 void whfreeseglist(WH_HANDLE* wh);
 // The segment numbers (from 0) of wh->seglist, rising.
 rctype whsegments(WH_HANDLE* wh, std::vector<int64_t>* segs);
+// The indexes planning left out because they need a rebuild, "A, B".
+int whskippedindexes(const WH_HANDLE* wh, char* buf, int buflen);
 // The index records read for planning, freed with the handle.
 void whixmeta_free(WH_HANDLE* wh);
 
