@@ -21,17 +21,7 @@ using namespace vrta;
 
 namespace {
 
-constexpr int64_t DEFAULT_MEMORY = 64ll << 20;
 constexpr long IOBYTES = 1 << 20;
-
-int64_t sortmemory(int64_t asked) {
-    if (asked > 0) return asked;
-    double d = 0;
-    int len = 0;
-    void* opt = opgtgbl();
-    if (opt && opgetop(opt, "SORTSIZE", &d, &len) >= 0 && d > 0) return static_cast<int64_t>(d);
-    return DEFAULT_MEMORY;
-}
 
 bool stopped(const VRTASORT* r) { return r->interrupt && *r->interrupt; }
 
@@ -266,7 +256,7 @@ extern "C" int vrtasort(void* vlib, const char* in, int in_l, const char* out, i
     if ((rc = j.skb.mt.addend(&j.skb, SKB_OBS | SKB_DATA)) < 0) return rc;
     SR_PARMS p{};
     p.skb = &j.skb;
-    p.mem_size = static_cast<size_t>(sortmemory(req->memsize));
+    p.mem_size = static_cast<size_t>(srsortmemory(req->memsize, nullptr));
     p.merge_size = p.mem_size;
     p.flags = SR_EXACTMEM;
     p.interrupt = req->interrupt;

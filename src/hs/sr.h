@@ -202,6 +202,9 @@ rctype sr_create_spill_file(const char* name_hdr, SR_FILE* fstrp, int random_pla
 // The work path text spill files go to: the WORKPATH option, else the
 // temporary directory. Its length, 0 when there is none that fits size.
 int srworkpath(char* dir, int size);
+// Memory for a sort a caller asked for; asked <= 0 takes the option named
+// first (when given), then SORTSIZE, then 64 MB.
+int64_t srsortmemory(int64_t asked, const char* first);
 // Removes spill files left in dir by processes that no longer run.
 void sr_sweep_spill_files(const char* dir);
 

@@ -142,6 +142,14 @@ void permute(SR_CTX* sp, long n) {
 
 }  // namespace
 
+int64_t srsortmemory(int64_t asked, const char* first) {
+    if (asked > 0) return asked;
+    double d = 0;
+    if (first && optdouble(first, &d) && d > 0) return static_cast<int64_t>(d);
+    if (optdouble("SORTSIZE", &d) && d > 0) return static_cast<int64_t>(d);
+    return 64ll << 20;
+}
+
 int srgetmode(SR_PARMS* parms) {
     int reclen = recordlen(parms);
     parms->mode = pickmode(parms, reclen);

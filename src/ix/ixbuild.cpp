@@ -19,21 +19,10 @@ namespace vrta {
 
 namespace {
 
-constexpr int64_t DEFAULT_MEMORY = 64ll << 20;
 // Heap-sorted bins that stay in the processor's cache sort several times
 // faster than large ones; the merge of their runs is cheap beside that.
 constexpr int64_t BIN_MEMORY = 2ll << 20;
 constexpr long IOBYTES = 1 << 20;
-
-int64_t sortmemory(int64_t asked) {
-    if (asked > 0) return asked;
-    double d = 0;
-    int len = 0;
-    void* opt = opgtgbl();
-    if (opt && opgetop(opt, "INDEX_SORTSIZE", &d, &len) >= 0 && d > 0) return static_cast<int64_t>(d);
-    if (opt && opgetop(opt, "SORTSIZE", &d, &len) >= 0 && d > 0) return static_cast<int64_t>(d);
-    return DEFAULT_MEMORY;
-}
 
 struct Build {
     DA_FID* fp = nullptr;
@@ -137,7 +126,7 @@ rctype direct(Build& b) {
 rctype sorted(Build& b) {
     SR_PARMS p{};
     p.skb = b.skb;
-    int64_t mem = sortmemory(b.req->memsize);
+    int64_t mem = srsortmemory(b.req->memsize, "INDEX_SORTSIZE");
     p.mem_size = static_cast<size_t>(std::min(mem, BIN_MEMORY));
     p.merge_size = static_cast<size_t>(mem);
     p.flags = SR_EXACTMEM;

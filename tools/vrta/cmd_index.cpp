@@ -23,23 +23,6 @@ std::string upper(std::string s) {
     return s;
 }
 
-struct Bar {
-    Progress bar;
-    std::string table, index;
-    int phase = 0;
-};
-
-void progress(void* arg, int phase, int64_t done, int64_t total) {
-    auto* b = static_cast<Bar*>(arg);
-    if (phase != b->phase) {
-        b->bar.done();
-        b->phase = phase;
-        b->bar.total = static_cast<uint64_t>(total);
-        b->bar.what = phase == 1 ? "sorting " + b->table : "indexing " + b->index;
-    }
-    b->bar.show(static_cast<uint64_t>(done), static_cast<long>(done));
-}
-
 // "COL[,COL]" as 1-based columns of the table.
 int parseCols(const std::string& on, const std::vector<ColInfo>& cols, std::vector<int32_t>* out) {
     size_t start = 0;
@@ -76,9 +59,9 @@ int buildIndex(const Domain& dom, const std::string& table, const std::string& i
     sa.sa_handler = onsignal;
     sigemptyset(&sa.sa_mask);
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
-    Bar bar;
-    bar.table = upper(table);
-    bar.index = upper(index);
+    PhaseBar bar;
+    bar.first = "sorting " + upper(table);
+    bar.second = "indexing " + upper(index);
     VRTAINDEXDEF def{};
     def.name = index.c_str();
     def.ncols = static_cast<int>(cols.size());
@@ -86,7 +69,7 @@ int buildIndex(const Domain& dom, const std::string& table, const std::string& i
     def.flags = unique ? VRTAIX_UNIQUE : 0;
     def.ekey = key.empty() ? nullptr : key.c_str();
     def.interrupt = &interrupted;
-    def.progress = progress;
+    def.progress = phaseProgress;
     def.progress_arg = &bar;
     int rc = dom.api->vrtaidxcreate(dom.lib, table.c_str(), static_cast<int>(table.size()), &def);
     bar.bar.done();

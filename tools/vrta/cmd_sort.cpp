@@ -75,23 +75,6 @@ int parseKeys(const std::string& by, const std::vector<ColInfo>& cols, std::vect
     return 0;
 }
 
-struct Bar {
-    Progress bar;
-    std::string in, out;
-    int phase = 0;
-};
-
-void progress(void* arg, int phase, int64_t done, int64_t total) {
-    auto* b = static_cast<Bar*>(arg);
-    if (phase != b->phase) {
-        b->bar.done();
-        b->phase = phase;
-        b->bar.total = static_cast<uint64_t>(total);
-        b->bar.what = phase == 1 ? "sorting " + b->in : "writing " + b->out;
-    }
-    b->bar.show(static_cast<uint64_t>(done), static_cast<long>(done));
-}
-
 std::string exitName(const char* n8) {
     std::string s(n8, 8);
     while (!s.empty() && (s.back() == ' ' || s.back() == 0)) s.pop_back();
@@ -184,9 +167,9 @@ int run(const std::vector<std::string>& args) {
     sigemptyset(&sa.sa_mask);
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
 
-    Bar bar;
-    bar.in = upper(pos[1]);
-    bar.out = upper(out);
+    PhaseBar bar;
+    bar.first = "sorting " + upper(pos[1]);
+    bar.second = "writing " + upper(out);
     VRTASORT req{};
     req.nkeys = static_cast<int>(keys.size());
     req.keys = keys.data();
@@ -196,7 +179,7 @@ int run(const std::vector<std::string>& args) {
     req.encrypt = hasenc ? encrypt.c_str() : nullptr;
     req.out_ekey = hasoutkey ? outkey.c_str() : nullptr;
     req.interrupt = &interrupted;
-    req.progress = progress;
+    req.progress = phaseProgress;
     req.progress_arg = &bar;
     const DirectApi* api = dom.api;
     int rc = api->vrtasort(dom.lib, pos[1].c_str(), static_cast<int>(pos[1].size()), out.c_str(),

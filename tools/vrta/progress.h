@@ -30,4 +30,23 @@ struct Progress {
     }
 };
 
+// A bar for a job in two phases (sorting, then writing what was sorted):
+// the engine calls phaseProgress with the phase, what is done and the total.
+struct PhaseBar {
+    Progress bar;
+    std::string first, second;  // what each phase shows
+    int phase = 0;
+};
+
+inline void phaseProgress(void* arg, int phase, int64_t done, int64_t total) {
+    auto* b = static_cast<PhaseBar*>(arg);
+    if (phase != b->phase) {
+        b->bar.done();
+        b->phase = phase;
+        b->bar.total = static_cast<uint64_t>(total);
+        b->bar.what = phase == 1 ? b->first : b->second;
+    }
+    b->bar.show(static_cast<uint64_t>(done), static_cast<long>(done));
+}
+
 }  // namespace vrtacli
