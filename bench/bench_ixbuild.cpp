@@ -1,14 +1,17 @@
 // Index builds next to SQLite's CREATE INDEX, in one program: a table of N
-// rows with a column of 100 distinct values and one of N/2, both in random
-// order; each engine indexes each column, with the same sort memory. Prints
+// rows with a column of 100 distinct values and one of N/2 (each value on
+// two rows), both in random order; each engine indexes each column, with the same sort memory. Prints
 // seconds, index bytes and the ratios. Loading the tables is not timed.
 // Both get 64 MB: SQLite as its cache, the index build for its sort.
 //
 //   bench_ixbuild [N [DIR]]      (defaults 10000000, $TMPDIR)
 #include <sqlite3.h>
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -49,8 +52,9 @@ Data makedata(int64_t n) {
     d.many.resize(n);
     for (int64_t i = 0; i < n; ++i) {
         d.few[i] = static_cast<double>(rng() % 100);
-        d.many[i] = static_cast<double>(rng() % (n / 2 > 0 ? n / 2 : 1));
+        d.many[i] = static_cast<double>(i / 2);
     }
+    std::shuffle(d.many.begin(), d.many.end(), rng);
     return d;
 }
 
@@ -68,23 +72,23 @@ DA_OPNSTR request(const char* name, int mode) {
 
 int64_t dirbytes(const std::string& dir, const std::string& prefix) {
     int64_t total = 0;
-    std::string cmd = "ls " + dir;
-    FILE* p = popen(cmd.c_str(), "r");
-    char line[4096];
-    while (p && fgets(line, sizeof line, p)) {
-        std::string f(line);
-        if (!f.empty() && f.back() == '\n') f.pop_back();
+    DIR* dp = opendir(dir.c_str());
+    if (!dp) die("cannot list the work directory", errno);
+    while (const dirent* e = readdir(dp)) {
+        std::string f(e->d_name);
         if (f.rfind(prefix, 0) != 0) continue;
         struct stat st;
-        if (stat((dir + "/" + f).c_str(), &st) == 0) total += st.st_size;
+        if (stat((dir + "/" + f).c_str(), &st) != 0) die("cannot stat an index file", errno);
+        total += st.st_size;
     }
-    if (p) pclose(p);
+    closedir(dp);
     return total;
 }
 
 // The table, then each index timed.
-void vrtarun(const std::string& dir, const Data& d, double secs[2], int64_t bytes[2]) {
-    dainit();
+// bytes: both files of an index; tree: its .idx file alone.
+void vrtarun(const std::string& dir, const Data& d, double secs[2], int64_t bytes[2], int64_t tree[2]) {
+    if (dainit() < 0) die("engine start", 0);
     DA_LIBSTR ls{};
     memcpy(ls.name, "BENCH   ", 8);
     ls.libpath = dir.c_str();
@@ -135,9 +139,10 @@ void vrtarun(const std::string& dir, const Data& d, double secs[2], int64_t byte
         if (rc < 0) die("index build", rc);
         if (darclos(fp) < 0) die("close", 0);
         secs[c] = now() - t0;
-        bytes[c] = dirbytes(dir, std::string("t.idx") + r.name + ".") + dirbytes(dir, std::string("t.hbx") + r.name + ".");
+        tree[c] = dirbytes(dir, std::string("t.idx") + r.name + ".");
+        bytes[c] = tree[c] + dirbytes(dir, std::string("t.hbx") + r.name + ".");
     }
-    dafrlib(lp);
+    if (dafrlib(lp) < 0) die("library close", 0);
 }
 
 void check(int rc, sqlite3* db, const char* what) {
@@ -167,10 +172,10 @@ void sqliterun(const std::string& path, const Data& d, double secs[2], int64_t b
     sqlite3_stmt* ins = nullptr;
     check(sqlite3_prepare_v2(db, "INSERT INTO t VALUES(?, ?, 'filler')", -1, &ins, nullptr), db, "prepare");
     for (size_t i = 0; i < d.few.size(); ++i) {
-        sqlite3_bind_double(ins, 1, d.few[i]);
-        sqlite3_bind_double(ins, 2, d.many[i]);
+        check(sqlite3_bind_double(ins, 1, d.few[i]), db, "bind");
+        check(sqlite3_bind_double(ins, 2, d.many[i]), db, "bind");
         check(sqlite3_step(ins), db, "insert");
-        sqlite3_reset(ins);
+        check(sqlite3_reset(ins), db, "reset");
     }
     sqlite3_finalize(ins);
     check(sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr), db, "commit");
@@ -201,21 +206,21 @@ int main(int argc, char** argv) {
     std::string base = argc > 2 ? argv[2] : (getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp");
     if (n < 2) die("N must be 2 or more", n);
     std::string dir = base + "/bench_ixbuild." + std::to_string(getpid());
-    mkdir(dir.c_str(), 0700);
+    if (mkdir(dir.c_str(), 0700) != 0) die("cannot make the work directory", errno);
     Data d = makedata(n);
     double vs[2], ss[2];
-    int64_t vb[2], sb[2];
-    vrtarun(dir, d, vs, vb);
-    std::system(("rm -rf '" + dir + "'").c_str());
+    int64_t vb[2], vt[2], sb[2];
+    vrtarun(dir, d, vs, vb, vt);
+    if (std::system(("rm -rf '" + dir + "'").c_str()) != 0) die("cannot remove the work directory", 0);
     sqliterun(base + "/bench_ixbuild." + std::to_string(getpid()) + ".db", d, ss, sb);
     std::printf("%lld rows; index over a column of 100 values, then of %lld values; memory %lld MB\n",
                 static_cast<long long>(n), static_cast<long long>(n / 2), static_cast<long long>(MEMORY >> 20));
     const char* what[] = {"100 values", "N/2 values"};
     for (int c = 0; c < 2; ++c) {
-        std::printf("%-11s vrta %8.3f s %12lld bytes   sqlite %8.3f s %12lld bytes   ratio vrta/sqlite: time %.3f, "
-                    "size %.3f\n",
-                    what[c], vs[c], static_cast<long long>(vb[c]), ss[c], static_cast<long long>(sb[c]), vs[c] / ss[c],
-                    static_cast<double>(vb[c]) / static_cast<double>(sb[c]));
+        std::printf("%-11s vrta %8.3f s %12lld bytes (tree %lld)   sqlite %8.3f s %12lld bytes   ratio vrta/sqlite: "
+                    "time %.3f, size %.3f\n",
+                    what[c], vs[c], static_cast<long long>(vb[c]), static_cast<long long>(vt[c]), ss[c],
+                    static_cast<long long>(sb[c]), vs[c] / ss[c], static_cast<double>(vb[c]) / static_cast<double>(sb[c]));
     }
     return 0;
 }

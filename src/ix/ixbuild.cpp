@@ -166,14 +166,15 @@ rctype sorted(Build& b) {
     while ((l = srnextrec(b.sp, &rec)) > 0) {
         if ((rc = ixhysrtadd(b.h, rec, 0, 0)) < 0) return rc;
         ++b.keyed;
-        if ((++added & 0xffff) == 0) {
+        if ((++added & 0xfff) == 0) {
             if (b.stopped()) return IX_INTERRUPT;
-            b.progress(2, added, total);
+            if ((added & 0xffff) == 0) b.progress(2, added, total);
         }
     }
     if (l < 0) return static_cast<rctype>(l);
     b.progress(2, added, total);
-    return 0;
+    // A stop asked for at the very end still leaves no index.
+    return b.stopped() ? IX_INTERRUPT : 0;
 }
 
 // The table is known to be sorted by the key's columns, rising, in order.
@@ -236,6 +237,8 @@ rctype ixhybuild(DA_FID* fp, const IX_BUILDREQ* r) {
         b.outoforder = false;
         rc = run(b, false);
     }
+    // The sorter says so in its own words.
+    if (rc < 0 && b.stopped()) rc = IX_INTERRUPT;
     IXH_STATS st{};
     std::vector<char> minmax(2 * static_cast<size_t>(b.skb ? b.skb->info.colkeylen : 0) + 8);
     if (b.h) {

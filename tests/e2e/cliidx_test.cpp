@@ -3,7 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <string>
 
 #include "../ix/ixtable.h"
@@ -31,6 +36,36 @@ std::string partition(const std::string& dir, const std::string& prefix) {
         closedir(d);
     }
     return found;
+}
+
+// Runs vrta with a terminal for its output; what it wrote and its exit
+// status (-1 when it did not end within a minute).
+vrtatest::Result onterminal(const std::string& args) {
+    vrtatest::Result r;
+    int master = -1;
+    std::string cmd = VRTA_TOOLS_DIR "/vrta " + args;
+    pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid < 0) return r;
+    if (pid == 0) {
+        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    char buf[4096];
+    bool ended = false;
+    while (!ended && std::chrono::steady_clock::now() < until) {
+        pollfd p{master, POLLIN, 0};
+        if (poll(&p, 1, 1000) < 0) break;
+        if (!(p.revents & (POLLIN | POLLHUP))) continue;
+        ssize_t n = read(master, buf, sizeof buf);
+        if (n <= 0) ended = true;  // EIO once the child's side is closed
+        else r.out.append(buf, static_cast<size_t>(n));
+    }
+    if (!ended) kill(pid, SIGKILL);
+    int st = 0;
+    if (waitpid(pid, &st, 0) == pid && ended && WIFEXITED(st)) r.status = WEXITSTATUS(st);
+    close(master);
+    return r;
 }
 
 }  // namespace
@@ -126,4 +161,27 @@ TEST(CliIndex, IndexCommandsCreateListShowAndDrop) {
     EXPECT_FALSE(has(r.out, "name,id")) << r.out;
     EXPECT_EQ(1, runvrta("index drop " + dom + " people both").status);
     EXPECT_EQ(2, runvrta("index frob " + dom + " people").status);
+}
+
+// On a terminal a build shows its progress and clears the line when done;
+// into a file or pipe nothing of it is written.
+TEST(CliIndex, ProgressBarOnlyOnATerminal) {
+    vrtatest::TempDir tmp;
+    std::string dom = tmp.file("dom"), csv = tmp.file("p.csv");
+    std::string text = "id,grp\n";
+    for (int i = 1; i <= 5000; ++i) text += std::to_string(i) + ",g" + std::to_string(i % 9) + "\n";
+    vrtatest::writeFile(csv, text);
+    ASSERT_EQ(0, runvrta("load " + dom + " t " + csv).status);
+    vrtatest::Result r = onterminal("index create " + dom + " t bygrp --on grp");
+    ASSERT_EQ(0, r.status) << r.out;
+    EXPECT_TRUE(has(r.out, "sorting T [")) << r.out;
+    EXPECT_TRUE(has(r.out, "indexing BYGRP [")) << r.out;
+    EXPECT_TRUE(has(r.out, "100%")) << r.out;
+    EXPECT_TRUE(has(r.out, "\r\033[K")) << r.out;
+    r = runvrta("index create " + dom + " t byid --on id");
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_FALSE(has(r.err, "%")) << r.err;
+    EXPECT_FALSE(has(r.out, "%")) << r.out;
+    r = runvrta("index list " + dom + " t");
+    EXPECT_EQ(2u, count(r.out, "usable")) << r.out;
 }

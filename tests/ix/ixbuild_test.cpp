@@ -214,6 +214,31 @@ TEST(IndexBuild, FailuresLeaveTheTableAndNoIndex) {
     EXPECT_EQ(DA_EXISTS, ixhybuild(fp, &r));
     EXPECT_EQ(1, fp->numindex);
 
+    // Stopped by the user while sorting and while indexing.
+    for (int stopat : {1, 2}) {
+        struct Stop {
+            volatile int flag = 0;
+            int phase = 0;
+            int64_t calls = 0;
+        } stop;
+        stop.phase = stopat;
+        r = request("stopped", one, 0, 1 << 16);
+        r.interrupt = &stop.flag;
+        r.progress_arg = &stop;
+        r.progress = [](void* arg, int phase, int64_t, int64_t) {
+            auto* s = static_cast<Stop*>(arg);
+            ++s->calls;
+            if (phase == s->phase) s->flag = 1;
+        };
+        EXPECT_EQ(IX_INTERRUPT, ixhybuild(fp, &r)) << "phase " << stopat;
+        EXPECT_GT(stop.calls, 0);
+        DA_KEYSTR ks{};
+        EXPECT_EQ(DA_NOTFOUND, fp->mt->queryicb(fp, "stopped", &ks));
+        EXPECT_EQ("", partition(tmp.path(), "t.idxstopped."));
+        EXPECT_EQ("", partition(tmp.path(), "t.hbxstopped."));
+    }
+    EXPECT_EQ(1, fp->numindex);
+
     // No room left on the disk at some write of the build.
     static long failat = 0, writes = 0;
     static const DA_UIODT* real = _UIODT;

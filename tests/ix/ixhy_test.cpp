@@ -228,3 +228,86 @@ TEST(HybridIndex, SegmentFormsFollowTheirThresholds) {
     db->close(db, -1, nullptr, 1);
     EXPECT_GE(i->mt->closeidx(i, 0), 0);
 }
+
+// What a build refuses and what an opener is told: a segment size of 0 or
+// less, a row past the 27 bits of segment numbers (the index then needs a
+// rebuild), a header cut short, of another version, or left by a failed
+// build; and an append of no rows, which leaves the index clean.
+TEST(HybridIndex, LimitsAndHeaderStates) {
+    Files f;
+    f.open(true);
+    IXH_HEADER_B* h = nullptr;
+    EXPECT_EQ(IX_BADSEGSIZE, ixhycreat(f.hbx, f.idx, KEYLEN, 0, 0, &f.skb, 10, 1, &h));
+    EXPECT_EQ(IX_BADSEGSIZE, ixhycreat(f.hbx, f.idx, KEYLEN, -8, 0, &f.skb, 10, 1, &h));
+    EXPECT_EQ(IX_BADOPTS, ixhycreat(f.hbx, f.idx, KEYLEN, 8, 4, &f.skb, 10, 1, &h));
+
+    // Segment 0x7FFFFFF is the last one: row 0x8000000 at one row a segment
+    // is taken, the row after it is not.
+    const int64_t last = IXH_MAXSEGS + 1;
+    ASSERT_EQ(0, ixhycreat(f.hbx, f.idx, KEYLEN, 1, 0, &f.skb, last, 1, &h));
+    EXPECT_EQ(0, ixhysrtadd(h, record(keyof(1), last - 1).data(), 0, 0));
+    EXPECT_EQ(IX_SEGOVERFLOW, ixhysrtadd(h, record(keyof(1), last).data(), 0, 0));
+    EXPECT_EQ(IX_SEGOVERFLOW, ixhyfin(h, nullptr));
+    f.close();
+    {
+        Hbx hx(f.hbxpath);
+        EXPECT_EQ(13, hx.state);
+        EXPECT_EQ(IXH_CANNOT_BE_REPAIRED, hx.dstate);
+    }
+    f.open(false);
+    EXPECT_EQ(IX_NOREPAIR, ixhyapnd(f.hbx, f.idx, 1, 0, &f.skb, 0, last, 1, &h));
+    f.close();
+
+    // A good index of 100 rows, then its header spoiled one way at a time.
+    Files g;
+    g.open(true);
+    std::vector<std::string> keys(100);
+    for (int i = 0; i < 100; ++i) keys[i] = keyof(i % 7);
+    ASSERT_EQ(0, ixhycreat(g.hbx, g.idx, KEYLEN, 16, 0, &g.skb, 100, 1, &h));
+    ASSERT_EQ(0, addsorted(h, keys, 1, 100));
+    ASSERT_EQ(0, ixhyfin(h, nullptr));
+    g.close();
+    const std::string good = vrtatest::readFile(g.hbxpath);
+    auto with = [&](size_t off, int32_t v) {
+        std::string b = good;
+        memcpy(b.data() + off, &v, 4);
+        return b;
+    };
+    struct Case {
+        std::string bytes;
+        rctype want;
+    } cases[] = {
+        {good.substr(0, 500), IX_READFAIL},
+        {with(0, 999), IX_BADVERSION},           // the common header's version
+        {with(56, 2), IX_BADVERSION},            // the file's own version
+        {with(8, 0), IX_BADSEGSIZE},
+        {with(60, IXH_PARTIAL_REPAIR), IX_NEEDREPAIR},
+        {with(60, IXH_FULL_REPAIR), IX_NEEDREPAIR},
+        {with(60, IXH_CANNOT_BE_REPAIRED), IX_NOREPAIR},
+        {with(60, 9), IX_INCONSIST},
+        {with(28, 1), IX_INCONSIST},             // a list threshold below 2
+    };
+    for (const Case& c : cases) {
+        vrtatest::writeFile(g.hbxpath, c.bytes);
+        g.open(false);
+        h = nullptr;
+        EXPECT_EQ(c.want, ixhyapnd(g.hbx, g.idx, 16, 0, &g.skb, 100, 100, 1, &h)) << std::hex << c.want;
+        EXPECT_EQ(nullptr, h);
+        g.close();
+    }
+    vrtatest::writeFile(g.hbxpath, good);
+    g.open(false);
+    EXPECT_EQ(IX_INCONSIST, ixhyapnd(g.hbx, g.idx, 32, 0, &g.skb, 100, 100, 1, &h));  // another segment size
+    EXPECT_EQ(IX_BADOPTS, ixhyapnd(g.hbx, g.idx, 16, IXH_OUNIQUE, &g.skb, 100, 100, 1, &h));
+    EXPECT_EQ(IX_BADOPTS, ixhyapnd(g.hbx, g.idx, 16, IXH_OREPAIR, &g.skb, 100, 100, 1, &h));
+    // No rows to add: the index stays as it was, clean.
+    ASSERT_EQ(0, ixhyapnd(g.hbx, g.idx, 16, 0, &g.skb, 100, 100, 1, &h));
+    IXH_STATS st{};
+    ASSERT_EQ(0, ixhyfin(h, &st));
+    EXPECT_EQ(100, st.rows);
+    g.close();
+    Hbx hx(g.hbxpath);
+    EXPECT_EQ(7, hx.state);
+    EXPECT_EQ(IXH_GOOD, hx.dstate);
+    EXPECT_EQ(modelof(keys, 100), g.read());
+}
