@@ -202,6 +202,21 @@ static wrcode vgcheck(VGSEGHD* s, VGCOUNTS* n) {
     return 0;
 }
 
+// A bind that fails frees the code block; nothing may keep pointing into it.
+static void vgdropcode(VGSEGHD* s) {
+    xmpoold(s->codepool);
+    s->codepool = nullptr;
+    s->block = nullptr;
+    s->blocksize = 0;
+    s->basereg = s->rx = s->labtab = s->stcode = s->curcode = s->real_entry = nullptr;
+    s->exit_rc = s->stub1 = s->stub2 = s->exit_pop = s->resume_at = s->except_lbl = nullptr;
+    s->rxsize = s->nlabtab = s->codesize = 0;
+    s->entrypoint = nullptr;
+    s->code.c_start = s->code.c_end = nullptr;
+    s->code.firstStmt = s->code.lastStmt = nullptr;
+    for (VGSEG& seg : s->segs) seg.address = nullptr;
+}
+
 int vgprotect(VGSEGHD* s) {
     if (mprotect(s->rx, s->rxsize, PROT_READ | PROT_EXEC) != 0) return errno;
     return 0;
@@ -292,10 +307,7 @@ wrcode wgbind(VGSEGHD* s) {
     mutex_unlock(&g->cglock);
     vggenend(s);
     if (failed) {
-        xmpoold(s->codepool);
-        s->codepool = nullptr;
-        s->block = nullptr;
-        for (VGSEG& seg : s->segs) seg.address = nullptr;
+        vgdropcode(s);
         return failed == 2 ? WG_RC_NOMEM : WG_RC_INTERNAL;
     }
     s->code.c_end = s->curcode;
@@ -303,16 +315,14 @@ wrcode wgbind(VGSEGHD* s) {
 
     if (vgoption('D')) vgdisasm(s);
     if (int e = vgprotect(s)) {
-        xmpoold(s->codepool);
-        s->codepool = nullptr;
+        vgdropcode(s);
         return vgfail("wgbind: mprotect failed: errno=%d", e);
     }
     mutex_lock(&g->cglock);
     if (g->siginit == 0) {
         if (vginstallsig(s) != 0) {
             mutex_unlock(&g->cglock);
-            xmpoold(s->codepool);
-            s->codepool = nullptr;
+            vgdropcode(s);
             return vgfail("wgbind: sigaction failed");
         }
     }

@@ -1,6 +1,14 @@
 // Code sessions: the stream of intermediate code, binding, ending, and what
 // a bad instruction or a misuse gets back.
 #include <gtest/gtest.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <stddef.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -230,6 +238,43 @@ TEST(CodeSessions, CodeIsNeverWritableAndExecutableAtOnce) {
     EXPECT_EQ("rw-p", perms(wggudlp(t.s)));
     // Constants live with the code, where nothing can change them.
     EXPECT_EQ("r-xp", perms(t.s->segs[1].address));
+}
+
+// From here on every mprotect asking for execute fails with EACCES.
+static bool refuseexec() {
+    sock_filter f[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AUDIT_ARCH_X86_64, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_mprotect, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, PROT_EXEC, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EACCES),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog prog{static_cast<unsigned short>(sizeof f / sizeof f[0]), f};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog) == 0;
+}
+
+TEST(CodeSessionsDeathTest, ABindWhoseCodeCannotBeMadeExecutableKeepsNoPointerIntoFreedMemory) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            Sess t;
+            objloc r = t.obj(7);
+            t.e(TERM_, WG_TINT, 0, 0, 0, r);
+            if (!refuseexec()) _exit(3);
+            wrcode rc = t.bind();
+            if (rc == 0) _exit(4);
+            if (subtext().find("mprotect") == std::string::npos) _exit(5);
+            bool stale = t.s->block || t.s->basereg || t.s->rx || t.s->stcode || t.s->real_entry || t.s->entrypoint ||
+                         t.s->code.c_start || t.s->code.firstStmt || t.s->labtab;
+            for (const VGSEG& seg : t.s->segs) stale = stale || seg.address;
+            if (stale || wggudlp(t.s) || wgentry(t.s)) _exit(6);
+            _exit(t.end() == 0 ? 0 : 7);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST(CodeSessions, TheTrapHandlerStaysUntilTheLastBoundSessionEnds) {
