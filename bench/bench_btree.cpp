@@ -91,8 +91,8 @@ Times vrtatree(const std::string& path, const std::vector<uint64_t>& keys, const
         keybytes(p, k);
         if (db->get(db, &kk, &out, 0) != 0) die("a key was not found", static_cast<long>(p));
     }
-    db->close(db, -1, nullptr, 1);
-    ip->mt->closeidx(ip, 0);
+    if ((rc = db->close(db, -1, nullptr, 1)) != 0) die("close failed", rc);
+    if ((rc = ip->mt->closeidx(ip, 0)) != 0) die("file close failed", rc);
     tm.get = now() - t0;
     unlink(path.c_str());
     return tm;

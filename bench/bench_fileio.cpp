@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     long bufsize = atol(argv[4]);
     std::vector<const char*> paths(argv + 5, argv + argc);
     if (size <= 0 || npart <= 0 || bufsize <= 0) return 2;
-    daioini();
+    if (daioini() < 0) return 1;
     daiogcb.minpartsize = 1;
 
     DA_FDSTR s{};
@@ -47,8 +47,8 @@ int main(int argc, char** argv) {
     }
     if (mode == "delete") {
         rc = fd->fddelete(fd, -1);
-        fd->fdclose(fd);
-        return rc < 0 ? 1 : 0;
+        int crc = fd->fdclose(fd);
+        return rc < 0 || crc < 0 ? 1 : 0;
     }
     // Page-aligned buffer so that nothing but the layer itself differs from dd.
     char* buf = static_cast<char*>(aligned_alloc(4096, (bufsize + 4095) / 4096 * 4096));
@@ -84,8 +84,12 @@ int main(int argc, char** argv) {
     int parts = 0;
     DA_FDPSTAT ps;
     while (fd->fdpstat(fd, parts, &ps) == 0) ++parts;
-    fd->fdclose(fd);
+    rc = fd->fdclose(fd);
     free(buf);
+    if (rc < 0) {
+        fprintf(stderr, "close failed: %#x\n", static_cast<unsigned>(rc));
+        return 1;
+    }
     printf("%s bytes=%lld seconds=%.4f partitions=%d\n", mode.c_str(), done, secs, parts);
     return 0;
 }

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "ix/ixhy.h"
+#include "benchsda.h"
 #include "sda/da.h"
 #include "sda/dafid.h"
 #include "sda/daidx.h"
@@ -58,18 +59,6 @@ Data makedata(int64_t n) {
     return d;
 }
 
-DA_OPNSTR request(const char* name, int mode) {
-    DA_OPNSTR o{};
-    o.name = name;
-    o.name_l = static_cast<int>(strlen(name));
-    o.mode = mode;
-    o.encoding_cei = 20;
-    o.blockgrow = -1;
-    memcpy(o.locale, "en_US", 5);
-    memcpy(o.who_created, "bench   ", 8);
-    return o;
-}
-
 int64_t dirbytes(const std::string& dir, const std::string& prefix) {
     int64_t total = 0;
     DIR* dp = opendir(dir.c_str());
@@ -88,15 +77,9 @@ int64_t dirbytes(const std::string& dir, const std::string& prefix) {
 // The table, then each index timed.
 // bytes: both files of an index; tree: its .idx file alone.
 void vrtarun(const std::string& dir, const Data& d, double secs[2], int64_t bytes[2], int64_t tree[2]) {
-    if (dainit() < 0) die("engine start", 0);
-    DA_LIBSTR ls{};
-    memcpy(ls.name, "BENCH   ", 8);
-    ls.libpath = dir.c_str();
-    ls.libpath_l = static_cast<int>(dir.size());
-    ls.create = 1;
-    DA_LIB* lp = nullptr;
-    if (dagtlib(&ls, &lp) < 0) die("library", 0);
-    DA_OPNSTR o = request("t", DA_OMOUTPUT);
+    DA_LIB* lp = benchsda::assign(dir);
+    if (!lp) die("library", 0);
+    DA_OPNSTR o = benchsda::request("t", DA_OMOUTPUT);
     DA_FID* fp = nullptr;
     if (daopen(lp, &o, &fp) < 0) die("create", 0);
     std::vector<DA_NAMESTR> v(3);
@@ -126,7 +109,7 @@ void vrtarun(const std::string& dir, const Data& d, double secs[2], int64_t byte
     }
     if (darclos(fp) < 0) die("close", 0);
     for (int c = 0; c < 2; ++c) {
-        o = request("t", DA_OMUTIL);
+        o = benchsda::request("t", DA_OMUTIL);
         double t0 = now();
         if (daopen(lp, &o, &fp) < 0) die("open", 0);
         int32_t col[] = {c + 1};

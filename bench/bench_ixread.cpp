@@ -22,6 +22,7 @@
 #include "ix/ixfe.h"
 #include "ix/ixhy.h"
 #include "ix/ixhyr.h"
+#include "benchsda.h"
 #include "sda/da.h"
 #include "sda/dafid.h"
 #include "sda/daidx.h"
@@ -69,18 +70,6 @@ Work makework(int64_t n) {
 struct Found {
     int64_t rows = 0, sum = 0;
 };
-
-DA_OPNSTR request(const char* name, int mode) {
-    DA_OPNSTR o{};
-    o.name = name;
-    o.name_l = static_cast<int>(strlen(name));
-    o.mode = mode;
-    o.encoding_cei = 20;
-    o.blockgrow = -1;
-    memcpy(o.locale, "en_US", 5);
-    memcpy(o.who_created, "bench   ", 8);
-    return o;
-}
 
 // The rows of low..high (both included) through the index: the segment
 // list first, then each listed segment's rows.
@@ -131,15 +120,9 @@ void lookup(IX_INDEX_T* ix, double low, double high, int64_t nsegs, int64_t segs
 }
 
 void vrtarun(const std::string& dir, const Work& w, double secs[2], Found f[2]) {
-    if (dainit() < 0) die("init", 0);
-    DA_LIBSTR ls{};
-    memcpy(ls.name, "BENCH   ", 8);
-    ls.libpath = dir.c_str();
-    ls.libpath_l = static_cast<int>(dir.size());
-    ls.create = 1;
-    DA_LIB* lp = nullptr;
-    if (dagtlib(&ls, &lp) < 0) die("library", 0);
-    DA_OPNSTR o = request("t", DA_OMOUTPUT);
+    DA_LIB* lp = benchsda::assign(dir);
+    if (!lp) die("library", 0);
+    DA_OPNSTR o = benchsda::request("t", DA_OMOUTPUT);
     DA_FID* fp = nullptr;
     if (daopen(lp, &o, &fp) < 0) die("create", 0);
     std::vector<DA_NAMESTR> v(2);
@@ -166,7 +149,7 @@ void vrtarun(const std::string& dir, const Work& w, double secs[2], Found f[2]) 
         if (dawrobs(fp, r + 1, buf.data(), k) < 0) die("rows", 0);
     }
     if (darclos(fp) < 0) die("close", 0);
-    o = request("t", DA_OMUTIL);
+    o = benchsda::request("t", DA_OMUTIL);
     if (daopen(lp, &o, &fp) < 0) die("open", 0);
     int32_t col[] = {1};
     IX_BUILDREQ r{};
@@ -175,7 +158,7 @@ void vrtarun(const std::string& dir, const Work& w, double secs[2], Found f[2]) 
     r.varnos = col;
     if (rctype rc = ixhybuild(fp, &r); rc < 0) die("index build", rc);
     if (darclos(fp) < 0) die("close", 0);
-    o = request("t", DA_OMINPUT);
+    o = benchsda::request("t", DA_OMINPUT);
     if (daopen(lp, &o, &fp) < 0) die("open", 0);
     IX_INDEX_T* ix = nullptr;
     if (rctype rc = ixopen(fp, "k", 0, 1, nullptr, &ix); rc != 0) die("index open", rc);

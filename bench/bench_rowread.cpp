@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "benchsda.h"
 #include "sda/da.h"
 #include "sda/daiocb.h"
 #include "sda/darc.h"
@@ -20,29 +21,6 @@ using namespace vrta;
 namespace {
 
 constexpr int ROWLEN = 100;
-
-DA_LIB* assign(const char* path) {
-    dainit();
-    DA_LIBSTR ls{};
-    memcpy(ls.name, "BENCH   ", 8);
-    ls.libpath = path;
-    ls.libpath_l = static_cast<int>(strlen(path));
-    ls.create = 1;
-    DA_LIB* lp = nullptr;
-    return dagtlib(&ls, &lp) < 0 ? nullptr : lp;
-}
-
-DA_OPNSTR request(const char* name, int mode) {
-    DA_OPNSTR o{};
-    o.name = name;
-    o.name_l = static_cast<int>(strlen(name));
-    o.mode = mode;
-    o.encoding_cei = 20;
-    o.blockgrow = -1;
-    memcpy(o.locale, "en_US", 5);
-    memcpy(o.who_created, "bench   ", 8);
-    return o;
-}
 
 // A number and a text that repeats itself in part, as real tables do.
 void fillrow(long long n, char* out) {
@@ -65,7 +43,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     std::string mode = argv[1];
-    DA_LIB* lp = assign(argv[2]);
+    DA_LIB* lp = benchsda::assign(argv[2]);
     if (!lp) {
         fprintf(stderr, "cannot assign %s\n", argv[2]);
         return 1;
@@ -73,7 +51,7 @@ int main(int argc, char** argv) {
     const char* name = argv[3];
     if (mode == "make") {
         long long nrows = argc > 4 ? atoll(argv[4]) : 0;
-        DA_OPNSTR o = request(name, DA_OMOUTPUT);
+        DA_OPNSTR o = benchsda::request(name, DA_OMOUTPUT);
         o.blockgrow = 0;
         if (argc > 5) {
             o.flags = DA_OFCOMPRESS;
@@ -118,14 +96,14 @@ int main(int argc, char** argv) {
                 return 1;
             }
         }
-        c->mt->freeiocb(c);
-        rc = fp->mt->closefid(fp);
-        dafrlib(lp);
+        rc = c->mt->freeiocb(c);
+        if (int crc = fp->mt->closefid(fp); rc >= 0) rc = crc;
+        if (int lrc = dafrlib(lp); rc >= 0) rc = lrc;
         return rc < 0 ? 1 : 0;
     }
     if (mode != "read") return 2;
     long bufrows = argc > 4 ? atol(argv[4]) : 10000;
-    DA_OPNSTR o = request(name, DA_OMINPUT);
+    DA_OPNSTR o = benchsda::request(name, DA_OMINPUT);
     DA_FID* fp = nullptr;
     rctype rc = daopen(lp, &o, &fp);
     if (rc < 0) {
@@ -156,8 +134,8 @@ int main(int argc, char** argv) {
     }
     double want = static_cast<double>(rows) * (rows + 1) / 2;
     printf("rows=%lld bytes=%lld seconds=%.6f check=%s\n", rows, rows * ROWLEN, t, sum == want ? "ok" : "BAD");
-    c->mt->freeiocb(c);
-    fp->mt->closefid(fp);
-    dafrlib(lp);
-    return sum == want ? 0 : 1;
+    rc = c->mt->freeiocb(c);
+    if (int crc = fp->mt->closefid(fp); rc >= 0) rc = crc;
+    if (int lrc = dafrlib(lp); rc >= 0) rc = lrc;
+    return sum == want && rc >= 0 ? 0 : 1;
 }
