@@ -212,6 +212,26 @@ struct SQLOP {
         SQLSETLF setleaf;
     } u;
 };
+
+// Children of a node in order, through its overflow nodes, without going back
+// to the head for each one: the evaluator's hot loops walk them this way.
+// next() is false at a broken overflow chain.
+struct SQLARGWALK {
+    const SQLOP* ext;
+    SQLOP* const* args;
+    int i = 0;
+    explicit SQLARGWALK(const SQLOP* n) : ext(n), args(n->u.node.arg) {}
+    bool next(SQLOP** child) {
+        int k = i % WH_NARGS;
+        if (i++ > 0 && k == 0) {
+            ext = ext->u.node.ext;
+            if (!ext) return false;
+            args = ext->u.node.arg;
+        }
+        *child = args[k];
+        return true;
+    }
+};
 // The client-side writer's name for the same record.
 using XOWOP = SQLOP;
 

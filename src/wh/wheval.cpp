@@ -208,16 +208,10 @@ template <typename Cmp>
 rctype setwalk(wh_env_t* env, SQLOP* set, const char* rec, int kor, Cmp cmp, bool stopbelow, int* resp) {
     *resp = 0;
     int narg = set->u.node.narg;
-    SQLOP* const* args = set->u.node.arg;
-    const SQLOP* ext = set;
+    SQLARGWALK walk(set);
     for (int i = 0; i < narg; i++) {
-        int k = i % WH_NARGS;
-        if (i > 0 && k == 0) {
-            ext = ext->u.node.ext;
-            if (!ext) return WH_RC_BADTREE;
-            args = ext->u.node.arg;
-        }
-        SQLOP* e = args[k];
+        SQLOP* e;
+        if (!walk.next(&e)) return WH_RC_BADTREE;
         if (!e) continue;
         if (e->code >= OP_RANB && e->code <= OP_RANN) {
             SQLOP* lo = e->u.node.narg > 0 ? e->u.node.arg[0] : nullptr;
@@ -554,17 +548,10 @@ void setstr(Val* v, const char* s, int len, bool copy) {
 rctype logic(wh_env_t* env, SQLOP* n, const char* rec, int kor, int* truth) {
     bool isand = n->code == OP_LAND;
     int narg = n->u.node.narg;
-    SQLOP* const* args = n->u.node.arg;
-    const SQLOP* ext = n;
+    SQLARGWALK walk(n);
     for (int i = 0; i < narg; i++) {
-        int k = i % WH_NARGS;
-        if (i > 0 && k == 0) {
-            ext = ext->u.node.ext;
-            if (!ext) return WH_RC_BADTREE;
-            args = ext->u.node.arg;
-        }
-        SQLOP* c = args[k];
-        if (!c) return WH_RC_BADTREE;
+        SQLOP* c;
+        if (!walk.next(&c) || !c) return WH_RC_BADTREE;
         int t;
         rctype rc;
         if (fastcmp(env, c, rec, &t)) {
