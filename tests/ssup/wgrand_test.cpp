@@ -37,9 +37,9 @@ std::string hexdiff(const uint64_t* x, const uint64_t* y, size_t n) {
 
 std::string listing(const Prog& p) {
     std::string s = "objects:";
-    for (uint64_t v : p.seg0) s += " " + std::to_string(static_cast<long>(v));
+    for (uint64_t v : p.seg0) (s += ' ') += std::to_string(static_cast<long>(v));
     s += "\nconstants:";
-    for (uint64_t v : p.seg1) s += " " + std::to_string(static_cast<long>(v));
+    for (uint64_t v : p.seg1) (s += ' ') += std::to_string(static_cast<long>(v));
     s += "\n";
     for (size_t i = 0; i < p.code.size(); i++) {
         const wgref::Inst& in = p.code[i];

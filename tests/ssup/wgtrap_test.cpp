@@ -183,13 +183,13 @@ TEST(GeneratedCode, ATrapInAThreadThatRunsNoCodeEndsThroughHsabort) {
     EXPECT_EQ(WG_RC_TRAP, got);
     // A thread with nobody to return to just ends.
     bool after = false;
-    thread_t tid;
+    thread_t tid{};
     ASSERT_EQ(0, thr_create(nullptr, 0, [](void* a) -> void* {
         divzero();
         *static_cast<bool*>(a) = true;
         return nullptr;
     }, &after, 0, &tid));
-    thr_join(tid, nullptr);
+    ASSERT_EQ(0, thr_join(tid, nullptr));
     EXPECT_FALSE(after);
     int fatal = 0;
     EXPECT_EQ(3, callcode(wgentry(t.s), &fatal));

@@ -43,7 +43,10 @@ std::string sortText(const std::vector<int>& order, const std::vector<ColInfo>& 
     for (size_t k = 0; k < order.size(); ++k) {
         int v = order[k] < 0 ? -order[k] : order[k];
         if (k) text += ", ";
-        text += v >= 1 && v <= static_cast<int>(cols.size()) ? cols[v - 1].name : "#" + std::to_string(v);
+        if (v >= 1 && v <= static_cast<int>(cols.size()))
+            text += cols[v - 1].name;
+        else
+            (text += '#') += std::to_string(v);
         if (order[k] < 0) text += " DESC";
     }
     return text;
