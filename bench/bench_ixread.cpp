@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -230,7 +231,7 @@ int main(int argc, char** argv) {
     std::string base = argc > 2 ? argv[2] : (getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp");
     if (n < 200) die("N must be 200 or more", n);
     std::string dir = base + "/bench_ixread." + std::to_string(getpid());
-    mkdir(dir.c_str(), 0700);
+    if (mkdir(dir.c_str(), 0700) != 0) die("cannot make the work directory", errno);
     Work w = makework(n);
     double vs[2], ss[2];
     Found vf[2], sf[2];

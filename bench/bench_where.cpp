@@ -71,11 +71,13 @@ int make(const char* dir, long nrows) {
     std::remove(db.c_str());
     sqlite3* s = nullptr;
     if (sqlite3_open(db.c_str(), &s) != SQLITE_OK) return die("sqlite3_open");
-    sqlite3_exec(s, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;"
-                    "CREATE TABLE t(id INTEGER, a REAL, b REAL, city TEXT, x REAL); BEGIN",
-                 nullptr, nullptr, nullptr);
+    if (sqlite3_exec(s, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;"
+                        "CREATE TABLE t(id INTEGER, a REAL, b REAL, city TEXT, x REAL); BEGIN",
+                     nullptr, nullptr, nullptr) != SQLITE_OK)
+        return die(sqlite3_errmsg(s));
     sqlite3_stmt* ins = nullptr;
-    sqlite3_prepare_v2(s, "INSERT INTO t VALUES(?,?,?,?,?)", -1, &ins, nullptr);
+    if (sqlite3_prepare_v2(s, "INSERT INTO t VALUES(?,?,?,?,?)", -1, &ins, nullptr) != SQLITE_OK)
+        return die(sqlite3_errmsg(s));
     std::string csvname = std::string(dir) + "/t.csv";
     FILE* csv = std::fopen(csvname.c_str(), "w");
     if (!csv) return die("cannot write " + csvname);
