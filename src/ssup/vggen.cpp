@@ -9,7 +9,8 @@
 // holds no object across such an instruction. Objects are cached in
 // registers within straight-line code and written back before every label,
 // branch, call, exit and instruction that can trap; memory is the truth
-// across them.
+// across them. Areas (rows, buffers) never overlap the data segments, so a
+// store into an area leaves what the registers hold as it is.
 //
 // Nothing here holds a destructor: vvgassert leaves by longjmp.
 #include <cstdio>
@@ -30,7 +31,7 @@ struct OPDESC {
     unsigned long modifier;
     int addrmode;
     int base, index;
-    long offset;
+    long offset;          // still to add to the register's value (see settle)
     unsigned char* addr;  // the object's 8 bytes
     long value;           // an immediate
     OPDESC* next;         // chain of the register that holds it
@@ -103,6 +104,10 @@ struct VGGEN {
 const int GPL[] = {RAX, RCX, RDX, RSI, RDI, R8, R9, R10, R11, RBX, R12, R13, R14, -1};
 const int GPL_NODIV[] = {RCX, RSI, RDI, R8, R9, R10, R11, RBX, R12, R13, R14, -1};
 const int XL[] = {XMM1, XMM2, XMM3, XMM4, XMM5, XMM6, XMM7, XMM8, XMM9, XMM10, XMM11, XMM12, XMM13, XMM14, XMM15, -1};
+// Objects an address is made from stay longest in the registers that helper
+// calls and area moves leave alone; addresses go where area moves don't load.
+const int KEEPL[] = {RBX, R12, R13, R14, R9, R8, R11, R10, RDX, RSI, RDI, RCX, RAX, -1};
+const int ADDRL[] = {R8, R9, R10, R11, RDX, RBX, R12, R13, R14, RSI, RDI, RCX, RAX, -1};
 const int SCRATCH[] = {RAX, RCX, RDX, RSI, RDI, R8, R9, R10, R11, -1};
 const int ARGREG[] = {RDI, RSI, RDX, RCX, R8};
 
@@ -234,6 +239,7 @@ void detach(VGGEN* g, OPDESC* o) {
     o->next = nullptr;
     o->basereg = -1;
     o->alctag = 0;
+    o->offset = 0;
 }
 
 void attach(VGGEN* g, int reg, OPDESC* o, int dirty) {
@@ -247,9 +253,25 @@ void attach(VGGEN* g, int reg, OPDESC* o, int dirty) {
     if (dirty) g->newdirty++;
 }
 
+// An address object may stand as its register plus a displacement not yet
+// added: a run of ADDR_ by constants then costs nothing, and an area access
+// folds the displacement into its addressing. It is added (by LEA, which
+// leaves the flags alone) before the register is read in any other way.
+// Such an object is dirty and alone in its register.
+void settle(VGGEN* g, OPDESC* o) {
+    if (!o || o->type != OD_OBJ || o->basereg < 0 || !o->offset) return;
+    unsigned char* before = g->cur;
+    INST in = mk(I_LEA, opr(o->basereg), opm(o->basereg));
+    in.add_disp = static_cast<int>(o->offset);
+    put(g, in);
+    g->wbbytes += g->cur - before;
+    o->offset = 0;
+}
+
 // Writes back an object whose register is newer than memory.
 void frop(VGGEN* g, OPDESC* o) {
     if (o->basereg < 0 || !o->alctag) return;
+    settle(g, o);
     unsigned char* before = g->cur;
     if (isx(o->basereg)) emit_m_r(g, I_MOVSD, o->addr, o->basereg);
     else emit_m_r(g, I_MOV, o->addr, o->basereg);
@@ -338,6 +360,15 @@ void load_into(VGGEN* g, OPDESC* o, int r) {
         return;
     }
     int h = o->basereg;
+    if (h >= 0 && o->offset) {
+        if (h != r && !isx(r)) {
+            INST in = mk(I_LEA, opr(r), opm(h));
+            in.add_disp = static_cast<int>(o->offset);
+            put(g, in);
+            return;
+        }
+        settle(g, o);
+    }
     if (h == r) return;
     if (h >= 0) {
         if (isx(r) && isx(h)) emit_r_r(g, I_MOVAPD, r, h);
@@ -905,6 +936,42 @@ void vvgminmax(VGGEN* g, PINST* p) {
     rslt(g, R, res);
 }
 
+// r = a + b on addresses: no overflow to test, so r = r + constant waits in
+// r's descriptor, and a sum of objects used again (a row's base and offset,
+// once per column) is formed by LEA from registers that keep them.
+void vvgaddr(VGGEN* g) {
+    if (B->type == OD_IMM && A == R) {
+        if (B->value == 0) return;
+        int h = R->basereg;
+        long d = static_cast<long>(static_cast<unsigned long>(R->offset) + static_cast<unsigned long>(B->value));
+        if (h >= 0 && !isx(h) && g->regs[h].chain == R && !R->next && d >= INT32_MIN && d <= INT32_MAX) {
+            R->offset = d;
+            R->alctag = 1;
+            g->newdirty += 2;  // its write-back now takes a LEA as well
+            return;
+        }
+    }
+    settle(g, A);
+    settle(g, B);
+    auto kept = [g](OPDESC* o) { return o->type == OD_OBJ && (o->basereg >= 0 || o->lasticode > g->icode); };
+    if (R == A || R == B || !kept(A)) {
+        iop(g, I_ADD, false);
+        return;
+    }
+    int ra = loadgp(g, A, KEEPL);
+    SRC sb = kept(B) ? SRC{opr(loadgp(g, B, KEEPL)), 0, nullptr} : gpsrc(g, B);
+    int t = selr(g, ADDRL);
+    if (sb.op.type == OT_M) {
+        emit_r_r(g, I_MOV, t, ra);
+        emit_src(g, I_ADD, t, sb);
+    } else {
+        INST in = mk(I_LEA, opr(t), sb.op.type == OT_R ? opmi(ra, sb.op.reg) : opm(ra));
+        in.add_disp = sb.op.type == OT_I ? static_cast<int>(sb.imm) : 0;
+        put(g, in);
+    }
+    rslt(g, R, t);
+}
+
 void vvgoper(VGGEN* g, PINST* p) {
     bool dbl = p->type == WG_TDBL;
     switch (p->opcode) {
@@ -916,7 +983,7 @@ void vvgoper(VGGEN* g, PINST* p) {
         else if (p->modifier & WG_MNOTRAP) callnum(g, reinterpret_cast<const void*>(vvgdiv), A, B, 2, R);
         else fop(g, I_DIVSD);
         break;
-    case ADDR_: iop(g, I_ADD, false); break;
+    case ADDR_: vvgaddr(g); break;
     case PTRDIF_: iop(g, I_SUB, false); break;
     case EXP_: dbl ? fexp(g) : iexp(g); break;
     default: cmpval(g, p); break;
@@ -1177,8 +1244,7 @@ void vvgfunc(VGGEN* g, PINST* p) {
 
 // Eight bytes of a double between this machine and another IEEE host: a
 // load, a byte swap unless the other host is little-endian, and a store,
-// which is all the helper does for these lengths. The area may hold objects,
-// so memory is the truth on both sides of the store.
+// which is all the helper does for these lengths.
 bool transieee(VGGEN* g, VGHELP fn, long other) {
     OPDESC* sl = g->parms[0].b;
     OPDESC* dl = g->parms[1].b;
@@ -1187,11 +1253,13 @@ bool transieee(VGGEN* g, VGHELP fn, long other) {
     int from = loadgp(g, A);
     int to = loadgp(g, R);
     int t = selr(g, GPL);
-    flushall(g);
-    put(g, mk(I_MOV, opr(t), opm(from)));
+    INST ld = mk(I_MOV, opr(t), opm(from));
+    ld.add_disp = static_cast<int>(A->offset);
+    put(g, ld);
     if (!(other & (WG_FLITTLE | WG_FNT))) emit_r(g, I_BSWAP, t);
-    put(g, mk(I_MOV, opm(to), opr(t)));
-    forgetall(g);
+    INST st = mk(I_MOV, opm(to), opr(t));
+    st.add_disp = static_cast<int>(R->offset);
+    put(g, st);
     return true;
 }
 
@@ -1224,10 +1292,10 @@ void wordmove(VGGEN* g, long k, bool w32, int via) {
     put(g, st);
 }
 
-// n bytes from RSI to RDI, leaving RDI past them. Short moves go by whole
-// words, which is much cheaper than starting the string instruction; areas
-// that overlap keep its byte-by-byte forward copy.
-void charmove(VGGEN* g, long n) {
+// n bytes from RSI to RDI, leaving RDI past them when more follows (advance).
+// Short moves go by whole words, which is much cheaper than starting the
+// string instruction; areas that overlap keep its byte-by-byte forward copy.
+void charmove(VGGEN* g, long n, bool advance) {
     if (n <= 0) return;
     if (n < 4 || n > 64) {
         emit_r_i(g, I_MOV, RCX, n, INSTF_W32);
@@ -1253,7 +1321,7 @@ void charmove(VGGEN* g, long n) {
         for (long k = 0; k + 8 <= n; k += 8) wordmove(g, k, false, RCX);
         if (n % 8) wordmove(g, n - 8, false, RCX);
     }
-    emit_r_i(g, I_ADD, RDI, n);
+    if (advance) emit_r_i(g, I_ADD, RDI, n);
     long done = jfwd(g, -1);
     patchhere(g, slow);
     emit_r_i(g, I_MOV, RCX, n, INSTF_W32);
@@ -1299,7 +1367,6 @@ void vvgmovegen(VGGEN* g, PINST* p) {
         if (sl < 0 || tl < 0) vvgassert(g->s, __LINE__);
         long n = sl < tl ? sl : tl;
         long dd = tl - sl;
-        flushall(g);
         for (int r : {RDI, RSI, RCX, RAX}) {
             rclr(g, r);
             lckr(g, r);
@@ -1318,10 +1385,9 @@ void vvgmovegen(VGGEN* g, PINST* p) {
                 emit_none(g, I_MOVS);
             }
         } else {
-            charmove(g, n);
+            charmove(g, n, dd > 0);
             if (dd > 0) charpad(g, dd, (p->modifier & WG_MPADC) ? (p->modifier & 0xFF) : 0x20);
         }
-        forgetall(g);
         return;
     }
     unsigned long m = p->modifier;
@@ -1524,6 +1590,17 @@ void init_pinst(VGGEN* g, PINST* p) {
     }
 }
 
+// Displacements still to add are added before an instruction reads the
+// registers, except by those that fold them into their addressing.
+void settleops(VGGEN* g, int opcode) {
+    if (opcode == ADDR_ || opcode == IPARM_ || opcode == TRANS_ || opcode == MOVEGEN_) return;
+    for (OPDESC* o : g->ops) settle(g, o);
+    for (int i = 0; i < g->nparms; i++) {
+        settle(g, g->parms[i].a);
+        settle(g, g->parms[i].b);
+    }
+}
+
 void term_pinst(VGGEN* g, PINST* p) {
     ulkall(g);
     int op = p->opcode;
@@ -1630,6 +1707,7 @@ void vvgcodegen(VGSEGHD* s) {
         if (!gen) vvgassert(s, __LINE__);
         init_pinst(g, p);
         g->cur_pinst = p;
+        settleops(g, p->opcode);
         gen(g, p);
         term_pinst(g, p);
         long own = (g->cur - cur0) - (g->wbbytes - wb0);

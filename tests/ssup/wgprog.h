@@ -17,8 +17,8 @@ namespace wgprog {
 
 using namespace vrta;
 
-constexpr int NI = 8, ND = 8, NC = 4, NL = 2, NU = 2;
-constexpr int OI = 0, OD = OI + NI, OC = OD + ND, OL = OC + NC, OU = OL + NL, NSEG0 = OU + NU;
+constexpr int NI = 8, ND = 8, NC = 4, NL = 2, NU = 2, NA = 2, NO = 2;
+constexpr int OI = 0, OD = OI + NI, OC = OD + ND, OL = OC + NC, OU = OL + NL, OA = OU + NU, OO = OA + NA, NSEG0 = OO + NO;
 constexpr int NP = 8, NKI = 4, NKD = 4, NLEN = 4;
 constexpr int KP = 0, KI = KP + NP, KD = KI + NKI, KLEN = KD + NKD, NSEG1 = KLEN + NLEN;
 constexpr int AREA = 256, BUFSZ = NP * AREA;
@@ -72,6 +72,8 @@ public:
         for (int i = 0; i < ND; i++) p.seg0.push_back(anydbl());
         for (int i = 0; i < NC + NL; i++) p.seg0.push_back(0);
         for (int i = 0; i < NU; i++) p.seg0.push_back(static_cast<uint64_t>(pick(-3, 60)));
+        for (int i = 0; i < NA; i++) p.seg0.push_back(reinterpret_cast<uint64_t>(buf + AREA * pick(0, NP - 1)));
+        for (int i = 0; i < NO; i++) p.seg0.push_back(static_cast<uint64_t>(pick(0, 40)));
         for (int i = 0; i < NP; i++) p.seg1.push_back(reinterpret_cast<uint64_t>(buf + AREA * i));
         for (int i = 0; i < NKI; i++) p.seg1.push_back(static_cast<uint64_t>(anyint()));
         for (int i = 0; i < NKD; i++) p.seg1.push_back(anydbl());
@@ -176,6 +178,57 @@ private:
         iparm(a, arealen(lo, hi));
     }
 
+    // A field's address built as a row conversion builds it: a base plus an
+    // offset object, then constants added, then used as an area, as a
+    // number, or left for the next label or branch to write back.
+    void addresses(std::vector<unsigned long>& pending) {
+        unsigned long pa = o0(OA + pick(0, NA - 1)), pb = o0(OA + pick(0, NA - 1));
+        unsigned long off = o0(OO + pick(0, NO - 1));
+        int type = coin(50) ? WG_TCHAR : WG_TPTR;
+        if (coin(20)) emit(MOV_, WG_TPTR, WG_MIMMA, static_cast<unsigned long>(pick(0, 40)), 0, off);
+        emit(ADDR_, type, 0, o1(KP + pick(0, NP - 1)), off, pa);
+        for (int k = pick(0, 3); k > 0; k--) emit(ADDR_, type, WG_MIMMB, pa, static_cast<unsigned long>(pick(0, 40)), pa);
+        if (coin(40)) emit(ADDR_, type, WG_MIMMB, pa, static_cast<unsigned long>(pick(0, 30)), pb);
+        else if (coin(30)) emit(MOV_, WG_TPTR, WG_MIMMA, reinterpret_cast<unsigned long>(buf + AREA * pick(0, NP - 1)), 0, pb);
+        Opd a = {pa, false}, b = {pb, false};
+        if (coin(50)) std::swap(a, b);
+        switch (pick(0, 6)) {
+        case 0:
+            iparm(a, {static_cast<unsigned long>(pick(0, 40)), true});
+            iparm(coin(70) ? b : areaaddr(40), {static_cast<unsigned long>(pick(0, 40)), true});
+            emit(MOVEGEN_, WG_TCHAR, 0, 0, 0, 0);
+            break;
+        case 1:
+            iparm(a, {static_cast<unsigned long>(pick(3, 8)), true});
+            iparm(b, {static_cast<unsigned long>(pick(3, 8)), true});
+            emit(MOVEGEN_, WG_TDBL, 0, 0, 0, 0);
+            break;
+        case 2: {
+            long f = coin(50) ? (WG_FFOREIGN | WG_FBIG) : (WG_FFOREIGN | WG_FLITTLE);
+            bool in = coin(50);
+            iparm({static_cast<unsigned long>(in ? f : WG_FNATIVE), true}, {8, true});
+            iparm({static_cast<unsigned long>(in ? WG_FNATIVE : f), true}, {8, true});
+            emit(TRANS_, WG_TDBL, WG_MIMMB, a.v, 0, b.v);
+            break;
+        }
+        case 3:  // through a helper
+            iparm(a, {static_cast<unsigned long>(pick(0, 30)), true});
+            iparm(b, {static_cast<unsigned long>(pick(0, 30)), true});
+            emit(CMPGEN_, WG_TCHAR, 0, 0, 0, ires());
+            break;
+        case 4:
+            if (coin(50)) emit(MOV_, WG_TPTR, 0, a.v, 0, ires());
+            else emit(PTRDIF_, WG_TPTR, 0, a.v, o1(KP + pick(0, NP - 1)), ires());
+            break;
+        case 5:
+            emit(coin(50) ? BLT_ : BNE_, WG_TPTR, 0, a.v, b.v, fwd(pending));
+            break;
+        default:
+            break;
+        }
+        if (coin(30)) emit(ADDR_, type, WG_MIMMB, pa, static_cast<unsigned long>(pick(0, 8)), pa);
+    }
+
     void block(int n, int depth) {
         std::vector<unsigned long> pending;
         for (int i = 0; i < n; i++) {
@@ -198,7 +251,7 @@ private:
     }
 
     void stmt(std::vector<unsigned long>& pending, int depth) {
-        switch (pick(0, 27)) {
+        switch (pick(0, 29)) {
         case 0:
         case 1: {  // integer arithmetic, with an overflow branch now and then
             static const int ops[] = {ADD_, SUB_, MUL_, DIV_, MOD_, EXP_, ADDR_, PTRDIF_, ANDB_, ORB_, XORB_, SUM_, MIN_, MAX_, NEG_};
@@ -426,6 +479,10 @@ private:
             emit(op, WG_TINT, 0, a, 0, 0);
             break;
         }
+        case 25:
+        case 26:
+            addresses(pending);
+            break;
         default: {  // chains that keep values in registers
             Opd a = iopd();
             unsigned long r = ires();
