@@ -169,12 +169,18 @@ TEST_F(Read, RowRangesAndProjections) {
     make("t", 3 * BF + 5, nullptr, nullptr, nullptr, {40, 41});
     auto all = wiretest::directRows(r.domain("d"), "t");  // rows 1-39, 42-101
     ASSERT_EQ(all.size(), 99u);
+    make("u", 3 * BF + 5);
+    auto whole = wiretest::directRows(r.domain("d"), "u");
     for (const Road& road : ROADS) {
         SCOPED_TRACE(road.name);
         // Rows 33 to 64 by their numbers: 40 and 41 are gone.
         EXPECT_EQ(read(road, "t", "STARTOBS=33 ENDOBS=64"), slice(all, 32, 62));
         EXPECT_EQ(read(road, "t", "STARTOBS=100"), slice(all, 97, 99));
         EXPECT_TRUE(read(road, "t", "STARTOBS=500").empty());
+        // A range over a table without holes, ending past the direct
+        // path's first block (65 rows of 1000 bytes) and the wire's second.
+        EXPECT_EQ(read(road, "u", "STARTOBS=30 ENDOBS=70"), slice(whole, 29, 70));
+        EXPECT_EQ(read(road, "u", "ENDOBS=65"), slice(whole, 0, 65));
         // Columns 3 and 1, in that order.
         int len = 0;
         auto p = read(road, "t", nullptr, nullptr, {3, 1}, &len);
