@@ -124,7 +124,7 @@ int engine(const char* nsport, const char* domain, const std::string& road) {
     if ((rc = hpdldas(hpd, &ref)) != 0)
         return std::fprintf(stderr, "deassign failed: 0x%08x\n", static_cast<unsigned>(rc)), 1;
     if (hpdterm(hpd) != 0) return std::fprintf(stderr, "the engine did not end cleanly\n"), 1;
-    std::printf("%s rows=%lld seconds=%.3f readseconds=%.3f check=%u\n", road.c_str(), rows, s, r, sum);
+    std::printf("%s rows=%lld seconds=%.4f readseconds=%.4f check=%u\n", road.c_str(), rows, s, r, sum);
     return 0;
 }
 
