@@ -36,11 +36,11 @@ rctype ix_default_preeval(void*, IX_SEGOP_T*) { return IX_BADOPTS; }
 rctype ix_default_preevalpnt(void*, IX_SEGOP_T*, IX_SEGOP_T*) { return IX_BADOPTS; }
 rctype ix_default_preevallist(void*, IX_SEGOP_T*, int) { return IX_BADOPTS; }
 rctype ix_default_preevalcln(void*, void*) { return IX_BADOPTS; }
-rctype ix_default_gcount(void*, const void*, const void*, int64_t*) { return IX_BADOPTS; }
+rctype ix_default_gcount(void*, const IX_SEGOP_T*, const IX_SEGOP_T*, int64_t*) { return IX_BADOPTS; }
 rctype ix_default_ggetlist(void*, const IX_BOUNDS_T*, ix_list_t**, void*) { return IX_BADOPTS; }
 rctype ix_default_gsetrng(void*, const void*, int, const void*, int, int) { return IX_BADOPTS; }
 rctype ix_default_ggetrng(void*, int, void*, hs_obsno_t*, hs_obsno_t*, int64_t*) { return IX_BADOPTS; }
-rctype ix_default_gscan(void*, const void*, const void*, IX_GSCAN*) { return IX_BADOPTS; }
+rctype ix_default_gscan(void*, const IX_SEGOP_T*, const IX_SEGOP_T*, IX_GSCAN*) { return IX_BADOPTS; }
 
 void defaults(IX_INDEXFP_T* fp) {
     *fp = IX_INDEXFP_T{ix_default_close,     ix_default_count,      ix_default_seg,        ix_default_pnt,
@@ -64,6 +64,13 @@ void hybrid(IX_INDEXFP_T* fp) {
     fp->preevalpnt = ixhypreevalpnt;
     fp->preevallist = ixhypreevallist;
     fp->preevalcln = ixhypreevalcln;
+    fp->gsetpnt = ixhygsetpnt;
+    fp->ggetpnt = ixhyggetpnt;
+    fp->ggetlist = ixhyggetlist;
+    fp->gsetrng = ixhygsetrng;
+    fp->ggetrng = ixhyggetrng;
+    fp->gcount = ixhygcount;
+    fp->gscan = ixhygscan;
 }
 
 // The kind of index in a file: the first 24 bytes of its .hbx, which a

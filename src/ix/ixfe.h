@@ -19,7 +19,6 @@ namespace vrta {
 struct DA_FID;
 struct DA_IDX;
 struct SKB_KEY;
-struct IX_GSCAN;
 
 // One end of a condition on a key, and where its answers go.
 struct IX_SEGOP_T {
@@ -46,6 +45,35 @@ struct IX_SEGSTATS_T {
 struct IX_BOUNDS_T {
     hs_obsno_t first;
     hs_obsno_t last;
+};
+
+// What a summary scan of a range of values gives, from the index alone:
+// the items asked for in stats. Missing keys count in nmiss only.
+constexpr int IX_GS_MIN = 0x1;
+constexpr int IX_GS_MAX = 0x2;
+constexpr int IX_GS_NMISS = 0x4;
+constexpr int IX_GS_COUNT = 0x8;
+constexpr int IX_GS_COUNTD = 0x20;
+constexpr int IX_GS_SUM = 0x40;
+constexpr int IX_GS_SUMD = 0x80;
+constexpr int IX_GS_USS = 0x100;
+constexpr int IX_GS_USSD = 0x200;
+struct IX_GSCAN {
+    int stats;             // IX_GS_xxx wanted
+    char* minc;            // a character key's MIN and MAX: caller's buffers as long as the column
+    char* maxc;
+    double min, max;       // a numeric key's; missing when the range has no value
+    int64_t nmiss;         // rows of missing keys
+    int64_t count;         // rows of the other keys
+    int64_t countd;        // distinct keys that aren't missing
+    double sum;            // over rows
+    int sumexcp;           // set when a product or a sum overflowed; the item is then incomplete
+    double sumd;           // over distinct keys
+    int sumdexcp;
+    double uss;            // sums of squares
+    int ussexcp;
+    double ussd;
+    int ussdexcp;
 };
 
 // Called by vallist for each value of a range with its rows; non-zero stops.
@@ -81,11 +109,23 @@ struct IX_INDEXFP_T {
     // each segment can be taken once, by the thread that owns it.
     rctype (*preevallist)(void* h, IX_SEGOP_T* segop, int threadno);
     rctype (*preevalcln)(void* h, void* tree);
-    rctype (*gcount)(void* h, const void* low, const void* high, int64_t* count);
+    // Global scan, one per handle: a range of values in key order, each with its rows in all
+    // segments. gsetpnt opens it (locomp IX_GT or IX_GE, hicomp IX_LT or IX_LE, a null value an
+    // open end, lengths below the key's for leading columns; ignore non-zero: values marked
+    // deleted are stopped at too). ggetpnt: up to *size rows (in *size how many), each with its
+    // value's key in values (null: not wanted); fewer than asked: the range is done. bounds (may
+    // be null) keeps rows first..last.
+    // ggetlist: the rows of the next value (its key into value), or with value null of all the
+    // values left; 1 when none is left. gsetrng/ggetrng: value by value, only the rows' span
+    // (obsrange non-zero: exact first and last row, else the span of the value's segments, cut
+    // to the table); 1 at the end.
+    // gcount: distinct values of a range; gscan: statistics of a range. low and high as in pnt;
+    // either may be null for an open end.
+    rctype (*gcount)(void* h, const IX_SEGOP_T* low, const IX_SEGOP_T* high, int64_t* count);
     rctype (*ggetlist)(void* h, const IX_BOUNDS_T* bounds, ix_list_t** list, void* value);
     rctype (*gsetrng)(void* h, const void* low, int low_comp, const void* high, int high_comp, int len);
     rctype (*ggetrng)(void* h, int obsrange, void* value, hs_obsno_t* low, hs_obsno_t* high, int64_t* n);
-    rctype (*gscan)(void* h, const void* low, const void* high, IX_GSCAN* gscan);
+    rctype (*gscan)(void* h, const IX_SEGOP_T* low, const IX_SEGOP_T* high, IX_GSCAN* gscan);
 };
 
 struct IX_INDEX_T {

@@ -18,7 +18,7 @@
 
 namespace vrta {
 
-namespace {
+namespace ixhyr {
 
 const char TRACEFILE[] = "ix/src/ixhyscan";
 
@@ -41,8 +41,6 @@ int64_t optint(const char* name, int64_t dflt) {
     }
     return dflt;
 }
-
-int64_t segsize(const IXH_HEADER_R* h) { return h->disk.common.segment_size; }
 
 rctype badthread(int threadno, const IXH_HEADER_R* h, const char* who) {
     hsprint("%s: Hybrid Bitmap Error: maximum number of %d segment threads exceeded\n", who, h->max_threads);
@@ -91,19 +89,6 @@ rctype ixhy_btrof(IXH_HEADER_R* h, int n) {
     return 0;
 }
 
-// A cursor over the values of a range, on one thread's tree.
-struct Seq {
-    IXH_HEADER_R* h;
-    IXH_THREAD_R* t;
-    const unsigned char* lo = nullptr;
-    int lolen = 0, locomp = IX_GE;
-    const unsigned char* hi = nullptr;
-    int hilen = 0, hicomp = IX_LE;
-    const unsigned char* key = nullptr;  // the current value, valid until the next step
-    IXHYBRID_BTDATA_D data{};
-    bool exact = false;                  // the first value equals the low bound
-};
-
 // The value in hand passes the bounds: 0, 1 past the high end, 2 to be passed over.
 int judge(Seq& q) {
     if (q.lo) {
@@ -134,6 +119,7 @@ rctype takedata(Seq& q, const DBT& d) {
 // isn't deleted: 0, 1 at the end, or a code.
 rctype seqstep(Seq& q, bool first) {
     DB* db = q.t->db;
+    ++q.t->steps;
     DBT k{}, d{};
     rctype rc;
     if (first && q.lo) {
@@ -156,7 +142,7 @@ rctype seqstep(Seq& q, bool first) {
         if (j == 1) return 1;
         if (j == 0) {
             if ((rc = takedata(q, d)) < 0) return rc;
-            if (ixbt_bm_type(q.data) != Bm_Deleted) return 0;
+            if (q.keepdeleted || ixbt_bm_type(q.data) != Bm_Deleted) return 0;
         }
         rc = db->seq(db, &k, &d, R_NEXT);
     }
@@ -354,7 +340,9 @@ rctype addsegment(IXH_HEADER_R* h, PevEntry& e, const IXH_ST_ENTRY_D& ste, hs_ob
     return 0;
 }
 
-}  // namespace
+}  // namespace ixhyr
+
+using namespace ixhyr;
 
 rctype ixhy_set_segbit(ix_list_t* list, int64_t segno, int64_t ss, int64_t* count) {
     if (Isset_segbit(list, segno)) return 0;
@@ -384,7 +372,10 @@ rctype ixhy_refresh(IXH_HEADER_R* h) {
         if (t.hbx && t.hbx != h->iid) {
             if ((rc = t.hbx->mt->refidx(t.hbx)) < 0) return rc;
         }
-        if (t.db && (rc = __bt_reread(t.db)) < 0) return rc;
+        if (t.db) {
+            ++t.steps;
+            if ((rc = __bt_reread(t.db)) < 0) return rc;
+        }
     }
     h->disk = d;
     h->is_updated = 1;
@@ -452,6 +443,7 @@ rctype ixhyclose(void* vh) {
     auto* h = static_cast<IXH_HEADER_R*>(vh);
     if (!h) return 0;
     rctype rc = 0;
+    ixhy_cleanup_global(h);
     for (int n = 0; h->thr && n < h->max_threads; ++n) {
         IXH_THREAD_R& t = h->thr[n];
         if (t.db && t.db->close(t.db, -1, nullptr, 1) < 0 && rc == 0) rc = IX_CLOSEFAIL;

@@ -331,24 +331,32 @@ rctype ixop(ix_list_t* a, ix_list_t* b, ix_list_t* r, int op) {
     return rc;
 }
 
-rctype ixmaskl(ix_list_t* list, hs_obsno_t numobs) {
+rctype ixcutl(ix_list_t* list, hs_obsno_t first, hs_obsno_t last) {
     if (!list) return 1;
-    if (!list->head.next) return 0;
     int64_t ss = list->segsize;
     for (IX_BITMAP_SEGMENT_R* s = list->head.next; s;) {
         IX_BITMAP_SEGMENT_R* next = s->next;
-        if (s->disk.base > numobs) {
+        hs_obsno_t base = s->disk.base;
+        if (base > last || base + ss - 1 < first) {
             bseg_delete(&list->head, s);
-        } else if (s->disk.base + ss - 1 > numobs) {
+        } else if (base < first || base + ss - 1 > last) {
             rctype rc = full(list, s);
             if (rc < 0) return rc;
-            clearfrom(s->bitmap, numobs - s->disk.base + 1, words(ss));
+            // Bit by bit below first, then whole words from last on.
+            for (hs_obsno_t r = base; r < first; ++r) bm_clear_bit(s->bitmap, base, r);
+            if (last < base + ss - 1) clearfrom(s->bitmap, last - base + 1, words(ss));
             if (!anyset(s->bitmap, words(ss))) bseg_delete(&list->head, s);
         }
         s = next;
     }
     ixrwndl(list);
     return 0;
+}
+
+rctype ixmaskl(ix_list_t* list, hs_obsno_t numobs) {
+    if (!list) return 1;
+    if (!list->head.next) return 0;
+    return ixcutl(list, 1, numobs);
 }
 
 rctype ixunary(ix_list_t* a, ix_list_t* r, int op, int64_t segno, int64_t segsize, hs_obsno_t numobs) {

@@ -58,6 +58,8 @@ rctype ixop(ix_list_t* a, ix_list_t* b, ix_list_t* r, int op);
 // r = NOT a within each segment of a, or (a has none) within segment segno;
 // rows past numobs are never set.
 rctype ixunary(ix_list_t* a, ix_list_t* r, int op, int64_t segno, int64_t segsize, hs_obsno_t numobs);
+// Keeps the rows first..last only.
+rctype ixcutl(ix_list_t* list, hs_obsno_t first, hs_obsno_t last);
 // Clears the rows past numobs.
 rctype ixmaskl(ix_list_t* list, hs_obsno_t numobs);
 

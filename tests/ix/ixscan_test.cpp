@@ -48,7 +48,9 @@ struct Table {
 
 // A table of n rows whose first column takes `distinct` values (some
 // missing), indexed as "ix" on it; a twentieth of the rows deleted.
-void maketable(Table* t, int64_t n, int64_t segsize, int distinct, unsigned seed, bool deletes) {
+// gen, when given, makes row i's value instead.
+void maketable(Table* t, int64_t n, int64_t segsize, int distinct, unsigned seed, bool deletes,
+               double (*gen)(int64_t) = nullptr) {
     t->lp = assign(t->tmp.path());
     t->fp = create(t->lp, "t", segsize);
     ASSERT_NE(nullptr, t->fp);
@@ -60,6 +62,7 @@ void maketable(Table* t, int64_t n, int64_t segsize, int distinct, unsigned seed
             uint64_t miss = 0xFFFF000000000000ull;
             memcpy(&d, &miss, 8);
         }
+        if (gen) d = gen(i);
         memcpy(t->rows.data() + i * ROWLEN, &d, 8);
         memcpy(t->rows.data() + i * ROWLEN + 8, "abcdefghijkl", 12);
     }
@@ -583,4 +586,282 @@ TEST(IndexScan, WritersHandleMakesWhatReadersRead) {
     want = keys(t, ix);
     EXPECT_EQ(want, readback(ix, want, 64));
     ASSERT_EQ(0, ixclose(ix));
+}
+
+// ---------------------------------------------------------------- global scan
+
+namespace {
+
+// A range of keys as the global scan takes it: lengths below the key's compare leading bytes.
+struct GRange {
+    std::string lo, hi;  // empty: open
+    int lolen = 0, hilen = 0, loop = IX_GE, hiop = IX_LE;
+    bool has(const std::string& k) const {
+        if (!lo.empty()) {
+            int x = memcmp(k.data(), lo.data(), static_cast<size_t>(lolen));
+            if (x < 0 || (x == 0 && loop == IX_GT)) return false;
+        }
+        if (!hi.empty()) {
+            int x = memcmp(k.data(), hi.data(), static_cast<size_t>(hilen));
+            if (x > 0 || (x == 0 && hiop == IX_LT)) return false;
+        }
+        return true;
+    }
+    IX_SEGOP_T end(bool low) const {
+        const std::string& v = low ? lo : hi;
+        return IX_SEGOP_T{nullptr, v.empty() ? nullptr : v.data(), low ? loop : hiop, 0, low ? lolen : hilen, nullptr,
+                          nullptr};
+    }
+};
+
+GRange randrange(IX_INDEX_T* ix, const std::map<std::string, Rows>& m, std::mt19937& rng) {
+    std::vector<std::string> ks;
+    for (auto& [k, r] : m) ks.push_back(k);
+    auto pick = [&] { return rng() % 5 == 0 ? keyof(ix, static_cast<double>(rng() % 1000) + 0.5) : ks[rng() % ks.size()]; };
+    GRange g;
+    if (rng() % 4) g.lo = pick();
+    if (rng() % 4) g.hi = pick();
+    if (!g.lo.empty() && !g.hi.empty() && g.lo > g.hi && rng() % 3) std::swap(g.lo, g.hi);
+    // Now and then the leading bytes only.
+    g.lolen = rng() % 5 == 0 ? 3 : ix->keylen;
+    g.hilen = rng() % 5 == 0 ? 3 : ix->keylen;
+    g.loop = rng() % 2 ? IX_GE : IX_GT;
+    g.hiop = rng() % 2 ? IX_LE : IX_LT;
+    return g;
+}
+
+rctype gset(IX_INDEX_T* ix, const GRange& g) {
+    return ix->fp.gsetpnt(ix->ix_private, g.lo.empty() ? nullptr : g.lo.data(), g.loop, g.lolen,
+                          g.hi.empty() ? nullptr : g.hi.data(), g.hiop, g.hilen, 0);
+}
+
+using KeyRows = std::vector<std::pair<std::string, int64_t>>;
+
+KeyRows expected(const std::map<std::string, Rows>& m, const GRange& g, const IX_BOUNDS_T* b) {
+    KeyRows out;
+    for (auto& [k, rows] : m)
+        if (g.has(k))
+            for (int64_t r : rows)
+                if (!b || (r >= b->first && r <= b->last)) out.emplace_back(k, r);
+    return out;
+}
+
+// Reads the whole scan by ggetpnt in batches of random size; other work on the
+// index's first tree in between (every so often) must not move the scan.
+KeyRows readscan(IX_INDEX_T* ix, const IX_BOUNDS_T* b, std::mt19937& rng, const std::string& anykey) {
+    KeyRows out;
+    size_t kl = static_cast<size_t>(ix->keylen);
+    for (int guard = 0; guard < 100000; ++guard) {
+        int64_t room = 1 + static_cast<int64_t>(rng() % 40), n = room;
+        std::vector<hs_obsno_t> obs(static_cast<size_t>(room));
+        std::vector<char> vals(static_cast<size_t>(room) * kl);
+        EXPECT_EQ(0, ix->fp.ggetpnt(ix->ix_private, b, vals.data(), obs.data(), &n));
+        for (int64_t i = 0; i < n; ++i)
+            out.emplace_back(std::string(vals.data() + static_cast<size_t>(i) * kl, kl), obs[static_cast<size_t>(i)]);
+        if (n < room) break;
+        if (rng() % 3 == 0) {
+            int64_t cnt;
+            EXPECT_EQ(0, ix->fp.count(ix->ix_private, anykey.data(), 1, &cnt));
+        }
+    }
+    return out;
+}
+
+double rowvalue(const Table& t, int64_t r) {
+    double d;
+    memcpy(&d, t.rows.data() + (r - 1) * ROWLEN, 8);
+    return d;
+}
+
+}  // namespace
+
+// Global scans against the table's rows filtered by brute force: every value
+// of a random range in key order with its rows, limits in rows, a value at a
+// time as a list and as a span of rows, counts and statistics of the range.
+TEST(IndexGlobalScan, MatchesBruteForce) {
+    struct Case {
+        int64_t rows, segsize;
+        int distinct;
+        bool deletes;
+    };
+    bool longrun = getenv("VRTA_LONG") != nullptr;
+    std::vector<Case> cases = {{3000, 64, 6, true}, {2500, 32, 3000, true}, {700, 7, 90, true}, {4001, 1000, 40, false}};
+    for (size_t ci = 0; ci < cases.size(); ++ci) {
+        const Case& k = cases[ci];
+        SCOPED_TRACE("case " + std::to_string(ci));
+        Table t;
+        ASSERT_NO_FATAL_FAILURE(maketable(&t, k.rows, k.segsize, k.distinct, static_cast<unsigned>(ci + 31), k.deletes));
+        IX_INDEX_T* ix = nullptr;
+        ASSERT_EQ(0, ixopen(t.fp, "ix", 0, 2, nullptr, &ix));
+        void* h = ix->ix_private;
+        auto m = keys(t, ix);
+        int64_t ss = k.segsize;
+        std::mt19937 rng(static_cast<unsigned>(ci + 100));
+        for (int iter = 0; iter < (longrun ? 200 : 40); ++iter) {
+            GRange g = randrange(ix, m, rng);
+            SCOPED_TRACE("iteration " + std::to_string(iter));
+            IX_BOUNDS_T bounds{};
+            const IX_BOUNDS_T* b = nullptr;
+            if (rng() % 2) {
+                bounds.first = 1 + static_cast<int64_t>(rng() % static_cast<unsigned>(t.numobs));
+                bounds.last = bounds.first + static_cast<int64_t>(rng() % static_cast<unsigned>(t.numobs)) - t.numobs / 4;
+                b = &bounds;
+            }
+            KeyRows want = expected(m, g, b);
+            ASSERT_EQ(0, gset(ix, g));
+            EXPECT_EQ(want, readscan(ix, b, rng, m.begin()->first));
+            // Done is done, until the scan is set again.
+            int64_t n = 5;
+            hs_obsno_t obs[5];
+            EXPECT_EQ(0, ix->fp.ggetpnt(h, b, nullptr, obs, &n));
+            EXPECT_EQ(0, n);
+
+            // A value at a time as a list, then all that is left at once.
+            ASSERT_EQ(0, gset(ix, g));
+            KeyRows got;
+            ix_list_t* l = nullptr;
+            std::string v(static_cast<size_t>(ix->keylen), '\0');
+            size_t nvals = std::count_if(m.begin(), m.end(), [&](auto& e) { return g.has(e.first); });
+            size_t apart = nvals / 2;
+            for (size_t i = 0; i < apart; ++i) {
+                ASSERT_EQ(0, ix->fp.ggetlist(h, b, &l, v.data()));
+                for (int64_t r : readall(l)) got.emplace_back(v, r);
+            }
+            rctype rc = ix->fp.ggetlist(h, b, &l, nullptr);
+            ASSERT_EQ(apart == nvals ? 1 : 0, rc);
+            Rows rest = readall(l), wantrest;
+            for (size_t i = got.size(); i < want.size(); ++i) wantrest.insert(want[i].second);
+            EXPECT_EQ(KeyRows(want.begin(), want.begin() + static_cast<long>(got.size())), got);
+            EXPECT_EQ(wantrest, rest);
+            EXPECT_EQ(1, ix->fp.ggetlist(h, b, &l, nullptr)) << "the cursor is at the end afterward";
+            EXPECT_FALSE(ixhasl(l));
+            ixfreel(l);
+
+            // Spans of rows value by value: exact, and by segments cut to the table.
+            ASSERT_EQ(0, ix->fp.gsetrng(h, g.lo.empty() ? nullptr : g.lo.data(), g.loop, g.hi.empty() ? nullptr : g.hi.data(),
+                                        g.hiop, ix->keylen));
+            GRange whole = g;
+            whole.lolen = whole.hilen = ix->keylen;
+            for (auto& [key, rows] : m) {
+                if (!whole.has(key)) continue;
+                hs_obsno_t lo = 0, hi = 0;
+                int64_t cnt = 0;
+                int obsrange = static_cast<int>(rng() % 2);
+                ASSERT_EQ(0, ix->fp.ggetrng(h, obsrange, v.data(), &lo, &hi, &cnt));
+                EXPECT_EQ(key, v);
+                EXPECT_EQ(static_cast<int64_t>(rows.size()), cnt);
+                int64_t a = *rows.begin(), z = *rows.rbegin();
+                if (obsrange || rows.size() == 1) {
+                    EXPECT_EQ(a, lo);
+                    EXPECT_EQ(z, hi);
+                } else {
+                    EXPECT_EQ((a - 1) / ss * ss + 1, lo);
+                    EXPECT_EQ(std::min((z - 1) / ss * ss + ss, t.numobs), hi);
+                }
+            }
+            hs_obsno_t lo, hi;
+            int64_t cnt;
+            EXPECT_EQ(1, ix->fp.ggetrng(h, 1, nullptr, &lo, &hi, &cnt));
+
+            // Distinct values and statistics of the range.
+            IX_SEGOP_T le = g.end(true), he = g.end(false);
+            int64_t nd = -1;
+            ASSERT_EQ(0, ix->fp.gcount(h, &le, &he, &nd));
+            EXPECT_EQ(static_cast<int64_t>(nvals), nd);
+            IX_GSCAN gs{};
+            gs.stats = IX_GS_MIN | IX_GS_MAX | IX_GS_NMISS | IX_GS_COUNT | IX_GS_COUNTD | IX_GS_SUM | IX_GS_SUMD |
+                       IX_GS_USS | IX_GS_USSD;
+            ASSERT_EQ(0, ix->fp.gscan(h, &le, &he, &gs));
+            int64_t nmiss = 0, count = 0, countd = 0;
+            double sum = 0, sumd = 0, uss = 0, ussd = 0, mn = 1e300, mx = -1e300;
+            for (auto& [key, rows] : m) {
+                if (!g.has(key)) continue;
+                if (ix->skbp->mt.ismissing(ix->skbp, key.data())) {
+                    nmiss += static_cast<int64_t>(rows.size());
+                    continue;
+                }
+                double d = rowvalue(t, *rows.begin());
+                count += static_cast<int64_t>(rows.size());
+                ++countd;
+                sum += d * static_cast<double>(rows.size());
+                uss += d * d * static_cast<double>(rows.size());
+                sumd += d;
+                ussd += d * d;
+                mn = std::min(mn, d);
+                mx = std::max(mx, d);
+            }
+            EXPECT_EQ(nmiss, gs.nmiss);
+            EXPECT_EQ(count, gs.count);
+            EXPECT_EQ(countd, gs.countd);
+            EXPECT_EQ(sum, gs.sum);
+            EXPECT_EQ(uss, gs.uss);
+            EXPECT_EQ(sumd, gs.sumd);
+            EXPECT_EQ(ussd, gs.ussd);
+            if (countd) {
+                EXPECT_EQ(mn, gs.min);
+                EXPECT_EQ(mx, gs.max);
+            }
+            EXPECT_EQ(0, gs.sumexcp | gs.ussexcp | gs.sumdexcp | gs.ussdexcp);
+        }
+        ASSERT_EQ(0, ixclose(ix));
+    }
+}
+
+double huge(int64_t i) { return i % 2 ? 1e308 : -3.0; }
+
+TEST(IndexGlobalScan, RefusesBadRequestsAndFlagsOverflow) {
+    Table t;
+    ASSERT_NO_FATAL_FAILURE(maketable(&t, 300, 64, 10, 5, false, huge));
+    IX_INDEX_T* ix = nullptr;
+    ASSERT_EQ(0, ixopen(t.fp, "ix", 0, 1, nullptr, &ix));
+    void* h = ix->ix_private;
+    std::string k = keyof(ix, -3.0), big = keyof(ix, 1e308);
+    hs_obsno_t obs[4];
+    int64_t n = 4;
+    // Nothing read before a scan is set.
+    EXPECT_EQ(0, ix->fp.ggetpnt(h, nullptr, nullptr, obs, &n));
+    EXPECT_EQ(0, n);
+    const int badlow[] = {IX_EQ, IX_NE, IX_LT, IX_LE, 9}, badhigh[] = {IX_EQ, IX_NE, IX_GT, IX_GE, -1};
+    for (int i = 0; i < 5; ++i) {
+        int op = badlow[i];
+        EXPECT_EQ(IX_BADCOMPARE, ix->fp.gsetpnt(h, k.data(), op, ix->keylen, nullptr, IX_LE, 0, 0));
+        EXPECT_EQ(IX_BADCOMPARE, ix->fp.gsetpnt(h, nullptr, IX_GE, 0, k.data(), badhigh[i], ix->keylen, 0));
+        IX_SEGOP_T lo{nullptr, k.data(), op, 0, ix->keylen, nullptr, nullptr};
+        int64_t c;
+        EXPECT_EQ(IX_BADCOMPARE, ix->fp.gcount(h, &lo, nullptr, &c));
+    }
+    EXPECT_EQ(IX_KEYTOOLONG, ix->fp.gsetpnt(h, k.data(), IX_GE, ix->keylen + 1, nullptr, IX_LE, 0, 0));
+    // An empty range gives no rows, and the handle can be set again.
+    ASSERT_EQ(0, ix->fp.gsetpnt(h, k.data(), IX_GT, ix->keylen, big.data(), IX_LT, ix->keylen, 0));
+    n = 4;
+    EXPECT_EQ(0, ix->fp.ggetpnt(h, nullptr, nullptr, obs, &n));
+    EXPECT_EQ(0, n);
+    ASSERT_EQ(0, ix->fp.gsetpnt(h, big.data(), IX_GE, ix->keylen, nullptr, IX_LE, 0, 0));
+    n = 4;
+    EXPECT_EQ(0, ix->fp.ggetpnt(h, nullptr, nullptr, obs, &n));
+    EXPECT_EQ((std::vector<hs_obsno_t>{2, 4, 6, 8}), std::vector<hs_obsno_t>(obs, obs + n));
+    // A one-row value outside the limits isn't returned.
+    Table one;
+    ASSERT_NO_FATAL_FAILURE(maketable(&one, 100, 16, 1, 1, false, [](int64_t i) { return static_cast<double>(i); }));
+    IX_INDEX_T* ox = nullptr;
+    ASSERT_EQ(0, ixopen(one.fp, "ix", 0, 1, nullptr, &ox));
+    std::string k40 = keyof(ox, 40.0);
+    IX_BOUNDS_T b{20, 40};
+    ASSERT_EQ(0, ox->fp.gsetpnt(ox->ix_private, k40.data(), IX_GE, 8, nullptr, IX_LE, 0, 0));
+    n = 4;
+    EXPECT_EQ(0, ox->fp.ggetpnt(ox->ix_private, &b, nullptr, obs, &n));
+    EXPECT_EQ(0, n) << "row 41 has value 40";
+    EXPECT_EQ(0, ixclose(ox));
+    // Sums past the largest double are flagged, the counts stay right.
+    IX_GSCAN gs{};
+    gs.stats = IX_GS_SUM | IX_GS_USS | IX_GS_SUMD | IX_GS_USSD | IX_GS_COUNT | IX_GS_COUNTD;
+    ASSERT_EQ(0, ix->fp.gscan(h, nullptr, nullptr, &gs));
+    EXPECT_EQ(1, gs.sumexcp);
+    EXPECT_EQ(1, gs.ussexcp);
+    EXPECT_EQ(1, gs.ussdexcp);
+    EXPECT_EQ(0, gs.sumdexcp);
+    EXPECT_EQ(1e308 - 3.0, gs.sumd);
+    EXPECT_EQ(300, gs.count);
+    EXPECT_EQ(2, gs.countd);
+    EXPECT_EQ(0, ixclose(ix));
 }
