@@ -50,7 +50,7 @@ rctype ix_check_interrupt(IX_COMMON_T* c) { return c->interrupt && *c->interrupt
 
 // The key of a row in slot's buffer; *miss when all its columns are missing.
 rctype ix_build_key(IX_COMMON_T* c, const void* row, hs_obsno_t obs, int slot, char** key, int* miss) {
-    if (slot < 0 || slot >= c->max_threads) return IX_INCONSIST;
+    if (slot < 0 || slot > c->max_threads) return IX_INCONSIST;
     char* k = c->key_buf + static_cast<size_t>(slot) * static_cast<size_t>(c->skbp->info.reclen);
     long n = 0;
     *miss = 0;
@@ -129,6 +129,54 @@ rctype ix_flush(IX_FILE_T*, int flags) {
     return flags == 0 ? IX_BADOPTS : 0;
 }
 
+// Rows after the ones the index covers aren't in it; a missing key under
+// NOMISS never was.
+bool covers(IX_COMMON_T* c, hs_obsno_t obs) { return !c->append_mode || obs < c->start_obsno; }
+
+rctype ix_unique_delete(IX_FILE_T* f, const void* row, hs_obsno_t obs) {
+    IX_COMMON_T* c = com(f);
+    if (!row || obs < 1) return IX_BADOPTS;
+    if (!covers(c, obs)) return 0;
+    char* key = nullptr;
+    int miss = 0;
+    rctype rc = ix_build_key(c, row, obs, 0, &key, &miss);
+    if (rc < 0) return rc;
+    if (miss) {
+        --c->nummiss;
+        if (c->options & OPT_NOMISS) return 0;
+    }
+    rc = ixhydelete(c->specific, key, obs);
+    return rc > 0 ? IX_INCONSIST : rc;
+}
+
+rctype ix_unique_update(IX_FILE_T* f, const void* oldrow, const void* newrow, hs_obsno_t obs) {
+    IX_COMMON_T* c = com(f);
+    if (!oldrow || !newrow || obs < 1) return IX_BADOPTS;
+    if (!covers(c, obs)) return 0;
+    char *ok = nullptr, *nk = nullptr;
+    int omiss = 0, nmiss = 0;
+    rctype rc = ix_build_key(c, oldrow, obs, 0, &ok, &omiss);
+    // The new key goes to the spare slot behind the threads' own.
+    if (rc == 0) rc = ix_build_key(c, newrow, obs, c->max_threads, &nk, &nmiss);
+    if (rc < 0) return rc;
+    // Under NOMISS a missing key is in no value: the row only leaves or joins one.
+    bool nomiss = (c->options & OPT_NOMISS) != 0;
+    if (nomiss && nmiss) rc = omiss ? 0 : ixhydelete(c->specific, ok, obs);
+    else rc = ixhyupdt(c->specific, nomiss && omiss ? nullptr : ok, nk, obs);
+    if (rc < 0) return rc;
+    c->nummiss += nmiss - omiss;
+    return 0;
+}
+
+rctype ix_unique_truncate(IX_FILE_T* f, hs_obsno_t obs) {
+    IX_COMMON_T* c = com(f);
+    // Only a unique index can be cut back; the others are rebuilt by their callers.
+    if (!(c->options & OPT_UNIQUE)) return IX_INCONSIST;
+    if (obs < 0) return IX_BADOPTS;
+    rctype rc = ixhytruncate(c->specific, obs);
+    return rc > 0 ? IX_INCONSIST : rc;
+}
+
 rctype ix_delete_not_defined(IX_FILE_T*, const void*, hs_obsno_t) { return IX_BADOPTS; }
 rctype ix_update_not_defined(IX_FILE_T*, const void*, const void*, hs_obsno_t) { return IX_BADOPTS; }
 rctype ix_trunc_not_defined(IX_FILE_T*, hs_obsno_t) { return IX_BADOPTS; }
@@ -136,6 +184,7 @@ rctype ix_trunc_not_defined(IX_FILE_T*, hs_obsno_t) { return IX_BADOPTS; }
 DA_IDX* ixgetfile(IX_FILE_T* f, int which) { return which == 0 ? com(f)->iid : which == 1 ? com(f)->auxiid : nullptr; }
 
 rctype ixbuildkey(IX_FILE_T* f, const void* row, int slot, const void** key) {
+    if (slot < 0 || slot >= com(f)->max_threads) return IX_INCONSIST;
     char* k = nullptr;
     int miss = 0;
     rctype rc = ix_build_key(com(f), row, 0, slot, &k, &miss);
@@ -217,6 +266,12 @@ void ix_option_setup(IX_FILE_T* f) {
     f->fp = IX_FILEFP_T{ix_unique_add, ix_unique_fin, ix_unique_abort, ix_delete_not_defined, ix_unique_addran,
                         ix_update_not_defined, ix_flush, ix_find, ix_srtadd, ix_bucketadd, ixgetfile, ixbuildkey,
                         ix_trunc_not_defined, ix_keybuf};
+    // An index that is being appended to takes changes as well.
+    if (f->ix_private->append_mode) {
+        f->fp.del = ix_unique_delete;
+        f->fp.update = ix_unique_update;
+        f->fp.truncate = ix_unique_truncate;
+    }
 }
 
 // The handle and its two files open for writing, marked dirty on disk first.
@@ -238,7 +293,7 @@ rctype openfiles(DA_FID* fp, const char* name, int maxthreads, volatile int* int
     if (rc == 0) rc = dasetstate(c->auxiid, DA_IDXDIRTY);
     if (rc == 0 && !(c->skbp = static_cast<SKB_KEY*>(c->iid->skb))) rc = IX_INCONSIST;
     if (rc == 0 && !(c->key_buf = static_cast<char*>(
-                         calloc(static_cast<size_t>(maxthreads), static_cast<size_t>(c->skbp->info.reclen) + 8))))
+                         calloc(static_cast<size_t>(maxthreads) + 1, static_cast<size_t>(c->skbp->info.reclen) + 8))))
         rc = IX_NOMEM;
     if (rc < 0) {
         release(f, false);

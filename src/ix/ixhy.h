@@ -172,6 +172,10 @@ struct IXH_HEADER_B {
     int bstate;
     int max_threads;
     int64_t nrows;                      // rows added in all
+    void* upd;                          // the changes waiting for ixhy_flush_update
+    int did_append;                     // rows were added: they are covered up to last_obsno
+    int is_truncate;                    // rows after last_obsno went
+    int upd_failed;                     // a batch of changes failed half-way
 };
 
 // What a finished build reports.
@@ -199,6 +203,25 @@ rctype ixhyfind(IXH_HEADER_B* h, const void* value, hs_obsno_t obs_no, hs_obsno_
 // Flushes, writes the header clean (or what can be repaired), closes the tree.
 rctype ixhyfin(IXH_HEADER_B* h, IXH_STATS* stats);
 rctype ixhyabort(IXH_HEADER_B* h);
+
+// Changes to an indexed table, collected per value and written as a batch
+// by ixhy_flush_update (ixhyfin flushes what is left). A value that loses
+// its last row stays in the tree, marked deleted. A delete of a value the
+// index doesn't have is no error; a row missing from a value it has is.
+rctype ixhydelete(IXH_HEADER_B* h, const void* value, hs_obsno_t obs_no);
+// A row moving from old_key's value to new_key's; old_key null: the row joins new_key's.
+rctype ixhyupdt(IXH_HEADER_B* h, const void* old_key, const void* new_key, hs_obsno_t obs_no);
+// A unique index forgets the rows after obsno.
+rctype ixhytruncate(IXH_HEADER_B* h, hs_obsno_t obsno);
+rctype ixhy_prepare_for_update(IXH_HEADER_B* h, int32_t segno);
+rctype ixhy_flush_update(IXH_HEADER_B* h);
+void ixhy_free_update(IXH_HEADER_B* h);
+
+// Shared by the writers.
+rctype ixhy_write(IXH_HEADER_B* h, const void* buf, int64_t len, da_off_t off);
+rctype ixhy_wrhdr(IXH_HEADER_B* h);
+rctype ixhy_prepare_for_append(IXH_HEADER_B* h);
+rctype ixhy_flush_append(IXH_HEADER_B* h);
 
 // A hybrid index made over a table open in output or util mode: its record
 // and files, then every live row's key. A failed build leaves no index.

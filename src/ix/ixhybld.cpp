@@ -32,7 +32,9 @@ int32_t intoption(const char* name, int32_t dflt) {
     return dflt;
 }
 
-rctype hbxwrite(IXH_HEADER_B* h, const void* buf, int64_t len, da_off_t off) {
+}  // namespace
+
+rctype ixhy_write(IXH_HEADER_B* h, const void* buf, int64_t len, da_off_t off) {
     if (len <= 0) return 0;
     rctype rc = h->hybiid->mt->writeidx(h->hybiid, buf, static_cast<long>(len), off);
     if (rc < 0) {
@@ -43,7 +45,9 @@ rctype hbxwrite(IXH_HEADER_B* h, const void* buf, int64_t len, da_off_t off) {
     return 0;
 }
 
-rctype ixhywrhdr(IXH_HEADER_B* h) { return hbxwrite(h, &h->disk, sizeof h->disk, 0); }
+rctype ixhy_wrhdr(IXH_HEADER_B* h) { return ixhy_write(h, &h->disk, sizeof h->disk, 0); }
+
+namespace {
 
 // ---------------------------------------------------------------- segments
 
@@ -272,7 +276,14 @@ rctype startvalue(IXH_HEADER_B* h, IXH_VENTRY_B* v, int32_t seg) {
         v->flags |= IXH_VE_NEW;
         return 0;
     }
-    if (unique(h)) return IX_DUPKEY;
+    if (unique(h)) {
+        // A unique value whose row went is taken again.
+        IXHYBRID_UNIQ_BTDATA_D u;
+        memcpy(&u, d.data, sizeof u);
+        if (u.obs_no != 0) return IX_DUPKEY;
+        v->flags |= IXH_VE_NEW | IXH_VE_UNDELETED;
+        return 0;
+    }
     memcpy(&v->btdata, d.data, sizeof v->btdata);
     if (ixbt_bm_type(v->btdata) == Bm_Deleted) {
         v->flags |= IXH_VE_NEW | IXH_VE_UNDELETED;
@@ -340,7 +351,7 @@ rctype writechunk(IXH_HEADER_B* h, IXH_VENTRY_B* v, IXH_BITMAP_SEGMENT_B* first,
         c.high_segno = ixste_seg_no(s->ste);
         if ((s->flags & IXH_SEG_COPIED) || ixste_bm_type(s->ste) == Bm_One_Bit_Set) continue;
         if (s->ste.bm_offset > 0) {
-            rctype rc = hbxwrite(h, s->saved, s->storelen, s->ste.bm_offset);  // over its old place
+            rctype rc = ixhy_write(h, s->saved, s->storelen, s->ste.bm_offset);  // over its old place
             if (rc < 0) return rc;
             continue;
         }
@@ -353,7 +364,7 @@ rctype writechunk(IXH_HEADER_B* h, IXH_VENTRY_B* v, IXH_BITMAP_SEGMENT_B* first,
     putbytes(buf, &c, sizeof c);
     putbytes(buf, ents.data(), ents.size() * sizeof(IXH_ST_ENTRY_D));
     buf.insert(buf.end(), tail.begin(), tail.end());
-    rctype rc = hbxwrite(h, buf.data(), static_cast<int64_t>(buf.size()), pos);
+    rctype rc = ixhy_write(h, buf.data(), static_cast<int64_t>(buf.size()), pos);
     if (rc < 0) return rc;
     h->filep = pos + static_cast<da_off_t>(buf.size());
     ++h->disk.n_chunks;
@@ -384,7 +395,7 @@ rctype ixhy_create_value_seglist(IXH_HEADER_B* h, IXH_VENTRY_B* v) {
             b.seg_data = 0;
         } else {
             da_off_t at = s->ste.bm_offset > 0 ? s->ste.bm_offset : h->filep;
-            rctype rc = hbxwrite(h, s->saved, s->storelen, at);
+            rctype rc = ixhy_write(h, s->saved, s->storelen, at);
             if (rc < 0) return rc;
             if (at == h->filep) h->filep += s->storelen;
             b.data_loc = at;
@@ -431,7 +442,7 @@ rctype ixhy_append_value_seglist(IXH_HEADER_B* h, IXH_VENTRY_B* v) {
                 e.bm_offset = h->filep;
                 h->filep += s->storelen;
             }
-            if ((rc = hbxwrite(h, s->saved, s->storelen, e.bm_offset)) < 0) return rc;
+            if ((rc = ixhy_write(h, s->saved, s->storelen, e.bm_offset)) < 0) return rc;
         }
         ents.push_back(e);
         if (!(i == 0 && replaces)) {
@@ -440,10 +451,10 @@ rctype ixhy_append_value_seglist(IXH_HEADER_B* h, IXH_VENTRY_B* v) {
         }
         c.high_segno = ixste_seg_no(e);
     }
-    if (headchanged && (rc = hbxwrite(h, &c, sizeof c, b.data_loc)) < 0) return rc;
+    if (headchanged && (rc = ixhy_write(h, &c, sizeof c, b.data_loc)) < 0) return rc;
     if (!ents.empty()) {
         da_off_t at = b.data_loc + static_cast<da_off_t>(sizeof c + static_cast<size_t>(slot) * sizeof(IXH_ST_ENTRY_D));
-        if ((rc = hbxwrite(h, ents.data(), static_cast<int64_t>(ents.size() * sizeof(IXH_ST_ENTRY_D)), at)) < 0)
+        if ((rc = ixhy_write(h, ents.data(), static_cast<int64_t>(ents.size() * sizeof(IXH_ST_ENTRY_D)), at)) < 0)
             return rc;
     }
     bool spare = c.max_segs > c.n_segs;
@@ -496,15 +507,25 @@ rctype flushvalue(IXH_HEADER_B* h, IXH_VENTRY_B* v) {
     return 0;
 }
 
+}  // namespace
+
 rctype ixhy_prepare_for_append(IXH_HEADER_B* h) {
+    if (h->bstate == IXH_UPDATE) {
+        // Changes go out before appends start.
+        rctype rc = ixhy_flush_update(h);
+        if (rc < 0) return h->add_error = rc;
+    }
     if (h->bstate != IXH_INITIAL) return 0;
+    h->did_append = 1;
     h->add_error = 0;
     h->n_good_appends = 0;
     h->bstate = IXH_APPEND;
     h->filep = h->hybiid->filesize;
     h->disk.common.state = IX_DIRTY;
-    return ixhywrhdr(h);
+    return ixhy_wrhdr(h);
 }
+
+namespace {
 
 rctype rowcheck(IXH_HEADER_B* h, hs_obsno_t row, int32_t* seg) {
     if (h->add_error) return h->add_error;
@@ -561,6 +582,7 @@ rctype newhandle(DA_IDX* hbx, DA_IDX* idx, SKB_KEY* skb, int max_threads, IXH_HE
 }
 
 void freehandle(IXH_HEADER_B* h) {
+    ixhy_free_update(h);
     if (h->ventry) ixhy_reset_ventry(h, h->ventry);
     for (AVLTREE* n = h->ventry_tree ? zavl_first_node(h->ventry_tree) : nullptr; n;) {
         AVLTREE* next = zavl_next_node(n);
@@ -581,6 +603,10 @@ void freehandle(IXH_HEADER_B* h) {
 
 void ixhy_convert_uniq_btdata(const IXHYBRID_UNIQ_BTDATA_D* u, int64_t segsize, IXHYBRID_BTDATA_D* d) {
     memset(d, 0, sizeof *d);
+    if (u->obs_no == 0) {
+        ixbt_set(*d, 0, 0, 0, Bm_Deleted);
+        return;
+    }
     d->obs_data = u->obs_no;
     ixbt_set(*d, static_cast<int32_t>((u->obs_no - 1) / segsize), 1, 0, Bm_One_Bit_Set);
 }
@@ -605,8 +631,8 @@ rctype ixhycreat(DA_IDX* hbx, DA_IDX* idx, int32_t keylen, int64_t segsize, int 
     h->last_obsno = last_obsno;
     // The header, then the repair value's slot.
     std::vector<char> zeros(static_cast<size_t>(keylen));
-    if ((hbx->filesize != 0 && hbx->mt->truncidx(hbx, 0) < 0) || (rc = ixhywrhdr(h)) < 0 ||
-        (rc = hbxwrite(h, zeros.data(), keylen, sizeof d)) < 0 || (rc = opentree(h, BT_OCREATE, keylen)) < 0) {
+    if ((hbx->filesize != 0 && hbx->mt->truncidx(hbx, 0) < 0) || (rc = ixhy_wrhdr(h)) < 0 ||
+        (rc = ixhy_write(h, zeros.data(), keylen, sizeof d)) < 0 || (rc = opentree(h, BT_OCREATE, keylen)) < 0) {
         ixhyabort(h);
         return rc < 0 ? rc : IX_OPENFAIL;
     }
@@ -735,13 +761,14 @@ rctype ixhyfind(IXH_HEADER_B* h, const void* value, hs_obsno_t obs_no, hs_obsno_
     if (rc != 0) return rc < 0 ? rc : 1;
     IXHYBRID_UNIQ_BTDATA_D u;
     memcpy(&u, d.data, sizeof u);
+    if (u.obs_no == 0) return 1;  // deleted
     *obsret = u.obs_no;
     return u.obs_no != obs_no ? 0 : 1;
 }
 
-rctype ixhyfin(IXH_HEADER_B* h, IXH_STATS* stats) {
-    rctype rc = ixhy_prepare_for_append(h);
-    if (rc == 0 && h->need_to_flush && !h->add_error && !h->is_seg_overflow) {
+rctype ixhy_flush_append(IXH_HEADER_B* h) {
+    rctype rc = 0;
+    if (h->need_to_flush && !h->add_error && !h->is_seg_overflow) {
         if (h->ventry) {
             IXH_VENTRY_B* v = h->ventry;
             h->ventry = nullptr;
@@ -758,20 +785,51 @@ rctype ixhyfin(IXH_HEADER_B* h, IXH_STATS* stats) {
                 n = next;
             }
         }
+        h->need_to_flush = 0;
+    }
+    if (rc == 0 && h->bstate == IXH_APPEND) h->bstate = IXH_INITIAL;
+    return rc;
+}
+
+namespace {
+
+bool deletedrec(IXH_HEADER_B* h, const DBT& d) {
+    if (unique(h)) {
+        IXHYBRID_UNIQ_BTDATA_D u;
+        memcpy(&u, d.data, sizeof u);
+        return u.obs_no == 0;
+    }
+    IXHYBRID_BTDATA_D b;
+    memcpy(&b, d.data, sizeof b);
+    return ixbt_bm_type(b) == Bm_Deleted;
+}
+
+// The first (or last) value that has rows into key; false when none has.
+bool endvalue(IXH_HEADER_B* h, bool last, char* key) {
+    DBT k, d;
+    for (rctype rc = h->db_ptr->seq(h->db_ptr, &k, &d, last ? R_LAST : R_FIRST); rc == 0;
+         rc = h->db_ptr->seq(h->db_ptr, &k, &d, last ? R_PREV : R_NEXT)) {
+        if (deletedrec(h, d)) continue;
+        if (key) memcpy(key, k.data, h->keylen);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+rctype ixhyfin(IXH_HEADER_B* h, IXH_STATS* stats) {
+    rctype rc = 0;
+    if (h->bstate == IXH_UPDATE) {
+        rc = ixhy_flush_update(h);
+        if (rc < 0) h->upd_failed = 1;
+    } else {
+        rc = ixhy_prepare_for_append(h);
+        if (rc == 0) rc = ixhy_flush_append(h);
     }
     bool good = rc == 0 && !h->add_error && !h->is_seg_overflow;
-    // The lowest and highest values, while the tree is open.
-    if (good && stats) {
-        stats->has_minmax = 0;
-        DBT k, d;
-        if (h->db_ptr->seq(h->db_ptr, &k, &d, R_FIRST) == 0) {
-            if (stats->minkey) memcpy(stats->minkey, k.data, h->keylen);
-            if (h->db_ptr->seq(h->db_ptr, &k, &d, R_LAST) == 0) {
-                if (stats->maxkey) memcpy(stats->maxkey, k.data, h->keylen);
-                stats->has_minmax = 1;
-            }
-        }
-    }
+    // The lowest and highest values with rows, while the tree is open.
+    if (good && stats) stats->has_minmax = endvalue(h, false, stats->minkey) && endvalue(h, true, stats->maxkey);
     h->db_ptr->internal->header.state = good ? IX_CLEAN : IX_DIRTY;
     rctype crc = h->db_ptr->close(h->db_ptr, -1, nullptr, 1);
     h->db_ptr = nullptr;
@@ -780,21 +838,24 @@ rctype ixhyfin(IXH_HEADER_B* h, IXH_STATS* stats) {
         if (rc == 0) rc = IX_CLOSEFAIL;
     }
     IXH_HEADER_D& d = h->disk;
+    // Changes alone leave the rows covered as they were; appends and a truncate set them.
+    bool moved = h->did_append || h->is_truncate;
+    hs_obsno_t covered = moved ? h->last_obsno : h->start_obsno - 1;
     if (good) {
-        d.n_segs = h->last_obsno > 0 ? static_cast<int32_t>((h->last_obsno - 1) / seglen(h) + 1) : 0;
+        if (moved) d.n_segs = covered > 0 ? static_cast<int32_t>((covered - 1) / seglen(h) + 1) : 0;
         d.common.state = IX_CLEAN;
         d.dstate = IXH_GOOD;
     } else {
         rctype why = rc ? rc : h->add_error ? h->add_error : IX_SEGOVERFLOW;
-        if (crc < 0 || h->is_seg_overflow || why == IX_NOREPAIR) d.dstate = IXH_CANNOT_BE_REPAIRED;
+        if (crc < 0 || h->is_seg_overflow || h->upd_failed || why == IX_NOREPAIR) d.dstate = IXH_CANNOT_BE_REPAIRED;
         else if (h->n_good_appends > 0) d.dstate = IXH_PARTIAL_REPAIR;
         else d.dstate = IXH_FULL_REPAIR;
         if (rc == 0) rc = why;
     }
-    rctype hrc = ixhywrhdr(h);
+    rctype hrc = ixhy_wrhdr(h);
     if (rc == 0) rc = hrc;
     if (stats) {
-        stats->rows = rc == 0 ? h->last_obsno : h->start_obsno - 1;
+        stats->rows = rc == 0 ? covered : h->start_obsno - 1;
         stats->n_values = d.n_values;
     }
     freehandle(h);
@@ -806,7 +867,7 @@ rctype ixhyabort(IXH_HEADER_B* h) {
     if (h->bstate != IXH_INITIAL) {
         h->disk.dstate = IXH_CANNOT_BE_REPAIRED;
         h->disk.common.state = IX_DIRTY;
-        rc = ixhywrhdr(h);
+        rc = ixhy_wrhdr(h);
     }
     if (h->db_ptr) {
         __bt_abort(h->db_ptr);

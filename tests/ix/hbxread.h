@@ -33,7 +33,9 @@ struct Hbx {
     std::string f;
     int64_t segsize = 0;
     int32_t keylen = 0, maxlist = 0, bmsize = 0, state = 0, dstate = 0, unique = 0;
-    int64_t nvalues = 0;
+    int64_t nvalues = 0, nchunks = 0, nsegl = 0, nvdeletes = 0;
+    // What the reader met: chunks, values with chunks, values marked deleted.
+    int64_t seenchunks = 0, seensegl = 0, seendeleted = 0;
     explicit Hbx(const std::string& path) : f(vrtatest::readFile(path)) {
         EXPECT_GE(f.size(), 536u);
         EXPECT_EQ(1000, at<int32_t>(f, 0));
@@ -46,6 +48,9 @@ struct Hbx {
         EXPECT_EQ(1, at<int32_t>(f, 56));
         dstate = at<int32_t>(f, 60);
         nvalues = at<int64_t>(f, 72);
+        nsegl = at<int64_t>(f, 32);
+        nchunks = at<int64_t>(f, 40);
+        nvdeletes = at<int64_t>(f, 288);
         bmsize = static_cast<int32_t>(((segsize + 7) / 8 + 3) / 4 * 4);
     }
     // The rows of one stored segment.
@@ -100,11 +105,16 @@ struct Hbx {
         // A list holds up to maxlist rows; more make a map.
         EXPECT_GT(n, maxlist);
     }
-    // The rows of a value from its B-tree record.
+    // The rows of a value from its B-tree record; none for a value marked
+    // deleted (row 0 in a unique index's record, form 5 and nothing else in
+    // the others).
     Rows rows(const void* btdata, size_t len) {
         Rows out;
         if (len == 8) {
-            out.insert(at<int64_t>(std::string(static_cast<const char*>(btdata), 8), 0));
+            int64_t r = at<int64_t>(std::string(static_cast<const char*>(btdata), 8), 0);
+            EXPECT_GE(r, 0);
+            if (r == 0) ++seendeleted;
+            else out.insert(r);
             return out;
         }
         std::string b(static_cast<const char*>(btdata), 24);
@@ -113,6 +123,12 @@ struct Hbx {
         uint32_t bits = at<uint32_t>(b, 20);
         int32_t high = bits & 0x7ffffff;
         int one = (bits >> 27) & 1, type = bits >> 29;
+        if (type == 5) {
+            EXPECT_EQ(std::string(20, '\0'), b.substr(0, 20));
+            EXPECT_EQ(5u << 29, bits);
+            ++seendeleted;
+            return out;
+        }
         if (one) {
             segrows(high, type, type == 4 ? obs : segs, loc, &out);
         } else {
@@ -135,9 +151,12 @@ struct Hbx {
                 }
                 below = lo;
                 count += n;
+                ++seenchunks;
                 c = at<int64_t>(f, c);
             }
             EXPECT_EQ(segs, count);
+            EXPECT_GE(count, 2);
+            ++seensegl;
         }
         if (one && type == 4) EXPECT_EQ(1u, out.size());
         else EXPECT_EQ(obs, static_cast<int64_t>(out.size())) << "row count";
@@ -147,7 +166,7 @@ struct Hbx {
 
 // Every value of the index, from its B-tree (read through the tree's own
 // code, tested elsewhere) and its .hbx file (read here).
-inline Model readindex(DA_IDX* idx, const std::string& hbxpath) {
+inline Model readindex(DA_IDX* idx, const std::string& hbxpath, Hbx* seen = nullptr) {
     Model m;
     Hbx h(hbxpath);
     BTREEINFO info{};
@@ -158,8 +177,12 @@ inline Model readindex(DA_IDX* idx, const std::string& hbxpath) {
     EXPECT_EQ(0, __bt_open(idx, BT_OREAD, &info, nullptr, &db, 1));
     DBT k, d;
     for (rctype rc = db->seq(db, &k, &d, R_FIRST); rc == 0; rc = db->seq(db, &k, &d, R_NEXT))
-        m[std::string(static_cast<char*>(k.data), k.size)] = h.rows(d.data, d.size);
+    {
+        Rows r = h.rows(d.data, d.size);
+        if (!r.empty()) m[std::string(static_cast<char*>(k.data), k.size)] = r;
+    }
     db->close(db, -1, nullptr, 1);
+    if (seen) *seen = h;
     return m;
 }
 
