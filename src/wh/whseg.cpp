@@ -3,8 +3,10 @@
 // gathered, so that a scan reads no other segment. Every row read is still
 // tested with the INDEX tree joined to the row test: a list only has to hold
 // every segment with a match, and may hold more.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 #include <string>
 #include <vector>
 
@@ -189,20 +191,88 @@ rctype leafsegs(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue) {
     return 0;
 }
 
+// A plain compare of one column with a literal, its index open: the kind of
+// leaf two of which make a range.
+bool rangeend(const SQLOP* n, bool low) {
+    if (!n || !n->nodeinfo) return false;
+    const WH_IDX& x = n->nodeinfo->idx;
+    if (x.status != WH_XST_ALL || x.ntype != WH_XNT_COMPARELIT || (x.flags & 0x2) || !(x.flags & 0x10) || !x.ixh ||
+        !x.xkeystr || !x.name || !x.valu)
+        return false;
+    return low ? (n->code == OP_CGT || n->code == OP_CGE) : (n->code == OP_CLT || n->code == OP_CLE);
+}
+
+bool sameindex(const SQLOP* a, const SQLOP* b) {
+    const da_keystr_t* ka = a->nodeinfo->idx.xkeystr;
+    const da_keystr_t* kb = b->nodeinfo->idx.xkeystr;
+    return ka == kb || (ka->name_l == kb->name_l && strncasecmp(ka->name, kb->name, ka->name_l) == 0);
+}
+
+// The segments of both ends of a range on one index at once: each end alone
+// may touch most segments (and so answer all of them) where the range
+// between them touches few.
+rctype rangesegs(WH_HANDLE* wh, SQLOP* lo, SQLOP* hi, ix_list_t** list, bool* alltrue) {
+    *list = nullptr;
+    *alltrue = true;
+    const WH_IDX& lx = lo->nodeinfo->idx;
+    const WH_IDX& hx = hi->nodeinfo->idx;
+    IX_INDEX_T* ix = lx.ixh;
+    std::string lv, hv;
+    if (!rowvalue(wh, lx.name, lx.valu, lv) || !rowvalue(wh, hx.name, hx.valu, hv)) return 0;
+    KeyedOp lk, hk;
+    int llen = 0, hlen = 0;
+    if (rctype rc = makekey(ix, {&lv}, lk, &llen); rc < 0) return rc;
+    if (rctype rc = makekey(ix, {&hv}, hk, &hlen); rc < 0) return rc;
+    IX_SEGOP_T l{}, h{};
+    l.value = lk.key.data();
+    l.op = relation(lo->code);
+    l.v_length = llen;
+    h.value = hk.key.data();
+    h.op = relation(hi->code);
+    h.v_length = hlen;
+    IX_SEGSTATS_T st{};
+    if (rctype rc = ix->fp.prepnt(ix->ix_private, &l, &h, 1, &st); rc < 0) {
+        wh_trap_error("gatherseglists", __LINE__, rc);
+        return WH_RC_TRAPPED;
+    }
+    *list = l.hy_list;
+    *alltrue = *list == nullptr;
+    tracesegs(wh, lx, *alltrue, st);
+    return 0;
+}
+
 rctype gather(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue, int depth) {
     *list = nullptr;
     *alltrue = true;
     if (!n || !n->nodeinfo || depth > WH_MAXDEPTH) return WH_RC_BADTREE;
     if (!isandor(n)) return leafsegs(wh, n, list, alltrue);
     bool islor = n->code == OP_LOR;
+    int narg = n->u.node.narg;
+    // Under AND, a low end and a high end on one index are asked as one
+    // range: partner[i] is the high end of low end i, -2 a high end taken.
+    std::vector<int> partner(static_cast<size_t>(std::max(narg, 0)), -1);
+    for (int i = 0; !islor && i < narg; i++) {
+        SQLOP* c = get_child(n, i);
+        if (!rangeend(c, true)) continue;
+        for (int j = 0; j < narg; j++) {
+            SQLOP* d = get_child(n, j);
+            if (partner[j] == -1 && rangeend(d, false) && sameindex(c, d)) {
+                partner[i] = j;
+                partner[j] = -2;
+                break;
+            }
+        }
+    }
     ix_list_t* run = nullptr;
     bool any = false;
-    for (int i = 0; i < n->u.node.narg; i++) {
+    for (int i = 0; i < narg; i++) {
         SQLOP* c = get_child(n, i);
-        if (!c || !c->nodeinfo || c->nodeinfo->idx.status != WH_XST_ALL) continue;
+        if (!c || !c->nodeinfo || c->nodeinfo->idx.status != WH_XST_ALL || partner[i] == -2) continue;
         ix_list_t* cl = nullptr;
         bool call = true;
-        if (rctype rc = gather(wh, c, &cl, &call, depth + 1)) {
+        rctype grc = partner[i] >= 0 ? rangesegs(wh, c, get_child(n, partner[i]), &cl, &call)
+                                     : gather(wh, c, &cl, &call, depth + 1);
+        if (rctype rc = grc) {
             if (run) ixfreel(run);
             return rc;
         }

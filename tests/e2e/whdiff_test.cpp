@@ -742,6 +742,10 @@ TEST(WhDiff, SegmentListsSkipSegments) {
         {"k > 60000", 0, [](double k, double) { return k > 60000; }},
         {"k = 30000 or g = 1", -1, [](double k, double g) { return k == 30000 || g == 1; }},
         {"k >= 16385 and k < 16390", 1, [](double k, double) { return k >= 16385 && k < 16390; }},
+        // Each end alone touches 6 of 7 segments, over the 75% a list may
+        // have; the range between them is asked as one and touches 5.
+        {"k > 8192 and k <= 49152", 5, [](double k, double) { return k > 8192 && k <= 49152; }},
+        {"k < 49153 and g = 2 and k >= 8193", 5, [](double k, double g) { return k < 49153 && g == 2 && k >= 8193; }},
     };
     for (const Case& c : cases) {
         void* wire = nullptr;
