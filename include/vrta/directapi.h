@@ -279,10 +279,71 @@ VRTA_API int spworkpath(int flags, int* npath, char*** ppvec);
 VRTA_API int spworkfree(int npath, char** ppvec);
 VRTA_API int sptmpdomain(char* tmpdom, int* tmpdomlen);
 
+/* An index of an open table read directly. spixopen: ixname_l below 0
+ * means strlen; an index that is not there gives 0x80000225, one that must
+ * be rebuilt or that a writer left unfinished 0x80000527; mmap is accepted
+ * and changes nothing. spixinfo describes the table's ixno-th index (from 0).
+ * spixsync takes in what another opener added to the index. spixkey makes
+ * the key bytes of a row image (the index's columns at their places), for
+ * SP_VALUE; keylen bytes, comparable by memcmp. */
+typedef struct SPIXINFO {
+    int16_t name_l;
+    char name[33];
+    int32_t type;
+    int32_t flags;  /* the index's keyflags */
+    int32_t keylen;
+    int32_t nvars;
+    int32_t nvar0[64]; /* 1-based columns */
+} SPIXINFO;
+typedef SPIXINFO spixinfo_t;
+VRTA_API int spixopen(void* vfid, const char* ixname, int ixname_l, int mmap, void** newix);
+VRTA_API int spixclose(void* vixp);
+VRTA_API int spixinfo(void* vfid, int ixno, spixinfo_t* ixinfo);
+VRTA_API int spixsync(void* vixp);
+VRTA_API int spixkey(void* vixp, const void* row, void* key);
+
+/* One end of a key range: valp the key bytes (spixkey), len of them (fewer
+ * than the key's for its leading columns), op a relation below. */
+#define SP_IXEQ 0
+#define SP_IXNE 1
+#define SP_IXGT 2
+#define SP_IXGE 3
+#define SP_IXLT 4
+#define SP_IXLE 5
+typedef struct SP_VALUE {
+    const void* valp;
+    int len;
+    int op;
+} SP_VALUE;
+
 /* The row pointer cursor: bufsize / (row length + 8) rows a call, by row
- * number, within startobs..endobs (0 for no bound). */
+ * number, within startobs..endobs (0 for no bound).
+ * spptset: the rows of the keys from lo (op SP_IXGT or SP_IXGE) to hi
+ * (SP_IXLT or SP_IXLE), either null for an open end; spptget then copies
+ * them to obsbuf in key order (rows of one key in row order): 0 with
+ * *numobs rows, 1284 when there are no more. Deleted rows are passed over.
+ * spptmark: the same, delivery starting at row markobs (rows before it in
+ * key order are passed over; none when markobs is not in the range).
+ * spptgetlist: every row of the range at once as a list the cursor keeps
+ * (until the next spptset, spptmark, spptgetlist or spfreept); spptreadlist
+ * reads its rows in row order as spptget does.
+ * spptinfo: SP_PTROWS int64 rows delivered, SP_PTASKED int64 row numbers
+ * the index gave, SP_PTDROPPED int64 of those passed over as deleted,
+ * SP_PTEOF int32, SP_PTOBSVEC int64_t* the numbers of the rows last
+ * delivered. */
+#define SP_PTROWS 0
+#define SP_PTASKED 1
+#define SP_PTDROPPED 2
+#define SP_PTEOF 3
+#define SP_PTOBSVEC 4
 VRTA_API int spnewpt(void* vfid, long bufsize, int64_t startobs, int64_t endobs, void** newpnt);
 VRTA_API int spfreept(void* vpnt);
+VRTA_API int spptset(void* vpnt, void* vixp, const SP_VALUE* lo, const SP_VALUE* hi);
+VRTA_API int spptmark(void* vpnt, void* vixp, const SP_VALUE* lo, const SP_VALUE* hi, int64_t markobs);
+VRTA_API int spptget(void* vpnt, void* obsbuf, long* numobs);
+VRTA_API int spptinfo(void* vpnt, int what, void* where);
+VRTA_API int spptgetlist(void* vpnt, void** bitmap);
+VRTA_API int spptreadlist(void* vpnt, void* bitmap, void* obsbuf, long* numobs);
 
 /* Indexes of a table. vrtaidxcreate builds a hybrid index over the
  * table's columns (1-based), through a sort that spills to the work path

@@ -38,6 +38,7 @@ rctype sp_initpnt(size_t strsize, void* vfid, long bufsize, int64_t startobs, in
     if (!mem) return SP_NOMEM;
     auto* p = reinterpret_cast<SP_PNT*>(mem);
     p->spfid = s;
+    p->eof = 1;  // nothing to read before a range is set
     p->bufsize = bufsize;
     p->obsperbuf = obsperbuf;
     auto* v = reinterpret_cast<int64_t*>(mem + head);
@@ -47,8 +48,8 @@ rctype sp_initpnt(size_t strsize, void* vfid, long bufsize, int64_t startobs, in
     p->iobufsize = static_cast<long>(iobufsize);
     p->rows = mem + head + vecs;
     if (startobs >= 2 || endobs >= 1) {
-        p->bounds.lo = startobs >= 1 ? startobs : 1;
-        p->bounds.hi = endobs >= 1 ? endobs : INT64_MAX;
+        p->bounds.first = startobs >= 1 ? startobs : 1;
+        p->bounds.last = endobs >= 1 ? endobs : INT64_MAX;
         p->bp = &p->bounds;
     }
     DA_IOCB* iocb = nullptr;
@@ -83,6 +84,7 @@ int spnewpt(void* vfid, long bufsize, int64_t startobs, int64_t endobs, void** n
 int spfreept(void* vpnt) {
     auto* p = static_cast<SP_PNT*>(vpnt);
     if (!p) return DA_BADARG;
+    if (p->list) ixfreel(p->list);
     rctype rc = p->iocb ? p->iocb->mt->freeiocb(p->iocb) : 0;
     std::free(p);
     return rc;
