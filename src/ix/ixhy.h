@@ -6,6 +6,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "ix/bm.h"
 #include "ix/bt.h"
@@ -246,5 +247,8 @@ rctype ixhy_rdhdr(DA_IDX* hbx, IXH_HEADER_D* header, int options);
 // order; *n set, the array malloc'ed (free it).
 rctype ixhy_value_segs(DA_IDX* hbx, const IXH_HEADER_D* hdr, const IXHYBRID_BTDATA_D* bt, IXH_ST_ENTRY_D** segs,
                        int64_t* n);
+// The same into out (its memory kept from call to call).
+rctype ixhy_value_segv(DA_IDX* hbx, const IXH_HEADER_D* hdr, const IXHYBRID_BTDATA_D* bt,
+                       std::vector<IXH_ST_ENTRY_D>* out);
 
 }  // namespace vrta

@@ -27,7 +27,7 @@ const char TRACEFILE[] = "ix/src/ixhyglob";
 
 // The cursor of a global scan.
 struct IXH_GLOBAL_R {
-    ix_list_t* glist;                 // rows of the current value (listed)
+    ix_list_t* glist;                 // rows of the segment in hand (inseg), or of the value for ggetlist
     std::vector<unsigned char> hival; // upper bound, hilen bytes; empty: none
     int hicomp;
     int hilen;
@@ -37,7 +37,10 @@ struct IXH_GLOBAL_R {
     int include_deleted;
     std::vector<unsigned char> last_val;
     hs_obsno_t startobs, endobs, nobs;
-    bool listed;                      // glist holds the current value's rows, cursor in it
+    bool listed;                      // ents holds the current value's entries, ei the next
+    std::vector<IXH_ST_ENTRY_D> ents;
+    size_t ei;
+    bool inseg;                       // glist holds the segment of entry ei - 1, cursor in it
     uint64_t steps;                   // slot 0's cursor moves after our last step
 };
 
@@ -78,7 +81,7 @@ void takevalue(IXH_GLOBAL_R* g, const Seq& q) {
 rctype ixhy_seq_next(IXH_HEADER_R* h, IXH_GLOBAL_R* g) {
     if (!g->has_data) return 1;
     ixclearl(g->glist);
-    g->listed = false;
+    g->listed = g->inseg = false;
     memcpy(g->last_val.data(), g->cur_val.data(), g->cur_val.size());
     Seq q;
     q.h = h;
@@ -123,10 +126,10 @@ rctype ixhy_get_cursor_value_seglist(IXH_HEADER_R* h, IXH_GLOBAL_R* g, const IX_
         if (bounds->last < 1) return 0;
         hi = std::min<int64_t>(hi, (bounds->last - 1) / ss);
     }
-    std::vector<IXH_ST_ENTRY_D> segs;
-    rctype rc = valuesegs(h, g->cur_data, &segs);
+    rctype rc = valuesegs(h, g->cur_data, &g->ents);
+    g->listed = false;
     if (rc < 0) return rc;
-    for (const IXH_ST_ENTRY_D& e : segs) {
+    for (const IXH_ST_ENTRY_D& e : g->ents) {
         int32_t s = ixste_seg_no(e);
         if (s < lo || s > hi) continue;
         rc = ixaddseg(g->glist, diskof(e, static_cast<hs_obsno_t>(s) * ss + 1));
@@ -189,7 +192,8 @@ rctype ixhy_get_cursor_value_range(IXH_HEADER_R* h, IXH_GLOBAL_R* g, int obsrang
         g->nobs = 1;
         return 0;
     }
-    std::vector<IXH_ST_ENTRY_D> segs;
+    std::vector<IXH_ST_ENTRY_D>& segs = g->ents;
+    g->listed = false;
     rctype rc = valuesegs(h, d, &segs);
     if (rc < 0) return rc;
     g->startobs = g->endobs = g->nobs = 0;
@@ -244,7 +248,7 @@ rctype settle(IXH_HEADER_R* h, IXH_GLOBAL_R* g) {
 rctype endscan(IXH_GLOBAL_R* g, rctype rc) {
     if (rc < 0) {
         g->has_data = 0;
-        g->listed = false;
+        g->listed = g->inseg = false;
         ixclearl(g->glist);
     }
     return rc;
@@ -319,15 +323,11 @@ rctype ixhyggetpnt(void* vh, const IX_BOUNDS_T* bounds, void* values, hs_obsno_t
             hs_obsno_t r = g->cur_data.obs_data;
             if (inbounds(bounds, r) && onevisible(h, g->cur_data)) obsno[n] = r, got = 1;
             done = true;
-        } else {
-            if (!g->listed) {
-                if ((rc = ixhy_get_cursor_value_seglist(h, g, bounds)) < 0) return endscan(g, rc);
-                g->listed = true;
-            }
+        } else if (g->inseg) {
             got = room - n;
             rc = ixrtrve(g->glist, obsno + n, &got);
             if (rc < 0) return endscan(g, rc);
-            done = rc == 1;
+            g->inseg = rc == 0;
             // Rows rise: those below first are dropped, one past last ends the value.
             int64_t keep = 0;
             for (int64_t i = 0; i < got; ++i) {
@@ -339,6 +339,36 @@ rctype ixhyggetpnt(void* vh, const IX_BOUNDS_T* bounds, void* values, hs_obsno_t
                 if (inbounds(bounds, r)) obsno[n + keep++] = r;
             }
             got = keep;
+        } else {
+            if (!g->listed) {
+                if ((rc = valuesegs(h, g->cur_data, &g->ents)) < 0) return endscan(g, rc);
+                g->listed = true;
+                g->ei = 0;
+                // Entries of segments before first are passed over.
+                if (bounds)
+                    while (g->ei < g->ents.size() &&
+                           (static_cast<hs_obsno_t>(ixste_seg_no(g->ents[g->ei])) + 1) * segsize(h) < bounds->first)
+                        ++g->ei;
+            }
+            if (g->ei == g->ents.size()) {
+                done = true;
+            } else {
+                const IXH_ST_ENTRY_D& e = g->ents[g->ei++];
+                hs_obsno_t base = static_cast<hs_obsno_t>(ixste_seg_no(e)) * segsize(h) + 1;
+                if (bounds && base > bounds->last) {
+                    done = true;
+                } else if (ixste_bm_type(e) == Bm_One_Bit_Set) {
+                    // A row kept in the entry itself: no list to make.
+                    if (inbounds(bounds, e.data)) obsno[n] = e.data, got = 1;
+                } else {
+                    ixclearl(g->glist);
+                    ixbindl(g->glist, h->iid, segsize(h));
+                    rc = ixaddseg(g->glist, diskof(e, base));
+                    if (rc != 0) return endscan(g, rc < 0 ? rc : hs_trace_error(TRACEFILE, __LINE__, IX_INCONSIST));
+                    ixrwndl(g->glist);
+                    g->inseg = true;
+                }
+            }
         }
         if (vals)
             for (int64_t i = 0; i < got; ++i) memcpy(vals + static_cast<size_t>(n + i) * kl, g->cur_val.data(), kl);

@@ -265,13 +265,15 @@ rctype valuesegs(IXH_HEADER_R* h, const IXHYBRID_BTDATA_D& bt, std::vector<IXH_S
         if (ixbt_high_segno(bt) < h->disk.n_segs) out->push_back(e);
         return 0;
     }
-    IXH_ST_ENTRY_D* segs = nullptr;
-    int64_t n = 0;
-    rctype rc = ixhy_value_segs(h->iid, &h->disk, &bt, &segs, &n);
+    rctype rc;
+    try {
+        rc = ixhy_value_segv(h->iid, &h->disk, &bt, out);
+    } catch (const std::bad_alloc&) {
+        rc = IX_NOMEM;
+    }
     if (rc < 0) return rc;
-    for (int64_t i = 0; i < n; ++i)
-        if (ixste_seg_no(segs[i]) < h->disk.n_segs) out->push_back(segs[i]);
-    free(segs);
+    // Rising: what lies past the reader's segments is at the end.
+    while (!out->empty() && ixste_seg_no(out->back()) >= h->disk.n_segs) out->pop_back();
     return 0;
 }
 

@@ -514,80 +514,6 @@ std::map<std::string, Rows> readback(IX_INDEX_T* ix, const std::map<std::string,
 
 // The writers' handle: rows added in blocks, then rows appended to the table
 // and to the index; what the readers find is the table.
-TEST(IndexScan, WritersHandleMakesWhatReadersRead) {
-    Table t;
-    ASSERT_NO_FATAL_FAILURE(maketable(&t, 1500, 64, 40, 21, false));
-    ASSERT_EQ(0, darclos(t.fp));
-    DA_OPNSTR o = request("t", DA_OMUTIL);
-    t.fp = nullptr;
-    ASSERT_GE(daopen(t.lp, &o, &t.fp), 0);
-    int32_t col = 1;
-    IX_FILE_T* f = nullptr;
-    EXPECT_EQ(IX_BADOPTS, ixcreat(t.fp, "w", IX_KHYBRID, 1, &col, nullptr, nullptr, 1, &f)) << "hybrid needs the plain tree";
-    EXPECT_EQ(IX_BADOPTS, ixcreat(t.fp, "w", IX_KCONTINUOUS | IX_KPLAIN, 1, &col, nullptr, nullptr, 1, &f));
-    EXPECT_EQ(IX_BADOPTS, ixcreat(t.fp, "w", IX_KHYBRID | IX_KPLAIN, 1, &col, nullptr, nullptr, 0, &f));
-    // A unique index over values that repeat: the add says so, the abort leaves nothing.
-    ASSERT_EQ(0, ixcreat(t.fp, "u", IX_KHYBRID | IX_KPLAIN | IX_KUNIQUE, 1, &col, nullptr, nullptr, 1, &f));
-    int64_t n = 1500;
-    EXPECT_EQ(IX_DUPKEY, f->fp.add(f, t.rows.data(), 1, &n));
-    EXPECT_LT(n, 1500);
-    EXPECT_EQ(0, f->fp.abort(f));
-    DA_KEYSTR ks{};
-    EXPECT_LT(t.fp->mt->queryicb(t.fp, "u", &ks), 0) << "an aborted new index is gone";
-    // Rows in blocks of 100.
-    ASSERT_EQ(0, ixcreat(t.fp, "w", IX_KHYBRID | IX_KPLAIN, 1, &col, nullptr, nullptr, 2, &f));
-    EXPECT_EQ(IX_BADOPTS, f->fp.del(f, t.rows.data(), 1));
-    EXPECT_EQ(IX_BADOPTS, f->fp.flush(f, 0));
-    for (int64_t r = 1; r <= 1500; r += 100) {
-        int64_t k = 100;
-        ASSERT_EQ(0, f->fp.add(f, t.rows.data() + (r - 1) * ROWLEN, r, &k));
-        EXPECT_EQ(100, k);
-    }
-    ASSERT_EQ(0, f->fp.finish(f));
-    ASSERT_EQ(0, darclos(t.fp));
-    o = request("t", DA_OMINPUT);
-    t.fp = nullptr;
-    ASSERT_EQ(0, daopen(t.lp, &o, &t.fp));
-    IX_INDEX_T* ix = nullptr;
-    ASSERT_EQ(0, ixopen(t.fp, "w", 0, 1, nullptr, &ix));
-    auto want = keys(t, ix);
-    EXPECT_EQ(want, readback(ix, want, 64));
-    ASSERT_EQ(0, ixclose(ix));
-    // 300 rows more, then the index takes them.
-    ASSERT_EQ(0, darclos(t.fp));
-    o = request("t", DA_OMUPDATE);
-    t.fp = nullptr;
-    ASSERT_GE(daopen(t.lp, &o, &t.fp), 0);
-    std::vector<char> more(300 * ROWLEN);
-    for (int i = 0; i < 300; ++i) {
-        double d = static_cast<double>(i % 45);
-        memcpy(more.data() + i * ROWLEN, &d, 8);
-        memcpy(more.data() + i * ROWLEN + 8, "mnopqrstuvwx", 12);
-    }
-    ASSERT_EQ(0, dawrobs(t.fp, 1501, more.data(), 300));
-    t.rows.insert(t.rows.end(), more.begin(), more.end());
-    t.numobs = 1800;
-    ASSERT_EQ(0, ixappnd(t.fp, "w", 0, nullptr, 1, &f));
-    int64_t k = 300;
-    ASSERT_EQ(0, f->fp.add(f, more.data(), 1501, &k));
-    ASSERT_EQ(0, f->fp.finish(f));
-    ASSERT_EQ(0, darclos(t.fp));
-    o = request("t", DA_OMINPUT);
-    t.fp = nullptr;
-    rctype orc = daopen(t.lp, &o, &t.fp);
-    DA_KEYSTR wk{};
-    ASSERT_EQ(0, t.fp->mt->queryicb(t.fp, "w", &wk));
-    // "ix" of the first build is behind now; "w" is up to date again.
-    ASSERT_EQ(DA_IDXREBUILD, orc);
-    EXPECT_EQ(0u, wk.checks);
-    EXPECT_EQ(1800, wk.highobs);
-    EXPECT_EQ(IX_NEEDREPAIR, ixopen(t.fp, "ix", 0, 1, nullptr, &ix));
-    ASSERT_EQ(0, ixopen(t.fp, "w", 0, 1, nullptr, &ix));
-    want = keys(t, ix);
-    EXPECT_EQ(want, readback(ix, want, 64));
-    ASSERT_EQ(0, ixclose(ix));
-}
-
 // ---------------------------------------------------------------- global scan
 
 namespace {
@@ -674,6 +600,85 @@ double rowvalue(const Table& t, int64_t r) {
 }
 
 }  // namespace
+
+TEST(IndexScan, WritersHandleMakesWhatReadersRead) {
+    Table t;
+    ASSERT_NO_FATAL_FAILURE(maketable(&t, 1500, 64, 40, 21, false));
+    ASSERT_EQ(0, darclos(t.fp));
+    DA_OPNSTR o = request("t", DA_OMUTIL);
+    t.fp = nullptr;
+    ASSERT_GE(daopen(t.lp, &o, &t.fp), 0);
+    int32_t col = 1;
+    IX_FILE_T* f = nullptr;
+    EXPECT_EQ(IX_BADOPTS, ixcreat(t.fp, "w", IX_KHYBRID, 1, &col, nullptr, nullptr, 1, &f)) << "hybrid needs the plain tree";
+    EXPECT_EQ(IX_BADOPTS, ixcreat(t.fp, "w", IX_KCONTINUOUS | IX_KPLAIN, 1, &col, nullptr, nullptr, 1, &f));
+    EXPECT_EQ(IX_BADOPTS, ixcreat(t.fp, "w", IX_KHYBRID | IX_KPLAIN, 1, &col, nullptr, nullptr, 0, &f));
+    // A unique index over values that repeat: the add says so, the abort leaves nothing.
+    ASSERT_EQ(0, ixcreat(t.fp, "u", IX_KHYBRID | IX_KPLAIN | IX_KUNIQUE, 1, &col, nullptr, nullptr, 1, &f));
+    int64_t n = 1500;
+    EXPECT_EQ(IX_DUPKEY, f->fp.add(f, t.rows.data(), 1, &n));
+    EXPECT_LT(n, 1500);
+    EXPECT_EQ(0, f->fp.abort(f));
+    DA_KEYSTR ks{};
+    EXPECT_LT(t.fp->mt->queryicb(t.fp, "u", &ks), 0) << "an aborted new index is gone";
+    // Rows in blocks of 100.
+    ASSERT_EQ(0, ixcreat(t.fp, "w", IX_KHYBRID | IX_KPLAIN, 1, &col, nullptr, nullptr, 2, &f));
+    EXPECT_EQ(IX_BADOPTS, f->fp.del(f, t.rows.data(), 1));
+    EXPECT_EQ(IX_BADOPTS, f->fp.flush(f, 0));
+    for (int64_t r = 1; r <= 1500; r += 100) {
+        int64_t k = 100;
+        ASSERT_EQ(0, f->fp.add(f, t.rows.data() + (r - 1) * ROWLEN, r, &k));
+        EXPECT_EQ(100, k);
+    }
+    ASSERT_EQ(0, f->fp.finish(f));
+    ASSERT_EQ(0, darclos(t.fp));
+    o = request("t", DA_OMINPUT);
+    t.fp = nullptr;
+    ASSERT_EQ(0, daopen(t.lp, &o, &t.fp));
+    IX_INDEX_T* ix = nullptr;
+    ASSERT_EQ(0, ixopen(t.fp, "w", 0, 1, nullptr, &ix));
+    auto want = keys(t, ix);
+    EXPECT_EQ(want, readback(ix, want, 64));
+    ASSERT_EQ(0, ixclose(ix));
+    // 300 rows more, then the index takes them.
+    ASSERT_EQ(0, darclos(t.fp));
+    o = request("t", DA_OMUPDATE);
+    t.fp = nullptr;
+    ASSERT_GE(daopen(t.lp, &o, &t.fp), 0);
+    std::vector<char> more(300 * ROWLEN);
+    for (int i = 0; i < 300; ++i) {
+        double d = static_cast<double>(i % 45);
+        memcpy(more.data() + i * ROWLEN, &d, 8);
+        memcpy(more.data() + i * ROWLEN + 8, "mnopqrstuvwx", 12);
+    }
+    ASSERT_EQ(0, dawrobs(t.fp, 1501, more.data(), 300));
+    t.rows.insert(t.rows.end(), more.begin(), more.end());
+    t.numobs = 1800;
+    ASSERT_EQ(0, ixappnd(t.fp, "w", 0, nullptr, 1, &f));
+    int64_t k = 300;
+    ASSERT_EQ(0, f->fp.add(f, more.data(), 1501, &k));
+    ASSERT_EQ(0, f->fp.finish(f));
+    ASSERT_EQ(0, darclos(t.fp));
+    o = request("t", DA_OMINPUT);
+    t.fp = nullptr;
+    rctype orc = daopen(t.lp, &o, &t.fp);
+    DA_KEYSTR wk{};
+    ASSERT_EQ(0, t.fp->mt->queryicb(t.fp, "w", &wk));
+    // "ix" of the first build is behind now; "w" is up to date again.
+    ASSERT_EQ(DA_IDXREBUILD, orc);
+    EXPECT_EQ(0u, wk.checks);
+    EXPECT_EQ(1800, wk.highobs);
+    EXPECT_EQ(IX_NEEDREPAIR, ixopen(t.fp, "ix", 0, 1, nullptr, &ix));
+    ASSERT_EQ(0, ixopen(t.fp, "w", 0, 1, nullptr, &ix));
+    want = keys(t, ix);
+    EXPECT_EQ(want, readback(ix, want, 64));
+    // Values whose rows now lie in two chunks come back rising through the global scan.
+    ASSERT_EQ(0, ix->fp.gsetpnt(ix->ix_private, nullptr, IX_GE, 0, nullptr, IX_LE, 0, 0));
+    std::mt19937 rng(5);
+    EXPECT_EQ(expected(want, GRange{}, nullptr), readscan(ix, nullptr, rng, want.begin()->first));
+    ASSERT_EQ(0, ixclose(ix));
+}
+
 
 // Global scans against the table's rows filtered by brute force: every value
 // of a random range in key order with its rows, limits in rows, a value at a
