@@ -229,7 +229,8 @@ VRTA_API int spsetrd(void* viocb, long bufsize, void* iobuf);
  * there are no more. spwhobsvec gives their row numbers. spwhthreads sets how
  * many threads a row test may use (the plan may use fewer). spwhsync brings
  * the plan's open indexes up to date after another opener changed the
- * table. */
+ * table: ixnames holds nnames index names of 32 bytes, blank padded (an
+ * EVAL3 plan's one index needs none). */
 #define VRTA_RC_NOMORE 1284
 #define VRTAWH_FEVAL1 0x0001
 #define VRTAWH_FEVAL2 0x0002 /* a row test is left */

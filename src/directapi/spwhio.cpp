@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "directapi/sp.h"
+#include "directapi/sppnt.h"
 #include "hs/hs.h"
 #include "sda/darc.h"
 #include "ssup/thr.h"
@@ -71,6 +72,9 @@ struct SP_WHH {
     int64_t* segs;           // the plan's segment list (from 0, rising), or null: all
     long nsegs;
     long segpos;             // first listed segment not yet passed
+    SP_PNT* pnt;             // rows by number, for plans whose index gives the numbers
+    ix_list_t* ev4list;      // an EVAL4 plan's rows
+    bool restart;            // an index plan starts again at its first key
 };
 
 SP_WHH* whhof(void* v) { return static_cast<SP_WHH*>(v); }
@@ -224,8 +228,100 @@ rctype nextchunk(SP_WHH* w) {
     return endtest(&t);
 }
 
+bool byindex(const SP_WHH* w) { return (w->whflags & (WHF_EVAL3 | WHF_EVAL4)) != 0; }
+
+// Up to want row numbers from the plan's index into w->pnt->obsvec, in the
+// cursor's row range; *done when the index has no more.
+rctype indexrows(SP_WHH* w, long want, long* got, bool* done) {
+    SP_PNT* p = w->pnt;
+    *got = 0;
+    *done = false;
+    WH_HANDLE* wh = w->whereh;
+    if (w->whflags & WHF_EVAL3) {
+        int64_t n = want;
+        if (rctype rc = wheval3(wh, w->restart, p->obsvec, p->bp, &n)) return rc;
+        w->restart = false;
+        *got = static_cast<long>(n);
+        *done = n < want;
+        return 0;
+    }
+    if (!w->ev4list) {
+        if (rctype rc = wheval4(wh, &w->ev4list)) return rc;
+    } else if (w->restart) {
+        ixrwndl(w->ev4list);
+    }
+    w->restart = false;
+    // Rows outside the range are passed over, so ask until some are in it.
+    while (*got == 0 && !*done) {
+        int64_t n = want;
+        rctype more = ixrtrve(w->ev4list, p->obsvec, &n);
+        if (more < 0) return more;
+        *done = more == 1 || n < want;
+        long k = 0;
+        for (int64_t i = 0; i < n; i++) {
+            int64_t o = p->obsvec[i];
+            if (p->bp && (o < p->bp->first || o > p->bp->last)) continue;
+            p->obsvec[k++] = o;
+        }
+        *got = k;
+        if (p->bp && n > 0 && p->obsvec[k > 0 ? k - 1 : 0] > p->bp->last) *done = true;
+    }
+    return 0;
+}
+
+// The next rows of an index plan: numbers from the index, their rows read
+// in file order, tested with the joined tree.
+int getbyindex(SP_WHH* w, char* out, long* numobs) {
+    SP_PNT* p = w->pnt;
+    SP_FID* s = w->spfid;
+    bool dyn = dynamic(s);
+    if (dyn)
+        if (rctype rc = s->dafid->mt->setshare(s->dafid, DA_SHRREAD); rc < 0) return rc;
+    long n = 0;
+    rctype rc = 0;
+    bool test = w->trees[0] && !(w->whereh->call_flags & (WHF_TRUE | WHF_NONE));
+    while (n < w->obsperbuf && !w->eof) {
+        long got = 0;
+        bool done = false;
+        rc = indexrows(w, w->obsperbuf - n, &got, &done);
+        if (rc < 0) break;
+        if (done) w->eof = true;
+        long r = 0;
+        rc = sp_readobs(p, got, out + n * w->obslen, &r);
+        if (rc < 0) break;
+        if (test && r > 0) {
+            rc = whevalrows(&w->whereh->whenv, w->trees[0], out + n * w->obslen, r, w->obslen, !w->whereh->not_kor,
+                            w->match);
+            if (rc < 0) break;
+        }
+        // Rows that pass move down over those that did not.
+        long base = n;
+        for (long i = 0; i < r; i++) {
+            if (test && !w->match[i]) continue;
+            if (base + i != n) std::memmove(out + n * w->obslen, out + (base + i) * w->obslen, w->obslen);
+            w->outobs[n] = p->obsvec[i];
+            n++;
+        }
+    }
+    if (dyn) {
+        rctype crc = s->dafid->mt->setshare(s->dafid, DA_SHRCLEAR);
+        if (rc >= 0 && crc < 0) rc = crc;
+    }
+    if (rc < 0) {
+        w->eof = true;
+        return rc;
+    }
+    w->nout = n;
+    *numobs = n;
+    return n > 0 ? 0 : SP_NOMORE;
+}
+
 rctype startscan(SP_WHH* w) {
     w->eof = false;
+    if (byindex(w)) {
+        w->restart = true;
+        return 0;
+    }
     w->readend = false;
     w->chunkpos = 0;
     for (SP_CHUNK& c : w->ch) {
@@ -303,6 +399,11 @@ int spfreewh(void* vwhh) {
     std::free(w->match);
     std::free(w->outobs);
     std::free(w->segs);
+    if (w->ev4list) ixfreel(w->ev4list);
+    if (w->pnt) {
+        int prc = spfreept(w->pnt);
+        if (rc == 0) rc = prc;
+    }
     std::free(w);
     return rc;
 }
@@ -321,6 +422,9 @@ int spwhset(void* vwhh, const void* where_tree, int init_flags, int numxidx, con
     if (whflags) *whflags = 0;
     if (whstat) *whstat = 0;
     freetrees(w);
+    if (w->ev4list) ixfreel(w->ev4list);
+    w->ev4list = nullptr;
+    w->whflags = 0;
     if (!where_tree) {
         if (w->whereh) whterm(w->whereh);
         w->whereh = nullptr;
@@ -388,6 +492,17 @@ int spwhset(void* vwhh, const void* where_tree, int init_flags, int numxidx, con
             return rc;
         }
     }
+    if ((flags & (WHF_EVAL3 | WHF_EVAL4)) && !w->pnt) {
+        void* p = nullptr;
+        rc = sp_initpnt(sizeof(SP_PNT), s, w->obsperbuf * (w->obslen + 8), w->startobs, w->endobs, &p);
+        if (rc < 0) {
+            freetrees(w);
+            whterm(wh);
+            w->whereh = nullptr;
+            return rc;
+        }
+        w->pnt = static_cast<SP_PNT*>(p);
+    }
     w->rewind = (flags & WHF_EVAL3) != 0;
     if (whflags) *whflags = flags;
     if (whstat) {
@@ -414,6 +529,7 @@ int spwhget(void* vwhh, void* obsbuf, long* numobs) {
         if (rctype rc = startscan(w)) return rc;
     }
     if (w->eof) return SP_NOMORE;
+    if (byindex(w)) return getbyindex(w, static_cast<char*>(obsbuf), numobs);
     char* out = static_cast<char*>(obsbuf);
     long n = 0;
     while (n < w->obsperbuf) {
@@ -506,7 +622,16 @@ int spwhsync(void* vwhh, int nnames, const char* ixnames) {
     // A row test reads the table as it stands at each read: only open
     // indexes need bringing up to date.
     if (!(w->whflags & (WHF_EVAL3 | WHF_EVAL4))) return 0;
-    return whsyncx(w->whereh, nnames, ixnames);
+    // Names of 32 bytes, blank padded.
+    std::vector<u_sname> names(static_cast<size_t>(nnames));
+    for (int i = 0; i < nnames; i++) {
+        const char* nm = ixnames + 32 * static_cast<size_t>(i);
+        int l = 32;
+        while (l > 0 && nm[l - 1] == ' ') l--;
+        names[static_cast<size_t>(i)].len = static_cast<int16_t>(l);
+        std::memcpy(names[static_cast<size_t>(i)].name, nm, 32);
+    }
+    return whsyncx(w->whereh, nnames, nnames > 0 ? names.data() : nullptr);
 }
 
 }  // extern "C"

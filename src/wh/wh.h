@@ -336,6 +336,7 @@ struct WH_HANDLE {
     unsigned int modtime;
     int numstripes;
     void* ixmeta;       // the table's index records as planning read them
+    void* ev3;          // the keys wheval3 walks
 };
 using wh_where_t = WH_HANDLE;
 

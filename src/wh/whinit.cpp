@@ -386,6 +386,7 @@ rctype whterm(WH_HANDLE* handle) {
     whfreeseglist(handle);
     free_tree(&handle->xtree, nullptr);
     whixmeta_free(handle);
+    whfreeev3(handle);
     std::free(handle->treetext);
     handle->treetext = nullptr;
     return free_handle(handle);
@@ -393,10 +394,7 @@ rctype whterm(WH_HANDLE* handle) {
 
 rctype whsyncx(WH_HANDLE* wh, int idxcnt, const void* idxarr) {
     if (!wh) return WH_RC_NULLARG;
-    // With no index open there is nothing to bring up to date.
-    if (!(wh->call_flags & (WHF_EVAL3 | WHF_EVAL4))) return WH_RC_BADPLAN;
-    if (!idxarr || idxcnt <= 0) return WH_RC_NULLARG;
-    return WH_RC_BADPLAN;
+    return whsyncleaves(wh, idxcnt, idxarr);
 }
 
 rctype whgetseglist(WH_HANDLE* handle, void** list) {
@@ -431,19 +429,23 @@ rctype planindexes(WH_HANDLE* wh, int* iflags, int* decided) {
 }
 
 // The indexes of the plan opened and, for EVAL1, the segments that can hold
-// a match gathered. Row numbers straight from an index (EVAL3, EVAL4) are
-// not built: such plans scan the listed segments instead. Every row read is
-// tested with the INDEX tree joined to the row test, so a list need only
-// hold every segment with a match.
+// a match gathered. An EVAL3 or EVAL4 plan needs every leaf's rows by key
+// ranges of an open index; where one can't give them the plan scans the
+// listed segments instead. Every row read is still tested with the INDEX
+// tree joined to the row test, so a list need only hold every match.
 rctype openplanned(WH_HANDLE* wh) {
     FILE* fp = wh->debugfp;
-    if (wh->call_flags & (WHF_EVAL3 | WHF_EVAL4)) {
-        wh->call_flags = (wh->call_flags & ~(WHF_EVAL3 | WHF_EVAL4)) | WHF_EVAL1;
-        if (wh->xtree->nodeinfo->idx.flags & 0x10) wh->call_flags |= WHF_SEGLIST;
-        wh->eval3 = nullptr;
-        if (fp) std::fputs("whinit: row numbers from indexes not built, segments are scanned\n", fp);
-    }
     if (rctype rc = openindexes(wh)) return rc;
+    if (wh->call_flags & (WHF_EVAL3 | WHF_EVAL4)) {
+        bool ok = false;
+        if (rctype rc = whprobesok(wh, &ok)) return rc;
+        if (!ok) {
+            wh->call_flags = (wh->call_flags & ~(WHF_EVAL3 | WHF_EVAL4)) | WHF_EVAL1;
+            if (wh->xtree->nodeinfo->idx.flags & 0x10) wh->call_flags |= WHF_SEGLIST;
+            wh->eval3 = nullptr;
+            if (fp) std::fputs("whinit: an index can't give the rows by key, segments are scanned\n", fp);
+        }
+    }
     if (fp) tree_print("whinit: INDEX tree", wh->xtree, fp);
     wh->seglist = nullptr;
     if (wh->call_flags & WHF_SEGLIST)

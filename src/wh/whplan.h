@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "ix/ixfe.h"
+#include "ix/ixlist.h"
 #include "wh/wh.h"
 
 namespace vrta {
@@ -40,6 +42,17 @@ rctype gatherseglists(WH_HANDLE* wh);
 void whfreeseglist(WH_HANDLE* wh);
 // The segment numbers (from 0) of wh->seglist, rising.
 rctype whsegments(WH_HANDLE* wh, std::vector<int64_t>* segs);
+// Row numbers of the eval3 node's keys through the index's global scan, up
+// to *obs_count of them (in: room); fewer than asked means the node is done.
+// With rewind_flag the node's first key starts again. bounds keeps rows.
+rctype wheval3(WH_HANDLE* wh, int rewind_flag, hs_obsno_t* obs_ptr, const IX_BOUNDS_T* bounds, int64_t* obs_count);
+// The rows of the whole INDEX tree as one list, rewound.
+rctype wheval4(WH_HANDLE* wh, ix_list_t** obs_list);
+// Whether every leaf of the INDEX tree can give its rows by key ranges.
+rctype whprobesok(WH_HANDLE* wh, bool* ok);
+// whsyncx's work: the plan's open indexes take in what another opener added.
+rctype whsyncleaves(WH_HANDLE* wh, int idxcnt, const void* idxarr);
+void whfreeev3(WH_HANDLE* wh);
 // The indexes planning left out because they need a rebuild, "A, B".
 int whskippedindexes(const WH_HANDLE* wh, char* buf, int buflen);
 // The index records read for planning, freed with the handle.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <strings.h>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "ix/ixlist.h"
 #include "sda/daidx.h"
 #include "ssubs/vz.h"
+#include "vrta/directapi.h"
 #include "wh/wheval.h"
 #include "wh/whplan.h"
 
@@ -334,7 +336,296 @@ rctype openleaves(WH_HANDLE* wh, SQLOP* n, int depth) {
     return 0;
 }
 
+// One key range of a leaf for the global scan; an empty key is an open end.
+struct Probe {
+    std::vector<char> lo, hi;
+    int loop = IX_GE, hiop = IX_LE, lolen = 0, hilen = 0;
+};
+
+// The probes of the leaf wheval3 walks, in order.
+struct WH_EV3 {
+    const SQLOP* node = nullptr;
+    std::vector<Probe> probes;
+    size_t next = 0;
+};
+
+bool missingvalue(const SQLOP* name, const std::string& v) {
+    if (name->type < 0) return v.size() >= 2 && static_cast<unsigned char>(v[v.size() - 1]) == 0xff &&
+                               static_cast<unsigned char>(v[v.size() - 2]) == 0xff;
+    return v.find_first_not_of(' ') == std::string::npos;
+}
+
+// The key ranges whose rows are exactly the leaf's rows; *ok false when the
+// leaf can't be answered that way (a key that can't be made, a relation the
+// global scan has no range for, or rows the index left out that could match).
+rctype leafprobes(WH_HANDLE* wh, const SQLOP* n, std::vector<Probe>& out, bool* ok) {
+    out.clear();
+    *ok = false;
+    const WH_IDX& x = n->nodeinfo->idx;
+    IX_INDEX_T* ix = x.ixh;
+    if (!ix || !x.name || !x.valu || !x.xkeystr || (x.flags & 0x2) || x.xkeystr->nvar != 1) return 0;
+    // An index without missing keys has no rows for a range open below or
+    // for a missing value.
+    bool nomiss = (x.xkeystr->keyflags & 2) != 0;
+    auto key = [&](const SQLOP* lit, std::vector<char>& k, int* len) -> rctype {
+        std::string v;
+        if (!rowvalue(wh, x.name, lit, v) || (nomiss && missingvalue(x.name, v))) return 1;
+        KeyedOp ko;
+        if (rctype rc = makekey(ix, {&v}, ko, len); rc < 0) return rc;
+        k = std::move(ko.key);
+        return 0;
+    };
+    auto eq = [&](const SQLOP* lit) -> rctype {
+        Probe p;
+        if (rctype rc = key(lit, p.lo, &p.lolen)) return rc;
+        p.hi = p.lo;
+        p.hilen = p.lolen;
+        out.push_back(std::move(p));
+        return 0;
+    };
+    if (x.ntype == WH_XNT_COMPARELIT) {
+        Probe p;
+        int code = n->code;
+        if (code == OP_CEQ) {
+            if (rctype rc = eq(x.valu)) return rc < 0 ? rc : 0;
+        } else if (code == OP_CGT || code == OP_CGE) {
+            if (rctype rc = key(x.valu, p.lo, &p.lolen)) return rc < 0 ? rc : 0;
+            p.loop = code == OP_CGT ? IX_GT : IX_GE;
+            out.push_back(std::move(p));
+        } else if (code == OP_CLT || code == OP_CLE) {
+            if (nomiss) return 0;
+            if (rctype rc = key(x.valu, p.hi, &p.hilen)) return rc < 0 ? rc : 0;
+            p.hiop = code == OP_CLT ? IX_LT : IX_LE;
+            out.push_back(std::move(p));
+        } else {
+            return 0;
+        }
+    } else if (x.ntype == WH_XNT_INSJSET) {
+        const SQLOP* set = get_child(x.valu, 0);
+        if (!set) return 0;
+        for (int i = 0; i < set->u.setleaf.num; i++) {
+            std::string v;
+            if (!packedvalue(wh, x.name, set, i, v) || (nomiss && missingvalue(x.name, v))) return 0;
+            KeyedOp ko;
+            Probe p;
+            if (rctype rc = makekey(ix, {&v}, ko, &p.lolen); rc < 0) return rc;
+            p.lo = ko.key;
+            p.hi = std::move(ko.key);
+            p.hilen = p.lolen;
+            out.push_back(std::move(p));
+        }
+    } else if (x.ntype == WH_XNT_INLITSET || x.ntype == WH_XNT_INMIXSET) {
+        for (int i = 0; i < x.valu->u.node.narg; i++) {
+            const SQLOP* e = get_child(x.valu, i);
+            if (!e) return 0;
+            if (e->code == OP_LITN || e->code == OP_LITC) {
+                if (rctype rc = eq(e)) return rc < 0 ? rc : 0;
+            } else if (e->code >= OP_RANB && e->code <= OP_RANN && e->u.node.narg == 2) {
+                Probe p;
+                if (rctype rc = key(get_child(e, 0), p.lo, &p.lolen)) return rc < 0 ? rc : 0;
+                if (rctype rc = key(get_child(e, 1), p.hi, &p.hilen)) return rc < 0 ? rc : 0;
+                p.loop = (e->code == OP_RANH || e->code == OP_RANN) ? IX_GT : IX_GE;
+                p.hiop = (e->code == OP_RANL || e->code == OP_RANN) ? IX_LT : IX_LE;
+                out.push_back(std::move(p));
+            } else {
+                return 0;
+            }
+        }
+    } else {
+        return 0;
+    }
+    *ok = true;
+    return 0;
+}
+
+// Every leaf of the INDEX tree can give its rows through the global scan.
+rctype allprobes(WH_HANDLE* wh, const SQLOP* n, bool* ok, int depth) {
+    *ok = false;
+    if (!n || !n->nodeinfo || depth > WH_MAXDEPTH) return WH_RC_BADTREE;
+    if (isandor(n)) {
+        for (int i = 0; i < n->u.node.narg; i++) {
+            const SQLOP* c = get_child(n, i);
+            if (!c || !c->nodeinfo || c->nodeinfo->idx.status != WH_XST_ALL) continue;
+            if (rctype rc = allprobes(wh, c, ok, depth + 1); rc || !*ok) return rc;
+        }
+        *ok = true;
+        return 0;
+    }
+    std::vector<Probe> v;
+    return leafprobes(wh, n, v, ok);
+}
+
+WH_EV3* ev3of(WH_HANDLE* wh) {
+    if (!wh->ev3) wh->ev3 = new (std::nothrow) WH_EV3;
+    return static_cast<WH_EV3*>(wh->ev3);
+}
+
+rctype eval4(WH_HANDLE* wh, SQLOP* n, ix_list_t* acc, int depth) {
+    if (!n || !n->nodeinfo || depth > WH_MAXDEPTH) return WH_RC_BADTREE;
+    if (n->nodeinfo->idx.status != WH_XST_ALL) return WH_RC_BADPLAN;
+    if (!isandor(n)) {
+        wh->eval3 = n;
+        int64_t seg = wh->fid->xoehdr->idxsegsize;
+        constexpr int64_t BATCH = 4096;
+        std::vector<hs_obsno_t> rows(BATCH);
+        int rewind = 1;
+        for (;;) {
+            int64_t cnt = BATCH;
+            if (rctype rc = wheval3(wh, rewind, rows.data(), nullptr, &cnt)) return rc;
+            rewind = 0;
+            if (cnt == 0) return 0;
+            for (int64_t i = 0; i < cnt; i++)
+                if (rctype rc = ixadnum(acc, rows[static_cast<size_t>(i)], seg); rc != 0) {
+                    wh_trap_error("eval4", __LINE__, rc);
+                    return WH_RC_TRAPPED;
+                }
+        }
+    }
+    int op = n->code == OP_LOR ? IX_OR : IX_AND;
+    bool first = true;
+    for (int i = 0; i < n->u.node.narg; i++) {
+        SQLOP* c = get_child(n, i);
+        if (!c || !c->nodeinfo || c->nodeinfo->idx.status != WH_XST_ALL) continue;
+        if (first) {
+            if (rctype rc = eval4(wh, c, acc, depth + 1)) return rc;
+            first = false;
+            continue;
+        }
+        ix_list_t* sub = nullptr;
+        if (ixgetl(&sub) != 0) return WH_RC_NOMEM;
+        rctype rc = eval4(wh, c, sub, depth + 1);
+        if (rc == 0) {
+            rctype orc = ixop(acc, sub, acc, op);
+            if (orc != 0) {
+                wh_trap_error("eval4", __LINE__, orc);
+                rc = WH_RC_TRAPPED;
+            }
+        }
+        ixfreel(sub);
+        if (rc) return rc;
+    }
+    return 0;
+}
+
+rctype syncleaves(WH_HANDLE* wh, SQLOP* n, int idxcnt, const u_sname* names, int depth) {
+    if (!n || !n->nodeinfo || depth > WH_MAXDEPTH) return WH_RC_BADTREE;
+    if (isandor(n)) {
+        for (int i = 0; i < n->u.node.narg; i++) {
+            SQLOP* c = get_child(n, i);
+            if (c && c->nodeinfo && c->nodeinfo->idx.status == WH_XST_ALL)
+                if (rctype rc = syncleaves(wh, c, idxcnt, names, depth + 1)) return rc;
+        }
+        return 0;
+    }
+    WH_IDX& x = n->nodeinfo->idx;
+    if (!x.ixh || !x.xkeystr) return 0;
+    for (int i = 0; i < idxcnt; i++) {
+        int l = std::min<int>(names[i].len, 32);
+        if (l != x.xkeystr->name_l || strncasecmp(names[i].name, x.xkeystr->name, static_cast<size_t>(l)) != 0)
+            continue;
+        if (rctype rc = x.ixh->fp.resynch(x.ixh->ix_private); rc < 0) {
+            wh_trap_error("whsyncx", __LINE__, rc);
+            return WH_RC_TRAPPED;
+        }
+        break;
+    }
+    return 0;
+}
+
 }  // namespace
+
+rctype wheval3(WH_HANDLE* wh, int rewind_flag, hs_obsno_t* obs_ptr, const IX_BOUNDS_T* bounds, int64_t* obs_count) {
+    if (!wh || !obs_ptr || !obs_count) return WH_RC_NULLARG;
+    int64_t room = *obs_count;
+    *obs_count = 0;
+    if (!wh->eval3 || !(wh->call_flags & (WHF_EVAL3 | WHF_EVAL4))) return WH_RC_NULLARG;
+    SQLOP* n = wh->eval3;
+    if (!n->nodeinfo || !n->nodeinfo->idx.ixh) return WH_RC_BADPLAN;
+    IX_INDEX_T* ix = n->nodeinfo->idx.ixh;
+    WH_EV3* st = ev3of(wh);
+    if (!st) return WH_RC_NOMEM;
+    if (st->node != n) {
+        bool ok = false;
+        if (rctype rc = leafprobes(wh, n, st->probes, &ok)) return rc;
+        if (!ok) return WH_RC_NOKEY;
+        st->node = n;
+        rewind_flag = 1;
+    }
+    if (rewind_flag) {
+        st->next = 0;
+        wh->valstart = true;
+        wh->probedone = st->probes.empty();
+    }
+    int64_t got = 0;
+    while (got < room && !wh->probedone) {
+        const Probe& p = st->probes[st->next];
+        if (wh->valstart) {
+            rctype rc = ix->fp.gsetpnt(ix->ix_private, p.lo.empty() ? nullptr : p.lo.data(), p.loop, p.lolen,
+                                       p.hi.empty() ? nullptr : p.hi.data(), p.hiop, p.hilen, 0);
+            if (rc < 0) {
+                wh_trap_error("wheval3", __LINE__, rc);
+                return WH_RC_TRAPPED;
+            }
+            wh->valstart = false;
+        }
+        int64_t ask = room - got;
+        int64_t size = ask;
+        rctype rc = ix->fp.ggetpnt(ix->ix_private, bounds, nullptr, obs_ptr + got, &size);
+        if (rc < 0) {
+            wh_trap_error("wheval3", __LINE__, rc);
+            return WH_RC_TRAPPED;
+        }
+        got += size;
+        if (size < ask) {
+            // This key is used up: on to the next.
+            if (++st->next >= st->probes.size()) wh->probedone = true;
+            else wh->valstart = true;
+        }
+    }
+    *obs_count = got;
+    return 0;
+}
+
+rctype wheval4(WH_HANDLE* wh, ix_list_t** obs_list) {
+    if (!obs_list) return WH_RC_NULLARG;
+    *obs_list = nullptr;
+    if (!wh) return WH_RC_NULLARG;
+    if (!(wh->call_flags & WHF_EVAL4) || !wh->xtree) return WH_RC_BADPLAN;
+    ix_list_t* l = nullptr;
+    if (ixgetl(&l) != 0) return WH_RC_NOMEM;
+    if (rctype rc = eval4(wh, wh->xtree, l, 0)) {
+        ixfreel(l);
+        return rc;
+    }
+    ixrwndl(l);
+    *obs_list = l;
+    return 0;
+}
+
+rctype whprobesok(WH_HANDLE* wh, bool* ok) {
+    *ok = false;
+    return wh->xtree ? allprobes(wh, wh->xtree, ok, 0) : 0;
+}
+
+rctype whsyncleaves(WH_HANDLE* wh, int idxcnt, const void* idxarr) {
+    if (wh->call_flags & WHF_EVAL3) {
+        IX_INDEX_T* ix = wh->eval3 && wh->eval3->nodeinfo ? wh->eval3->nodeinfo->idx.ixh : nullptr;
+        if (!ix) return WH_RC_BADPLAN;
+        if (rctype rc = ix->fp.resynch(ix->ix_private); rc < 0) {
+            wh_trap_error("whsyncx", __LINE__, rc);
+            return WH_RC_TRAPPED;
+        }
+        return 0;
+    }
+    if (!(wh->call_flags & WHF_EVAL4)) return WH_RC_BADPLAN;
+    if (!idxarr || idxcnt <= 0) return WH_RC_NULLARG;
+    return syncleaves(wh, wh->xtree, idxcnt, static_cast<const u_sname*>(idxarr), 0);
+}
+
+void whfreeev3(WH_HANDLE* wh) {
+    delete static_cast<WH_EV3*>(wh->ev3);
+    wh->ev3 = nullptr;
+}
 
 rctype openindexes(WH_HANDLE* wh) { return wh->xtree ? openleaves(wh, wh->xtree, 0) : 0; }
 

@@ -567,7 +567,7 @@ TEST(WhDiff, IndexPlansAgreeWithRowTests) {
     if (HasFatalFailure()) return;
     void* fid = nullptr;
     ASSERT_EQ(0, vrtaopen(f.lib, "T", 1, nullptr, 0, nullptr, 0, nullptr, -1, 0, &fid));
-    int planned = 0, nclauses = longMode() ? 2000 : 150;
+    int planned = 0, byindex = 0, nclauses = longMode() ? 2000 : 150;
     for (int k = 0; k < nclauses; k++) {
         P e = gen(r, 0);
         std::string clause = text(*e);
@@ -579,8 +579,19 @@ TEST(WhDiff, IndexPlansAgreeWithRowTests) {
         ASSERT_EQ(moduleRows(fid, clause, 1, &plain, 256, 0x01), want) << clause << " without indexes";
         EXPECT_EQ(plain & VRTAWH_FPLANNED, 0) << clause;
         planned += (flags & VRTAWH_FPLANNED) != 0;
+        // A caller reading in one stream may get row numbers from the
+        // index: in key order (EVAL3) or in row order (EVAL4).
+        int seq = 0;
+        std::vector<int64_t> got = moduleRows(fid, clause, 1, &seq, 97, 0x02);
+        if (seq & VRTAWH_FEVAL4) {
+            EXPECT_TRUE(std::is_sorted(got.begin(), got.end())) << clause;
+        }
+        std::sort(got.begin(), got.end());
+        ASSERT_EQ(got, want) << clause << " (sequential plan 0x" << std::hex << seq << ")";
+        byindex += (seq & (VRTAWH_FEVAL3 | VRTAWH_FEVAL4)) != 0;
     }
     EXPECT_GT(planned, nclauses / 10);
+    EXPECT_GT(byindex, nclauses / 20);
     // Clauses the indexes' stored bounds settle, and ones they cannot.
     double hi = -1e300, lo = 1e300;
     for (const Row& x : f.rows) hi = std::max(hi, x.n[1].v), lo = std::min(lo, x.n[1].v);
@@ -776,6 +787,39 @@ TEST(WhDiff, SegmentListsSkipSegments) {
             EXPECT_EQ(got, want) << c.clause << " bufrows " << bufrows;
             ASSERT_EQ(0, spfreewh(wh));
         }
+        vrtawhfree(wire);
+    }
+    // Row numbers from the index within a row range, one key at a time and
+    // as one list, in calls of 7 rows.
+    for (const char* clause : {"k = 12000", "k in (5, 12000, 19000, 25000) or (k >= 15000 and k <= 15010)"}) {
+        void* wire = nullptr;
+        int wl = 0;
+        ASSERT_EQ(0, vrtawhparse(clause, -1, wc, 2, &wire, &wl, nullptr, 0)) << clause;
+        void* wh = nullptr;
+        ASSERT_EQ(0, spnewwh(fid, 7 * 24, 10000, 20000, &wh));
+        int flags = 0, st = 0;
+        ASSERT_EQ(0, spwhset(wh, wire, 0x02, 0, nullptr, &flags, &st)) << clause;
+        EXPECT_NE(flags & (VRTAWH_FEVAL3 | VRTAWH_FEVAL4), 0) << clause << std::hex << " 0x" << flags;
+        std::vector<int64_t> got;
+        std::vector<char> out(7 * 16);
+        long n = 0;
+        int rc = 0;
+        for (int guard = 0; guard < 1000 && (rc = spwhget(wh, out.data(), &n)) == 0; guard++)
+            for (long i = 0; i < n; i++) {
+                double kv;
+                std::memcpy(&kv, out.data() + i * 16, 8);
+                EXPECT_EQ(kv, static_cast<double>(spwhobsvec(wh)[i]));
+                got.push_back(spwhobsvec(wh)[i]);
+            }
+        EXPECT_EQ(rc, VRTA_RC_NOMORE);
+        std::vector<int64_t> want = {12000};
+        if (std::strchr(clause, ',')) {
+            want = {12000};
+            for (int64_t v = 15000; v <= 15010; v++) want.push_back(v);
+            want.push_back(19000);
+        }
+        EXPECT_EQ(got, want) << clause;
+        ASSERT_EQ(0, spfreewh(wh));
         vrtawhfree(wire);
     }
     ASSERT_EQ(0, vrtaclose(fid));

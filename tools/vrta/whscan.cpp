@@ -84,7 +84,10 @@ int WhereScan::open(const char* cmd, const OpenTable& t, const std::string& clau
 int WhereScan::rewind(const char* cmd) {
     const WhApi* wa = whApi();
     int st = 0;
-    int rc = wa->spwhset(wh, wire.data(), 0, 0, nullptr, &flags, &st);
+    // The rows are read in one stream: the plan may take row numbers
+    // straight from an index.
+    constexpr int SEQUENTIAL = 0x02;
+    int rc = wa->spwhset(wh, wire.data(), SEQUENTIAL, 0, nullptr, &flags, &st);
     if (rc < 0) return fail(std::string(cmd) + ": the clause cannot be planned: " + directApi()->text(rc));
     // A plan that dropped part of the clause would give more rows than asked
     // for; a host tests them again, this tool cannot.
