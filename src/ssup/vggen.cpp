@@ -29,7 +29,7 @@ struct OPDESC {
     long lasticode;       // last instruction that uses it
     int type;             // OD_OBJ or OD_IMM
     unsigned long modifier;
-    int addrmode;
+    int addrmode;         // VG_SUM: the register holds objs[base] + objs[index]
     int base, index;
     long offset;          // still to add to the register's value (see settle)
     unsigned char* addr;  // the object's 8 bytes
@@ -38,11 +38,14 @@ struct OPDESC {
     int scale;
     int basereg;          // the register that holds it, or -1
     int alctag;           // 1: the register is newer than memory
+    unsigned gen;         // counts the values it has had in registers
+    unsigned sumgen[2];   // gen of base and index when the sum was formed
 };
 
 namespace {
 
 constexpr int OD_OBJ = 1, OD_IMM = 2;
+constexpr int VG_SUM = 1;
 constexpr int VG_WB = 10;  // bytes one write-back may take
 
 struct VGREG {
@@ -240,6 +243,7 @@ void detach(VGGEN* g, OPDESC* o) {
     o->basereg = -1;
     o->alctag = 0;
     o->offset = 0;
+    o->addrmode = 0;
 }
 
 void attach(VGGEN* g, int reg, OPDESC* o, int dirty) {
@@ -250,6 +254,7 @@ void attach(VGGEN* g, int reg, OPDESC* o, int dirty) {
     r.state |= 1;
     o->basereg = reg;
     o->alctag = dirty;
+    o->gen++;
     if (dirty) g->newdirty++;
 }
 
@@ -266,6 +271,7 @@ void settle(VGGEN* g, OPDESC* o) {
     put(g, in);
     g->wbbytes += g->cur - before;
     o->offset = 0;
+    o->addrmode = 0;
 }
 
 // Writes back an object whose register is newer than memory.
@@ -947,6 +953,7 @@ void vvgaddr(VGGEN* g) {
         if (h >= 0 && !isx(h) && g->regs[h].chain == R && !R->next && d >= INT32_MIN && d <= INT32_MAX) {
             R->offset = d;
             R->alctag = 1;
+            R->gen++;
             g->newdirty += 2;  // its write-back now takes a LEA as well
             return;
         }
@@ -956,6 +963,16 @@ void vvgaddr(VGGEN* g) {
     auto kept = [g](OPDESC* o) { return o->type == OD_OBJ && (o->basereg >= 0 || o->lasticode > g->icode); };
     if (R == A || R == B || !kept(A)) {
         iop(g, I_ADD, false);
+        return;
+    }
+    // The next column's address from the same base and offset: the register
+    // still holds their sum, only the displacement starts again.
+    long ia = A - g->objs, ib = B->type == OD_OBJ ? B - g->objs : -1;
+    if (R->addrmode == VG_SUM && R->base == ia && R->index == ib && A->basereg >= 0 && B->basereg >= 0 &&
+        A->gen == R->sumgen[0] && B->gen == R->sumgen[1]) {
+        R->offset = 0;
+        R->gen++;
+        g->newdirty += 2;
         return;
     }
     int ra = loadgp(g, A, KEEPL);
@@ -970,6 +987,13 @@ void vvgaddr(VGGEN* g) {
         put(g, in);
     }
     rslt(g, R, t);
+    if (sb.op.type == OT_R && B->type == OD_OBJ && B->basereg == sb.op.reg) {
+        R->addrmode = VG_SUM;
+        R->base = static_cast<int>(ia);
+        R->index = static_cast<int>(ib);
+        R->sumgen[0] = A->gen;
+        R->sumgen[1] = B->gen;
+    }
 }
 
 void vvgoper(VGGEN* g, PINST* p) {

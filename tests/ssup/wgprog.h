@@ -180,15 +180,35 @@ private:
 
     // A field's address built as a row conversion builds it: a base plus an
     // offset object, then constants added, then used as an area, as a
-    // number, or left for the next label or branch to write back.
+    // number, or left for the next label or branch to write back. The same
+    // sum again, after one of its parts changed or not, is the next column.
     void addresses(std::vector<unsigned long>& pending) {
         unsigned long pa = o0(OA + pick(0, NA - 1)), pb = o0(OA + pick(0, NA - 1));
         unsigned long off = o0(OO + pick(0, NO - 1));
         int type = coin(50) ? WG_TCHAR : WG_TPTR;
-        if (coin(20)) emit(MOV_, WG_TPTR, WG_MIMMA, static_cast<unsigned long>(pick(0, 40)), 0, off);
-        emit(ADDR_, type, 0, o1(KP + pick(0, NP - 1)), off, pa);
-        for (int k = pick(0, 3); k > 0; k--) emit(ADDR_, type, WG_MIMMB, pa, static_cast<unsigned long>(pick(0, 40)), pa);
-        if (coin(40)) emit(ADDR_, type, WG_MIMMB, pa, static_cast<unsigned long>(pick(0, 30)), pb);
+        auto add = [&](unsigned long from, int hi, unsigned long to) {
+            emit(ADDR_, type, WG_MIMMB, from, static_cast<unsigned long>(pick(0, hi)), to);
+        };
+        auto newoff = [&] { emit(MOV_, WG_TPTR, WG_MIMMA, static_cast<unsigned long>(pick(0, 40)), 0, off); };
+        bool varbase = coin(30);
+        unsigned long base = o1(KP + pick(0, NP - 1));
+        if (varbase) {
+            base = pb;
+            emit(MOV_, WG_TPTR, WG_MIMMA, reinterpret_cast<unsigned long>(buf + AREA * pick(0, NP - 1)), 0, pb);
+            if (coin(50)) add(pb, 8, pb);
+        }
+        if (coin(20)) newoff();
+        emit(ADDR_, type, 0, base, off, pa);
+        for (int k = pick(0, 3); k > 0; k--) add(pa, 32, pa);
+        if (coin(30)) {
+            int k = pick(0, 2);
+            if (k == 0 && varbase) add(pb, 8, pb);
+            if (k == 1) newoff();
+            if (k == 2) emit(MOV_, WG_TPTR, 0, pa, 0, ires());  // reads pa as it stands
+            emit(ADDR_, type, 0, base, off, pa);
+            if (coin(50)) add(pa, 32, pa);
+        }
+        if (coin(40)) add(pa, 30, pb);
         else if (coin(30)) emit(MOV_, WG_TPTR, WG_MIMMA, reinterpret_cast<unsigned long>(buf + AREA * pick(0, NP - 1)), 0, pb);
         Opd a = {pa, false}, b = {pb, false};
         if (coin(50)) std::swap(a, b);
