@@ -11,8 +11,9 @@ namespace vrta {
 
 struct TREENODE {
     intptr_t fd;    // a leaf's SR_BIN; 1 an inner node, 2 an unused leaf
-    char* buf;      // the winner's key, null when exhausted
-    char* binrec;   // the winner's record
+    char* buf;      // a leaf's current key, null when exhausted
+    char* binrec;   // a leaf's current record
+    long who;       // an inner node's loser: a leaf
 };
 
 struct TREEBUF {
@@ -30,6 +31,7 @@ struct TREEHEAD {
     long mbrecs;
     int merge;       // 1 with a thread, 2 without
     long P;          // leaves
+    long winner;     // the leaf whose record is next
     char* keys;      // one key area per run
     bool started;
     thread_t tid;
@@ -87,58 +89,65 @@ rctype NextBinRec(TREEHEAD* th, long leaf) {
     return 0;
 }
 
-// Equal keys: the left, earlier run wins, so the merge keeps run order.
-void promote_myself(TREEHEAD* th, long i) {
-    TREENODE& l = th->tree[2 * i];
-    TREENODE& r = th->tree[2 * i + 1];
-    const TREENODE* w;
-    if (!l.buf) w = &r;
-    else if (!r.buf) w = &l;
-    else w = th->skb->mt.cmp(l.buf, r.buf, th->keylen) <= 0 ? &l : &r;
-    th->tree[i].buf = w->buf;
-    th->tree[i].binrec = w->binrec;
+// A loser tree: each inner node keeps the leaf that lost the match there,
+// so replaying the winner's path costs one comparison per level. Equal keys:
+// the earlier run (lower leaf) wins, so the merge keeps run order. An
+// exhausted leaf loses to any other.
+bool beats(const TREEHEAD* th, long a, long b) {
+    const char* ka = th->tree[a].buf;
+    const char* kb = th->tree[b].buf;
+    if (!ka) return false;
+    if (!kb) return true;
+    int c = th->skb->mt.cmp(ka, kb, th->keylen);
+    return c < 0 || (c == 0 && a < b);
 }
 
-rctype init_tree(TREEHEAD* th, long i) {
+// Fills the subtree at i and returns its winning leaf.
+long init_tree(TREEHEAD* th, long i, rctype* rc) {
     if (i >= th->P) {
         if (th->tree[i].fd == 2) {
             th->tree[i].buf = nullptr;
-            return 0;
+            return i;
         }
-        return NextBinRec(th, i);
+        rctype r = NextBinRec(th, i);
+        if (r < 0 && *rc == 0) *rc = r;
+        return i;
     }
-    rctype rc = init_tree(th, 2 * i);
-    if (rc == 0) rc = init_tree(th, 2 * i + 1);
-    promote_myself(th, i);
-    return rc;
+    long l = init_tree(th, 2 * i, rc);
+    long r = init_tree(th, 2 * i + 1, rc);
+    if (beats(th, r, l)) {
+        th->tree[i].who = l;
+        return r;
+    }
+    th->tree[i].who = r;
+    return l;
 }
 
-// The winner at the root has been taken: its leaf reads on, and the path
-// back up replays its matches.
+// The winner has been taken: its leaf reads on and replays its path.
 rctype promote(TREEHEAD* th) {
-    long path[64];
-    int d = 0;
-    long i = 1;
-    char* win = th->tree[1].buf;
-    while (i < th->P) {
-        path[d++] = i;
-        i = th->tree[2 * i].buf == win ? 2 * i : 2 * i + 1;
+    long c = th->winner;
+    rctype rc = NextBinRec(th, c);
+    for (long i = c / 2; i >= 1; i /= 2) {
+        long o = th->tree[i].who;
+        if (beats(th, o, c)) {
+            th->tree[i].who = c;
+            c = o;
+        }
     }
-    rctype rc = NextBinRec(th, i);
-    while (d > 0) promote_myself(th, path[--d]);
+    th->winner = c;
     return rc;
 }
 
 rctype ReadRunFile(TREEHEAD* th, TREEBUF* tb) {
     tb->n_read = 0;
-    while (tb->n_read < tb->n_recs && th->tree[1].buf) {
+    while (tb->n_read < tb->n_recs && th->tree[th->winner].buf) {
         if (th->interrupt && *th->interrupt) return SR_MERGE_INTERRUPTED;
-        memcpy(tb->buf + tb->n_read * th->reclen, th->tree[1].binrec, th->reclen);
+        memcpy(tb->buf + tb->n_read * th->reclen, th->tree[th->winner].binrec, th->reclen);
         tb->n_read++;
         rctype rc = promote(th);
         if (rc < 0) return rc;
     }
-    return th->tree[1].buf ? 0 : MERGE_END;
+    return th->tree[th->winner].buf ? 0 : MERGE_END;
 }
 
 void* MergeThread(void* arg) {
@@ -209,7 +218,9 @@ TREEHEAD* sor_init_merge(SR_CTX* srp, SR_BIN* head, sr_binrdfp_t binrdfp) {
     long k = 0;
     for (SR_BIN* b = head; b; b = b->next, ++k) th->tree[P + k].fd = reinterpret_cast<intptr_t>(b);
     for (long i = P + n; i < 2 * P; ++i) th->tree[i].fd = 2;
-    if (init_tree(th, 1) < 0) {
+    rctype irc = 0;
+    th->winner = init_tree(th, 1, &irc);
+    if (irc < 0) {
         sor_term_merge(th);
         return nullptr;
     }

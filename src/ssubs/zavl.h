@@ -14,10 +14,11 @@ struct AVLTREE;
 using zavlS = AVLTREE;
 
 struct AVLTREE {
-    AVLTREE* llink;
+    AVLTREE* llink;  // rlink follows at once: the search indexes the pair
     AVLTREE* rlink;
     short bal;  // height of the right subtree less that of the left
 };
+static_assert(offsetof(AVLTREE, rlink) == sizeof(AVLTREE*));
 
 // Adds now, whose key lies off bytes into the record and is n bytes long,
 // compared by the key block's cmp. Returns now when it was added, or the

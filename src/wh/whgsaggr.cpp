@@ -3,6 +3,7 @@
 // used up spills its tree to its work file as one sorted bin.
 #include <cfloat>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -195,11 +196,10 @@ void whgs_do_minmax(WHGS_HANDLE* gsh, WHGS_COL* col, const char* srcp, int srcle
 
 void whgs_revwords(char* key, int len) {
     for (int i = 0; i + 4 <= len; i += 4) {
-        char a = key[i], b = key[i + 1];
-        key[i] = key[i + 3];
-        key[i + 1] = key[i + 2];
-        key[i + 2] = b;
-        key[i + 3] = a;
+        uint32_t w;
+        memcpy(&w, key + i, 4);
+        w = __builtin_bswap32(w);
+        memcpy(key + i, &w, 4);
     }
 }
 
@@ -220,6 +220,14 @@ rctype whgsbldkey(WHGS_HANDLE* gsh, bool grpby, const WHGS_KEYDESC* kd, int ndes
             if (p.ntype == 1) rc = xfxpn(gsh->xfenv, whgs_num(data + p.off, p.len), p.nfl, 0, p.fmtcode, k);
             else rc = xfxpc(gsh->xfenv, data + p.off, p.len, p.fmtcode, k, p.nfl);
             if (rc < 0) return rc;
+        } else if (p.ntype == 1 && p.len == 8) {
+            // hscsdbl of a full double, in one word: negatives (but -0)
+            // complemented, others with the sign bit set, then big-endian.
+            uint64_t u;
+            memcpy(&u, data + p.off, 8);
+            u = (u >> 63) && u != 0x8000000000000000ull ? ~u : u | 0x8000000000000000ull;
+            u = __builtin_bswap64(u);
+            memcpy(k, &u, 8);
         } else {
             memcpy(k, data + p.off, p.len);
             if (p.ntype == 1) hscsdbl(k, p.len);

@@ -33,6 +33,27 @@ bool addguard(double* cell, double v) {
     return true;
 }
 
+// The merge's order of keys: plain bytes, a multiple of 4 long, compared a
+// word or two at a time instead of byte by byte.
+int whgs_keycmp(const void* a, const void* b, size_t n) {
+    auto* x = static_cast<const char*>(a);
+    auto* y = static_cast<const char*>(b);
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        uint64_t u, v;
+        memcpy(&u, x + i, 8);
+        memcpy(&v, y + i, 8);
+        if (u != v) return __builtin_bswap64(u) < __builtin_bswap64(v) ? -1 : 1;
+    }
+    for (; i + 4 <= n; i += 4) {
+        uint32_t u, v;
+        memcpy(&u, x + i, 4);
+        memcpy(&v, y + i, 4);
+        if (u != v) return __builtin_bswap32(u) < __builtin_bswap32(v) ? -1 : 1;
+    }
+    return i < n ? memcmp(x + i, y + i, n - i) : 0;
+}
+
 long whgsreadbin(SR_BIN* run, char** rec) {
     auto* bin = reinterpret_cast<WHGS_BIN*>(run);
     WHGS_HANDLE* gsh = bin->thr_handle->gsh_handle;
@@ -63,6 +84,10 @@ long whgsreadbin(SR_BIN* run, char** rec) {
         r = bin->inbuf + bin->curinbufrow * rowlen;
         bin->curinbufrow++;
         bin->currow++;
+        // This bin's next row is wanted when this row has won: with hundreds
+        // of bins it would by then have left the nearer caches.
+        __builtin_prefetch(r + rowlen);
+        __builtin_prefetch(r + 2 * rowlen - 1);
     }
     whgs_revwords(r, gsh->ztkey_len);
     *rec = r;
@@ -444,7 +469,10 @@ rctype whgsgetr(WHGS_HANDLE* gsh, whgs_storefp_t storefp, void* cbdata) {
     gsh->nbins = nbins;
     char* inbufs = nullptr;
     size_t insize = 0;
+    SKB_KEY keyorder{};
     if (nbins > 0) {
+        if ((rc = skbmeminit(&keyorder, gsh->ztkey_len, rowlen)) < 0) return rc;
+        keyorder.mt.cmp = whgs_keycmp;
         if (nfile > 0) {
             long bb = std::max(whgs_optlong("BINBUFSIZE", 32768), static_cast<long>(rowlen));
             insize = static_cast<size_t>(nfile) * bb;
@@ -467,6 +495,7 @@ rctype whgsgetr(WHGS_HANDLE* gsh, whgs_storefp_t storefp, void* cbdata) {
         ctx.keylen = gsh->ztkey_len;
         ctx.reclen = rowlen;
         ctx.parms.interrupt = gsh->interrupt;
+        ctx.parms.skb = &keyorder;
         long recs = std::max(2L, SORTBUF / rowlen);
         char* sortbuf = static_cast<char*>(malloc(recs * rowlen));
         TREEHEAD* merge = sortbuf ? sor_init_merge(&ctx, &first->run, whgsreadbin) : nullptr;

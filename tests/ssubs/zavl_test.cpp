@@ -163,3 +163,31 @@ TEST(Avl, UnsignedWordKeysCompareByWordNotByByte) {
     EXPECT_EQ(&recs[1].node, zavl_rem_uinta(&head, probe, KEYOFF, 2));
     EXPECT_EQ(nullptr, zavl_find_uinta(head, probe, KEYOFF, 2));
 }
+
+TEST(Avl, WordKeysOfOddLengthOrderByEveryWordInTurn) {
+    // Three words: the first two are compared as a pair, the third alone. Few
+    // word values, so keys tie on leading words and differ only further on.
+    struct Rec3 {
+        AVLTREE node;
+        uint32_t key[3];
+    };
+    const uint32_t vals[] = {0, 1, 0x80000000u, 0xffffffffu, 0x00010000u};
+    std::mt19937 rng(7);
+    std::vector<Rec3> recs(400);
+    std::set<std::array<uint32_t, 3>> model;
+    AVLTREE* head = nullptr;
+    for (Rec3& r : recs) {
+        std::array<uint32_t, 3> k;
+        for (uint32_t& w : k) w = vals[rng() % 5];
+        memcpy(r.key, k.data(), sizeof r.key);
+        AVLTREE* got = zavl_add_uinta(&head, &r.node, offsetof(Rec3, key), 3);
+        EXPECT_EQ(model.insert(k).second, got == &r.node);
+    }
+    std::vector<std::array<uint32_t, 3>> walked;
+    for (AVLTREE* n = zavl_first_node(head); n; n = zavl_next_node(n)) {
+        auto* r = reinterpret_cast<Rec3*>(n);
+        walked.push_back({r->key[0], r->key[1], r->key[2]});
+    }
+    std::vector<std::array<uint32_t, 3>> want(model.begin(), model.end());
+    EXPECT_EQ(want, walked);
+}
