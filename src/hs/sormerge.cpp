@@ -199,7 +199,10 @@ TREEHEAD* sor_init_merge(SR_CTX* srp, SR_BIN* head, sr_binrdfp_t binrdfp) {
     th->binrdfp = binrdfp;
     th->skb = srp->parms.skb;
     if (!th->skb) {
-        skbmeminit(&th->memcmp, srp->keylen, srp->reclen);
+        if (skbmeminit(&th->memcmp, srp->keylen, srp->reclen) < 0) {
+            free(th);
+            return nullptr;
+        }
         th->skb = &th->memcmp;
     }
     if (mutex_init(&th->fullLock) || mutex_init(&th->freeLock) || cond_init(&th->fullReady) ||
