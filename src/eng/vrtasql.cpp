@@ -612,6 +612,108 @@ rctype feedchunk(WHGS_HANDLE* gsh, int nthreads, const char* rows, int obslen, l
     return 0;
 }
 
+// One scan thread of a group-by: its own handle on the table, its own share
+// of the rows (first to last, from 1), fed to whgsaggr as it reads them, so
+// no thread waits for another while it spills.
+struct RangeScan {
+    void* vlib;
+    const char* table;
+    const char* ekey;
+    void* fid;  // thread 0 reads through the caller's handle
+    const std::vector<char>* wire;
+    WHGS_HANDLE* gsh;
+    CompThread* ct;
+    int t;
+    int64_t first, last;
+    volatile int* intr;
+    volatile int* stop;  // set by a thread that failed: the others end too
+    std::string plan;    // the WHERE plan's words, from thread 0
+    rctype rc;
+};
+
+rctype rangerows(RangeScan* r) {
+    void* fid = r->fid;
+    if (!fid) {
+        rctype rc = vrtaopen(r->vlib, r->table, static_cast<int>(strlen(r->table)), nullptr, 0, r->ekey, 0, nullptr,
+                             -1, 0, &fid);
+        if (rc < 0) return rc;
+    }
+    int obslen = 0;
+    vrtainfo(fid, VRTAINFO_OBSLEN, &obslen);
+    long bufsize = std::max<long>(CHUNKBYTES, obslen + 8);
+    auto feedrange = [&](const char* rows, long n) -> rctype {
+        Feed f{r->gsh, r->t, rows, obslen, n, r->ct, 0};
+        return feedrows(&f);
+    };
+    auto stopped = [&]() { return (r->intr && *r->intr) || *r->stop; };
+    rctype rc = 0;
+    if (!r->wire->empty()) {
+        void* whh = nullptr;
+        if ((rc = spnewwh(fid, bufsize, r->first, r->last, &whh)) >= 0) {
+            int whflags = 0, whstat = 0;
+            rc = spwhset(whh, r->wire->data(), 0, 0, "", &whflags, &whstat);
+            char words[200] = "";
+            whflagwords(whflags, words, sizeof words);
+            if (r->t == 0) r->plan = words;
+            std::vector<char> buf(bufsize);
+            while (rc >= 0) {
+                if (stopped()) {
+                    rc = WH_RC_SQLSTOP;
+                    break;
+                }
+                long n = bufsize / (obslen + 8);
+                rc = spwhget(whh, buf.data(), &n);
+                if (rc == VRTA_RC_NOMORE) {
+                    rc = 0;
+                    break;
+                }
+                if (rc < 0 || n <= 0) break;
+                if ((rc = feedrange(buf.data(), n)) < 0) break;
+            }
+            spfreewh(whh);
+        }
+    } else {
+        void* io = nullptr;
+        long rows = std::max(1L, bufsize / std::max(1, obslen));
+        std::vector<char> iobuf(static_cast<size_t>(rows) * std::max(1, obslen));
+        if ((rc = spnewrd(fid, static_cast<long>(iobuf.size()), iobuf.data(), &io)) >= 0) {
+            rc = spsetloc(io, r->first);
+            int64_t next = r->first;  // row number of the batch's first row
+            while (rc >= 0 && next <= r->last) {
+                if (stopped()) {
+                    rc = WH_RC_SQLSTOP;
+                    break;
+                }
+                long n = 0;
+                void* bp = nullptr;
+                int64_t* ov = nullptr;
+                rc = spreadv(io, &n, &bp, &ov);
+                if (rc < 0 || n <= 0) break;
+                // Rows past this thread's share belong to the next thread.
+                long m = n;
+                if (ov) {
+                    while (m > 0 && ov[m - 1] > r->last) m--;
+                    next = ov[n - 1] + 1;
+                } else {
+                    m = static_cast<long>(std::min<int64_t>(n, r->last - next + 1));
+                    next += n;
+                }
+                if (m > 0 && (rc = feedrange(static_cast<const char*>(bp), m)) < 0) break;
+            }
+            spfreerd(io);
+        }
+    }
+    if (!r->fid) vrtaclose(fid);
+    return rc < 0 ? rc : 0;
+}
+
+void* rangethread(void* a) {
+    auto* r = static_cast<RangeScan*>(a);
+    r->rc = rangerows(r);
+    if (r->rc) *r->stop = 1;
+    return nullptr;
+}
+
 // Rows of the table that pass WHERE, chunk by chunk, to fn.
 template <class F>
 rctype scan(Query& q, void* fid, const std::vector<char>& wire, int nthreads, volatile int* intr, F&& fn) {
@@ -873,9 +975,35 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
                 if ((rc = ct.init(q, extlen))) return sqlfail(q, rc, -1, "out of memory");
             if (!q.comps.empty())
                 q.plan += "computed: " + std::to_string(q.comps.size()) + " value(s) per row for the group-by\n";
-            rc = scan(q, fid, wire, nthreads, intr, [&](const char* rows, int rl, long n) -> rctype {
-                return feedchunk(gsh, nthreads, rows, rl, n, cts.empty() ? nullptr : cts.data());
-            });
+            int64_t numobs = 0;
+            vrtainfo(fid, VRTAINFO_NUMOBS, &numobs);
+            if (nthreads == 1 || numobs < nthreads) {
+                rc = scan(q, fid, wire, nthreads, intr, [&](const char* rows, int rl, long n) -> rctype {
+                    return feedchunk(gsh, nthreads, rows, rl, n, cts.empty() ? nullptr : cts.data());
+                });
+            } else {
+                // Each thread reads its own share of the rows.
+                std::vector<RangeScan> rs(nthreads);
+                std::vector<thread_t> tids(nthreads);
+                std::vector<char> started(nthreads, 0);
+                volatile int stop = 0;
+                for (int t = 0; t < nthreads; t++)
+                    rs[t] = RangeScan{vlib, parts.table, ekey, t == 0 ? fid : nullptr, &wire, gsh,
+                                      cts.empty() ? nullptr : &cts[t], t, numobs * t / nthreads + 1,
+                                      numobs * (t + 1) / nthreads, intr, &stop, {}, 0};
+                for (int t = 1; t < nthreads; t++)
+                    started[t] = thr_create(nullptr, 0, rangethread, &rs[t], 0, &tids[t]) == 0;
+                rangethread(&rs[0]);
+                for (int t = 1; t < nthreads; t++) {
+                    if (started[t]) thr_join(tids[t], nullptr);
+                    else rangethread(&rs[t]);
+                }
+                if (!wire.empty()) q.plan += "where plan: " + rs[0].plan + "\n";
+                else q.plan += "where: none, every row is read\n";
+                for (int t = 0; t < nthreads && !rc; t++)
+                    if (rs[t].rc && rs[t].rc != WH_RC_SQLSTOP) rc = rs[t].rc;
+                for (int t = 0; t < nthreads && !rc; t++) rc = rs[t].rc;
+            }
             if (rc) return rc;
         }
         if ((rc = whgsgetr(gsh, storegroups, &fin))) return rc;
