@@ -6,7 +6,10 @@
 //                                       about a million, X, Y), a SQLite file
 //                                       and DIR/t.csv for DuckDB
 //   bench_groupby duckmake DIR          DIR/t.duckdb from DIR/t.csv
-//   bench_groupby vrta|sqlite|duckdb DIR g100|g1m|distinct [THREADS]
+//   bench_groupby vrta|sqlite|duckdb DIR g100|g1m|distinct [THREADS [MEM]]
+//                                       MEM: the module's group-by memory in
+//                                       bytes for all threads (0: its default,
+//                                       2 MB a thread)
 //
 // Every run prints "rows=N n=C x=S y=A": result rows, and the sums over them
 // of the count, SUM(X) and AVG(Y) columns, so that the script can check that
@@ -128,10 +131,10 @@ int make(const char* dir, long nrows) {
     return 0;
 }
 
-int runvrta(const char* dir, const Query& q, int threads) {
+int runvrta(const char* dir, const Query& q, int threads, double mem) {
     void* lib = nullptr;
     if (int rc = splasgn(dir, &lib)) return die("splasgn", rc);
-    VRTASQLOPT opt{threads, 0, nullptr, nullptr};
+    VRTASQLOPT opt{threads, mem, nullptr, nullptr};
     VRTASQLRES* res = nullptr;
     char msg[512];
     if (int rc = vrtasql(lib, q.sql, -1, &opt, &res, msg, sizeof msg)) return die(msg, rc);
@@ -212,15 +215,17 @@ int runduck(const char* dir, const char* what, int threads) {
 int main(int argc, char** argv) {
     if (argc == 4 && std::strcmp(argv[1], "make") == 0) return make(argv[2], std::atol(argv[3]));
     if (argc == 3 && std::strcmp(argv[1], "duckmake") == 0) return runduck(argv[2], "duckmake", 0);
-    if ((argc == 4 || argc == 5) && query(argv[3])) {
-        int threads = argc == 5 ? std::atoi(argv[4]) : 2;
+    if (argc >= 4 && argc <= 6 && query(argv[3])) {
+        int threads = argc >= 5 ? std::atoi(argv[4]) : 2;
         if (threads < 1) threads = 1;
-        if (std::strcmp(argv[1], "vrta") == 0) return runvrta(argv[2], *query(argv[3]), threads);
+        double mem = argc == 6 ? std::atof(argv[5]) : 0;
+        if (mem < 0) return die("MEM must not be negative");
+        if (std::strcmp(argv[1], "vrta") == 0) return runvrta(argv[2], *query(argv[3]), threads, mem);
         if (std::strcmp(argv[1], "sqlite") == 0) return runsqlite(argv[2], *query(argv[3]));
         if (std::strcmp(argv[1], "duckdb") == 0) return runduck(argv[2], argv[3], threads);
     }
     std::fprintf(stderr,
                  "usage: bench_groupby make DIR NROWS | duckmake DIR | vrta|sqlite|duckdb DIR g100|g1m|distinct "
-                 "[THREADS]\n");
+                 "[THREADS [MEM]]\n");
     return 2;
 }
