@@ -272,10 +272,18 @@ rctype ixhygsetpnt(void* vh, const void* loval, int locomp, int lolen, const voi
     if ((loval && lolen < 1) || (hival && hilen < 1)) return IX_BADCOMPARE;
     rctype rc = ixhy_btrof(h, 0);
     if (rc < 0) return rc;
-    ixhy_cleanup_global(h);
-    IXH_GLOBAL_R* g = nullptr;
-    if ((rc = ixhy_alloc_global(h, &g)) < 0) return rc;
-    h->global = g;
+    // The previous scan's cursor is cleaned and its memory taken again.
+    IXH_GLOBAL_R* g = global(h);
+    if (g) {
+        ixclearl(g->glist);
+        g->has_data = 0;
+        g->listed = g->inseg = false;
+        g->hival.clear();
+        g->hilen = 0;
+    } else {
+        if ((rc = ixhy_alloc_global(h, &g)) < 0) return rc;
+        h->global = g;
+    }
     g->include_deleted = ignore != 0;
     g->hicomp = hicomp;
     if (hival) {
