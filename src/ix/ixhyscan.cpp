@@ -255,16 +255,6 @@ rctype takelist(IXH_HEADER_R* h, IX_SEGOP_T* op, int threadno) {
 
 // The entries of a value, in rising segment order, limited to the header's segments.
 rctype valuesegs(IXH_HEADER_R* h, const IXHYBRID_BTDATA_D& bt, std::vector<IXH_ST_ENTRY_D>* out) {
-    out->clear();
-    if (ixbt_one_segment(bt)) {
-        IXH_ST_ENTRY_D e{};
-        int type = ixbt_bm_type(bt);
-        ixste_set(e, ixbt_high_segno(bt), type);
-        e.data = type == Bm_One_Bit_Set ? bt.obs_data : bt.seg_data;
-        e.bm_offset = type == Bm_One_Bit_Set ? 0 : bt.data_loc;
-        if (ixbt_high_segno(bt) < h->disk.n_segs) out->push_back(e);
-        return 0;
-    }
     rctype rc;
     try {
         rc = ixhy_value_segv(h->iid, &h->disk, &bt, out);
