@@ -219,16 +219,6 @@ XMPUDL* pudlgrow(XMGCB* g) {
 constexpr int32_t XM_IDXNONE = 0x7fffffff;
 constexpr long XM_IDXMAX = 1L << 35;  // a puddle this large is walked instead
 
-// Slots i..n-1 move up one and slot i takes x.
-inline void putslot(int32_t* a, int n, int i, int32_t x) {
-    for (int k = n; k > i; --k) a[k] = a[k - 1];
-    a[i] = x;
-}
-// Slots i+1..n-1 move down one; slot n-1 takes none.
-inline void dropslot(int32_t* a, int n, int i, int32_t none) {
-    for (; i < n - 1; ++i) a[i] = a[i + 1];
-    a[n - 1] = none;
-}
 // Bit i set when a[i] > x, over the n slots in use. Four words, so that the
 // compares do not wait on one another.
 inline uint32_t maskgt(const int32_t* v, int n, int32_t x) {
@@ -262,15 +252,29 @@ void idxclear(XMPUDL* u) {
     u->nidx = fits ? 0 : -1;
 }
 
+// Both arrays move in one loop of a few slots: a library copy for each
+// would cost more in the call than the move.
 inline void idxdrop(XMPUDL* u, int i) {
-    dropslot(u->ioff, u->nidx, i, XM_IDXNONE);
-    dropslot(u->isz, u->nidx, i, -1);
-    u->nidx--;
+    int n = u->nidx;
+    for (int k = i; k < n - 1; ++k) {
+        u->ioff[k] = u->ioff[k + 1];
+        u->isz[k] = u->isz[k + 1];
+        asm("" ::: "memory");  // a loop, not two calls to memmove
+    }
+    u->ioff[n - 1] = XM_IDXNONE;
+    u->isz[n - 1] = -1;
+    u->nidx = n - 1;
 }
 inline void idxput(XMPUDL* u, int i, const char* addr, long size) {
-    putslot(u->ioff, u->nidx, i, units(addr - u->start));
-    putslot(u->isz, u->nidx, i, units(size));
-    u->nidx++;
+    int n = u->nidx;
+    for (int k = n; k > i; --k) {
+        u->ioff[k] = u->ioff[k - 1];
+        u->isz[k] = u->isz[k - 1];
+        asm("" ::: "memory");
+    }
+    u->ioff[i] = units(addr - u->start);
+    u->isz[i] = units(size);
+    u->nidx = n + 1;
 }
 
 // Copies the chain into the index when it fits; called now and then, before
