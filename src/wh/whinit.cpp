@@ -433,27 +433,30 @@ rctype planindexes(WH_HANDLE* wh, int* iflags, int* decided) {
 // ranges of an open index; where one can't give them the plan scans the
 // listed segments instead. Every row read is still tested with the INDEX
 // tree joined to the row test, so a list need only hold every match.
-rctype openplanned(WH_HANDLE* wh) {
+rctype openplanned(WH_HANDLE* wh, int iflags, int* maxthreadsp) {
     FILE* fp = wh->debugfp;
     if (rctype rc = openindexes(wh)) return rc;
+    if (rctype rc = wh_cost_indextree(wh, iflags, maxthreadsp)) return rc;
+    if (wh->call_flags == WHF_FALSE || !wh->xtree) return 0;
+    // Costing may have taken the one node an EVAL3 plan stood on.
+    if ((wh->call_flags & WHF_EVAL3) && wh->eval3 != wh->xtree) {
+        wh->call_flags = (wh->call_flags & ~WHF_EVAL3) | WHF_EVAL4;
+        wh->eval3 = nullptr;
+    }
     if (wh->call_flags & (WHF_EVAL3 | WHF_EVAL4)) {
         bool ok = false;
         if (rctype rc = whprobesok(wh, &ok)) return rc;
         if (!ok) {
             wh->call_flags = (wh->call_flags & ~(WHF_EVAL3 | WHF_EVAL4)) | WHF_EVAL1;
-            if (wh->xtree->nodeinfo->idx.flags & 0x10) wh->call_flags |= WHF_SEGLIST;
             wh->eval3 = nullptr;
             if (fp) std::fputs("whinit: an index can't give the rows by key, segments are scanned\n", fp);
+            if ((wh->xtree->nodeinfo->idx.flags & 0x10) && !wh->seglist) {
+                if (rctype rc = gatherseglists(wh, false)) return rc;
+                if (wh->seglist) wh->call_flags |= WHF_SEGLIST;
+            }
         }
     }
     if (fp) tree_print("whinit: INDEX tree", wh->xtree, fp);
-    wh->seglist = nullptr;
-    if (wh->call_flags & WHF_SEGLIST)
-        if (rctype rc = gatherseglists(wh)) return rc;
-    if ((wh->call_flags & WHF_SEGLIST) && !wh->seglist) {
-        wh->call_flags &= ~WHF_SEGLIST;
-        if (fp && (wh->call_flags & WHF_EVAL1)) std::fputs("whinit: checking all index segments\n", fp);
-    }
     return 0;
 }
 
@@ -530,9 +533,11 @@ rctype whinit(HS_NLSENV* targenv, const void* clause, DA_FID* fid, int iflags, i
             if (wh->xtree)
                 if (rctype rc = wh_plan_indextree(wh, &iflags, gshandle)) return fail(wh, rc);
             if (wh->xtree)
-                if (rctype rc = openplanned(wh)) return fail(wh, rc);
+                if (rctype rc = openplanned(wh, iflags, maxthreadsp)) return fail(wh, rc);
             flags = wh->call_flags;
-            if (!wh->tree && !wh->xtree) flags = WHF_NONE;
+            if (flags == WHF_FALSE) {
+                // Costing found no segment that can hold a match.
+            } else if (!wh->tree && !wh->xtree) flags = WHF_NONE;
             else flags |= pruned ? WHF_SOME : WHF_ALL;
         }
     }

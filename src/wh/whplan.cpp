@@ -763,3 +763,132 @@ rctype wh_plan_indextree(WH_HANDLE* wh, int* iflags, void* gshandle) {
 }
 
 }  // namespace vrta
+
+namespace vrta {
+
+int64_t whnumvals(const da_keystr_t* k) { return metaof(k)->numvals; }
+
+namespace {
+
+// Many probes for many rows: such an index node is kept whatever its yield.
+bool expensive(const SQLOP* n, int64_t est) { return n->nodeinfo->aicnts.eval2 > 8 && est > 200; }
+
+rctype cost_segments(WH_HANDLE* wh, int* maxthreadsp, int64_t tblsegs) {
+    FILE* fp = wh->debugfp;
+    int64_t nsegs = tblsegs;
+    auto* sl = static_cast<ix_list_t*>(wh->seglist);
+    if (sl && ixcntl(sl, &nsegs) != 0) nsegs = tblsegs;
+    if (nsegs == 0) {
+        if (fp) std::fputs("whinit costing: detects no TRUE segments (TRIVIALLY FALSE)\n", fp);
+        wh->call_flags = WHF_FALSE;
+        return 0;
+    }
+    SQLOP* root = wh->xtree;
+    int64_t segsize = wh->fid->xoehdr->idxsegsize > 0 ? wh->fid->xoehdr->idxsegsize : 1;
+    float yield = static_cast<float>(root->nodeinfo->segrows) / static_cast<float>(segsize);
+    int threads = *maxthreadsp;
+    int64_t cut = yield > 0.5f ? nsegs : yield > 0.25f ? (nsegs + 1) / 2 : yield > 0.1f ? (nsegs + 2) / 3 : (nsegs + 3) / 4;
+    if (cut < threads) {
+        int now = static_cast<int>(std::max<int64_t>(cut, 1));
+        if (fp)
+            std::fprintf(fp, "whinit costing: %d segs with est %d%% yield reduces whthreads from %d to %d\n",
+                         static_cast<int>(nsegs), std::max(1, static_cast<int>(yield * 100)), threads, now);
+        *maxthreadsp = now;
+        wh->numthreads = now;
+    }
+    int64_t est = static_cast<int64_t>(root->nodeinfo->segrows) * nsegs;
+    bool moved = false;
+    if (!expensive(root, est) && yield > 0.75f) {
+        // The index is no help: every row would be read all the same.
+        if (root->code == OP_LAND) {
+            for (int i = 0; i < root->u.node.narg; i++) {
+                SQLOP* c = get_child(root, i);
+                if (c && c->nodeinfo && idxof(c).status == WH_XST_ALL)
+                    if (rctype rc = move_indexnode(wh, i)) return rc;
+            }
+            free_tree(&wh->xtree, nullptr);
+            wh->xtree = nullptr;
+        } else if (rctype rc = move_indexnode(wh, -1)) {
+            return rc;
+        }
+        wh->call_flags |= WHF_EVAL2;
+        if (!wh->seglist) wh->call_flags &= ~WHF_EVAL1;
+        if (fp) std::fputs("whinit costing: high segment yield prunes all nodes\n", fp);
+        moved = true;
+    } else if (root->code == OP_LAND) {
+        int narg = root->u.node.narg;
+        std::vector<bool> highcost(static_cast<size_t>(narg), false);
+        int hc = -1, ly = -1;
+        auto rows = [&](int i) { return get_child(root, i)->nodeinfo->segrows; };
+        for (int i = 0; i < narg; i++) {
+            SQLOP* c = get_child(root, i);
+            if (!c || !c->nodeinfo || idxof(c).status != WH_XST_ALL) continue;
+            if (c->nodeinfo->segstats.nvalues > 20000 && !(idxof(c).flags & IF_SHARED)) {
+                highcost[static_cast<size_t>(i)] = true;
+                if (hc < 0 || rows(i) < rows(hc)) hc = i;
+            } else if (ly < 0 || rows(i) < rows(ly)) {
+                ly = i;
+            }
+        }
+        bool small = ly >= 0 && rows(ly) < 100;
+        for (int i = 0; i < narg; i++) {
+            SQLOP* c = get_child(root, i);
+            if (!c || !c->nodeinfo || idxof(c).status != WH_XST_ALL) continue;
+            bool prune = false;
+            if (highcost[static_cast<size_t>(i)]) {
+                prune = !(i == hc && ly < 0) && !expensive(c, est);
+                if (prune && fp) std::fprintf(fp, "whinit costing: prunes high cost node %d\n", i);
+            } else if (ly >= 0 && i != ly && !(idxof(c).flags & IF_SHARED)) {
+                prune = (small || yield > 0.25f) && !expensive(c, est);
+                if (prune && fp) std::fprintf(fp, "whinit costing: prunes high yield node %d\n", i);
+            }
+            if (!prune) continue;
+            if (rctype rc = move_indexnode(wh, i)) return rc;
+            moved = true;
+        }
+        if (moved) {
+            shiftnodeargs(root);
+            collapse1(&wh->xtree);
+        }
+    }
+    if (moved) {
+        cost_pruning++;
+        trace(wh, "whinit costing: wh-tree after costing", wh->tree);
+        trace(wh, "whinit costing: INDEX-tree after costing", wh->xtree);
+        if (!wh->xtree) {
+            wh->call_flags &= ~(WHF_EVAL3 | WHF_EVAL4);
+            wh->eval3 = nullptr;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+rctype wh_cost_indextree(WH_HANDLE* wh, int iflags, int* maxthreadsp) {
+    FILE* fp = wh->debugfp;
+    bool costing = (iflags & WHI_COSTING) != 0;
+    int64_t segsize = wh->fid->xoehdr->idxsegsize > 0 ? wh->fid->xoehdr->idxsegsize : 1;
+    int64_t tblsegs = (wh->fid->xoehdr->numobs + segsize - 1) / segsize;
+    wh->seglist = nullptr;
+    if (costing && tblsegs <= 0) {
+        if (fp) std::fprintf(fp, "whinit costing: Table size (%d segs) to small for costing\n", static_cast<int>(tblsegs));
+        int now = static_cast<int>(std::max<int64_t>(tblsegs, 1));
+        if (now < *maxthreadsp) {
+            if (fp) std::fprintf(fp, "whinit costing: Table size reduces whthrds from %d to %d\n", *maxthreadsp, now);
+            *maxthreadsp = now;
+            wh->numthreads = now;
+        }
+    } else if (costing || (wh->call_flags & WHF_SEGLIST)) {
+        if (rctype rc = gatherseglists(wh, costing)) return rc;
+        if (costing && (!(iflags & 0x20) || wh->tree))
+            if (rctype rc = cost_segments(wh, maxthreadsp, tblsegs)) return rc;
+    }
+    if ((wh->call_flags & WHF_SEGLIST) && !wh->seglist) {
+        wh->call_flags &= ~WHF_SEGLIST;
+        if (fp && (wh->call_flags & WHF_EVAL1)) std::fputs("whinit: checking all index segments\n", fp);
+    }
+    return 0;
+}
+
+}  // namespace vrta

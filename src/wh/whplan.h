@@ -37,8 +37,13 @@ int whindexnames(const SQLOP* xtree, char* buf, int buflen);
 // cannot be opened leaves its leaf without (all its segments).
 rctype openindexes(WH_HANDLE* wh);
 // The segments that can hold a match of the INDEX tree, into wh->seglist
-// (null: all of them).
-rctype gatherseglists(WH_HANDLE* wh);
+// (null: all of them); with costing each node's estimate of rows as well.
+rctype gatherseglists(WH_HANDLE* wh, bool costing);
+// Costing of an INDEX tree over the table's segments: threads cut to the
+// work, index nodes that would not skip reading moved to the row test.
+rctype wh_cost_indextree(WH_HANDLE* wh, int iflags, int* maxthreadsp);
+// The distinct values an index holds, as its record says.
+int64_t whnumvals(const da_keystr_t* k);
 void whfreeseglist(WH_HANDLE* wh);
 // The segment numbers (from 0) of wh->seglist, rising.
 rctype whsegments(WH_HANDLE* wh, std::vector<int64_t>* segs);

@@ -94,9 +94,11 @@ void tracesegs(WH_HANDLE* wh, const WH_IDX& x, bool alltrue, const IX_SEGSTATS_T
 }
 
 // The segments one leaf's condition can match; null list and *alltrue for all.
-rctype leafsegs(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue) {
+// *asked when the index was asked, with what it reported in *stats.
+rctype leafsegs(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue, IX_SEGSTATS_T* stats, bool* asked) {
     *list = nullptr;
     *alltrue = true;
+    *asked = false;
     WH_IDX& x = n->nodeinfo->idx;
     IX_INDEX_T* ix = x.ixh;
     if (!(x.flags & 0x10) || !ix || !x.name || !x.valu) return 0;
@@ -189,6 +191,8 @@ rctype leafsegs(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue) {
     }
     *list = lo[0].hy_list;
     *alltrue = *list == nullptr;
+    *stats = st;
+    *asked = true;
     tracesegs(wh, x, *alltrue, st);
     return 0;
 }
@@ -213,9 +217,11 @@ bool sameindex(const SQLOP* a, const SQLOP* b) {
 // The segments of both ends of a range on one index at once: each end alone
 // may touch most segments (and so answer all of them) where the range
 // between them touches few.
-rctype rangesegs(WH_HANDLE* wh, SQLOP* lo, SQLOP* hi, ix_list_t** list, bool* alltrue) {
+rctype rangesegs(WH_HANDLE* wh, SQLOP* lo, SQLOP* hi, ix_list_t** list, bool* alltrue, IX_SEGSTATS_T* stats,
+                 bool* asked) {
     *list = nullptr;
     *alltrue = true;
+    *asked = false;
     const WH_IDX& lx = lo->nodeinfo->idx;
     const WH_IDX& hx = hi->nodeinfo->idx;
     IX_INDEX_T* ix = lx.ixh;
@@ -239,15 +245,68 @@ rctype rangesegs(WH_HANDLE* wh, SQLOP* lo, SQLOP* hi, ix_list_t** list, bool* al
     }
     *list = l.hy_list;
     *alltrue = *list == nullptr;
+    *stats = st;
+    *asked = true;
     tracesegs(wh, lx, *alltrue, st);
     return 0;
 }
 
-rctype gather(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue, int depth) {
+int64_t tblsegsof(const WH_HANDLE* wh) {
+    const DA_XOEODS* x = wh->fid->xoehdr;
+    int64_t seg = x->idxsegsize > 0 ? x->idxsegsize : 1;
+    return (x->numobs + seg - 1) / seg;
+}
+
+// A node's segments (those of its list, or all) and rows per segment.
+void segrowsof(const WH_HANDLE* wh, SQLOP* n, ix_list_t* list) {
+    WH_NODE* wn = n->nodeinfo;
+    int64_t nsegs = tblsegsof(wh);
+    if (list && ixcntl(list, &nsegs) != 0) nsegs = tblsegsof(wh);
+    wn->segstats.nsegs = static_cast<int>(nsegs);
+    wn->segrows = nsegs > 0 ? static_cast<int>(wn->segstats.nrows / nsegs) : 0;
+}
+
+// A leaf's estimate: what the index reported, or, when it was not asked,
+// one made up from the table and the index's count of values.
+void leafestimate(WH_HANDLE* wh, SQLOP* n, ix_list_t* list, bool asked, const IX_SEGSTATS_T& st) {
+    WH_SEGSTATS& s = n->nodeinfo->segstats;
+    const WH_IDX& x = n->nodeinfo->idx;
+    s = WH_SEGSTATS{};
+    if (asked) {
+        s.segratio = st.segratio;
+        s.maxsegratio = st.maxsegratio;
+        s.nvalues = st.nvalues;
+        s.nrows = st.nrows;
+        segrowsof(wh, n, list);
+        return;
+    }
+    hs_obsno_t numobs = wh->fid->xoehdr->numobs;
+    int64_t nv = x.xkeystr ? whnumvals(x.xkeystr) : 0;
+    if (x.ntype == WH_XNT_NINMIXSET) {
+        s.nvalues = nv / 2;
+        s.nrows = numobs / 2;
+        s.nsegs = static_cast<int>(tblsegsof(wh) / 2);
+        n->nodeinfo->segrows = s.nsegs > 0 ? static_cast<int>(s.nrows / s.nsegs) : 0;
+        return;
+    }
+    s.nvalues = 1;
+    if (x.ntype == WH_XNT_NINLITSET && x.valu) s.nvalues = x.valu->u.node.narg;
+    s.nrows = (nv <= 0 || s.nvalues >= nv) ? (s.nvalues == nv ? numobs : 0) : numobs * (nv - s.nvalues) / nv;
+    if (nv <= 0) s.nrows = numobs;
+    segrowsof(wh, n, list);
+}
+
+rctype gather(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue, bool costing, int depth) {
     *list = nullptr;
     *alltrue = true;
     if (!n || !n->nodeinfo || depth > WH_MAXDEPTH) return WH_RC_BADTREE;
-    if (!isandor(n)) return leafsegs(wh, n, list, alltrue);
+    if (!isandor(n)) {
+        IX_SEGSTATS_T st{};
+        bool asked = false;
+        rctype rc = leafsegs(wh, n, list, alltrue, &st, &asked);
+        if (rc == 0 && costing) leafestimate(wh, n, *list, asked, st);
+        return rc;
+    }
     bool islor = n->code == OP_LOR;
     int narg = n->u.node.narg;
     // Under AND, a low end and a high end on one index are asked as one
@@ -267,23 +326,59 @@ rctype gather(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue, int dept
     }
     ix_list_t* run = nullptr;
     bool any = false;
+    bool allseen = false;   // under OR, a child answered all segments
+    int64_t r = 0, nvalues = 0;
+    const da_keystr_t* previx = nullptr;
+    int counted = 0;
     for (int i = 0; i < narg; i++) {
         SQLOP* c = get_child(n, i);
         if (!c || !c->nodeinfo || c->nodeinfo->idx.status != WH_XST_ALL || partner[i] == -2) continue;
         ix_list_t* cl = nullptr;
         bool call = true;
-        rctype grc = partner[i] >= 0 ? rangesegs(wh, c, get_child(n, partner[i]), &cl, &call)
-                                     : gather(wh, c, &cl, &call, depth + 1);
+        rctype grc = 0;
+        if (partner[i] >= 0) {
+            SQLOP* hi = get_child(n, partner[i]);
+            IX_SEGSTATS_T st{};
+            bool asked = false;
+            grc = rangesegs(wh, c, hi, &cl, &call, &st, &asked);
+            if (grc == 0 && costing) {
+                leafestimate(wh, c, cl, asked, st);
+                hi->nodeinfo->segstats = c->nodeinfo->segstats;
+                hi->nodeinfo->segrows = c->nodeinfo->segrows;
+            }
+        } else {
+            grc = gather(wh, c, &cl, &call, costing, depth + 1);
+        }
+        if (grc == 0 && costing) {
+            // The running estimate of rows.
+            int64_t cr = c->nodeinfo->segstats.nrows;
+            const da_keystr_t* cix = isandor(c) ? nullptr : c->nodeinfo->idx.xkeystr;
+            if (counted++ == 0) r = cr;
+            else if (islor && cix && cix == previx) r = r + cr;
+            else if (islor) r = cr < r ? r + cr / 2 : r / 2 + cr;
+            else r = r < cr ? r / 2 : cr / 2;
+            if (islor || counted == 1) previx = cix;
+            r = std::max<int64_t>(r, 1);
+            nvalues += c->nodeinfo->segstats.nvalues;
+        }
+        if (allseen) {
+            if (cl) ixfreel(cl);
+            if (grc) return grc;
+            continue;
+        }
         if (rctype rc = grc) {
             if (run) ixfreel(run);
             return rc;
         }
         if (!cl) {
-            // All segments: under OR nothing can be skipped; under AND the
-            // child does not narrow.
+            // All segments: under OR nothing can be skipped (costing goes on
+            // for the estimate); under AND the child does not narrow.
             if (islor) {
                 if (run) ixfreel(run);
-                return 0;
+                run = nullptr;
+                any = false;
+                allseen = true;
+                if (!costing) break;
             }
             continue;
         }
@@ -302,6 +397,11 @@ rctype gather(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue, int dept
     }
     *list = run;
     *alltrue = !any;
+    if (costing) {
+        n->nodeinfo->segstats.nrows = r;
+        n->nodeinfo->segstats.nvalues = nvalues;
+        segrowsof(wh, n, run);
+    }
     return 0;
 }
 
@@ -629,12 +729,12 @@ void whfreeev3(WH_HANDLE* wh) {
 
 rctype openindexes(WH_HANDLE* wh) { return wh->xtree ? openleaves(wh, wh->xtree, 0) : 0; }
 
-rctype gatherseglists(WH_HANDLE* wh) {
+rctype gatherseglists(WH_HANDLE* wh, bool costing) {
     wh->seglist = nullptr;
     if (!wh->xtree) return 0;
     ix_list_t* l = nullptr;
     bool alltrue = true;
-    if (rctype rc = gather(wh, wh->xtree, &l, &alltrue, 0)) return rc;
+    if (rctype rc = gather(wh, wh->xtree, &l, &alltrue, costing, 0)) return rc;
     if (l) ixrwndl(l);
     wh->seglist = l;
     return 0;

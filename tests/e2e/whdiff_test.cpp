@@ -582,7 +582,8 @@ TEST(WhDiff, IndexPlansAgreeWithRowTests) {
         // A caller reading in one stream may get row numbers from the
         // index: in key order (EVAL3) or in row order (EVAL4).
         int seq = 0;
-        std::vector<int64_t> got = moduleRows(fid, clause, 1, &seq, 97, 0x02);
+        // Costing (0x08) on half of them.
+        std::vector<int64_t> got = moduleRows(fid, clause, 1 + k % 3, &seq, 97, k % 2 ? 0x0a : 0x02);
         if (seq & VRTAWH_FEVAL4) {
             EXPECT_TRUE(std::is_sorted(got.begin(), got.end())) << clause;
         }
@@ -785,6 +786,42 @@ TEST(WhDiff, SegmentListsSkipSegments) {
             for (int i = 0; i < nrows; i++)
                 if (c.keep(k[i], g[i])) want.push_back(i + 1);
             EXPECT_EQ(got, want) << c.clause << " bufrows " << bufrows;
+            ASSERT_EQ(0, spfreewh(wh));
+        }
+        vrtawhfree(wire);
+    }
+    // Costing: an index that would not skip reading gives way to the row
+    // test, threads are cut to the work, no segment with a match is FALSE.
+    struct Cost {
+        const char* clause;
+        const char* want;  // in the plan's text
+    };
+    const Cost costs[] = {
+        {"k > 100", "index tree: none\n"},
+        {"k in (5, 40000, 49200)", "threads: 1\n"},
+        {"k = 30000.5", "none: no row qualifies"},
+    };
+    for (const Cost& c : costs) {
+        void* wire = nullptr;
+        int wl = 0;
+        ASSERT_EQ(0, vrtawhparse(c.clause, -1, wc, 2, &wire, &wl, nullptr, 0)) << c.clause;
+        for (int iflags : {0x00, 0x08}) {
+            void* wh = nullptr;
+            ASSERT_EQ(0, spnewwh(fid, 50 * 24, 0, 0, &wh));
+            ASSERT_EQ(0, spwhthreads(wh, 4));
+            int flags = 0, st = 0;
+            ASSERT_EQ(0, spwhset(wh, wire, iflags, 0, nullptr, &flags, &st)) << c.clause;
+            char ex[2000];
+            ASSERT_GT(spwhexplain(wh, ex, sizeof ex), 0);
+            // Only costing makes these plans.
+            EXPECT_EQ(iflags != 0, std::string(ex).find(c.want) != std::string::npos) << c.clause << "\n" << ex;
+            std::vector<int64_t> got;
+            std::vector<char> out(50 * 16);
+            long n = 0;
+            for (int guard = 0; guard < 10000 && spwhget(wh, out.data(), &n) == 0; guard++)
+                for (long i = 0; i < n; i++) got.push_back(spwhobsvec(wh)[i]);
+            size_t want = std::string(c.clause) == "k > 100" ? nrows - 100 : std::string(c.clause) == "k = 30000.5" ? 0 : 3;
+            EXPECT_EQ(got.size(), want) << c.clause;
             ASSERT_EQ(0, spfreewh(wh));
         }
         vrtawhfree(wire);
