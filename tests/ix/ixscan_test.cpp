@@ -870,3 +870,44 @@ TEST(IndexGlobalScan, RefusesBadRequestsAndFlagsOverflow) {
     EXPECT_EQ(2, gs.countd);
     EXPECT_EQ(0, ixclose(ix));
 }
+
+// A reader sees the segments of its header only: while a writer's rows are
+// past them, values and rows there are neither handed out nor counted.
+TEST(IndexGlobalScan, StopsAtTheReadersSegments) {
+    for (int distinct : {6, 3000}) {
+        SCOPED_TRACE("distinct " + std::to_string(distinct));
+        Table t;
+        ASSERT_NO_FATAL_FAILURE(maketable(&t, 2500, 32, distinct, 77, false));
+        IX_INDEX_T* ix = nullptr;
+        ASSERT_EQ(0, ixopen(t.fp, "ix", 0, 1, nullptr, &ix));
+        auto m = keys(t, ix);
+        // As if the header had been read before the last segments were written.
+        int32_t seen = hdr(ix)->disk.n_segs / 2;
+        hdr(ix)->disk.n_segs = seen;
+        std::map<std::string, Rows> vis;
+        for (auto& [k, rows] : m)
+            for (int64_t r : rows)
+                if ((r - 1) / 32 < seen) vis[k].insert(r);
+        ASSERT_EQ(0, ix->fp.gsetpnt(ix->ix_private, nullptr, IX_GE, 0, nullptr, IX_LE, 0, 0));
+        std::mt19937 rng(3);
+        EXPECT_EQ(expected(vis, GRange{}, nullptr), readscan(ix, nullptr, rng, m.begin()->first));
+        int64_t nd = -1;
+        ASSERT_EQ(0, ix->fp.gcount(ix->ix_private, nullptr, nullptr, &nd));
+        EXPECT_EQ(static_cast<int64_t>(vis.size()), nd);
+        IX_GSCAN gs{};
+        gs.stats = IX_GS_COUNT | IX_GS_NMISS | IX_GS_COUNTD;
+        ASSERT_EQ(0, ix->fp.gscan(ix->ix_private, nullptr, nullptr, &gs));
+        int64_t rows = 0;
+        for (auto& [k, r] : vis) rows += static_cast<int64_t>(r.size());
+        EXPECT_EQ(rows, gs.count + gs.nmiss);
+        ASSERT_EQ(0, ix->fp.gsetrng(ix->ix_private, nullptr, IX_GE, nullptr, IX_LE, 0));
+        for (auto& [k, r] : vis) {
+            hs_obsno_t lo, hi;
+            int64_t n;
+            ASSERT_EQ(0, ix->fp.ggetrng(ix->ix_private, 1, nullptr, &lo, &hi, &n));
+            EXPECT_EQ(static_cast<int64_t>(r.size()), n);
+            EXPECT_EQ(*r.rbegin(), hi);
+        }
+        ASSERT_EQ(0, ixclose(ix));
+    }
+}
