@@ -560,50 +560,86 @@ WH_EV3* ev3of(WH_HANDLE* wh) {
     return static_cast<WH_EV3*>(wh->ev3);
 }
 
-rctype eval4(WH_HANDLE* wh, SQLOP* n, ix_list_t* acc, int depth) {
+// The rows of n as a list into *out (null when none was made): a leaf's
+// from the global scan, one list per key range ORed, so that no row is
+// added one at a time; AND and OR merge their children's.
+rctype eval4(WH_HANDLE* wh, SQLOP* n, ix_list_t** out, int depth) {
+    *out = nullptr;
     if (!n || !n->nodeinfo || depth > WH_MAXDEPTH) return WH_RC_BADTREE;
     if (n->nodeinfo->idx.status != WH_XST_ALL) return WH_RC_BADPLAN;
+    ix_list_t* acc = nullptr;
+    auto merge = [&](ix_list_t* l, int op) -> rctype {
+        if (!acc) {
+            acc = l;
+            return 0;
+        }
+        rctype rc = ixop(acc, l, acc, op);
+        ixfreel(l);
+        if (rc != 0) {
+            wh_trap_error("eval4", __LINE__, rc);
+            return WH_RC_TRAPPED;
+        }
+        return 0;
+    };
+    rctype rc = 0;
     if (!isandor(n)) {
         wh->eval3 = n;
-        int64_t seg = wh->fid->xoehdr->idxsegsize;
-        constexpr int64_t BATCH = 4096;
-        std::vector<hs_obsno_t> rows(BATCH);
-        int rewind = 1;
-        for (;;) {
-            int64_t cnt = BATCH;
-            if (rctype rc = wheval3(wh, rewind, rows.data(), nullptr, &cnt)) return rc;
-            rewind = 0;
-            if (cnt == 0) return 0;
-            for (int64_t i = 0; i < cnt; i++)
-                if (rctype rc = ixadnum(acc, rows[static_cast<size_t>(i)], seg); rc != 0) {
-                    wh_trap_error("eval4", __LINE__, rc);
-                    return WH_RC_TRAPPED;
-                }
+        IX_INDEX_T* ix = n->nodeinfo->idx.ixh;
+        WH_EV3* st = ev3of(wh);
+        if (!ix) return WH_RC_BADPLAN;
+        if (!st) return WH_RC_NOMEM;
+        bool ok = false;
+        if ((rc = leafprobes(wh, n, st->probes, &ok))) return rc;
+        if (!ok) return WH_RC_NOKEY;
+        st->node = n;
+        wh->valstart = true;
+        for (const Probe& p : st->probes) {
+            rc = ix->fp.gsetpnt(ix->ix_private, p.lo.empty() ? nullptr : p.lo.data(), p.loop, p.lolen,
+                                p.hi.empty() ? nullptr : p.hi.data(), p.hiop, p.hilen, 0);
+            ix_list_t* l = nullptr;
+            // 1 from ggetlist: no value in the range.
+            if (rc >= 0) rc = ix->fp.ggetlist(ix->ix_private, nullptr, &l, nullptr);
+            if (rc < 0) {
+                if (l) ixfreel(l);
+                wh_trap_error("eval4", __LINE__, rc);
+                rc = WH_RC_TRAPPED;
+                break;
+            }
+            rc = 0;
+            if (l && (rc = merge(l, IX_OR))) break;
         }
-    }
-    int op = n->code == OP_LOR ? IX_OR : IX_AND;
-    bool first = true;
-    for (int i = 0; i < n->u.node.narg; i++) {
-        SQLOP* c = get_child(n, i);
-        if (!c || !c->nodeinfo || c->nodeinfo->idx.status != WH_XST_ALL) continue;
-        if (first) {
-            if (rctype rc = eval4(wh, c, acc, depth + 1)) return rc;
-            first = false;
-            continue;
-        }
-        ix_list_t* sub = nullptr;
-        if (ixgetl(&sub) != 0) return WH_RC_NOMEM;
-        rctype rc = eval4(wh, c, sub, depth + 1);
-        if (rc == 0) {
-            rctype orc = ixop(acc, sub, acc, op);
-            if (orc != 0) {
-                wh_trap_error("eval4", __LINE__, orc);
+    } else {
+        int op = n->code == OP_LOR ? IX_OR : IX_AND;
+        bool first = true;
+        for (int i = 0; i < n->u.node.narg && rc == 0; i++) {
+            SQLOP* c = get_child(n, i);
+            if (!c || !c->nodeinfo || c->nodeinfo->idx.status != WH_XST_ALL) continue;
+            ix_list_t* sub = nullptr;
+            if ((rc = eval4(wh, c, &sub, depth + 1))) break;
+            if (!sub && ixgetl(&sub) != 0) {
+                rc = WH_RC_NOMEM;
+                break;
+            }
+            if (first) {
+                // The first child's rows are where the others merge in.
+                if (acc) ixfreel(acc);
+                acc = sub;
+                first = false;
+                continue;
+            }
+            rc = ixop(acc, sub, acc, op);
+            ixfreel(sub);
+            if (rc != 0) {
+                wh_trap_error("eval4", __LINE__, rc);
                 rc = WH_RC_TRAPPED;
             }
         }
-        ixfreel(sub);
-        if (rc) return rc;
     }
+    if (rc) {
+        if (acc) ixfreel(acc);
+        return rc;
+    }
+    *out = acc;
     return 0;
 }
 
@@ -692,11 +728,8 @@ rctype wheval4(WH_HANDLE* wh, ix_list_t** obs_list) {
     if (!wh) return WH_RC_NULLARG;
     if (!(wh->call_flags & WHF_EVAL4) || !wh->xtree) return WH_RC_BADPLAN;
     ix_list_t* l = nullptr;
-    if (ixgetl(&l) != 0) return WH_RC_NOMEM;
-    if (rctype rc = eval4(wh, wh->xtree, l, 0)) {
-        ixfreel(l);
-        return rc;
-    }
+    if (rctype rc = eval4(wh, wh->xtree, &l, 0)) return rc;
+    if (!l && ixgetl(&l) != 0) return WH_RC_NOMEM;
     ixrwndl(l);
     *obs_list = l;
     return 0;
