@@ -7,6 +7,8 @@
 #include <benchmark/benchmark.h>
 
 #include <array>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -99,7 +101,10 @@ struct Fixture {
     wgrow::Block b{};
     std::vector<wgref::Inst> code;
     Fixture() {
-        hsgblinit();
+        if (hsgblinit() != 0) {
+            std::fputs("bench_codegen: the runtime does not start\n", stderr);
+            std::exit(1);
+        }
         layout = wgrow::layout(NCOLS, &size);
         in.resize(BLOCK * size);
         out.resize(BLOCK * size);

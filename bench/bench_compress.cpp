@@ -107,11 +107,14 @@ struct Lzw {
     HS_CBLK cb{};
     Lzw() {
         cb.mode = XZC_INIT;
-        hsclzw(&cb);
+        if (hsclzw(&cb) != 0) {
+            std::fputs("bench_compress: the coder does not start\n", stderr);
+            std::exit(1);
+        }
     }
     ~Lzw() {
         cb.mode = XZC_TERM;
-        hsclzw(&cb);
+        rcignore(hsclzw(&cb));  // ending only frees the coder's tables
     }
 };
 

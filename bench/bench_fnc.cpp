@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -20,7 +21,10 @@ namespace {
 long fcode(const char* name) {
     long c = 0;
     FNCSTR a{};
-    find_fnc(name, static_cast<int>(strlen(name)), 'U', &a, &c);
+    if (find_fnc(name, static_cast<int>(strlen(name)), 'U', &a, &c) != 0) {
+        std::fprintf(stderr, "bench_fnc: no function %s\n", name);
+        std::exit(1);
+    }
     return c;
 }
 
@@ -97,7 +101,10 @@ void BM_CodeDate(benchmark::State& st) {
     char buf[16];
     long code = 0;
     FMTSTR a{};
-    xfname("DATE", 4, 'F', &a, &code);
+    if (xfname("DATE", 4, 'F', &a, &code) != 0) {
+        st.SkipWithError("no format DATE");
+        return;
+    }
     double d = 14600;
     for (auto _ : st) {
         xfxpn(nullptr, d, 9, 0, code, buf);

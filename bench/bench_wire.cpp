@@ -10,6 +10,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -28,7 +30,10 @@ namespace {
 
 void runtime() {
     if (std::memcmp(vvgcbp()->eye, "VGCB", 4) != 0) vvinit();
-    hsgblinit();
+    if (hsgblinit() != 0) {
+        std::fputs("bench_wire: the runtime does not start\n", stderr);
+        std::exit(1);
+    }
     xkinit();
     if (!opgtgbl()) opinitgbl();
 }

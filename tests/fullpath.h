@@ -1,6 +1,7 @@
 // A path that fills up, through the runtime's file-system vector (see
 // fullbudget.h for the rule). The vector is put back when the object goes.
 #pragma once
+#include <gtest/gtest.h>
 #include <string>
 
 #include "fullbudget.h"
@@ -12,7 +13,9 @@ namespace vrtatest {
 class FullPath {
 public:
     FullPath(const std::string& prefix, long budget) {
-        if (!vrta::HSGCB) vrta::hsgblinit();
+        if (!vrta::HSGCB) {
+            EXPECT_EQ(0, vrta::hsgblinit());
+        }
         prefix_() = prefix;
         budget_().store(budget);
         spent_().store(0);

@@ -78,8 +78,9 @@ rctype wrap(const SP_FID* s, rctype rc) { return spmkerr(s->dsname.name, s->dsna
 void freespfid(SP_FID* s) {
     // Reached after a failure or after vrtaclose ended the transcoding already.
     if (s->tpflags & (SP_TPIN | SP_TPOUT)) daignore(spnlsterm(s));
-    if (s->tblenv) nls_release(s->tblenv);
-    if ((s->tpflags & SP_TPCLENV) && s->clenv) nls_release(s->clenv);
+    // Letting go of a reference cannot fail in a way the caller could act on.
+    if (s->tblenv) daignore(nls_release(s->tblenv));
+    if ((s->tpflags & SP_TPCLENV) && s->clenv) daignore(nls_release(s->clenv));
     free(s->tpbuf);
     free(s);
 }

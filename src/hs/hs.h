@@ -9,8 +9,8 @@ namespace vrta {
 struct HS_GCB;
 extern HS_GCB* HSGCB;
 
-rctype hsgblinit();
-rctype hsgblterm();
+[[nodiscard]] rctype hsgblinit();
+[[nodiscard]] rctype hsgblterm();
 
 // Stamped diagnostic line: "<date>(<pid>) <id>- " then the caller's text.
 void hsprint(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -23,14 +23,16 @@ int hssprrc(char* buffer, rctype code, ...);
 // Text of a return code, without its %nz prefix.
 const char* hsstrer(rctype code);
 const char* UnknownError(rctype code);
+// Logs code and hands it back, for `return hs_trace_error(...)`; a call
+// made only to log has nothing to check, so the result may be dropped.
 rctype hs_trace_error(const char* file, int line, rctype code);
 
-rctype hssetabort(jmp_buf* jbuf, jmp_buf** oldjbuf);
+[[nodiscard]] rctype hssetabort(jmp_buf* jbuf, jmp_buf** oldjbuf);
 jmp_buf* hsgetabort();
 [[noreturn]] void hsabort(int abstat);
 
-rctype hsaexit(void (*exitfp)(void*), void* exitap);
-rctype hsuexit(void (*exitfp)(void*), void* exitap);
+[[nodiscard]] rctype hsaexit(void (*exitfp)(void*), void* exitap);
+[[nodiscard]] rctype hsuexit(void (*exitfp)(void*), void* exitap);
 
 int hstmpdir(int bsiz, char* bufp);
 

@@ -41,7 +41,7 @@ struct HS_CBLK {
 // room on entry and the length on return; HS_OUTFULL when it does not fit.
 // XZC_EXPAND: from/cyphlen -> to, textlen is the room then the length;
 // HS_BADDATA for a damaged, truncated or too long stream. XZC_TERM frees.
-rctype hsclzw(HS_CBLK* cb);
+[[nodiscard]] rctype hsclzw(HS_CBLK* cb);
 
 // Block cipher.
 constexpr int HS_ENC = 0;
@@ -63,7 +63,7 @@ struct HS_BENC {
 // textlen bytes from `from` to `to`, same length. HS_BADDATA for a creation
 // time that does not fit 32 bits or a bad mode; DA_BADKEY-valued
 // 0x80000240 for an all-blank key.
-rctype hsbenc(HS_BENC* bp);
+[[nodiscard]] rctype hsbenc(HS_BENC* bp);
 
 // 31-bit multiplicative congruential generators; the state is 1..2^31-2.
 uint32_t hsran32(uint32_t* seed);

@@ -69,35 +69,35 @@ rctype hsgblinit() {
     memcpy(h->gPrintID, "VRTA", 5);
     mutex_init(&h->tmpdirlock);
     if (rctype rc = hstbinit()) {
-        hsgblterm();
+        rcignore(hsgblterm());  // the half-built block goes; the failure is reported
         return rc;
     }
     if (hsmkkey(&h->gAbortKey, nullptr) || hsmkkey(&h->gExitKey, hs_thread_exit) ||
         hsmkkey(&h->gBufKey, hs_free_errbuf)) {
-        hsgblterm();
+        rcignore(hsgblterm());  // the half-built block goes; the failure is reported
         return HS_RC_INIT;
     }
     h->hsmemgcb = hsmeminit();
     if (!h->hsmemgcb) {
         hsprint("ERROR: Unable to initialize hsmeminit()\n");
-        hsgblterm();
+        rcignore(hsgblterm());  // the half-built block goes; the failure is reported
         return HS_RC_INIT;
     }
     if (!xminit()) {
         hsprint("ERROR: Unable to initialize xminit()\n");
-        hsgblterm();
+        rcignore(hsgblterm());  // the half-built block goes; the failure is reported
         return HS_RC_INIT;
     }
     // National language support rests on a closed library that may be
     // absent; the runtime works without it, so its failure is not ours.
-    if (hsnlsinit) hsnlsinit();
+    if (hsnlsinit) rcignore(hsnlsinit());
     return 0;
 }
 
 rctype hsgblterm() {
     HS_GCB* h = HSGCB;
     if (!h) return 0;
-    if (hsnlsterm) hsnlsterm();
+    if (hsnlsterm) rcignore(hsnlsterm());  // frees only; cannot fail
     if (h->gAbortKey) thr_keydelete(h->gAbortKey);
     if (h->gExitKey) thr_keydelete(h->gExitKey);
     if (h->gBufKey) thr_keydelete(h->gBufKey);

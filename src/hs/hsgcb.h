@@ -66,7 +66,7 @@ void hs_thread_exit(void* xvec);
 void hs_free_errbuf(void* buf);
 
 // The table lock block.
-rctype hstbinit();
+[[nodiscard]] rctype hstbinit();
 void hstbterm();
 
 // Truncated doubles: a number shorter than 8 bytes holds the high bytes.

@@ -144,7 +144,8 @@ static void fillCommon(HS_NLSENVP* p, HS_NLSGCB* g, hs_nlscei_t encoding, const 
     if (n) std::memcpy(e.locale, locale, static_cast<size_t>(n));
     e.locale_l = n;
     e.encoding = encoding;
-    g->nlsh->findenc(encoding, nullptr, &e.minbyteschar, &e.maxbyteschar);
+    // hsnlslkup found this encoding before an environment is built for it.
+    rcignore(g->nlsh->findenc(encoding, nullptr, &e.minbyteschar, &e.maxbyteschar));
     e.nls_release = nlsRelease;
     e.nls_getsm = nlsGetsm;
     e.nls_missing = u_8bit_missing;
@@ -369,14 +370,14 @@ rctype hsnlsinit() {
     rctype rc = VRTANLSLIB(3, vec, &g->nlsh);
     if (rc) {
         hsprint("hsnlsinit: VRTANLSLIB initialization failed: Reason=%s\n", hsstrer(rc));
-        hsnlsterm();
+        rcignore(hsnlsterm());  // frees what was made; rc is the failure
         return rc;
     }
     // The stand-by transcoder for the ASCII range: a UTF-8 to ASCII pipeline.
-    g->nlsh->openpipe(NLS_CEI_UTF8, NLS_CEI_ASCII, &g->ascii_nvchar);
-    if (!g->ascii_nvchar) {
+    rc = g->nlsh->openpipe(NLS_CEI_UTF8, NLS_CEI_ASCII, &g->ascii_nvchar);
+    if (rc || !g->ascii_nvchar) {
         hsprint("NLSASSERT failed: %s line=%d\n", "hs/src/hsnls", __LINE__);
-        hsnlsterm();
+        rcignore(hsnlsterm());
         return NLS_RC_ASSERT;
     }
     return 0;

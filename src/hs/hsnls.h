@@ -34,7 +34,7 @@ struct HS_NLSENV {
     int locale_l;
     hs_nlscei_t encoding;
     int minbyteschar, maxbyteschar;
-    rctype (*nls_release)(HS_NLSENV* env);
+    rctype (*nls_release)(HS_NLSENV* env) __attribute__((warn_unused_result));
     // Comparisons return <0, 0, >0 like memcmp.
     int (*nls_casecmp)(HS_NLSENV* env, const char* a, int al, const char* b, int bl);
     // Case conversion of len bytes from src into dst; returns bytes written.
@@ -50,21 +50,24 @@ struct HS_NLSENV {
     void (*nls_blankfill)(HS_NLSENV* env, char* buf, int len);
     // 1 when the value is all blank: a missing character value.
     int (*nls_missing)(HS_NLSENV* env, const char* buf, int len);
-    rctype (*nls_getsm)(HS_NLSENV* env, void** smhp);
+    rctype (*nls_getsm)(HS_NLSENV* env, void** smhp) __attribute__((warn_unused_result));
     void* nlssm;  // string manager, made on first use
 };
 
 // The locale library's operations, in the order of their slots.
 struct NLS_PIPE;
 struct NLS_LIBOPS {
-    rctype (*findenc)(hs_nlscei_t cei, int* nlsclass, int* minbytes, int* maxbytes);
+    rctype (*findenc)(hs_nlscei_t cei, int* nlsclass, int* minbytes, int* maxbytes)
+        __attribute__((warn_unused_result));
     // *pipe null with result 0 means no transcoding is needed.
-    rctype (*openpipe)(hs_nlscei_t src, hs_nlscei_t tgt, NLS_PIPE** pipe);
+    rctype (*openpipe)(hs_nlscei_t src, hs_nlscei_t tgt, NLS_PIPE** pipe) __attribute__((warn_unused_result));
     // Transcodes srclen bytes into at most dstcap bytes; *written gets the bytes
     // written. A value that does not fit or cannot be represented is NLS_RC_TRANSCODE.
-    rctype (*transcode)(NLS_PIPE* pipe, const char* src, long srclen, char* dst, long dstcap, long* written);
+    rctype (*transcode)(NLS_PIPE* pipe, const char* src, long srclen, char* dst, long dstcap, long* written)
+        __attribute__((warn_unused_result));
     long (*longest)(NLS_PIPE* pipe, long inlen);
-    rctype (*smcreate)(hs_nlscei_t cei, const char* locale, int locale_l, void** smh);
+    rctype (*smcreate)(hs_nlscei_t cei, const char* locale, int locale_l, void** smh)
+        __attribute__((warn_unused_result));
     void (*closepipe)(NLS_PIPE* pipe);
     void (*smdestroy)(void* smh);
 };
@@ -81,16 +84,16 @@ struct HS_NLSGCB {
 };
 
 // The built-in locale library's entry: count 3, vec = HSGCB, vvgcb, option table.
-rctype VRTANLSLIB(int count, void** vec, const NLS_LIBOPS** nlsh);
+[[nodiscard]] rctype VRTANLSLIB(int count, void** vec, const NLS_LIBOPS** nlsh);
 
-rctype hsnlsinit();
-rctype hsnlsterm();
+[[nodiscard]] rctype hsnlsinit();
+[[nodiscard]] rctype hsnlsterm();
 HS_NLSGCB* hsnlsgcb();
 
 // An environment shared by encoding and locale, reference counted.
 // locale_l -1 measures the locale up to its trailing blanks.
-rctype hsnlsgetenv(hs_nlscei_t encoding, const char* locale, int locale_l, int flags, HS_NLSENV** env);
-inline rctype nls_release(HS_NLSENV* env) { return env ? env->nls_release(env) : 0; }
+[[nodiscard]] rctype hsnlsgetenv(hs_nlscei_t encoding, const char* locale, int locale_l, int flags, HS_NLSENV** env);
+[[nodiscard]] inline rctype nls_release(HS_NLSENV* env) { return env ? env->nls_release(env) : 0; }
 int hsnlsrefcount(const HS_NLSENV* env);
 
 bool hsnlsissame(const HS_NLSENV* env1, const HS_NLSENV* env2);
@@ -99,23 +102,23 @@ const NLS_LIBOPS* hsnlshandle();
 // Data must be transcoded between two environments: both given, different
 // encodings, and transcoding enabled.
 bool hsnlstpneeded(const HS_NLSENV* targenv, const HS_NLSENV* srcenv);
-rctype hsnlsvercei(hs_nlscei_t encoding);
-rctype hsnlsverloc(const char* locale, int locale_l);
+[[nodiscard]] rctype hsnlsvercei(hs_nlscei_t encoding);
+[[nodiscard]] rctype hsnlsverloc(const char* locale, int locale_l);
 // The binary option NLSTRANSCODE; transcoding stays off until it is set.
 bool hsnlsenabled();
 
 // Case and sort tables: from a file found through VRTA_NLSPATH, else built in.
-rctype hsnlsldlcuc(HS_NLSGCB* nlsgcb, hs_nlscei_t encoding, const char* locale, int locale_l,
+[[nodiscard]] rctype hsnlsldlcuc(HS_NLSGCB* nlsgcb, hs_nlscei_t encoding, const char* locale, int locale_l,
                    unsigned char* lctab, unsigned char* uctab);
-rctype hsnlsldsortseq(HS_NLSGCB* nlsgcb, hs_nlscei_t encoding, const char* seqnam, int seqnam_l,
+[[nodiscard]] rctype hsnlsldsortseq(HS_NLSGCB* nlsgcb, hs_nlscei_t encoding, const char* seqnam, int seqnam_l,
                       unsigned char* sorttab);
 
 // The character set an encoding number stands for, or null.
 const char* hsnlscharset(hs_nlscei_t encoding);
 
 // A transcoder between two encodings, for the read and write paths.
-rctype hsnlstpopen(hs_nlscei_t src, hs_nlscei_t tgt, NLS_PIPE** pipe);
-rctype hsnlstpconv(NLS_PIPE* pipe, const char* src, long srclen, char* dst, long dstcap, long* written);
+[[nodiscard]] rctype hsnlstpopen(hs_nlscei_t src, hs_nlscei_t tgt, NLS_PIPE** pipe);
+[[nodiscard]] rctype hsnlstpconv(NLS_PIPE* pipe, const char* src, long srclen, char* dst, long dstcap, long* written);
 long hsnlstplongest(NLS_PIPE* pipe, long inlen);
 void hsnlstpclose(NLS_PIPE* pipe);
 

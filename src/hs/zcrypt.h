@@ -17,13 +17,13 @@ uint32_t zscode(uint32_t group, int decode);
 
 // Codes len bytes (len < 2^24) of from into zcryptlen(len) bytes at to.
 // 0, or 0x80000406 for a bad length.
-rctype zncrypt(const void* from, long len, void* to);
+[[nodiscard]] rctype zncrypt(const void* from, long len, void* to);
 // Decodes clen bytes; the text (at most tolen bytes) goes to `to` and its
 // length to *len. 0x80000406 for a damaged text or too little room.
-rctype zdcrypt(const void* from, long clen, void* to, long tolen, long* len);
+[[nodiscard]] rctype zdcrypt(const void* from, long clen, void* to, long tolen, long* len);
 
 // The same pair under the runtime's names.
-rctype hsncryp(const void* from, long len, void* to);
-rctype hsdcryp(const void* from, long clen, void* to, long tolen, long* len);
+[[nodiscard]] rctype hsncryp(const void* from, long len, void* to);
+[[nodiscard]] rctype hsdcryp(const void* from, long clen, void* to, long tolen, long* len);
 
 }  // namespace vrta

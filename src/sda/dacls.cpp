@@ -204,7 +204,10 @@ namespace vrta {
         if (rc < 0) last = rc;
         fcb->mdfd = nullptr;
     }
-    if (fcb->nlsenv) nls_release(fcb->nlsenv);
+    if (fcb->nlsenv) {
+        rctype rc = nls_release(fcb->nlsenv);
+        if (rc < 0) last = rc;
+    }
     mutex_destroy(&fcb->indexLock);
     mutex_destroy(&fcb->aclLock);
     mutex_destroy(&fcb->dynupdLock);

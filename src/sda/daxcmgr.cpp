@@ -211,7 +211,7 @@ int dalzwch(void* xcthdl, int*, char*) {
     LZWH* h = static_cast<LZWH*>(xcthdl);
     if (!h) return 0;
     h->cb.mode = XZC_TERM;
-    hsclzw(&h->cb);
+    rcignore(hsclzw(&h->cb));  // ending only frees the coder's tables
     mutex_destroy(&h->lock);
     std::free(h);
     return 0;

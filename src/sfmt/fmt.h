@@ -46,8 +46,8 @@ constexpr long FMT_KIND_HEX = 99;    // $HEXw.
 const FMTTBL_ENT* fmtrow(long code);
 // Looks a format (fmttype 'F') or informat ('I') up in fmt_table: 0 found,
 // with *attr and *code set; 1 not found. An empty name is "F".
-rctype fmtfind(const char* name, int len, char fmttype, FMTSTR* attr, long* code);
+[[nodiscard]] rctype fmtfind(const char* name, int len, char fmttype, FMTSTR* attr, long* code);
 // The same in the user format catalogue, under the layer's lock.
-rctype fmtuser(const char* name, int len, char fmttype, FMTSTR* attr, long* code);
+[[nodiscard]] rctype fmtuser(const char* name, int len, char fmttype, FMTSTR* attr, long* code);
 
 }  // namespace vrta

@@ -132,15 +132,15 @@ void xfterm(void* gcb);
 // Looks a function up by name (len under 9), or checks a code given in *code
 // (name null or len 9 or more). 0 found, with *attr filled and *code set; 1
 // not found.
-rctype find_fnc(const char* name, int len, int kind, FNCSTR* attr, long* code);
+[[nodiscard]] rctype find_fnc(const char* name, int len, int kind, FNCSTR* attr, long* code);
 // fmttype 'F' or 'I': a format or informat (fattrptr is an FMTSTR*); 'U' or
 // 'B': a function (fattrptr is an FNCSTR*). 0 found, 1 not found.
-rctype xfname(const char* fmtnamex, int fmtlen, int fmttype, void* fattrptr, long* fmtcode);
+[[nodiscard]] rctype xfname(const char* fmtnamex, int fmtlen, int fmttype, void* fattrptr, long* fmtcode);
 // Checks argument kinds against fargi as the WHERE checker does: 3 bits an
 // argument from the low end, 1 wants a number and 2 a string, the last group
 // standing for all further ones. types[i] is XF_NUM or XF_STR. 0, or
 // XF_RC_WANTNUM / XF_RC_WANTSTR with *badarg the 1-based argument.
-rctype xfchkargi(long fargi, int nargs, const char* types, int* badarg);
+[[nodiscard]] rctype xfchkargi(long fargi, int nargs, const char* types, int* badarg);
 // Calls function code with block p; r is a double or an X_STRING. -1 for a
 // zero code, a code that is not a function's, or a row with no entry.
 int xfxfn(long fmtcode, FNCPAR* p, void* r);

@@ -106,13 +106,13 @@ void vvimport(const void* arg);
 int vvinit();
 int vvterm();
 
-rctype vvcthrl(void* stack, size_t size, void* (*rtn)(void*), void* arg, long flags, thread_t* thrid,
+[[nodiscard]] rctype vvcthrl(void* stack, size_t size, void* (*rtn)(void*), void* arg, long flags, thread_t* thrid,
                int lcbflag);
-rctype vvthrlexit(void* status);
+[[nodiscard]] rctype vvthrlexit(void* status);
 // The key's destructor: runs the exit handlers and frees what the thread start made.
 void vvstlcb(void* lcb);
-rctype vvaexit(void (*exitfp)(void*), void* exitap);
-rctype vvuexit(void (*exitfp)(void*), void* exitap);
+[[nodiscard]] rctype vvaexit(void (*exitfp)(void*), void* exitap);
+[[nodiscard]] rctype vvuexit(void (*exitfp)(void*), void* exitap);
 
 void vvsetuser(const char* plainuser, const char* plaingroup, const void* usertok);
 void vvgetuser(char** plainuser, char** plaingroup, char** usertok);

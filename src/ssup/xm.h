@@ -30,15 +30,15 @@ constexpr rctype XM_RC_BADPOOL = static_cast<rctype>(0x80040002u);
 
 XMGCB* xminit();
 void xmterm(XMGCB* gcb);
-rctype xmemsize(unsigned long memsize);
+[[nodiscard]] rctype xmemsize(unsigned long memsize);
 void* xmalloc(xmpid pid, long len, int flags);
 void xmfree(xmpid pid, void* addr, long len);
 void* xmrealc(xmpid pid, void* oaddr, long olen, long nlen, int flags);
 void* xmemex(long len);
 xmpid xmpoolc(long isa, long osa, int flags);
 void xmpoold(xmpid pid);
-rctype xmpoolr(xmpid pid);
-rctype xmpcfxd(xmpid* pid, long size, long n_isa, long n_osa, int flags, int tid);
+[[nodiscard]] rctype xmpoolr(xmpid pid);
+[[nodiscard]] rctype xmpcfxd(xmpid* pid, long size, long n_isa, long n_osa, int flags, int tid);
 xmpid vvxmpid();
 
 }  // namespace vrta

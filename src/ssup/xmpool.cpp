@@ -660,8 +660,9 @@ XMPUDL* xmgpudl(XMPOOL* pool, long size) {
 XMGCB* xminit() {
     MutexGuard hold(&xm_startlock);
     if (!HSGCB) {
-        // hsgblinit makes the process block and calls back in here.
-        hsgblinit();
+        // hsgblinit makes the process block and calls back in here; when it
+        // fails there is no manager, and the null result says so.
+        rcignore(hsgblinit());
         return gcbnow();
     }
     if (XMGCB* g = gcbnow()) return g;

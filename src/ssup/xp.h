@@ -49,7 +49,7 @@ void xkterm(void* gcb);
 // 0 and a pointer into the table (zero terminated); -1 with a text of its
 // own for a bad group, a missing file or a bad number; XP_RC_NOMEM when the
 // tables cannot be loaded.
-rctype xkread(int group, int number, const char** text, int* len);
+[[nodiscard]] rctype xkread(int group, int number, const char** text, int* len);
 // Forgets the tables so that the next lookup reads the files again. Only for
 // tests and tools: pointers handed out before become invalid.
 void xkreset();
@@ -64,10 +64,13 @@ struct VRGCB {
     int hold;       // 1: xrmksub keeps what is there
 };
 
-rctype xrinit(VRGCB* vr);
+[[nodiscard]] rctype xrinit(VRGCB* vr);
 // count pairs of (const char* ptr, int len). A negative len means strlen.
+// Called on the way out of a failure with the caller's own code to return:
+// when there is no room for the texts the message goes without them, so
+// the result may be dropped.
 rctype xrmksub(int count, ...);
-rctype xrgtsub(const char** ptr, int* len);
+[[nodiscard]] rctype xrgtsub(const char** ptr, int* len);
 void xrholds(int flag);
 
 // ---------------------------------------------------------------- xp

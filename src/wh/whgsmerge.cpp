@@ -254,7 +254,7 @@ rctype whgsresolvegrp(WHGS_HANDLE* gsh, const char* row, bool* keep) {
         ds.count = ds.sum = ds.uss = 0;
         ds.sumfpe = ds.ussfpe = false;
     }
-    if (gsh->dstnctmpool) xmpoolr(gsh->dstnctmpool);
+    if (gsh->dstnctmpool) rcignore(xmpoolr(gsh->dstnctmpool));  // a variable pool of ours: cannot fail
     *keep = true;
     if (gsh->havtree) {
         int truth = 0;

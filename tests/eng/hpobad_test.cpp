@@ -60,7 +60,7 @@ public:
     explicit Liar(std::deque<Plan> plans) : plans_(std::move(plans)) {
         lfd_ = listenLoop(&port_);
         dfdl_ = listenLoop(&dport_);
-        vvcthrl(nullptr, 0, main, this, 0, &tid_, VV_LCB_XM | VV_LCB_XP);
+        EXPECT_EQ(0, vvcthrl(nullptr, 0, main, this, 0, &tid_, VV_LCB_XM | VV_LCB_XP));
     }
     ~Liar() {
         stop_ = true;

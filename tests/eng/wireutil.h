@@ -50,7 +50,7 @@ private:
 inline std::string subst() {
     const char* p;
     int l;
-    vrta::xrgtsub(&p, &l);
+    vrta::rcignore(vrta::xrgtsub(&p, &l));  // none: an empty text
     return std::string(p, l);
 }
 

@@ -79,10 +79,10 @@ TEST(HsGlobal, ThreadExitVectorRunsInOrderWithRemovalAndLimit) {
     seen.clear();
     static rctype rc11;
     inthread([](void*) -> void* {
-        for (int i = 1; i <= 10; i++) hsaexit(note, tag(i));
+        for (int i = 1; i <= 10; i++) EXPECT_EQ(0, hsaexit(note, tag(i)));
         rc11 = hsaexit(note, tag(11));
-        hsuexit(note, tag(4));
-        hsuexit(note, tag(4));
+        EXPECT_EQ(0, hsuexit(note, tag(4)));
+        EXPECT_EQ(0, hsuexit(note, tag(4)));
         return nullptr;
     }, nullptr);
     EXPECT_EQ(HS_RC_INIT, rc11);

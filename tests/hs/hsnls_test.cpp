@@ -53,10 +53,10 @@ TEST(Nls, SameEncodingAndLocaleShareOneCountedEnvironment) {
     // Equal encodings never need transcoding, whatever the option says.
     EXPECT_FALSE(hsnlstpneeded(a, b));
     EXPECT_FALSE(hsnlstpneeded(a, nullptr));
-    nls_release(b);
+    EXPECT_EQ(0, nls_release(b));
     EXPECT_EQ(1, hsnlsrefcount(a));
-    nls_release(a);
-    nls_release(c);
+    EXPECT_EQ(0, nls_release(a));
+    EXPECT_EQ(0, nls_release(c));
     HS_NLSENV* bad = nullptr;
     EXPECT_EQ(NLS_RC_BADCEI, hsnlsgetenv(9999, nullptr, 0, 0, &bad));
     EXPECT_EQ(nullptr, bad);
@@ -96,9 +96,9 @@ TEST(Nls, FamiliesCompareCaseAndPadAsTheirEncodingDemands) {
     EXPECT_EQ(std::string(3, '\0'), std::string(fill, 3));
     latin->nls_blankfill(latin, fill, 3);
     EXPECT_EQ(1, latin->nls_missing(latin, fill, 3));
-    nls_release(ascii);
-    nls_release(latin);
-    nls_release(utf8);
+    EXPECT_EQ(0, nls_release(ascii));
+    EXPECT_EQ(0, nls_release(latin));
+    EXPECT_EQ(0, nls_release(utf8));
 }
 
 TEST(Nls, MultiByteEnvironmentComparesCodePoints) {
@@ -111,7 +111,7 @@ TEST(Nls, MultiByteEnvironmentComparesCodePoints) {
     void* sm = nullptr;
     EXPECT_EQ(0, sjis->nls_getsm(sjis, &sm));
     EXPECT_NE(nullptr, sm);
-    nls_release(sjis);
+    EXPECT_EQ(0, nls_release(sjis));
 }
 
 TEST(Nls, TranscoderReportsLossAndShortBuffers) {
@@ -166,7 +166,7 @@ TEST(Nls, TableFilesAreReadAndTheirFaultsReported) {
         char out[2];
         env->nls_upcase(env, out, "ab", 2);
         EXPECT_EQ(std::string("bc"), std::string(out, 2));
-        nls_release(env);
+        EXPECT_EQ(0, nls_release(env));
     }
     {
         NlsPath np(dir.path() + "::/tmp");

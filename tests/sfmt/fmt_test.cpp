@@ -86,7 +86,7 @@ TEST(FmtTable, RowsAndLookup) {
             EXPECT_EQ(xffmt(nullptr, &v, 8, e.defw, 0, buf, sizeof buf, e.kind), XF_RC_FMTNA) << name;
             const char* sub;
             int len;
-            xrgtsub(&sub, &len);
+            ASSERT_EQ(0, xrgtsub(&sub, &len)) << name;
             EXPECT_EQ(std::string(sub, static_cast<size_t>(len)), name.substr(0, name.find(' ')));
         }
     }

@@ -273,8 +273,8 @@ TEST(KeyBlock, CharacterColumnsUnderSortSequenceAndTranscoding) {
         t.key("     ", 1, &m);
         EXPECT_EQ(1, m);
     }
-    nls_release(latin);
-    nls_release(utf8);
+    EXPECT_EQ(0, nls_release(latin));
+    EXPECT_EQ(0, nls_release(utf8));
     opbinst(opgtgbl(), "NONLSTRANSCODE");
 }
 

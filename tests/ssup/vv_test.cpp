@@ -75,7 +75,7 @@ TEST_F(ControlBlocks, ThreadWithoutLocalBlockHasNoUserAndNoHandlers) {
     // A plain thread ends without calling the handler that was never stored.
     thread_t tid{};
     ASSERT_EQ(0, thr_create(nullptr, 0, [](void*) -> void* {
-        vvaexit([](void*) { ran++; }, nullptr);
+        EXPECT_EQ(0, vvaexit([](void*) { ran++; }, nullptr));
         return nullptr;
     }, nullptr, 0, &tid));
     thr_join(tid, nullptr);
@@ -166,7 +166,7 @@ TEST_F(ControlBlocks, ExitHandlersRunInOrderAndTheEleventhIsRefused) {
         rctype rc11 = 0;
     } c;
     ASSERT_EQ(0, runlcb([](void* a) -> void* {
-        for (int i = 1; i <= 10; i++) vvaexit(note, tag(i));
+        for (int i = 1; i <= 10; i++) EXPECT_EQ(0, vvaexit(note, tag(i)));
         static_cast<Ctx*>(a)->rc11 = vvaexit(note, tag(11));
         return nullptr;
     }, &c, 0));
@@ -176,12 +176,12 @@ TEST_F(ControlBlocks, ExitHandlersRunInOrderAndTheEleventhIsRefused) {
     // Removing matches function and argument, and takes every copy.
     order.clear();
     ASSERT_EQ(0, runlcb([](void*) -> void* {
-        vvaexit(note, tag(1));
-        vvaexit(note, tag(2));
-        vvaexit(note, tag(1));
-        vvaexit(note, tag(3));
-        vvuexit(note, tag(1));
-        vvuexit(note, tag(9));
+        EXPECT_EQ(0, vvaexit(note, tag(1)));
+        EXPECT_EQ(0, vvaexit(note, tag(2)));
+        EXPECT_EQ(0, vvaexit(note, tag(1)));
+        EXPECT_EQ(0, vvaexit(note, tag(3)));
+        EXPECT_EQ(0, vvuexit(note, tag(1)));
+        EXPECT_EQ(0, vvuexit(note, tag(9)));
         return nullptr;
     }, nullptr, 0));
     EXPECT_EQ((std::vector<int>{2, 3}), order);
@@ -193,8 +193,8 @@ TEST_F(ControlBlocks, ExitStatusReachesTheJoinerEitherWay) {
     EXPECT_EQ(tag(7), result);
     order.clear();
     ASSERT_EQ(0, runlcb([](void*) -> void* {
-        vvaexit(note, tag(5));
-        vvthrlexit(tag(42));
+        EXPECT_EQ(0, vvaexit(note, tag(5)));
+        ADD_FAILURE() << "vvthrlexit came back: " << vvthrlexit(tag(42));
         note(tag(99));  // never reached
         return nullptr;
     }, nullptr, 0, &result));

@@ -173,11 +173,11 @@ TEST(GeneratedCode, ATrapInAThreadThatRunsNoCodeEndsThroughHsabort) {
     std::thread th([&] {
         jmp_buf jb;
         jmp_buf* old = nullptr;
-        hssetabort(&jb, &old);
+        EXPECT_EQ(0, hssetabort(&jb, &old));
         int code = setjmp(jb);
         if (code == 0) divzero();
         got = code;
-        hssetabort(old, nullptr);
+        EXPECT_EQ(0, hssetabort(old, nullptr));
     });
     th.join();
     EXPECT_EQ(WG_RC_TRAP, got);

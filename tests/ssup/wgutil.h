@@ -26,7 +26,7 @@ inline std::string subtext() {
 inline long callcode(WGFAST f, int* fatal) {
     jmp_buf jb;
     jmp_buf* old = nullptr;
-    hssetabort(&jb, &old);
+    EXPECT_EQ(0, hssetabort(&jb, &old));
     volatile long r = 0;
     int code = setjmp(jb);
     if (code == 0) {
@@ -35,7 +35,7 @@ inline long callcode(WGFAST f, int* fatal) {
     } else {
         *fatal = code;
     }
-    hssetabort(old, nullptr);
+    EXPECT_EQ(0, hssetabort(old, nullptr));
     return r;
 }
 

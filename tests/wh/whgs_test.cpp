@@ -607,8 +607,8 @@ TEST(Whgs, CharacterKeysOfAnotherEncodingAreTranscodedByTheTable) {
     EXPECT_NE(nullptr, strstr(err, "K2")) << err;
     free(err);
     opbinst(opgtgbl(), "NONLSTRANSCODE");
-    nls_release(latin);
-    nls_release(utf8);
+    EXPECT_EQ(0, nls_release(latin));
+    EXPECT_EQ(0, nls_release(utf8));
 }
 
 TEST(Whgs, InterruptedMergeGivesNoRowsAndLeavesNoFiles) {

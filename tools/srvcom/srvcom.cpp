@@ -197,7 +197,7 @@ int serve(const Listen& l, Handler h, void* ctx) {
     if (vrta::yxssopn(&tcp) != 0) {
         const char* t;
         int tl;
-        vrta::xrgtsub(&t, &tl);
+        vrta::rcignore(vrta::xrgtsub(&t, &tl));  // no text left: an empty one
         std::fprintf(stderr, "%s: cannot listen on %s port %d: %.*s\n", name, host.c_str(), l.port, tl, t);
         return 1;
     }
@@ -208,7 +208,7 @@ int serve(const Listen& l, Handler h, void* ctx) {
         vrta::yxssuop(&un, l.unixpath.c_str(), static_cast<int>(l.unixpath.size())) != 0) {
         const char* t;
         int tl;
-        vrta::xrgtsub(&t, &tl);
+        vrta::rcignore(vrta::xrgtsub(&t, &tl));  // no text left: an empty one
         std::fprintf(stderr, "%s: cannot listen on %s: %.*s\n", name, l.unixpath.c_str(), tl, t);
         vrta::yxsclos(&tcp);
         return 1;

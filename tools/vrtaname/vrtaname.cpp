@@ -123,7 +123,7 @@ void answer(YXSOCK_OPEN* so, long conn, void* ctx) {
     if (rc) {
         const char* t;
         int tl;
-        xrgtsub(&t, &tl);
+        rcignore(xrgtsub(&t, &tl));  // no text left: an empty one
         srvlog("connection %ld: no question: %.*s", conn, rc == YXS_RC_EOF ? 16 : tl,
                rc == YXS_RC_EOF ? "the client left" : t);
         return;

@@ -22,7 +22,7 @@ std::string text(const char* p, int32_t l) { return std::string(p ? p : "", l > 
 std::string lasterr() {
     const char* t;
     int l;
-    xrgtsub(&t, &l);
+    rcignore(xrgtsub(&t, &l));  // no text left: an empty one
     return std::string(t, l);
 }
 

@@ -132,7 +132,7 @@ rctype badreq(Session& s, int id) {
     const DS_METHOD* m = dsmethod(id);
     const char* t;
     int l;
-    xrgtsub(&t, &l);
+    rcignore(xrgtsub(&t, &l));  // no text left: an empty one
     srvlog("connection %ld: %s refused: %.*s", s.conn, m ? m->name : "?", l, t);
     return msgreply(s, id, HPD_RCLASS_FAIL, std::string("The request does not fit its length: ") + std::string(t, l));
 }
@@ -161,7 +161,7 @@ void requests(YXSOCK_OPEN* so, long conn, const Config& cfg, const std::string&)
         if (rc) {
             const char* t;
             int l;
-            xrgtsub(&t, &l);
+            rcignore(xrgtsub(&t, &l));  // no text left: an empty one
             srvlog("connection %ld: bad request, connection dropped: %.*s", conn, l, t);
             break;
         }
