@@ -427,6 +427,9 @@ int prunenode(WH_HANDLE* wh, SQLOP* n) {
     WH_IDX& x = idxof(n);
     if (x.status != WH_XST_ALL || !x.xkeystr || x.xkeystr->nvar != 1 || !(x.xkeystr->keyflags & (0x20 | 0x200)))
         return 0;
+    // An index that left missing keys out: its bounds say nothing of the
+    // rows it left out, which a compare may still match.
+    if (x.xkeystr->keyflags & 2) return 0;
     const IxMeta& m = *metaof(x.xkeystr);
     int kl = m.k.keylen;
     if (!m.hasminmax || kl < 1 || (x.name->type < 0 && kl > 8)) return 0;

@@ -93,6 +93,8 @@ void tracesegs(WH_HANDLE* wh, const WH_IDX& x, bool alltrue, const IX_SEGSTATS_T
                  st.maxsegratio);
 }
 
+bool missingvalue(const SQLOP* name, const std::string& v);
+
 // The segments one leaf's condition can match; null list and *alltrue for all.
 // *asked when the index was asked, with what it reported in *stats.
 rctype leafsegs(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue, IX_SEGSTATS_T* stats, bool* asked) {
@@ -175,6 +177,13 @@ rctype leafsegs(WH_HANDLE* wh, SQLOP* n, ix_list_t** list, bool* alltrue, IX_SEG
         return 0;
     }
     if (lo.empty()) return 0;
+    // Rows whose key is missing are not in an index that left them out: a
+    // condition a missing value can meet must read every segment.
+    if (x.xkeystr && (x.xkeystr->keyflags & 2)) {
+        if (x.ntype == WH_XNT_COMPARELIT && (n->code == OP_CLT || n->code == OP_CLE)) return 0;
+        for (const std::string& v : vals)
+            if (!v.empty() && missingvalue(x.name, v)) return 0;
+    }
     for (size_t i = 0; i < lo.size(); i++) lo[i].value = keys[ranges ? 0 : i].key.data();
     if (ranges) {
         // keys were made low, high, low, high ...
