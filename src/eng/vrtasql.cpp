@@ -922,9 +922,10 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
         GS_MainRec_t mr{static_cast<int>(cd.size()), 0, static_cast<int>(cd.size()), goff,
                         static_cast<int>(q.groups.size()), static_cast<int>(ordcols.size()), 0};
         if (q.having) mr.flags |= GS_F_HAVING | GS_F_HAVTREE;
-        bool countonly = q.groups.empty() && wire.empty();
-        for (const Agg& a : q.aggs) countonly = countonly && a.nvar0 == 0;
-        if (countonly) mr.flags |= GS_F_META;
+        // No groups, no WHERE, aggregates of plain columns: the group-by may
+        // answer from the row count or from index statistics.
+        bool metacand = q.groups.empty() && wire.empty() && q.comps.empty();
+        if (metacand) mr.flags |= GS_F_META;
         WHGS_HANDLE* gsh = nullptr;
         char* err = nullptr;
         whgssetcache(opt && opt->memlimit > 0 ? opt->memlimit : -1);
@@ -963,12 +964,16 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
         } gsfree{gsh};
         whgssetinterrupt(gsh, intr);
         int ism = 0;
-        if (countonly) {
+        if (metacand) {
             whgsplanmetascan(gsh, nullptr);
-            whgsismetascan(gsh, nullptr, q.fid, 0, &ism);
+            if ((rc = whgsismetascan(gsh, nullptr, q.fid, 0, &ism)) < 0)
+                return sqlfail(q, rc, -1, "the group-by could not look at the indexes");
         }
+        const char* meta = !ism ? "not used\n"
+                           : gsh->flags & WHGS_HF_MINDEX ? "used, index statistics, no row read\n"
+                                                         : "used, the row count, no row read\n";
         q.plan += "group by: " + std::to_string(q.groups.size()) + " column(s), " + std::to_string(q.aggs.size()) +
-                  " aggregate(s)\nmetascan: " + (ism ? "used, no row read\n" : "not used\n");
+                  " aggregate(s)\nmetascan: " + meta;
         if (!ism) {
             std::vector<CompThread> cts(q.comps.empty() ? 0 : nthreads);
             for (CompThread& ct : cts)

@@ -698,7 +698,7 @@ rctype whgsfree(WHGS_HANDLE* gsh) {
     if (gsh->havtree && !(gsh->flags & WHGS_HF_HAVNOTOWN)) free_tree(&gsh->havtree, nullptr);
     for (WHGS_IDXSCAN* s = gsh->idxscanp; s;) {
         WHGS_IDXSCAN* n = s->next;
-        free(s);
+        whgs_freeidxscan(s);
         s = n;
     }
     free(gsh->rowbuf);

@@ -50,6 +50,7 @@ double whgs_num(const char* p, int len);
 // A double stored in len bytes (its high bytes).
 void whgs_putnum(char* p, int len, double v);
 void whgs_prepmetascan(WHGS_HANDLE* gsh, int gsflags);
+void whgs_freeidxscan(WHGS_IDXSCAN* s);
 // An integer option, or dflt when unset.
 long whgs_optlong(const char* name, long dflt);
 

@@ -11,8 +11,10 @@
 #include "hs/hs.h"
 #include "hs/hsmem.h"
 #include "hs/sr.h"
+#include "ix/ixfe.h"
 #include "sda/dafd.h"
 #include "sda/dafid.h"
+#include "sda/daidx.h"
 #include "sda/daods.h"
 #include "ssubs/hscsdbl.h"
 #include "ssubs/skb.h"
@@ -541,21 +543,141 @@ rctype whgsgetr(WHGS_HANDLE* gsh, whgs_storefp_t storefp, void* cbdata) {
 }
 
 // ---------------------------------------------------------------- metascan
-// Only a count of rows can be had without reading them here: answers from
-// index statistics need the statistics of the index layer.
+// A query with no groups whose every aggregate an index's statistics can
+// give is answered from those statistics without reading a row.
+
+namespace {
+
+// The statistics a function needs of its column's index; 0 none will do.
+int metastats(PS_FuncTypes_t f) {
+    switch (f) {
+    case PS_FT_AVG: return IX_GS_COUNT | IX_GS_SUM;
+    case PS_FT_CSS:
+    case PS_FT_STD:
+    case PS_FT_STDERR:
+    case PS_FT_VAR: return IX_GS_COUNT | IX_GS_SUM | IX_GS_USS;
+    case PS_FT_CNT:
+    case PS_FT_FREQ: return IX_GS_COUNT;
+    case PS_FT_MIN: return IX_GS_MIN;
+    case PS_FT_MAX: return IX_GS_MAX;
+    case PS_FT_RANGE: return IX_GS_MIN | IX_GS_MAX;
+    case PS_FT_SUM: return IX_GS_SUM;
+    case PS_FT_NMISS: return IX_GS_NMISS;
+    case PS_FT_USS: return IX_GS_USS;
+    case PS_FT_CNTD: return IX_GS_COUNTD;
+    case PS_FT_SUMD: return IX_GS_SUMD;
+    case PS_FT_AVGD: return IX_GS_COUNTD | IX_GS_SUMD;
+    case PS_FT_VARD:
+    case PS_FT_CSSD:
+    case PS_FT_STDD:
+    case PS_FT_STDERRD: return IX_GS_COUNTD | IX_GS_SUMD | IX_GS_USSD;
+    case PS_FT_USSD: return IX_GS_USSD;
+    default: return 0;
+    }
+}
+
+// A single-column index on nvar0 that covers every row and is in a clean
+// state, into *ks; false when the table has none.
+bool whgsgetindex(DA_FID* fid, int nvar0, DA_KEYSTR* ks) {
+    DA_KEYSTR found[8];
+    rctype n = fid->mt->queryidx(fid, nvar0, 8, found);
+    if (n <= 0) return false;
+    for (int i = 0; i < std::min<int>(n, 8); i++) {
+        const DA_KEYSTR& k = found[i];
+        if (k.nvar != 1 || k.nvar0[0] != nvar0 || (k.checks & DA_ICBBAD)) continue;
+        if (!fid->xoehdr || k.highobs < fid->xoehdr->numobs) continue;
+        *ks = k;
+        return true;
+    }
+    return false;
+}
+
+void dropmetascan(WHGS_HANDLE* gsh) {
+    gsh->flags &= ~(WHGS_HF_MCOUNT | WHGS_HF_MINDEX);
+    for (WHGS_IDXSCAN* s = gsh->idxscanp; s;) {
+        WHGS_IDXSCAN* n = s->next;
+        whgs_freeidxscan(s);
+        s = n;
+    }
+    gsh->idxscanp = nullptr;
+}
+
+}  // namespace
+
+void whgs_freeidxscan(WHGS_IDXSCAN* s) {
+    if (auto* g = static_cast<IX_GSCAN*>(s->gscan)) {
+        free(g->minc);
+        free(g->maxc);
+        free(g);
+    }
+    free(s->keystrp);
+    free(s);
+}
 
 void whgs_prepmetascan(WHGS_HANDLE* gsh, int gsflags) {
     if (!gsh->fid || !(gsflags & GS_F_META) || gsh->ngrpby != 1 || !(gsh->grpby[0].flags & WHGS_KD_CONST)) return;
     const DA_XOEODS* x = gsh->fid->xoehdr;
     if (!x || x->numobs - x->numdelete <= 0) return;
     for (int i = 0; i < gsh->nmaincols; i++) {
-        const WHGS_COL& c = gsh->cols[i];
-        bool star = (c.gsfunc == PS_FT_CNT || c.gsfunc == PS_FT_FREQ) && !c.nstr[0];
-        if (!star) {
-            gsh->flags &= ~(WHGS_HF_MCOUNT | WHGS_HF_MINDEX);
+        WHGS_COL& c = gsh->cols[i];
+        if ((c.gsfunc == PS_FT_CNT || c.gsfunc == PS_FT_FREQ) && !c.nstr[0]) {
+            gsh->flags |= WHGS_HF_MCOUNT;
+            continue;
+        }
+        int want = metastats(c.gsfunc);
+        const da_namestr_t* ns = c.nstr[0];
+        // Index statistics are unweighted, and a character column has only
+        // its count, missing count and extremes there.
+        bool chr = ns && ns->type == 2;
+        if (!want || !ns || c.nstr[1] || (chr && (want & ~(IX_GS_COUNT | IX_GS_NMISS | IX_GS_MIN | IX_GS_MAX))) ||
+            (chr && (want & (IX_GS_MIN | IX_GS_MAX)) && (gsh->flags & WHGS_HF_XCODE))) {
+            dropmetascan(gsh);
             return;
         }
-        gsh->flags |= WHGS_HF_MCOUNT;
+        int nvar0 = ns->nvar0;  // from 1, as the index records name columns
+        WHGS_IDXSCAN* s = gsh->idxscanp;
+        while (s && s->nvar0 != nvar0) s = s->next;
+        if (!s) {
+            DA_KEYSTR ks;
+            if (!whgsgetindex(gsh->fid, nvar0, &ks)) {
+                dropmetascan(gsh);
+                return;
+            }
+            s = static_cast<WHGS_IDXSCAN*>(calloc(1, sizeof(WHGS_IDXSCAN)));
+            auto* kp = static_cast<DA_KEYSTR*>(malloc(sizeof(DA_KEYSTR)));
+            auto* g = static_cast<IX_GSCAN*>(calloc(1, sizeof(IX_GSCAN)));
+            if (!s || !kp || !g) {
+                free(s);
+                free(kp);
+                free(g);
+                dropmetascan(gsh);
+                return;
+            }
+            *kp = ks;
+            s->nvar0 = nvar0;
+            s->keystrp = kp;
+            s->gscan = g;
+            WHGS_IDXSCAN** tail = &gsh->idxscanp;
+            while (*tail) tail = &(*tail)->next;
+            *tail = s;
+        }
+        auto* g = static_cast<IX_GSCAN*>(s->gscan);
+        if (chr && (want & (IX_GS_MIN | IX_GS_MAX)) && !g->minc) {
+            g->minc = static_cast<char*>(malloc(ns->nlng));
+            g->maxc = static_cast<char*>(malloc(ns->nlng));
+            if (!g->minc || !g->maxc) {
+                dropmetascan(gsh);
+                return;
+            }
+        }
+        g->stats |= want;
+        c.scanp = s;
+    }
+    if (gsh->idxscanp) {
+        // Counts of rows without a column come from the first index: the
+        // rows of its keys and of its missing keys.
+        gsh->flags |= WHGS_HF_MINDEX;
+        static_cast<IX_GSCAN*>(gsh->idxscanp->gscan)->stats |= IX_GS_COUNT | IX_GS_NMISS;
     }
 }
 
@@ -575,10 +697,29 @@ rctype whgsismetascan(WHGS_HANDLE* gsh, WH_HANDLE* wh, DA_FID* mfid, int whflags
     if (whflags & (WHF_FALSE | WHF_EVAL2)) return 0;
     bool nowhere = !wh || !wh->tree;
     if (!nowhere || (whflags & (WHF_EVAL3 | WHF_EVAL4))) return 0;
-    if ((gsh->flags & (WHGS_HF_MCOUNT | WHGS_HF_MINDEX)) != WHGS_HF_MCOUNT) return 0;
+    if (!(gsh->flags & (WHGS_HF_MCOUNT | WHGS_HF_MINDEX))) return 0;
     DA_FID* f = mfid ? mfid : gsh->fid;
     if (!f || !f->xoehdr) return 0;
-    gsh->thrd_data[0].count += static_cast<double>(f->xoehdr->numobs - f->xoehdr->numdelete);
+    if (!(gsh->flags & WHGS_HF_MINDEX)) {
+        gsh->thrd_data[0].count += static_cast<double>(f->xoehdr->numobs - f->xoehdr->numdelete);
+    } else {
+        // Every index over all its values; one that cannot be read leaves
+        // the query to the rows.
+        for (WHGS_IDXSCAN* s = gsh->idxscanp; s; s = s->next) {
+            auto* ks = static_cast<DA_KEYSTR*>(s->keystrp);
+            auto* g = static_cast<IX_GSCAN*>(s->gscan);
+            IX_INDEX_T* ix = nullptr;
+            if (ixopen(f, ks->name, 0, 1, gsh->whenv.targenv, &ix) != 0) {
+                if (ix) ixclose(ix);
+                return 0;
+            }
+            IX_GSCAN r = *g;
+            rctype rc = ix->fp.gscan(ix->ix_private, nullptr, nullptr, &r);
+            rctype crc = ixclose(ix);
+            if (rc < 0 || crc < 0) return 0;
+            *g = r;
+        }
+    }
     gsh->thrd_data[0].initialized = true;
     gsh->flags |= WHGS_HF_MRUN;
     *is_mscan = 1;
@@ -586,11 +727,59 @@ rctype whgsismetascan(WHGS_HANDLE* gsh, WH_HANDLE* wh, DA_FID* mfid, int whflags
 }
 
 rctype whgsdometascan(WHGS_HANDLE* gsh) {
-    double count = 0;
-    for (int i = 0; i < gsh->nthreads; i++) count += gsh->thrd_data[i].count;
+    double rows = 0;
+    for (int i = 0; i < gsh->nthreads; i++) rows += gsh->thrd_data[i].count;
+    if (gsh->flags & WHGS_HF_MINDEX) {
+        const auto* g = static_cast<const IX_GSCAN*>(gsh->idxscanp->gscan);
+        rows = static_cast<double>(g->count + g->nmiss);
+    }
     for (int i = 0; i < gsh->nmaincols; i++) {
         WHGS_COL& c = gsh->cols[i];
-        whgs_putnum(gsh->rslvbuf + c.coldesc.off, c.coldesc.len, count);
+        char* o = gsh->rslvbuf + c.coldesc.off;
+        int olen = c.coldesc.len;
+        if (!c.scanp) {
+            whgs_putnum(o, olen, rows);
+            continue;
+        }
+        const auto* g = static_cast<const IX_GSCAN*>(c.scanp->gscan);
+        const da_namestr_t* ns = c.nstr[0];
+        if (ns->type == 2 && (c.gsfunc == PS_FT_MIN || c.gsfunc == PS_FT_MAX)) {
+            const char* v = c.gsfunc == PS_FT_MIN ? g->minc : g->maxc;
+            int n = std::min<int>(ns->nlng, olen);
+            if (g->count > 0) memcpy(o, v, n);
+            else memset(o, ' ', n);
+            if (n < olen) memset(o + n, ' ', olen - n);
+            continue;
+        }
+        double cnt = static_cast<double>(g->count), cntd = static_cast<double>(g->countd);
+        double v;
+        auto failed = [&]() {
+            c.math_excep = true;
+            gsh->flags |= WHGS_HF_FPE;
+            return gsh->missing;
+        };
+        switch (c.gsfunc) {
+        case PS_FT_CNT:
+        case PS_FT_FREQ: v = cnt; break;
+        case PS_FT_NMISS: v = static_cast<double>(g->nmiss); break;
+        case PS_FT_MIN: v = g->min; break;
+        case PS_FT_MAX: v = g->max; break;
+        case PS_FT_RANGE: v = vzismiss(g->min) || vzismiss(g->max) ? gsh->missing : g->max - g->min; break;
+        case PS_FT_SUM: v = g->sumexcp ? failed() : cnt == 0 ? gsh->missing : g->sum; break;
+        case PS_FT_USS: v = g->ussexcp ? failed() : g->uss; break;
+        case PS_FT_CNTD: v = cntd; break;
+        case PS_FT_SUMD: v = g->sumdexcp ? failed() : cntd == 0 ? gsh->missing : g->sumd; break;
+        case PS_FT_USSD: v = g->ussdexcp ? failed() : cntd == 0 ? gsh->missing : g->ussd; break;
+        case PS_FT_AVGD:
+        case PS_FT_VARD:
+        case PS_FT_CSSD:
+        case PS_FT_STDD:
+        case PS_FT_STDERRD:
+            v = whgs_calc_stat(gsh, &c, cntd, g->sumd, g->ussd, g->sumdexcp != 0, g->ussdexcp != 0);
+            break;
+        default: v = whgs_calc_stat(gsh, &c, cnt, g->sum, g->uss, g->sumexcp != 0, g->ussexcp != 0);
+        }
+        whgs_putnum(o, olen, v);
     }
     if (gsh->havtree) {
         int truth = 0;

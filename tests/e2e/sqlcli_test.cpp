@@ -171,6 +171,49 @@ TEST(SqlCli, MatchesSqliteWithThreadsAndSpills) {
     }
 }
 
+TEST(SqlCli, IndexStatisticsAnswerAggregatesWithoutReadingRows) {
+    if (runCommand("sqlite3 -version").status != 0) GTEST_SKIP() << "no sqlite3 here";
+    Table t(3000, 5);
+    ASSERT_EQ(0, vrta("index create " + t.dom + " t IX --on X").status);
+    ASSERT_EQ(0, vrta("index create " + t.dom + " t IK --on K2").status);
+    // From the indexes (or the row count), and the same read row by row
+    // (WHERE keeps the metascan out) and by SQLite.
+    struct Case {
+        const char* select;
+        const char* metascan;
+    } cases[] = {
+        {"COUNT(*), COUNT(x), MIN(x), MAX(x), SUM(x), AVG(x)", "used, index statistics"},
+        {"COUNT(DISTINCT x), MIN(k2), MAX(k2), COUNT(k2), COUNT(*)", "used, index statistics"},
+        {"COUNT(*)", "used, the row count"},
+        {"COUNT(*), SUM(y)", "not used"},  // no index on Y
+        {"MIN(x), SUM(k1)", "not used"},
+    };
+    for (const Case& c : cases) {
+        std::string q = std::string("SELECT ") + c.select + " FROM t";
+        Result e = vrta("sql " + t.dom + " \"" + q + "\" --explain");
+        ASSERT_EQ(0, e.status) << e.err;
+        EXPECT_TRUE(has(e.out, std::string("metascan: ") + c.metascan)) << q << "\n" << e.out;
+        CmdResult s = runCommand("sqlite3 -csv " + t.db + " \"" + q + "\"");
+        ASSERT_EQ(0, s.status) << q;
+        auto want = csvrows(s.out, false);
+        for (const std::string& v : {q, q + " WHERE y >= 0"}) {
+            Result r = vrta("sql " + t.dom + " \"" + v + "\" --csv");
+            ASSERT_EQ(0, r.status) << v << "\n" << r.err;
+            auto got = csvrows(r.out, true);
+            ASSERT_EQ(1u, got.size()) << v;
+            ASSERT_EQ(want[0].size(), got[0].size()) << v;
+            for (size_t k = 0; k < got[0].size(); k++)
+                EXPECT_TRUE(samecell(got[0][k], want[0][k])) << v << ": " << got[0][k] << " want " << want[0][k];
+        }
+    }
+    // VAR and STD the same from the index as from the rows.
+    const std::string q = "SELECT VAR(x), STD(x), USS(x), NMISS(x), RANGE(x) FROM t";
+    Result a = vrta("sql " + t.dom + " \"" + q + "\" --csv");
+    Result b = vrta("sql " + t.dom + " \"" + q + " WHERE y >= 0\" --csv");
+    ASSERT_EQ(0, a.status) << a.err;
+    EXPECT_EQ(b.out, a.out);
+}
+
 TEST(SqlCli, BadQueriesSayWhyAndPrintNothing) {
     Table t(200, 3);
     struct Bad {
