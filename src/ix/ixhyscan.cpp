@@ -107,7 +107,8 @@ rctype takedata(Seq& q, const DBT& d) {
     if (q.h->datalen == 8) {
         IXHYBRID_UNIQ_BTDATA_D u;
         memcpy(&u, d.data, 8);
-        if (u.obs_no < 1) return hs_trace_error(TRACEFILE, __LINE__, IX_INCONSIST);
+        // Row 0 marks a value whose row was deleted.
+        if (u.obs_no < 0) return hs_trace_error(TRACEFILE, __LINE__, IX_INCONSIST);
         ixhy_convert_uniq_btdata(&u, segsize(q.h), &q.data);
     } else {
         memcpy(&q.data, d.data, sizeof q.data);

@@ -78,4 +78,26 @@ TEST(VrtaDelete, DeletesWhatTheClauseSelectsAndNothingElse) {
     EXPECT_EQ(t.q("--where 1 --count").out, "3\n");
 }
 
+// On an indexed table the indexes follow the deletions: they stay usable,
+// count the values left, and the plans that read them find the rows left.
+TEST(VrtaDelete, IndexesFollowTheDeletedRows) {
+    Loaded t;
+    vrtatest::Result r = vrtatest::vrta("index create " + t.tmp.path() + " T bycity --on city");
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = vrtatest::vrta("delete " + t.tmp.path() + " T --where \"city = 'Lima' or amount = 7\"");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "3 rows deleted\n");
+    r = vrtatest::vrta("index list " + t.tmp.path() + " T");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(has(r.out, "bycity")) << r.out;
+    EXPECT_TRUE(has(r.out, "usable")) << r.out;
+    EXPECT_TRUE(has(r.out, " 2 ")) << r.out;  // Oslo and the empty city are left
+    r = t.q("--where \"city = 'Oslo' or city = 'Lima'\" --explain");
+    EXPECT_TRUE(has(r.out, "indexes: bycity")) << r.out;
+    r = t.q("--where \"city = 'Oslo' or city = 'Lima'\" --csv");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "id,city,amount\n2,Oslo,\n6,Oslo,-1\n");
+    EXPECT_EQ(t.q("--where \"city = 'Lima'\" --count").out, "0\n");
+}
+
 }  // namespace
