@@ -72,6 +72,17 @@ struct VGPARM {
     int type;
 };
 
+// The rare path of an inline character move (the areas overlap), written
+// after the last instruction so that the usual path runs straight on.
+struct VGCOLD {
+    long jend;   // end of the branch to it
+    long back;   // where it goes on
+    int sreg, dreg;
+    int soff, doff;
+    long n, pad, padc;
+};
+constexpr long VG_COLDMAX = 48;  // bytes of one
+
 struct VGGEN {
     VGSEGHD* s;
     VGCOUNTS* cnt;
@@ -101,6 +112,9 @@ struct VGGEN {
     PINST* cur_pinst;
     long wbbytes;
     int newdirty;
+    VGCOLD* cold;
+    long ncold, maxcold;
+    long coldbytes;  // kept for the out-of-line paths
     unsigned char* seg2;
 };
 
@@ -1376,6 +1390,94 @@ void charpad(VGGEN* g, long n, long c) {
     if (n % 8) store(n - 8, false);
 }
 
+// A character move of 4 to 64 bytes, and its padding, straight between the
+// registers that hold the two addresses (with their displacements); the
+// string instruction, for areas that overlap, waits out of line.
+bool charfast(VGGEN* g, PINST* p, long n, long pad) {
+    VGPARM& s = g->parms[0];
+    VGPARM& d = g->parms[1];
+    auto disp = [](OPDESC* o) { return o->type == OD_OBJ ? o->offset : 0; };
+    if (n < 4 || n > 64 || (pad > 0 && pad < 4) || pad > 64) return false;
+    if (labs(disp(s.a)) > (1L << 29) || labs(disp(d.a)) > (1L << 29)) return false;
+    for (int r : {RDI, RSI, RCX, RAX}) {
+        rclr(g, r);
+        lckr(g, r);
+    }
+    int sr = loadgp(g, s.a, ADDRL), dr = loadgp(g, d.a, ADDRL);
+    int so = static_cast<int>(disp(s.a)), dof = static_cast<int>(disp(d.a));
+    long padc = (p->modifier & WG_MPADC) ? (p->modifier & 0xFF) : 0x20;
+    // Overlap: the distance from source to target, plus n - 1, below 2n - 1.
+    INST dist = mk(I_LEA, opr(RAX), opm(dr));
+    dist.add_disp = static_cast<int>(dof - so + n - 1);
+    put(g, dist);
+    emit_r_r(g, I_SUB, RAX, sr);
+    emit_r_i(g, I_CMP, RAX, 2 * n - 1);
+    long jend = jfwd(g, CC_B);
+    auto move = [&](long k, bool w32, int via) {
+        INST ld = mk(I_MOV, opr(via), opm(sr), 0, w32 ? INSTF_W32 : 0);
+        ld.add_disp = static_cast<int>(so + k);
+        put(g, ld);
+        INST st = mk(I_MOV, opm(dr), opr(via), 0, w32 ? INSTF_W32 : 0);
+        st.add_disp = static_cast<int>(dof + k);
+        put(g, st);
+    };
+    if (n < 8) {
+        move(0, true, RCX);
+        move(n - 4, true, RAX);
+    } else {
+        for (long k = 0; k + 8 <= n; k += 8) move(k, false, RCX);
+        if (n % 8) move(n - 8, false, RCX);
+    }
+    if (pad > 0) {
+        emit_r_i(g, I_MOV, RAX, static_cast<long>(static_cast<unsigned long>(padc) * 0x0101010101010101ul));
+        auto store = [&](long k, bool w32) {
+            INST st = mk(I_MOV, opm(dr), opr(RAX), 0, w32 ? INSTF_W32 : 0);
+            st.add_disp = static_cast<int>(dof + n + k);
+            put(g, st);
+        };
+        if (pad < 8) {
+            store(0, true);
+            store(pad - 4, true);
+        } else {
+            for (long k = 0; k + 8 <= pad; k += 8) store(k, false);
+            if (pad % 8) store(pad - 8, false);
+        }
+    }
+    if (g->ncold == g->maxcold) {
+        long m = g->maxcold ? 2 * g->maxcold : 64;
+        auto* c = static_cast<VGCOLD*>(alcmem(g, m * static_cast<long>(sizeof(VGCOLD))));
+        if (g->ncold) memcpy(c, g->cold, g->ncold * sizeof(VGCOLD));
+        g->cold = c;
+        g->maxcold = m;
+    }
+    g->cold[g->ncold++] = VGCOLD{jend, g->cur - g->code, sr, dr, so, dof, n, pad, padc};
+    g->coldbytes += VG_COLDMAX;
+    return true;
+}
+
+// The out-of-line paths, after all other code.
+void coldpaths(VGGEN* g) {
+    for (long i = 0; i < g->ncold; i++) {
+        const VGCOLD& c = g->cold[i];
+        unsigned char* start = g->cur;
+        patchhere(g, c.jend);
+        INST ls = mk(I_LEA, opr(RSI), opm(c.sreg)), ld = mk(I_LEA, opr(RDI), opm(c.dreg));
+        ls.add_disp = c.soff;
+        ld.add_disp = c.doff;
+        put(g, ls);
+        put(g, ld);
+        emit_r_i(g, I_MOV, RCX, c.n, INSTF_W32);
+        emit_none(g, I_MOVS);
+        if (c.pad > 0) {
+            emit_r_i(g, I_MOV, RAX, c.padc * 0x01010101L, INSTF_W32);
+            emit_r_i(g, I_MOV, RCX, c.pad, INSTF_W32);
+            emit_none(g, I_STOS);
+        }
+        jback(g, -1, g->code + c.back);
+        if (g->cur - start > VG_COLDMAX) vvgassert(g->s, __LINE__);
+    }
+}
+
 void vvgmovegen(VGGEN* g, PINST* p) {
     VGPARM& s = g->parms[0];
     VGPARM& d = g->parms[1];
@@ -1391,6 +1493,7 @@ void vvgmovegen(VGGEN* g, PINST* p) {
         if (sl < 0 || tl < 0) vvgassert(g->s, __LINE__);
         long n = sl < tl ? sl : tl;
         long dd = tl - sl;
+        if (!dbl && charfast(g, p, n, dd)) return;
         for (int r : {RDI, RSI, RCX, RAX}) {
             rclr(g, r);
             lckr(g, r);
@@ -1708,14 +1811,26 @@ void vvgprolog(VGSEGHD* s) {
 void vvgcodegen(VGSEGHD* s) {
     VGGEN* g = G(s);
     VGITER it;
-    // When each object is used for the last time.
+    // When each object is used for the last time; a parameter's objects are
+    // used by the instruction that takes the parameters.
     long i = 0;
+    long parmobj[32];
+    int nparmobj = 0;
     for (PINST* p = vgfirst(s, &it); p; p = vgnextp(&it), i++) {
         int use[3];
         vgopuse(p, use);
         const unsigned long f[3] = {p->r, p->a, p->b};
-        for (int k = 0; k < 3; k++)
-            if (use[k] & (VGU_READ | VGU_WRITE)) g->objs[objindex(g, f[k])].lasticode = i;
+        bool parm = p->opcode == IPARM_ || p->opcode == PARM_;
+        for (int k = 0; k < 3; k++) {
+            if (!(use[k] & (VGU_READ | VGU_WRITE))) continue;
+            long x = objindex(g, f[k]);
+            g->objs[x].lasticode = i;
+            if (parm && nparmobj < 32) parmobj[nparmobj++] = x;
+        }
+        if (!parm && p->opcode != STMTID_ && p->opcode != OPID_) {
+            for (int k = 0; k < nparmobj; k++) g->objs[parmobj[k]].lasticode = i;
+            nparmobj = 0;
+        }
     }
     if (vgoption('D') && i > 0) s->dumpmap = static_cast<long*>(xmalloc(s->vgpool, i * sizeof(long), 0));
     s->ndumpmap = 0;
@@ -1724,7 +1839,7 @@ void vvgcodegen(VGSEGHD* s) {
         g->icode = i;
         if (s->dumpmap) s->dumpmap[s->ndumpmap++] = ((g->cur - g->code) << 8) | p->opcode;
         unsigned char* cur0 = g->cur;
-        long wb0 = g->wbbytes;
+        long wb0 = g->wbbytes, cold0 = g->coldbytes;
         g->newdirty = 0;
         delold(g);
         GEN gen = generator(p->opcode);
@@ -1734,7 +1849,7 @@ void vvgcodegen(VGSEGHD* s) {
         settleops(g, p->opcode);
         gen(g, p);
         term_pinst(g, p);
-        long own = (g->cur - cur0) - (g->wbbytes - wb0);
+        long own = (g->cur - cur0) - (g->wbbytes - wb0) + (g->coldbytes - cold0);
         if (own + VG_WB * g->newdirty > static_cast<long>(iinfo[p->opcode].worst)) {
             char text[96];
             snprintf(text, sizeof(text), "code of %.9s at instruction %ld is larger than its worst case", opname[p->opcode], i);
@@ -1746,6 +1861,7 @@ void vvgcodegen(VGSEGHD* s) {
     forgetall(g);
     emit_r_i(g, I_MOV, RAX, 0, INSTF_W32);
     jback(g, -1, s->stcode);
+    coldpaths(g);
     for (long k = 0; k < g->nrels; k++) {
         REL* r = &g->rels[k];
         otrg(g, g->labels, r, g->code + r->offset, 0);

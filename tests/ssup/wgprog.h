@@ -208,8 +208,12 @@ private:
             emit(ADDR_, type, 0, base, off, pa);
             if (coin(50)) add(pa, 32, pa);
         }
-        if (coin(40)) add(pa, 30, pb);
-        else if (coin(30)) emit(MOV_, WG_TPTR, WG_MIMMA, reinterpret_cast<unsigned long>(buf + AREA * pick(0, NP - 1)), 0, pb);
+        if (coin(40)) {
+            add(pa, 30, pb);
+        } else if (coin(30)) {  // a second address from the same sum, another displacement
+            emit(ADDR_, type, 0, base, off, pb);
+            add(pb, 40, pb);
+        } else if (coin(30)) emit(MOV_, WG_TPTR, WG_MIMMA, reinterpret_cast<unsigned long>(buf + AREA * pick(0, NP - 1)), 0, pb);
         Opd a = {pa, false}, b = {pb, false};
         if (coin(50)) std::swap(a, b);
         switch (pick(0, 6)) {

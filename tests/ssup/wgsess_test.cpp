@@ -344,3 +344,42 @@ TEST(CodeSessions, ARowConversionProgramConvertsEveryColumnOfEveryRow) {
     EXPECT_EQ(nrows, m.run().ret);
     EXPECT_EQ(0, memcmp(ref.data(), out.data(), out.size()));
 }
+
+// Two addresses from one base and offset, one in its register as it is, the
+// other with a displacement still to add: the overlap test must count the
+// displacements, or overlapping areas lose their forward copy.
+TEST(CodeSessions, OverlappingCharacterMovesKeepTheForwardCopyWhateverTheRegistersHold) {
+    struct Case {
+        long pd, qd;  // final displacements of p and q from base + offset
+        bool qtop;    // q is the source, p the target
+        long sl, tl;
+    };
+    const Case cases[] = {{5, 0, true, 20, 20}, {0, 5, false, 20, 20}, {0, 5, true, 20, 20}, {5, 0, true, 12, 26},
+                          {30, 0, true, 20, 20}, {3, 3, true, 16, 16}, {9, 1, false, 64, 64},
+                          {30, 25, true, 20, 20}, {30, 25, false, 20, 20}, {30, 22, true, 20, 28}};
+    for (const Case& c : cases) {
+        unsigned char area[192], want[192];
+        for (int i = 0; i < 192; i++) area[i] = static_cast<unsigned char>('!' + i % 90);
+        memcpy(want, area, sizeof(area));
+        Sess t;
+        objloc base = t.obj(reinterpret_cast<long>(area)), off = t.obj(7), p = t.obj(), q = t.obj(), x = t.obj();
+        t.e(ADDR_, WG_TCHAR, 0, base, off, p);
+        t.e(ADDR_, WG_TCHAR, WG_MIMMB, p, 40, p);
+        t.e(MOV_, WG_TPTR, 0, p, 0, x);
+        t.e(ADDR_, WG_TCHAR, WG_MIMMB, p, static_cast<unsigned long>(c.pd - 40), p);
+        t.e(ADDR_, WG_TCHAR, 0, base, off, q);
+        t.e(ADDR_, WG_TCHAR, WG_MIMMB, q, static_cast<unsigned long>(c.qd), q);
+        objloc from = c.qtop ? q : p, to = c.qtop ? p : q;
+        t.e(IPARM_, WG_TINT, WG_MIMMB, from, static_cast<unsigned long>(c.sl), 0);
+        t.e(IPARM_, WG_TINT, WG_MIMMB, to, static_cast<unsigned long>(c.tl), 0);
+        t.e(MOVEGEN_, WG_TCHAR, 0, 0, 0, 0);
+        t.e(TERM_, WG_TINT, 0, 0, 0, x);
+        ASSERT_EQ(0, t.bind()) << subtext();
+        EXPECT_EQ(reinterpret_cast<long>(area) + 47, t.run());
+        long src = 7 + (c.qtop ? c.qd : c.pd), dst = 7 + (c.qtop ? c.pd : c.qd);
+        for (long i = 0; i < c.tl; i++) want[dst + i] = i < c.sl ? want[src + i] : ' ';
+        EXPECT_EQ(0, memcmp(area, want, sizeof(area))) << "from +" << src << " to +" << dst << ", " << c.sl << " to " << c.tl;
+        EXPECT_EQ(reinterpret_cast<long>(area) + 7 + c.pd, t.at(p));
+        EXPECT_EQ(reinterpret_cast<long>(area) + 7 + c.qd, t.at(q));
+    }
+}
