@@ -631,6 +631,54 @@ struct RangeScan {
     rctype rc;
 };
 
+// The batches of a WHERE cursor, from its clause in wire form, to fn(rows, n);
+// words gets the plan's flags in words.
+template <class Stop, class F>
+rctype wherebatches(void* whh, const std::vector<char>& wire, int obslen, long bufsize, std::string* words,
+                    Stop&& stopped, F&& fn) {
+    int whflags = 0, whstat = 0;
+    rctype rc = spwhset(whh, wire.data(), 0, 0, "", &whflags, &whstat);
+    char w[200] = "";
+    whflagwords(whflags, w, sizeof w);
+    *words = w;
+    std::vector<char> buf(bufsize);
+    while (rc >= 0) {
+        if (stopped()) return WH_RC_SQLSTOP;
+        long n = bufsize / (obslen + 8);
+        rc = spwhget(whh, buf.data(), &n);
+        if (rc == VRTA_RC_NOMORE) return 0;
+        if (rc < 0 || n <= 0) break;
+        if ((rc = fn(buf.data(), n)) < 0) break;
+    }
+    return rc < 0 ? rc : 0;
+}
+
+// The batches of a plain cursor from row first (from 1) up to row last, to
+// fn(rows, n); rows past last are left out.
+template <class Stop, class F>
+rctype readbatches(void* io, int64_t first, int64_t last, Stop&& stopped, F&& fn) {
+    rctype rc = first > 1 ? spsetloc(io, first) : 0;
+    int64_t next = std::max<int64_t>(first, 1);  // row number of the batch's first row
+    while (rc >= 0 && next <= last) {
+        if (stopped()) return WH_RC_SQLSTOP;
+        long n = 0;
+        void* bp = nullptr;
+        int64_t* ov = nullptr;
+        rc = spreadv(io, &n, &bp, &ov);
+        if (rc < 0 || n <= 0) break;
+        long m = n;
+        if (ov) {
+            while (m > 0 && ov[m - 1] > last) m--;
+            next = ov[n - 1] + 1;
+        } else {
+            m = static_cast<long>(std::min<int64_t>(n, last - next + 1));
+            next += n;
+        }
+        if (m > 0 && (rc = fn(static_cast<const char*>(bp), m)) < 0) break;
+    }
+    return rc < 0 ? rc : 0;
+}
+
 rctype rangerows(RangeScan* r) {
     void* fid = r->fid;
     if (!fid) {
@@ -650,26 +698,9 @@ rctype rangerows(RangeScan* r) {
     if (!r->wire->empty()) {
         void* whh = nullptr;
         if ((rc = spnewwh(fid, bufsize, r->first, r->last, &whh)) >= 0) {
-            int whflags = 0, whstat = 0;
-            rc = spwhset(whh, r->wire->data(), 0, 0, "", &whflags, &whstat);
-            char words[200] = "";
-            whflagwords(whflags, words, sizeof words);
+            std::string words;
+            rc = wherebatches(whh, *r->wire, obslen, bufsize, &words, stopped, feedrange);
             if (r->t == 0) r->plan = words;
-            std::vector<char> buf(bufsize);
-            while (rc >= 0) {
-                if (stopped()) {
-                    rc = WH_RC_SQLSTOP;
-                    break;
-                }
-                long n = bufsize / (obslen + 8);
-                rc = spwhget(whh, buf.data(), &n);
-                if (rc == VRTA_RC_NOMORE) {
-                    rc = 0;
-                    break;
-                }
-                if (rc < 0 || n <= 0) break;
-                if ((rc = feedrange(buf.data(), n)) < 0) break;
-            }
             spfreewh(whh);
         }
     } else {
@@ -677,29 +708,7 @@ rctype rangerows(RangeScan* r) {
         long rows = std::max(1L, bufsize / std::max(1, obslen));
         std::vector<char> iobuf(static_cast<size_t>(rows) * std::max(1, obslen));
         if ((rc = spnewrd(fid, static_cast<long>(iobuf.size()), iobuf.data(), &io)) >= 0) {
-            rc = spsetloc(io, r->first);
-            int64_t next = r->first;  // row number of the batch's first row
-            while (rc >= 0 && next <= r->last) {
-                if (stopped()) {
-                    rc = WH_RC_SQLSTOP;
-                    break;
-                }
-                long n = 0;
-                void* bp = nullptr;
-                int64_t* ov = nullptr;
-                rc = spreadv(io, &n, &bp, &ov);
-                if (rc < 0 || n <= 0) break;
-                // Rows past this thread's share belong to the next thread.
-                long m = n;
-                if (ov) {
-                    while (m > 0 && ov[m - 1] > r->last) m--;
-                    next = ov[n - 1] + 1;
-                } else {
-                    m = static_cast<long>(std::min<int64_t>(n, r->last - next + 1));
-                    next += n;
-                }
-                if (m > 0 && (rc = feedrange(static_cast<const char*>(bp), m)) < 0) break;
-            }
+            rc = readbatches(io, r->first, r->last, stopped, feedrange);
             spfreerd(io);
         }
     }
@@ -720,33 +729,18 @@ rctype scan(Query& q, void* fid, const std::vector<char>& wire, int nthreads, vo
     int obslen = 0;
     vrtainfo(fid, VRTAINFO_OBSLEN, &obslen);
     long bufsize = std::max<long>(CHUNKBYTES, obslen + 8);
+    auto stopped = [&]() { return intr && *intr; };
+    auto batch = [&](const char* rows, long n) { return fn(rows, obslen, n); };
     rctype rc = 0;
     if (!wire.empty()) {
         void* whh = nullptr;
         if ((rc = spnewwh(fid, bufsize, 0, 0, &whh)) < 0) return rc;
         spwhthreads(whh, nthreads);
-        int whflags = 0, whstat = 0;
-        rc = spwhset(whh, wire.data(), 0, 0, "", &whflags, &whstat);
-        char words[200] = "";
-        whflagwords(whflags, words, sizeof words);
-        q.plan += std::string("where plan: ") + words + "\n";
-        std::vector<char> buf(bufsize);
-        while (rc >= 0) {
-            if (intr && *intr) {
-                rc = WH_RC_SQLSTOP;
-                break;
-            }
-            long n = bufsize / (obslen + 8);
-            rc = spwhget(whh, buf.data(), &n);
-            if (rc == VRTA_RC_NOMORE) {
-                rc = 0;
-                break;
-            }
-            if (rc < 0 || n <= 0) break;
-            if ((rc = fn(buf.data(), obslen, n)) < 0) break;
-        }
+        std::string words;
+        rc = wherebatches(whh, wire, obslen, bufsize, &words, stopped, batch);
+        q.plan += "where plan: " + words + "\n";
         spfreewh(whh);
-        return rc < 0 ? rc : 0;
+        return rc;
     }
     void* io = nullptr;
     long rows = std::max(1L, bufsize / std::max(1, obslen));
@@ -754,20 +748,9 @@ rctype scan(Query& q, void* fid, const std::vector<char>& wire, int nthreads, vo
     if ((rc = spnewrd(fid, static_cast<long>(iobuf.size()), iobuf.data(), &io)) < 0)
         return sqlfail(q, rc, -1, "the table could not be read: %s", hsstrer(rc));
     q.plan += "where: none, every row is read\n";
-    for (;;) {
-        if (intr && *intr) {
-            rc = WH_RC_SQLSTOP;
-            break;
-        }
-        long n = 0;
-        void* bp = nullptr;
-        int64_t* ov = nullptr;
-        rc = spreadv(io, &n, &bp, &ov);
-        if (rc < 0 || n <= 0) break;
-        if ((rc = fn(static_cast<const char*>(bp), obslen, n)) < 0) break;
-    }
+    rc = readbatches(io, 1, INT64_MAX, stopped, batch);
     spfreerd(io);
-    return rc < 0 ? rc : 0;
+    return rc;
 }
 
 rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt, VRTASQLRES** res) {
