@@ -99,7 +99,7 @@ int sortfile(int argc, char** argv) {
     }
     if (l < 0) rc = static_cast<rctype>(l);
     if (rc >= 0 && !writeall(ofd, obuf.data(), used)) return 1;
-    srclose(sp);
+    if (srclose(sp) < 0) return 1;
     close(ifd);
     if (close(ofd) != 0) return 1;
     if (rc < 0) {
@@ -128,18 +128,31 @@ void BM_SorterBin(benchmark::State& st) {
         p.mem_size = n * 100 + 4096;
         p.flags = SR_EXACTMEM;
         SR_CTX* sp = nullptr;
-        if (sropen(&p, &sp) < 0) st.SkipWithError("sropen");
+        if (sropen(&p, &sp) < 0) {
+            st.SkipWithError("sropen");
+            break;
+        }
         char* bin;
         long room;
-        sraddbin(sp, &bin, &room, nullptr);
+        if (sraddbin(sp, &bin, &room, nullptr) < 0 || room < n) {
+            st.SkipWithError("sraddbin");
+            rcignore(srclose(sp));
+            break;
+        }
         memcpy(bin, data.data(), n * 100);
-        srendbin(sp, n);
-        srfinish(sp);
+        if (srendbin(sp, n) < 0 || srfinish(sp) < 0) {
+            st.SkipWithError("srendbin/srfinish");
+            rcignore(srclose(sp));
+            break;
+        }
         char* rec;
         long sum = 0;
         while (srnextrec(sp, &rec) > 0) sum += rec[0];
         benchmark::DoNotOptimize(sum);
-        srclose(sp);
+        if (srclose(sp) < 0) {
+            st.SkipWithError("srclose");
+            break;
+        }
     }
     st.SetItemsProcessed(st.iterations() * n);
 }

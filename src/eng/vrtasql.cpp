@@ -1042,7 +1042,10 @@ rctype run(void* vlib, Query& q, const WHSQL_PARTS& parts, const VRTASQLOPT* opt
             out.insert(out.end(), rec + skb.info.data_offset, rec + skb.info.data_offset + visible);
             nout++;
         }
-        if (ctx) srclose(ctx);
+        if (ctx) {
+            rctype crc = srclose(ctx);
+            if (rc == 0) rc = crc;
+        }
         skb_destroy(&skb);
         q.plan += "order by: the sorter, " + std::to_string(q.order.size()) + " key column(s)\n";
         if (rc) return sqlfail(q, rc, parts.orderby.start, "the sort failed");

@@ -224,7 +224,7 @@ TREEHEAD* sor_init_merge(SR_CTX* srp, SR_BIN* head, sr_binrdfp_t binrdfp) {
     rctype irc = 0;
     th->winner = init_tree(th, 1, &irc);
     if (irc < 0) {
-        sor_term_merge(th);
+        rcignore(sor_term_merge(th));  // frees the half-made tree; the null result is the failure
         return nullptr;
     }
     return th;

@@ -145,30 +145,30 @@ struct SR_CTX {
 };
 
 // The sorter's calls.
-rctype sropen(SR_PARMS* parms, SR_CTX** sp);
-rctype sraddbin(SR_CTX* sp, char** binbuf, long* numadd, char** pblk);
-rctype srendbin(SR_CTX* sp, long numadd);
-rctype srflush(SR_CTX* sp, int flags);
-rctype srfinish(SR_CTX* sp);
-rctype srrdrun(SR_CTX* sp, sr_storefp_t store, void* store_data);
+[[nodiscard]] rctype sropen(SR_PARMS* parms, SR_CTX** sp);
+[[nodiscard]] rctype sraddbin(SR_CTX* sp, char** binbuf, long* numadd, char** pblk);
+[[nodiscard]] rctype srendbin(SR_CTX* sp, long numadd);
+[[nodiscard]] rctype srflush(SR_CTX* sp, int flags);
+[[nodiscard]] rctype srfinish(SR_CTX* sp);
+[[nodiscard]] rctype srrdrun(SR_CTX* sp, sr_storefp_t store, void* store_data);
 // The records one at a time: reclen and *rec, 0 at the end, a negative code
 // when the run failed (the stream then ends; an interrupt is SR_RC_INTERRUPT).
 long srnextrec(SR_CTX* sp, char** rec);
-rctype srclose(SR_CTX* sp);
+[[nodiscard]] rctype srclose(SR_CTX* sp);
 
 // For callers with bins of their own.
-rctype srsort(SR_PARMS* parms, sr_fillfp_t fillbin, void* fill_data, sr_storefp_t store, void* store_data,
+[[nodiscard]] rctype srsort(SR_PARMS* parms, sr_fillfp_t fillbin, void* fill_data, sr_storefp_t store, void* store_data,
               volatile int* interrupt);
-rctype srsort2init(SR_PARMS* parms, SR_CTX** sp);
-rctype srsort2addbin(SR_CTX* sp, char* bin, long nrecs);
-rctype srsort2abort(SR_CTX* sp);
+[[nodiscard]] rctype srsort2init(SR_PARMS* parms, SR_CTX** sp);
+[[nodiscard]] rctype srsort2addbin(SR_CTX* sp, char* bin, long nrecs);
+[[nodiscard]] rctype srsort2abort(SR_CTX* sp);
 
 const SR_PARMS* srgetparms(SR_CTX* sp);
 SR_RUNDATA* srgetrundata(SR_CTX* sp);
 int64_t srgetnrecs(SR_CTX* sp);
-rctype srgetrc(SR_CTX* sp);
+[[nodiscard]] rctype srgetrc(SR_CTX* sp);
 // What made the last spill fail (DA_NOSPACE for a full work path), 0 if none did.
-rctype srgetspillrc(SR_CTX* sp);
+[[nodiscard]] rctype srgetspillrc(SR_CTX* sp);
 void srfitmem(SR_PARMS* parms);
 int srgetmode(SR_PARMS* parms);
 int64_t srmemsize();
@@ -179,26 +179,33 @@ size_t srgetmergesize(SR_PARMS* parms, long nrecs);
 
 sr_sortfp_t srgetsfp(sr_stype_t algorithm, sr_mode_t mode, int keylen, int reclen);
 // The heap sorts; a fixed-width member refuses other record lengths.
-rctype srhsort(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsrt8(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsr12(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsr16(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsr20(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsr24(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
-rctype srhsorp(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb, volatile int* interrupt);
+[[nodiscard]] rctype srhsort(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb,
+                           volatile int* interrupt);
+[[nodiscard]] rctype srhsrt8(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb,
+                           volatile int* interrupt);
+[[nodiscard]] rctype srhsr12(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb,
+                           volatile int* interrupt);
+[[nodiscard]] rctype srhsr16(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb,
+                           volatile int* interrupt);
+[[nodiscard]] rctype srhsr20(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb,
+                           volatile int* interrupt);
+[[nodiscard]] rctype srhsr24(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb,
+                           volatile int* interrupt);
+[[nodiscard]] rctype srhsorp(char* base, long n, uint64_t* setup, int keylen, int reclen, SKB_KEY* skb,
+                           volatile int* interrupt);
 
 // Spill files.
-rctype sr_file_init(SR_CTX* sp, SR_FILE** fpp);
-rctype sr_file_term(SR_FILE* fp);
-rctype sor_bin_save(SR_FILE* fp, const char* buf, long nrecs, SR_BIN** binp);
-rctype sor_bin_save_ptr(SR_FILE* fp, const char* base, const uint64_t* setup, long nrecs, SR_BIN** binp);
+[[nodiscard]] rctype sr_file_init(SR_CTX* sp, SR_FILE** fpp);
+[[nodiscard]] rctype sr_file_term(SR_FILE* fp);
+[[nodiscard]] rctype sor_bin_save(SR_FILE* fp, const char* buf, long nrecs, SR_BIN** binp);
+[[nodiscard]] rctype sor_bin_save_ptr(SR_FILE* fp, const char* base, const uint64_t* setup, long nrecs, SR_BIN** binp);
 long sor_bin_read(SR_BIN* bin, char** rec);
-rctype sr_file_read(SR_FILE* fp, char* buf, long size, da_off_t offset, long* nread);
-rctype sr_file_rewind(SR_BIN* bin);
-rctype sr_file_flush(SR_FILE* fp);
-rctype sr_file_delete(SR_FILE* fp);
+[[nodiscard]] rctype sr_file_read(SR_FILE* fp, char* buf, long size, da_off_t offset, long* nread);
+[[nodiscard]] rctype sr_file_rewind(SR_BIN* bin);
+[[nodiscard]] rctype sr_file_flush(SR_FILE* fp);
+[[nodiscard]] rctype sr_file_delete(SR_FILE* fp);
 int32_t srranplace(SR_PARMS* parms);
-rctype sr_create_spill_file(const char* name_hdr, SR_FILE* fstrp, int random_place, DA_FD** fd);
+[[nodiscard]] rctype sr_create_spill_file(const char* name_hdr, SR_FILE* fstrp, int random_place, DA_FD** fd);
 // The work path text spill files go to: the WORKPATH option, else the
 // temporary directory. Its length, 0 when there is none that fits size.
 int srworkpath(char* dir, int size);
@@ -210,8 +217,8 @@ void sr_sweep_spill_files(const char* dir);
 
 // The merge.
 TREEHEAD* sor_init_merge(SR_CTX* srp, SR_BIN* head, sr_binrdfp_t binrdfp);
-rctype sor_term_merge(TREEHEAD* handle);
-rctype sor_read_run_file(char** loc, long* n_recs, void* data);
-rctype sor_read_run_buf(char** loc, long* n_recs, void* data);
+[[nodiscard]] rctype sor_term_merge(TREEHEAD* handle);
+[[nodiscard]] rctype sor_read_run_file(char** loc, long* n_recs, void* data);
+[[nodiscard]] rctype sor_read_run_buf(char** loc, long* n_recs, void* data);
 
 }  // namespace vrta

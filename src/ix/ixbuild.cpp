@@ -251,7 +251,10 @@ rctype ixhybuild(DA_FID* fp, const IX_BUILDREQ* r) {
         }
         b.h = nullptr;
     }
-    if (b.sp) srclose(b.sp);
+    if (b.sp) {
+        rctype crc = srclose(b.sp);
+        if (rc == 0) rc = crc;
+    }
     bool good = rc == 0;
     if (b.idx) {
         rctype c = b.idx->mt->closeidx(b.idx, good ? DA_IDXCLEAN : DA_IDXDIRTY);

@@ -675,7 +675,10 @@ int whgsmsg(WHGS_HANDLE* gsh, char* msgbuf, int msglen) {
 rctype whgsfree(WHGS_HANDLE* gsh) {
     if (!gsh) return 0;
     rctype rc = 0;
-    if (gsh->sortctx) srsort2abort(gsh->sortctx);
+    if (gsh->sortctx) {
+        rctype src = srsort2abort(gsh->sortctx);
+        if (src < 0) rc = src;
+    }
     for (int i = 0; i < gsh->nthreads; i++) {
         WHGS_PTHREAD& t = gsh->thrd_data[i];
         free(t.bldaggrbuf);

@@ -156,7 +156,7 @@ TEST(Sorter, SortsLikeStableSortAtEveryBinEdgeInEachModeWithAndWithoutTheMergeTh
         SR_CTX* sp = nullptr;
         ASSERT_EQ(0, sropen(&probe, &sp));
         long rpb = sp->records_per_bin;
-        srclose(sp);
+        EXPECT_EQ(0, srclose(sp));
         ASSERT_GT(rpb, 10);
         for (int merge : {1, 2}) {
             for (long n : {0L, 1L, 2L, rpb - 1, rpb, rpb + 1, 2 * rpb, 3 * rpb - 1, 7 * rpb + 3}) {
@@ -206,7 +206,7 @@ TEST(Sorter, MemoryModeAndAlgorithmComeFromParametersOrOptions) {
     EXPECT_EQ(srhsorp, sp->sortfp);
     EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(sp->setup) % 8);
     EXPECT_GE(reinterpret_cast<char*>(sp->setup), sp->bin + 1000 * 100);
-    srclose(sp);
+    EXPECT_EQ(0, srclose(sp));
     SR_PARMS f = p;
     f.mem_size = 8 + 1000 * 108;
     srfitmem(&f);
@@ -218,7 +218,7 @@ TEST(Sorter, MemoryModeAndAlgorithmComeFromParametersOrOptions) {
     EXPECT_EQ(SR_MOVE_SORT, sp->parms.mode);
     EXPECT_EQ(100, sp->records_per_bin);
     EXPECT_EQ(srhsr20, sp->sortfp);
-    srclose(sp);
+    EXPECT_EQ(0, srclose(sp));
     char rec[40] = {};
     EXPECT_EQ(SR_RC_BADCOUNT, srhsr20(rec, 2, nullptr, 4, 16, nullptr, nullptr));  // wrong width refused
 
@@ -227,19 +227,19 @@ TEST(Sorter, MemoryModeAndAlgorithmComeFromParametersOrOptions) {
     ASSERT_EQ(0, sropen(&p, &sp));
     EXPECT_EQ(SR_MOVE_SORT, sp->parms.mode);
     EXPECT_EQ(srhsort, sp->sortfp);
-    srclose(sp);
+    EXPECT_EQ(0, srclose(sp));
 
     // SORTSIZE caps what a caller asks for.
     o.dbl("SORTSIZE", 50000);
     EXPECT_EQ(50000, srmemsize());
     ASSERT_EQ(0, sropen(&p, &sp));
     EXPECT_EQ(50000u, sp->binsize);
-    srclose(sp);
+    EXPECT_EQ(0, srclose(sp));
     SR_PARMS x = p;
     x.flags = 0x80;  // unless it is to be taken as it is
     ASSERT_EQ(0, sropen(&x, &sp));
     EXPECT_EQ(100000u, sp->binsize);
-    srclose(sp);
+    EXPECT_EQ(0, srclose(sp));
 
     // Quicksort is accepted and still heap-sorts; the obsolete option is
     // ignored when set, so the default stands.
@@ -253,7 +253,7 @@ TEST(Sorter, MemoryModeAndAlgorithmComeFromParametersOrOptions) {
     SR_PARMS d = parms(10, 100, 5000, 0);
     ASSERT_EQ(0, sropen(&d, &sp));
     EXPECT_EQ(SR_HEAPSORT, sp->parms.algorithm);
-    srclose(sp);
+    EXPECT_EQ(0, srclose(sp));
     SR_PARMS bad = p;
     bad.algorithm = static_cast<sr_stype_t>(5);
     EXPECT_EQ(SR_RC_BADALG, sropen(&bad, &sp));
@@ -268,7 +268,7 @@ TEST(Sorter, MemoryModeAndAlgorithmComeFromParametersOrOptions) {
     ASSERT_EQ(0, sraddbin(sp, &bin, &room, nullptr));
     EXPECT_EQ(10, room);
     EXPECT_EQ(SR_RC_BADCOUNT, srendbin(sp, 11));
-    srclose(sp);
+    EXPECT_EQ(0, srclose(sp));
 
     // Merge sizing.
     EXPECT_EQ(5, srmergerecs(1, 1000, 100));
@@ -406,7 +406,7 @@ TEST(Sorter, InterruptsAndDamagedOrUnwritableSpillFilesEndWithClearCodes) {
         SR_CTX* sp = nullptr;
         ASSERT_EQ(0, sropen(&p, &sp));
         ASSERT_EQ(SR_RC_INTERRUPT, srsort2addbin(sp, const_cast<char*>(in[0].data()), 1));
-        srclose(sp);
+        EXPECT_EQ(0, srclose(sp));
     }
     {
         // The spill file cut short under the merge.
@@ -423,7 +423,7 @@ TEST(Sorter, InterruptsAndDamagedOrUnwritableSpillFilesEndWithClearCodes) {
         long l;
         while ((l = srnextrec(sp, &rec)) > 0) {}
         EXPECT_EQ(SR_RC_MERGEREAD, l);
-        srclose(sp);
+        EXPECT_EQ(0, srclose(sp));
         EXPECT_TRUE(spillFiles(work.path()).empty());
     }
     {
@@ -443,7 +443,7 @@ TEST(Sorter, InterruptsAndDamagedOrUnwritableSpillFilesEndWithClearCodes) {
         for (auto& r : in)
             if ((rc = srsort2addbin(sp, const_cast<char*>(r.data()), 1)) < 0) break;
         EXPECT_EQ(SR_RC_SPILL, rc);
-        srclose(sp);
+        EXPECT_EQ(0, srclose(sp));
     }
 }
 
@@ -489,7 +489,7 @@ TEST(Sorter, SpillFilesOfAKilledSortAreGoneOnTheNextStart) {
     ASSERT_EQ(1u, now.size());
     EXPECT_EQ(std::string(sp->file_handle->filename), now[0].substr(0, strlen(sp->file_handle->filename)));
     for (auto& s : stray) EXPECT_NE(s, now[0]);
-    srclose(sp);
+    EXPECT_EQ(0, srclose(sp));
 }
 
 // A work path that fills up while runs are spilled, at the first run, midway
