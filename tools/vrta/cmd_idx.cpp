@@ -237,9 +237,11 @@ rctype tree(DB* db, int64_t n, long nentries, bool pages) {
         for (rc = db->seq(db, &k, &d, R_FIRST); rc == 0; rc = db->seq(db, &k, &d, R_NEXT), ++count) {
             if (count >= nentries) continue;
             std::string line = "  " + hex(k.data, k.size);
-            if (!(t->bt_flags & B_NOEQUALS)) line += " row " + std::to_string(bt_rowof(d.data));
-            else if (d.size == sizeof(IXHYBRID_BTDATA_D)) line += " " + btdata(d.data);
-            else line += " data " + hex(d.data, d.size);
+            // Appended piece by piece: a literal plus a temporary string trips a
+            // false overlap warning of the Release build.
+            if (!(t->bt_flags & B_NOEQUALS)) line.append(" row ").append(std::to_string(bt_rowof(d.data)));
+            else if (d.size == sizeof(IXHYBRID_BTDATA_D)) line.append(" ").append(btdata(d.data));
+            else line.append(" data ").append(hex(d.data, d.size));
             lines.push_back(line);
         }
         if (rc == 1) rc = 0;
