@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "../ix/ixcheck.h"
+#include "../ix/ixrows.h"
 #include "../sda/killutil.h"
 #include "../sda/lifeutil.h"
 #include "directapi/sp.h"
@@ -89,19 +90,7 @@ int deleterows(const std::string& dir, const std::vector<int64_t>& rows) {
     return rc < 0 ? rc : drc;
 }
 
-Rows readall(ix_list_t* l) {
-    Rows out;
-    ixrwndl(l);
-    hs_obsno_t buf[41];
-    for (int guard = 0; guard < 100000; ++guard) {
-        int64_t n = 41;
-        rctype rc = ixrtrve(l, buf, &n);
-        EXPECT_GE(rc, 0);
-        out.insert(buf, buf + n);
-        if (rc != 0) break;
-    }
-    return out;
-}
+using ixtest::readall;
 
 // Each value of the model, and a value deleted from the table entirely,
 // asked segment by segment through the index's readers.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ix/ixlist.h"
+#include "ixrows.h"
 #include "sda/daidx.h"
 #include "testutil.h"
 
@@ -128,26 +129,7 @@ ix_list_t* makelist(const Rows& s, int64_t ss, Store* st, std::mt19937& rng) {
     return l;
 }
 
-// Everything the list holds, read in batches of `batch` rows.
-Rows readall(ix_list_t* l, int64_t batch) {
-    Rows out;
-    std::vector<hs_obsno_t> buf(static_cast<size_t>(batch));
-    int64_t prev = 0;
-    for (int guard = 0; guard < 1000000; ++guard) {
-        int64_t n = batch;
-        rctype rc = ixrtrve(l, buf.data(), &n);
-        EXPECT_GE(rc, 0);
-        EXPECT_LE(n, batch);
-        for (int64_t i = 0; i < n; ++i) {
-            EXPECT_GT(buf[i], prev) << "rows out of order";
-            prev = buf[i];
-            out.insert(buf[i]);
-        }
-        if (rc != 0) break;
-        EXPECT_GT(n, 0) << "no rows while more were promised";
-    }
-    return out;
-}
+using ixtest::readall;
 
 Rows model(const Rows& a, const Rows& b, int op) {
     Rows r;

@@ -18,6 +18,7 @@
 #include "../sda/lifeutil.h"
 #include "ix/ixfe.h"
 #include "ix/ixhyr.h"
+#include "ixrows.h"
 #include "sda/daidx.h"
 #include "testutil.h"
 
@@ -157,20 +158,7 @@ Rows brute(const Cond& c, const std::map<std::string, Rows>& m, int64_t s, int64
     return out;
 }
 
-Rows readall(ix_list_t* l) {
-    Rows out;
-    if (!l) return out;
-    ixrwndl(l);
-    hs_obsno_t buf[37];
-    for (int guard = 0; guard < 1000000; ++guard) {
-        int64_t n = 37;
-        rctype rc = ixrtrve(l, buf, &n);
-        EXPECT_GE(rc, 0);
-        out.insert(buf, buf + n);
-        if (rc != 0) break;
-    }
-    return out;
-}
+using ixtest::readall;
 
 // The rows of segment s by initseg (a value) or pnt (a range), on thread th.
 rctype segrows(IX_INDEX_T* ix, const Cond& c, int64_t s, int64_t ss, int th, ix_list_t** list, Rows* out) {
